@@ -1,0 +1,25 @@
+#include <gtest/gtest.h>
+
+#include "Kiv/Assert.h"
+
+namespace {
+
+int bitMapSize() { return 0; }
+
+TEST(AssertDeathTest, PrintsTheExpressionExactlyAsWrittenAndAborts) {
+  EXPECT_DEATH(KIV_ASSERT(bitMapSize()), "Assertion failed: bitMapSize\\(\\) \\(AssertTest.cpp:");
+  int maxBitIndex = 3;
+  EXPECT_DEATH(KIV_ASSERT(maxBitIndex >= int( maxBitIndex + 1 )),
+               "Assertion failed: maxBitIndex >= int\\( maxBitIndex \\+ 1 \\)");
+  char const* name = nullptr;
+  EXPECT_DEATH(KIV_ASSERT(name && "Need a valid name supplied"),
+               "name && \"Need a valid name supplied\"");
+}
+
+TEST(Assert, HoldingAssertionHasNoEffect) {
+  int evaluated = 0;
+  KIV_ASSERT(++evaluated == 1);
+  EXPECT_EQ(evaluated, 1);
+}
+
+}  // namespace
