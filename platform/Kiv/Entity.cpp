@@ -46,20 +46,9 @@ void Entity::detach(NotifieeBase* n) const {
   }
 }
 
-Entity::Delivery::Delivery(Entity const* e) : e_(e), counted_(e->references() > 0) {
-  // An entity that nobody counts (one on the stack) cannot be released by a
-  // notifiee, and counting it here would delete it on the way out.
-  if (counted_) e_->newRef();
-  ++e_->depth_;
-}
-
-Entity::Delivery::~Delivery() {
-  if (--e_->depth_ == 0 && e_->holes_) {
-    auto& l = e_->list_;
-    l.erase(std::remove(l.begin(), l.end(), nullptr), l.end());
-    e_->holes_ = false;
-  }
-  if (counted_) e_->deleteRef();
+void Entity::closeHoles() const {
+  list_.erase(std::remove(list_.begin(), list_.end(), nullptr), list_.end());
+  holes_ = false;
 }
 
 }  // namespace Kiv

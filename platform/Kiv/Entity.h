@@ -141,8 +141,16 @@ class Entity : public PtrInterface {
   // removals during delivery leave holes that the outermost delivery closes.
   class Delivery {
    public:
-    explicit Delivery(Entity const* e);
-    ~Delivery();
+    // An entity that nobody counts (one on the stack) cannot be released by
+    // a notifiee, and counting it here would delete it on the way out.
+    explicit Delivery(Entity const* e) : e_(e), counted_(e->references() > 0) {
+      if (counted_) e_->newRef();
+      ++e_->depth_;
+    }
+    ~Delivery() {
+      if (--e_->depth_ == 0 && e_->holes_) e_->closeHoles();
+      if (counted_) e_->deleteRef();
+    }
 
    private:
     Entity const* e_;
@@ -151,6 +159,7 @@ class Entity : public PtrInterface {
 
   void attach(NotifieeBase* n) const;
   void detach(NotifieeBase* n) const;
+  void closeHoles() const;
 
   Name name_;
   mutable std::vector<NotifieeBase*> list_;
