@@ -66,6 +66,7 @@ class Dir : public Entity {
 
   // Adds the entry or replaces its entity.
   void entryIs(Name const& name, Kiv::Ptr<Entity> const& entity);
+  void entryIs(Name const& name, std::nullptr_t) { entryIs(name, Kiv::Ptr<Entity>()); }
   // Creates the entry's entity through the registered factory of typeName and
   // returns it; see the header comment for names already in use.
   Kiv::Ptr<Entity> entryIs(Name const& name, std::string_view typeName);
