@@ -1,0 +1,54 @@
+// Stelo::EntityManager: the agent's handle on its shared state. It knows the
+// root directory under which shared tables live and the event loop from
+// which readers hear of changes, and it holds what is mounted, so that every
+// KivVorn::Mount made from it sees the same entities.
+//
+//   Kiv::EventLoop loop;
+//   auto em = Stelo::EntityManager::entityManagerIs(&loop);   // root: $VORN_ROOT or /dev/shm/vorn
+//   KivVorn::Mount mount(em);
+//   mount.doMount("mfib/default/pim", "Vorn::Multicast::Fib::Status", KivVorn::MountInfo(2));
+#pragma once
+
+#include <map>
+#include <string>
+
+#include "Kiv/Ptr.h"
+#include "Vorn/Status.h"
+
+namespace Kiv {
+class EventLoop;
+}
+
+namespace Stelo {
+
+class EntityManager : public Kiv::PtrInterface {
+ public:
+  // root empty: Vorn::defaultRoot(). loop may be null (no reader follows
+  // changes then).
+  static Kiv::Ptr<EntityManager> entityManagerIs(Kiv::EventLoop* loop = nullptr, std::string root = {});
+
+  std::string const& root() const { return root_; }
+  void rootIs(std::string root);
+  Kiv::EventLoop* eventLoop() const { return loop_; }
+
+  // The region file of `url` under the root; Kiv::ParseException for a URL
+  // that could leave the root.
+  std::string pathOfUrl(std::string const& url) const;
+
+  // What is mounted, by URL.
+  Kiv::Ptr<Vorn::Status> mounted(std::string const& url) const;
+  void mountedIs(std::string const& url, Kiv::Ptr<Vorn::Status> const& status);
+  Kiv::Ptr<Vorn::Status> mountedDel(std::string const& url);
+  std::size_t mounts() const { return mounts_.size(); }
+
+ protected:
+  EntityManager(Kiv::EventLoop* loop, std::string root);
+  ~EntityManager() override;
+
+ private:
+  Kiv::EventLoop* loop_;
+  std::string root_;
+  std::map<std::string, Kiv::Ptr<Vorn::Status>> mounts_;
+};
+
+}  // namespace Stelo

@@ -1,0 +1,119 @@
+#include "Stelo/Mount.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "Kiv/Exception.h"
+#include "Kiv/Trace.h"
+#include "Vorn/Registry.h"
+
+namespace KivVorn {
+
+namespace {
+Kiv::TraceHandle th("Vorn::Mount");
+
+// mkdir -p; false (errno set) on failure.
+bool makeDirs(std::string const& path) {
+  std::string cur;
+  std::size_t pos = 0;
+  while (pos != std::string::npos) {
+    pos = path.find('/', pos + 1);
+    cur = path.substr(0, pos);
+    if (cur.empty()) continue;
+    if (::mkdir(cur.c_str(), 0775) != 0 && errno != EEXIST) return false;
+  }
+  return true;
+}
+}  // namespace
+
+Mount::Mount(Kiv::Ptr<Stelo::EntityManager> entityManager) : entityManager_(std::move(entityManager)) {}
+
+Mount::~Mount() = default;
+
+void Mount::handleInitialized() {
+  KIV_TRACE(th, 9, "void KivVorn::Mount::handleInitialized() root " << entityManager_->root());
+  if (!makeDirs(entityManager_->root())) throw Kiv::ErrnoException("mkdir(" + entityManager_->root() + ")", errno);
+}
+
+void Mount::doMount(std::string const& url, std::string const& typeName, MountInfo const& mountInfo) {
+  KIV_TRACE(th, 9, "void KivVorn::Mount::doMount(" << url << ", " << typeName << ", kind " << mountInfo.kind << ")");
+  std::string const path = entityManager_->pathOfUrl(url);  // refuses unsafe URLs
+  if (Kiv::Ptr<Vorn::Status> existing = entityManager_->mounted(url)) {
+    if (existing->typeName() != typeName)
+      KIV_TRACE(th, 2, "doMount: " << url << " is mounted already as " << existing->typeName() << ", not "
+                                   << typeName);
+    return;
+  }
+  Vorn::Status::Mode mode;
+  switch (mountInfo.kind) {
+    case MountInfo::writer:
+      mode = Vorn::Status::Mode::writer;
+      break;
+    case MountInfo::reader:
+    case MountInfo::mfibReader:
+      mode = Vorn::Status::Mode::reader;
+      break;
+    default:
+      KIV_TRACE(th, 2, "doMount: " << url << ": unknown mount kind " << mountInfo.kind);
+      return;
+  }
+  Kiv::Ptr<Vorn::Status> status = Vorn::StatusRegistry::statusNew(typeName, Kiv::Name(url));
+  if (!status) {
+    KIV_TRACE(th, 2, "doMount: " << url << ": unknown type name " << typeName);
+    return;
+  }
+  if (mode == Vorn::Status::Mode::writer) {
+    if (!makeDirs(entityManager_->root()))
+      throw Kiv::ErrnoException("mkdir(" + entityManager_->root() + ")", errno);
+  } else if (::access(path.c_str(), F_OK) != 0) {
+    KIV_TRACE(th, 4, "doMount: " << url << ": no table at " << path << " (yet)");
+    return;
+  }
+  try {
+    status->mountIs(path, mode, mountInfo.options);
+    if (mode == Vorn::Status::Mode::reader && entityManager_->eventLoop() != nullptr)
+      status->followIs(entityManager_->eventLoop());
+  } catch (Pelto::CorruptionDetectedException const& e) {
+    KIV_TRACE(th, 2, "doMount: " << url << ": " << e.what());
+    return;
+  } catch (Kiv::ErrnoException const& e) {
+    KIV_TRACE(th, 2, "doMount: " << url << ": " << e.what());
+    return;
+  }
+  entityManager_->mountedIs(url, status);
+  KIV_TRACE(th, 5, "doMount: mounted " << url << " at " << path);
+}
+
+Kiv::Ptr<Kiv::Entity> Mount::getEntity(std::string const& url) const {
+  return Kiv::Ptr<Kiv::Entity>(entityManager_->mounted(url));
+}
+
+void Mount::doUnmount(std::string const& url) {
+  KIV_TRACE(th, 9, "void KivVorn::Mount::doUnmount(" << url << ")");
+  Kiv::Ptr<Vorn::Status> status = entityManager_->mountedDel(url);
+  if (status) status->unmount();
+}
+
+void Mount::cleanup(std::string const& url) {
+  KIV_TRACE(th, 9, "void KivVorn::Mount::cleanup(" << url << ")");
+  std::string const path = entityManager_->pathOfUrl(url);
+  if (::unlink(path.c_str()) != 0 && errno != ENOENT) {
+    KIV_TRACE(th, 2, "cleanup: unlink " << path << ": errno " << errno);
+    return;
+  }
+  // Doorbells of readers that did not close them.
+  std::string const root = entityManager_->root();
+  std::string const prefix = path.substr(root.size() + 1) + ".bell.";
+  if (DIR* d = ::opendir(root.c_str())) {
+    while (dirent* e = ::readdir(d)) {
+      std::string name = e->d_name;
+      if (name.compare(0, prefix.size(), prefix) == 0) ::unlink((root + "/" + name).c_str());
+    }
+    ::closedir(d);
+  }
+}
+
+}  // namespace KivVorn

@@ -1,0 +1,61 @@
+// KivVorn::Mount: mounts shared tables by URL for an entity manager.
+//
+// Kinds: 0 the writer (creates the table, or adopts the records of an
+// existing one), 2 a reader, 3 a reader of the MFIB schema. A type name is
+// resolved through Vorn::StatusRegistry. A reader mount of a table that
+// does not exist (yet), holds another type or is corrupt yields no entity:
+// getEntity returns null and the reason is traced ("Vorn::Mount" handle).
+// Mounting a URL that the entity manager already holds returns the same
+// entity. A URL that is absolute or contains ".." is refused with
+// Kiv::ParseException.
+//
+//   KivVorn::Mount mount(entityManager);
+//   mount.doMount(url, "BitMapper::VornStatus", KivVorn::MountInfo(0));
+//   auto status = Kiv::ptrCast<BitMapper::VornStatus>(mount.getEntity(url));
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+
+#include "Kiv/Entity.h"
+#include "Kiv/Ptr.h"
+#include "Stelo/EntityManager.h"
+#include "Vorn/Status.h"
+
+namespace KivVorn {
+
+struct MountInfo {
+  static constexpr int writer = 0;
+  static constexpr int reader = 2;
+  static constexpr int mfibReader = 3;
+
+  MountInfo() = default;
+  explicit MountInfo(int k) : kind(k) {}
+
+  int kind = reader;
+  // Table capacities and change-log size for a writer that creates the table.
+  Vorn::MountOptions options;
+};
+
+class Mount : public Kiv::PtrInterface {
+ public:
+  explicit Mount(Kiv::Ptr<Stelo::EntityManager> entityManager);
+  ~Mount() override;
+
+  Kiv::Ptr<Stelo::EntityManager> const& entityManager() const { return entityManager_; }
+
+  // Makes sure the root directory exists.
+  void handleInitialized();
+  void doMount(std::string const& url, std::string const& typeName, MountInfo const& mountInfo);
+  // The mounted entity, or null.
+  Kiv::Ptr<Kiv::Entity> getEntity(std::string const& url) const;
+  void doUnmount(std::string const& url);
+  // Removes the table's file (the writer's last act on a table).
+  void cleanup(std::string const& url);
+
+ private:
+  Kiv::Ptr<Stelo::EntityManager> entityManager_;
+};
+
+}  // namespace KivVorn

@@ -1,0 +1,128 @@
+// The byte layout of a Vorn region file: the one place that says where every
+// field of a shared table lives. Readers in other processes and the writer
+// agree on it through the magic and the layout version in the header.
+//
+//   [Header | per table: Control, hash slots, entries (+1 skip-list head) | change log]
+//
+// Everything here lives in shared memory written by another process: any
+// field may hold any bits. Geometry (offsets, sizes, counts) is copied out
+// and validated once at mount; a reader never trusts a stored index, link
+// or count without checking it against that validated geometry.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+namespace Vorn::Layout {
+
+inline constexpr std::uint64_t kMagic = 0x3147455236524f56ull;  // "VOR6REG1"
+inline constexpr std::uint32_t kVersion = 1;
+inline constexpr std::uint32_t kMaxTables = 8;
+inline constexpr std::uint32_t kNameLen = 48;
+inline constexpr std::uint32_t kTypeLen = 96;
+inline constexpr std::uint32_t kMaxLevel = 12;  // skip-list levels; p = 1/4 covers 16M records
+inline constexpr std::uint32_t kBells = 64;     // reader doorbells per region, one bit each in `armed`
+inline constexpr std::uint32_t kNone = 0xffffffffu;
+inline constexpr std::uint32_t kMaxCapacity = 1u << 26;
+inline constexpr std::uint32_t kMaxKeySize = 256;
+inline constexpr std::uint32_t kMaxRecordSize = 1u << 16;
+
+// Per-table geometry, written once when the region is created.
+struct TableDesc {
+  char name[kNameLen];
+  std::uint32_t keySize;
+  std::uint32_t recordSize;
+  std::uint32_t entrySize;  // EntryHead + key + record, rounded up to 8
+  std::uint32_t keyOffset;  // within an entry
+  std::uint32_t recordOffset;
+  std::uint32_t capacity;   // records; entry `capacity` is the skip-list head
+  std::uint32_t slotCount;  // hash slots, a power of two >= 2 * capacity
+  std::uint32_t reserved;
+  std::uint64_t controlOffset;
+  std::uint64_t slotsOffset;
+  std::uint64_t entriesOffset;
+  std::uint64_t end;
+};
+
+// Mutable per-table state. structGen is odd while the writer rebuilds the
+// hash slots or the skip list; every reader operation samples it before and
+// after and retries when it moved.
+struct alignas(64) Control {
+  std::atomic<std::uint64_t> structGen;
+  std::atomic<std::uint32_t> size;
+  std::atomic<std::uint32_t> tombstones;
+  std::atomic<std::uint32_t> topLevel;  // highest level in use, a hint for readers
+  std::uint32_t reserved[7];
+};
+
+// A hash slot: 0 empty, low word kNone a tombstone, otherwise
+// (hash >> 32) << 32 | (entry index + 1).
+using Slot = std::atomic<std::uint64_t>;
+inline constexpr std::uint64_t kSlotEmpty = 0;
+inline constexpr std::uint64_t kSlotTombstone = kNone;
+
+// What the writer was doing while an entry's lseq was odd; lets a new
+// writer tell a record torn by a crash from a link update cut short.
+enum Op : std::uint8_t { opNone = 0, opInsert = 1, opLink = 2, opDelete = 3 };
+
+// Head of every entry. Two sequence counters, both even when stable:
+//   lseq covers live, level, op, the key and next[]
+//   dseq covers the record bytes and stamp
+// The writer bumps a counter to odd (release fence after), writes, bumps to
+// even (release store). A reader loads the counter (acquire), copies, issues
+// an acquire fence and loads it again: equal and even means the copy is
+// whole.
+struct EntryHead {
+  std::atomic<std::uint32_t> lseq;
+  std::atomic<std::uint32_t> dseq;
+  std::uint8_t live;
+  std::uint8_t level;  // 1..kMaxLevel
+  std::uint8_t op;
+  std::uint8_t reserved0;
+  std::uint32_t reserved1;
+  std::uint64_t stamp;  // log position of the change that last wrote the record
+  std::atomic<std::uint32_t> next[kMaxLevel];
+};
+static_assert(sizeof(EntryHead) == 72);
+
+struct BellSlot {
+  std::atomic<std::uint32_t> pid;    // reader owning the doorbell, 0 free
+  std::atomic<std::uint32_t> nonce;  // names the doorbell file
+};
+
+// One change-log record: seq is 2*position+1 while written, 2*position+2
+// when complete. The key follows, padded to the region's largest key.
+struct LogHead {
+  std::atomic<std::uint64_t> seq;
+  std::uint32_t table;
+  std::uint32_t keySize;
+};
+static_assert(sizeof(LogHead) == 16);
+
+struct Header {
+  std::uint64_t magic;
+  std::uint32_t version;
+  std::uint32_t headerSize;
+  std::uint64_t fileSize;
+  char typeName[kTypeLen];
+  std::uint32_t tableCount;
+  std::uint32_t logCapacity;  // a power of two
+  std::uint32_t logEntrySize;
+  std::uint32_t maxKeySize;
+  std::uint64_t logOffset;
+  std::atomic<std::uint32_t> writerPid;
+  std::uint32_t reserved0;
+  std::atomic<std::uint64_t> writerEpoch;  // writers that have mounted the region so far
+  std::uint64_t createdTime;               // seconds since the epoch
+  TableDesc tables[kMaxTables];
+  alignas(64) std::atomic<std::uint64_t> logHead;  // changes logged so far
+  alignas(64) std::atomic<std::uint64_t> armed;    // bit i: doorbell i waits for a ring
+  BellSlot bells[kBells];
+};
+
+inline constexpr std::uint64_t kHeaderSize = (sizeof(Header) + 4095) & ~std::uint64_t(4095);
+
+inline constexpr std::uint64_t roundUp(std::uint64_t v, std::uint64_t a) { return (v + a - 1) / a * a; }
+
+}  // namespace Vorn::Layout

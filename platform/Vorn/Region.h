@@ -1,0 +1,181 @@
+// Vorn::Region: one mapped region file holding the tables of one status
+// object, its change log and its reader doorbells.
+//
+// A writer builds a new file under a temporary name and renames it into
+// place, so a reader never maps a half-initialised region; or it adopts an
+// existing file of the same type and shape. Readers map the file read-write
+// (they arm doorbells in it) but never touch table data.
+//
+// Every geometry field is validated once at open (magic, layout version,
+// type name, table names and sizes, offsets inside the file); failures raise
+// Pelto::CorruptionDetectedException naming the file and what was wrong.
+// A file truncated under a live mapping does not kill the process: the fault
+// is caught, the lost pages read as zeros, and the next table operation
+// raises the corruption exception.
+//
+// Change log: the writer appends (table, key) for every change; readers
+// follow it from a private cursor. Doorbells: a following reader owns a
+// FIFO under the root directory and a bit in `armed`; it sets the bit before
+// it sleeps, the writer rings (one byte) and clears the bit on the next
+// change, so one wake-up covers a burst.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Vorn/Layout.h"
+
+namespace Vorn {
+
+// What a schema says about one of its tables.
+struct TableShape {
+  std::string name;
+  std::uint32_t keySize = 0;
+  std::uint32_t recordSize = 0;
+  std::uint32_t capacity = 0;
+};
+
+// A table's validated geometry, local to this process.
+struct TableGeometry {
+  std::uint32_t index = 0;
+  std::string name;
+  std::uint32_t keySize = 0;
+  std::uint32_t recordSize = 0;
+  std::uint32_t entrySize = 0;
+  std::uint32_t keyOffset = 0;
+  std::uint32_t recordOffset = 0;
+  std::uint32_t capacity = 0;
+  std::uint32_t slotCount = 0;
+  Layout::Control* control = nullptr;
+  Layout::Slot* slots = nullptr;
+  unsigned char* entries = nullptr;
+};
+
+// Maps a table URL ("mfib/default/pim") to a file name under the root:
+// '/' and every byte outside [A-Za-z0-9._-] are escaped as %XX, and ".vorn"
+// is appended. Absolute URLs, empty components, "." and ".." are refused
+// with Kiv::ParseException saying why.
+std::string fileNameOfUrl(std::string_view url);
+// The inverse, for listings; empty when `fileName` is not a region file.
+std::string urlOfFileName(std::string_view fileName);
+// $VORN_ROOT when set and not empty, else "/dev/shm/vorn".
+std::string defaultRoot();
+
+class Region {
+ public:
+  enum class Mode { writer, reader, inspector };
+
+  // Creates the region at `path`, or adopts the file already there when its
+  // type and table shapes match (adopted() is then true). A file of another
+  // type or shape, or a corrupt one, is replaced. Capacities of an adopted
+  // file are the file's own.
+  static std::unique_ptr<Region> writerIs(std::string const& path, std::string_view typeName,
+                                          std::vector<TableShape> const& shapes,
+                                          std::uint32_t logCapacity);
+  // Opens an existing region for reading: Kiv::ErrnoException("open") when
+  // there is none, Pelto::CorruptionDetectedException when it is not a valid
+  // region of this type and shape (capacities are taken from the file).
+  static std::unique_ptr<Region> readerIs(std::string const& path, std::string_view typeName,
+                                          std::vector<TableShape> const& shapes);
+  // Opens any valid region without a schema, for inspection tools.
+  static std::unique_ptr<Region> inspectorIs(std::string const& path);
+
+  ~Region();
+  Region(Region const&) = delete;
+  Region& operator=(Region const&) = delete;
+
+  Mode mode() const { return mode_; }
+  std::string const& path() const { return path_; }
+  std::string const& typeName() const { return typeName_; }
+  bool adopted() const { return adopted_; }
+  std::uint64_t fileSize() const { return size_; }
+  Layout::Header* header() const { return header_; }
+  std::uint32_t tables() const { return static_cast<std::uint32_t>(geometry_.size()); }
+  TableGeometry const& table(std::uint32_t i) const { return geometry_[i]; }
+  std::uint32_t logCapacity() const { return logCapacity_; }
+  std::uint32_t writerPid() const { return header_->writerPid.load(std::memory_order_relaxed); }
+  bool writerAlive() const;
+
+  // Set (from the fault handler) when the file shrank under the mapping.
+  bool truncated() const { return truncated_->load(std::memory_order_relaxed); }
+  // Raises the corruption exception when the file was truncated.
+  void checkTruncated() const {
+    if (truncated()) truncatedFail();
+  }
+  [[noreturn]] void truncatedFail() const;
+  // Raises Pelto::CorruptionDetectedException: "<path>: <text>".
+  [[noreturn]] void fail(std::string const& text) const;
+
+  // Waits, within bounds, for a sequence counter left odd by the writer to
+  // become even and returns it; raises the corruption exception when the
+  // writer is gone or the counter stays odd too long.
+  std::uint32_t waitEven(std::atomic<std::uint32_t> const& seq, std::string_view what) const;
+  std::uint64_t waitEven64(std::atomic<std::uint64_t> const& seq, std::string_view what) const;
+
+  // Writer: appends one change and rings the armed doorbells. Returns the
+  // change's log position + 1 (the record's stamp).
+  std::uint64_t logChange(std::uint32_t table, void const* key, std::uint32_t keySize);
+  // The stamp the next change will get.
+  std::uint64_t nextStamp() const { return logHead_ + 1; }
+  std::uint64_t logHead() const { return header_->logHead.load(std::memory_order_acquire); }
+
+  // Reader: reads the change at `position` into table/key (key buffer of at
+  // least the region's largest key). False when the log wrapped past it.
+  bool logRead(std::uint64_t position, std::uint32_t& table, void* key) const;
+
+  // Reader doorbell: claims a slot and returns the FIFO's descriptor.
+  int bellOpen();
+  // Sets this reader's armed bit (sequentially consistent, paired with the
+  // writer's logHead store and armed load).
+  void bellArm();
+  void bellClose();
+  // Empties the FIFO.
+  void bellDrain();
+  int bellSlot() const { return bellSlot_; }
+
+  // Doorbell FIFO path of slot i with nonce n.
+  std::string bellPath(std::uint32_t slot, std::uint32_t nonce) const;
+
+ private:
+  Region() = default;
+  void map(int fd, std::uint64_t size, bool writable);
+  void validate(std::string_view typeName, std::vector<TableShape> const* shapes);
+  void ring(std::uint64_t armed);
+  static std::unique_ptr<Region> create(std::string const& path, std::string_view typeName,
+                                        std::vector<TableShape> const& shapes,
+                                        std::uint32_t logCapacity);
+
+  Mode mode_ = Mode::reader;
+  std::string path_;
+  std::string typeName_;
+  bool adopted_ = false;
+  int fd_ = -1;
+  unsigned char* base_ = nullptr;
+  std::uint64_t size_ = 0;
+  Layout::Header* header_ = nullptr;
+  std::vector<TableGeometry> geometry_;
+  std::uint32_t logCapacity_ = 0;
+  std::uint32_t logEntrySize_ = 0;
+  std::uint32_t maxKeySize_ = 0;
+  unsigned char* log_ = nullptr;
+  std::uint64_t logHead_ = 0;  // writer's own copy
+  std::atomic<bool>* truncated_ = nullptr;
+  int guardSlot_ = -1;
+  // Reader doorbell.
+  int bellSlot_ = -1;
+  std::uint32_t bellNonce_ = 0;
+  int bellFd_ = -1;
+  // Writer: open doorbells, by slot.
+  struct Bell {
+    int fd = -1;
+    std::uint32_t pid = 0;
+    std::uint32_t nonce = 0;
+  };
+  std::vector<Bell> bells_;
+};
+
+}  // namespace Vorn

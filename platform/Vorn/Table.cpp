@@ -1,0 +1,147 @@
+#include "Vorn/Table.h"
+
+#include <unistd.h>
+
+#include <chrono>
+
+#include "Kiv/Trace.h"
+
+namespace Vorn {
+
+namespace {
+Kiv::TraceHandle th("Vorn::Table");
+}
+
+TableBase::TableBase(Status* owner, char const* name, std::uint32_t keySize, std::uint32_t recordSize,
+                     std::uint32_t defaultCapacity)
+    : owner_(owner), name_(name), keySize_(keySize), recordSize_(recordSize), defaultCapacity_(defaultCapacity) {
+  owner_->tableAdd(this);
+}
+
+TableBase::~TableBase() {
+  auto& list = owner_->tables_;
+  list.erase(std::remove(list.begin(), list.end(), this), list.end());
+}
+
+std::uint32_t TableBase::size() const {
+  checkUsable(false);
+  std::uint32_t const n = control_->size.load(std::memory_order_relaxed);
+  region_->checkTruncated();
+  if (n > capacity_) fail("size " + std::to_string(n) + " exceeds capacity " + std::to_string(capacity_));
+  return n;
+}
+
+void TableBase::corruptionDetected(std::string const& text) const {
+  ++corruptions_;
+  KIV_TRACE(th, 1, "corruptionDetected: table '" << name_ << "': " << text);
+  owner_->corruptionDetected("table '" + name_ + "': " + text);
+}
+
+void TableBase::attach(Region* region, std::uint32_t index) {
+  TableGeometry const& g = region->table(index);
+  region_ = region;
+  index_ = index;
+  control_ = g.control;
+  slots_ = g.slots;
+  entries_ = g.entries;
+  entrySize_ = g.entrySize;
+  keyOffset_ = g.keyOffset;
+  recordOffset_ = g.recordOffset;
+  capacity_ = g.capacity;
+  slotMask_ = g.slotCount - 1;
+  free_.clear();
+  tombstones_ = 0;
+  topLevel_ = 1;
+  if (owner_->mode() == Status::Mode::writer) {
+    rng_ ^= static_cast<std::uint64_t>(getpid()) * 0x9e3779b97f4a7c15ull ^
+            static_cast<std::uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count());
+    if (!region->adopted()) {
+      free_.reserve(capacity_);
+      for (std::uint32_t i = capacity_; i-- > 0;) free_.push_back(i);
+    }
+  }
+}
+
+void TableBase::detach() {
+  region_ = nullptr;
+  control_ = nullptr;
+  slots_ = nullptr;
+  entries_ = nullptr;
+  capacity_ = 0;
+  free_.clear();
+  free_.shrink_to_fit();
+  snapshotStop();
+}
+
+std::uint32_t TableBase::randomLevel() {
+  rng_ ^= rng_ << 13;
+  rng_ ^= rng_ >> 7;
+  rng_ ^= rng_ << 17;
+  std::uint64_t r = rng_;
+  std::uint32_t level = 1;
+  while (level < Layout::kMaxLevel && (r & 3) == 0) {
+    ++level;
+    r >>= 2;
+  }
+  return level;
+}
+
+void TableBase::rebuildHashSlots() {
+  genBegin();
+  for (std::uint32_t i = 0; i <= slotMask_; ++i) slots_[i].store(Layout::kSlotEmpty, std::memory_order_relaxed);
+  for (std::uint32_t i = 0; i < capacity_; ++i) {
+    if (head(i)->live != 1) continue;
+    std::uint64_t const h = hashOfEntry(i);
+    std::uint32_t p = std::uint32_t(h) & slotMask_;
+    while (slots_[p].load(std::memory_order_relaxed) != Layout::kSlotEmpty) p = (p + 1) & slotMask_;
+    slots_[p].store((h >> 32) << 32 | (std::uint64_t(i) + 1), std::memory_order_relaxed);
+  }
+  tombstones_ = 0;
+  control_->tombstones.store(0, std::memory_order_relaxed);
+  genEnd();
+  KIV_TRACE(th, 6, "rebuildHashSlots: table '" << name_ << "'");
+}
+
+void TableBase::fail(std::string const& text) const {
+  if (region_ == nullptr) throw Pelto::CorruptionDetectedException("table '" + name_ + "': " + text);
+  region_->fail("table '" + name_ + "': " + text);
+}
+
+void TableBase::notMounted() const { throw Kiv::Exception("Vorn table '" + name_ + "' is not mounted"); }
+
+void TableBase::readOnly() const {
+  throw Kiv::Exception("Vorn table '" + name_ + "' is mounted read-only in this process");
+}
+
+void TableBase::full() const {
+  throw Kiv::RangeException("Vorn table '" + name_ + "' is full: capacity " + std::to_string(capacity_) +
+                            " records");
+}
+
+void TableBase::retriesExhausted() const {
+  fail("a read kept racing the writer; gave up after " + std::to_string(kRetries) + " tries");
+}
+
+std::uint32_t TableBase::waitEven(std::atomic<std::uint32_t> const& seq, std::uint32_t entry) const {
+  return region_->waitEven(seq, "table '" + name_ + "' entry " + std::to_string(entry));
+}
+
+std::uint64_t TableBase::waitGen() const {
+  return region_->waitEven64(control_->structGen, "table '" + name_ + "' index rebuild");
+}
+
+void TableBase::linkFail(std::uint32_t from, std::uint32_t level, std::uint32_t to) const {
+  fail("entry " + std::to_string(from) + " links at level " + std::to_string(level) + " to entry " +
+       std::to_string(to) + ", beyond capacity " + std::to_string(capacity_));
+}
+
+void TableBase::slotFail(std::uint32_t slot, std::uint64_t value) const {
+  fail("hash slot " + std::to_string(slot) + " names entry " + std::to_string(std::uint32_t(value) - 1) +
+       ", beyond capacity " + std::to_string(capacity_));
+}
+
+void TableBase::loopFail(char const* where) const {
+  fail(std::string(where) + " went past every entry: the links loop");
+}
+
+}  // namespace Vorn

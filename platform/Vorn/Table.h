@@ -1,0 +1,847 @@
+// Vorn::Table<Key, Record, KeyOf>: one shared-memory table of fixed-size,
+// trivially copyable records, keyed by KeyOf(record), ordered by
+// Key::operator<. One process writes, any number of processes read, nobody
+// locks.
+//
+//   class RouteStatus : public Vorn::Status {
+//    public:
+//     class NotifieeConst : public Kiv::NotifieeConstBase<RouteStatus> {
+//      public:
+//       virtual void onRoute(RouteKey const&) {}
+//     };
+//     VORN_TABLE(RouteStatus, route, Route, RouteKey, RouteRecord, &RouteRecord::key, 4096)
+//   };
+//   status->routeIs(r);                 // insert or replace (writer)
+//   RouteRecord r = status->route(k);   // a copy, or RouteRecord() on a miss
+//   status->routeDel(k);
+//   Vorn::IterHint hint;                // ordered walk, cheap per step
+//   for (bool ok = t.first(k, r, hint); ok; ok = t.next(k, k, r, hint)) ...
+//
+// Storage: an array of entries (key, record, skip-list tower, two sequence
+// counters), an open-addressing hash index of (hash tag, entry) slots, and a
+// skip list through the entries in key order. Writes are O(log n).
+//
+// Reader protocol (every pairing is acquire load/fence against the writer's
+// release store/fence):
+//   - structGen (Control): loaded acquire before an operation and again
+//     after an acquire fence at its end; odd or moved means the writer
+//     rebuilt the indexes meanwhile: retry.
+//   - hash slot: loaded acquire, pairs with the writer's release store that
+//     publishes a fully written entry. A slot names an entry; the entry's
+//     key is checked, so a slot raced by a delete or reuse is just a miss.
+//   - entry lseq/dseq: loaded acquire, data copied, acquire fence, loaded
+//     again; equal and even means the copy is whole (a seqlock). The writer
+//     stores odd, issues a release fence, writes, stores even with release.
+//   - skip-list steps go hand over hand: after reading the next node, the
+//     reader checks that the current node's lseq did not move, so the link
+//     it followed still held; a node is unlinked (changing its predecessors'
+//     lseq) before it is marked dead or reused.
+// Failure modes: a counter that stays odd (a writer killed mid-write) is
+// waited for within a bound and then reported as corruption for that entry
+// only; every index, link and count is checked against the geometry
+// validated at mount, and every loop is bounded by the capacity, so a
+// corrupt file raises Pelto::CorruptionDetectedException, never a crash or a
+// hang. Readers copy records out; no pointer into shared memory survives a
+// call.
+#pragma once
+
+#include <algorithm>
+#include <atomic>
+#include <cstdint>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <ostream>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include "Kiv/Exception.h"
+#include "Kiv/Hash.h"
+#include "Vorn/Layout.h"
+#include "Vorn/Region.h"
+#include "Vorn/Status.h"
+
+namespace Vorn {
+
+// Where the last ordered step stood: lets next() continue from that entry
+// in O(1) when nothing changed around it, else it searches from the top.
+struct IterHint {
+  std::uint32_t entry = Layout::kNone;
+  std::uint32_t seq = 0;
+  std::uint64_t gen = 0;
+  void clear() { entry = Layout::kNone; }
+};
+
+// The hash a table uses for a key: Key::hash() when the key has one, the
+// value for integers and enums, the bytes otherwise. Must not depend on the
+// process (it decides where records sit in shared memory).
+template <class K>
+struct KeyHash {
+  std::uint64_t operator()(K const& k) const {
+    if constexpr (requires { k.hash(); }) {
+      return Kiv::HashAccumulator::fmix(static_cast<std::uint64_t>(k.hash()) ^ 0x2545f4914f6cdd1dull);
+    } else if constexpr (std::is_integral_v<K> || std::is_enum_v<K>) {
+      return Kiv::HashAccumulator::fmix(static_cast<std::uint64_t>(k) ^ 0x2545f4914f6cdd1dull);
+    } else {
+      static_assert(std::has_unique_object_representations_v<K>,
+                    "a key with padding needs a hash() over the fields its operator== compares");
+      Kiv::HashAccumulator h;
+      h.mix(&k, sizeof k);
+      return h.result();
+    }
+  }
+};
+
+// The part of every table that does not depend on the key and record types.
+class TableBase {
+ public:
+  TableBase(Status* owner, char const* name, std::uint32_t keySize, std::uint32_t recordSize,
+            std::uint32_t defaultCapacity);
+  virtual ~TableBase();
+  TableBase(TableBase const&) = delete;
+  TableBase& operator=(TableBase const&) = delete;
+
+  std::string const& name() const { return name_; }
+  std::uint32_t keySize() const { return keySize_; }
+  std::uint32_t recordSize() const { return recordSize_; }
+  std::uint32_t defaultCapacity() const { return defaultCapacity_; }
+  // 0 while unmounted.
+  std::uint32_t capacity() const { return capacity_; }
+  bool mounted() const { return region_ != nullptr; }
+  Status* owner() const { return owner_; }
+  // Position in the status's table list and in the region.
+  std::uint32_t index() const { return index_; }
+
+  // Records now in the table.
+  std::uint32_t size() const;
+
+  // Where callers report a corruption exception they caught from this
+  // table: traced and counted, here and on the status.
+  void corruptionDetected(std::string const& text) const;
+  std::uint64_t corruptions() const { return corruptions_; }
+
+  // Prints the record of `key` (bytes of keySize) as "key -> record", for
+  // inspection tools; false when absent.
+  virtual bool printEntry(std::ostream& os, std::uint32_t entry) const = 0;
+
+  // Used by Status.
+  virtual void attach(Region* region, std::uint32_t index);
+  virtual void detach();
+  virtual void adopt() = 0;
+  virtual void notifyKey(void const* key) = 0;
+  virtual void snapshotStart() = 0;
+  virtual void snapshotStop() = 0;
+  virtual void resync() = 0;
+
+ protected:
+  [[noreturn]] void fail(std::string const& text) const;
+  [[noreturn]] void notMounted() const;
+  [[noreturn]] void readOnly() const;
+  [[noreturn]] void full() const;
+  [[noreturn]] void retriesExhausted() const;
+  std::uint32_t waitEven(std::atomic<std::uint32_t> const& seq, std::uint32_t entry) const;
+  std::uint64_t waitGen() const;
+  std::uint64_t changeLogged(void const* key) const { return owner_->changeLogged(*this, key); }
+  bool writer() const { return owner_->mode() == Status::Mode::writer; }
+
+  // Geometry, copied at attach for the hot paths.
+  Region* region_ = nullptr;
+  Layout::Control* control_ = nullptr;
+  Layout::Slot* slots_ = nullptr;
+  unsigned char* entries_ = nullptr;
+  std::uint32_t entrySize_ = 0;
+  std::uint32_t keyOffset_ = 0;
+  std::uint32_t recordOffset_ = 0;
+  std::uint32_t capacity_ = 0;
+  std::uint32_t slotMask_ = 0;
+  std::uint32_t index_ = 0;
+  // Writer state.
+  std::vector<std::uint32_t> free_;
+  std::uint32_t tombstones_ = 0;
+  std::uint32_t topLevel_ = 1;
+  std::uint64_t rng_ = 0x9e3779b97f4a7c15ull;
+
+  Layout::EntryHead* head(std::uint32_t i) const {
+    return reinterpret_cast<Layout::EntryHead*>(entries_ + std::size_t(i) * entrySize_);
+  }
+  unsigned char* keyAt(std::uint32_t i) const { return entries_ + std::size_t(i) * entrySize_ + keyOffset_; }
+  unsigned char* recordAt(std::uint32_t i) const {
+    return entries_ + std::size_t(i) * entrySize_ + recordOffset_;
+  }
+  std::uint32_t headEntry() const { return capacity_; }
+  std::uint32_t randomLevel();
+
+  // Writer-side sequence sections.
+  static void writeBegin(std::atomic<std::uint32_t>& seq) {
+    seq.store(seq.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    std::atomic_thread_fence(std::memory_order_release);
+  }
+  static void writeEnd(std::atomic<std::uint32_t>& seq) {
+    seq.store(seq.load(std::memory_order_relaxed) + 1, std::memory_order_release);
+  }
+  void genBegin() {
+    control_->structGen.store(control_->structGen.load(std::memory_order_relaxed) | 1,
+                              std::memory_order_relaxed);
+    std::atomic_thread_fence(std::memory_order_release);
+  }
+  void genEnd() {
+    control_->structGen.store((control_->structGen.load(std::memory_order_relaxed) | 1) + 1,
+                              std::memory_order_release);
+  }
+  // Reader bracket.
+  std::uint64_t readBegin() const {
+    std::uint64_t g = control_->structGen.load(std::memory_order_acquire);
+    if (g & 1) g = waitGen();
+    return g;
+  }
+  bool readEnd(std::uint64_t g) const {
+    std::atomic_thread_fence(std::memory_order_acquire);
+    return control_->structGen.load(std::memory_order_relaxed) == g;
+  }
+  std::uint32_t stableL(std::uint32_t i) const {
+    std::uint32_t s = head(i)->lseq.load(std::memory_order_acquire);
+    return (s & 1) ? waitEven(head(i)->lseq, i) : s;
+  }
+  std::uint32_t stableD(std::uint32_t i) const {
+    std::uint32_t s = head(i)->dseq.load(std::memory_order_acquire);
+    return (s & 1) ? waitEven(head(i)->dseq, i) : s;
+  }
+  std::uint32_t checkedLink(std::uint32_t from, std::uint32_t level, std::uint32_t to) const {
+    if (to != Layout::kNone && to >= capacity_) linkFail(from, level, to);
+    return to;
+  }
+  [[noreturn]] void linkFail(std::uint32_t from, std::uint32_t level, std::uint32_t to) const;
+  [[noreturn]] void slotFail(std::uint32_t slot, std::uint64_t value) const;
+  [[noreturn]] void loopFail(char const* where) const;
+  void rebuildHashSlots();
+  void checkUsable(bool forWrite) const {
+    if (region_ == nullptr) notMounted();
+    if (forWrite && !writer()) readOnly();
+  }
+
+  static constexpr unsigned kRetries = 10000;
+
+  Status* owner_;
+  std::string name_;
+  std::uint32_t keySize_;
+  std::uint32_t recordSize_;
+  std::uint32_t defaultCapacity_;
+  mutable std::uint64_t corruptions_ = 0;
+  virtual std::uint64_t hashOfEntry(std::uint32_t i) const = 0;
+};
+
+template <class K, class R, auto KeyOf>
+class Table : public TableBase {
+  static_assert(std::is_trivially_copyable_v<K>, "keys live in shared memory");
+  static_assert(std::is_trivially_copyable_v<R>, "records live in shared memory");
+  static_assert(std::is_default_constructible_v<R>, "a miss returns R()");
+
+ public:
+  using Key = K;
+  using Record = R;
+  using Hook = std::function<void(K const&)>;
+
+  Table(Status* owner, char const* name, std::uint32_t defaultCapacity, Hook hook = {})
+      : TableBase(owner, name, sizeof(K), sizeof(R), defaultCapacity), hook_(std::move(hook)) {}
+
+  static K keyOf(R const& r) { return std::invoke(KeyOf, r); }
+
+  // The record under `k`, or R() when there is none.
+  R find(K const& k) const {
+    R out{};
+    std::uint64_t stamp;
+    lookup(k, &out, stamp);
+    return out;
+  }
+  R operator()(K const& k) const { return find(k); }
+  bool contains(K const& k) const {
+    std::uint64_t stamp;
+    return lookup(k, nullptr, stamp);
+  }
+
+  // Inserts or replaces the record under keyOf(r). Returns false (and
+  // notifies nobody) when the same record is there already. A full table
+  // raises Kiv::RangeException.
+  bool is(R const& r) {
+    checkUsable(true);
+    K const k = keyOf(r);
+    std::uint64_t const h = hash(k);
+    std::uint32_t pos, ins;
+    std::uint32_t idx = writerFind(k, h, pos, ins);
+    if (idx != Layout::kNone) {
+      R cur;
+      std::memcpy(static_cast<void*>(&cur), recordAt(idx), sizeof(R));
+      if (same(cur, r)) return false;
+      Layout::EntryHead* e = head(idx);
+      writeBegin(e->dseq);
+      std::memcpy(recordAt(idx), &r, sizeof(R));
+      e->stamp = region_->nextStamp();
+      writeEnd(e->dseq);
+    } else {
+      if (free_.empty()) full();
+      idx = free_.back();
+      std::uint32_t preds[Layout::kMaxLevel];
+      findPreds(k, preds);
+      std::uint32_t const level = randomLevel();
+      Layout::EntryHead* e = head(idx);
+      e->op = Layout::opInsert;
+      writeBegin(e->lseq);
+      writeBegin(e->dseq);
+      e->live = 1;
+      e->level = static_cast<std::uint8_t>(level);
+      std::memcpy(keyAt(idx), &k, sizeof(K));
+      for (std::uint32_t l = 0; l < Layout::kMaxLevel; ++l) {
+        std::uint32_t n = l < level ? head(preds[l])->next[l].load(std::memory_order_relaxed) : Layout::kNone;
+        e->next[l].store(n, std::memory_order_relaxed);
+      }
+      std::memcpy(recordAt(idx), &r, sizeof(R));
+      e->stamp = region_->nextStamp();
+      writeEnd(e->dseq);
+      writeEnd(e->lseq);
+      e->op = Layout::opNone;
+      free_.pop_back();
+      // Link bottom-up: a reader that sees the node at level l finds it at
+      // every level below.
+      for (std::uint32_t l = 0; l < level;) {
+        std::uint32_t const p = preds[l];
+        Layout::EntryHead* ph = head(p);
+        ph->op = Layout::opLink;
+        writeBegin(ph->lseq);
+        for (; l < level && preds[l] == p; ++l) ph->next[l].store(idx, std::memory_order_relaxed);
+        writeEnd(ph->lseq);
+        ph->op = Layout::opNone;
+      }
+      if (level > topLevel_) {
+        topLevel_ = level;
+        control_->topLevel.store(level, std::memory_order_release);
+      }
+      if (std::uint32_t(slots_[ins].load(std::memory_order_relaxed)) == Layout::kSlotTombstone) --tombstones_;
+      slots_[ins].store((h >> 32) << 32 | (std::uint64_t(idx) + 1), std::memory_order_release);
+      control_->size.store(capacity_ - std::uint32_t(free_.size()), std::memory_order_relaxed);
+      control_->tombstones.store(tombstones_, std::memory_order_relaxed);
+    }
+    changeLogged(&k);
+    if (hook_) hook_(k);
+    return true;
+  }
+
+  // Removes the record under `k`; false when there was none.
+  bool del(K const& k) {
+    checkUsable(true);
+    std::uint64_t const h = hash(k);
+    std::uint32_t pos, ins;
+    std::uint32_t const idx = writerFind(k, h, pos, ins);
+    if (idx == Layout::kNone) return false;
+    std::uint32_t preds[Layout::kMaxLevel];
+    findPreds(k, preds);
+    Layout::EntryHead* e = head(idx);
+    std::uint32_t level = e->level;
+    if (level == 0 || level > Layout::kMaxLevel) fail("entry " + std::to_string(idx) + " has level " + std::to_string(level));
+    // Unlink top-down, then retire the entry: a reader standing on it sees
+    // its lseq move and searches again from its key.
+    for (std::uint32_t l = level; l-- > 0;) {
+      std::uint32_t const p = preds[l];
+      Layout::EntryHead* ph = head(p);
+      if (ph->next[l].load(std::memory_order_relaxed) != idx) continue;  // never linked this high
+      ph->op = Layout::opLink;
+      writeBegin(ph->lseq);
+      for (;; --l) {
+        if (ph->next[l].load(std::memory_order_relaxed) == idx)
+          ph->next[l].store(e->next[l].load(std::memory_order_relaxed), std::memory_order_relaxed);
+        if (l == 0 || preds[l - 1] != p) break;
+      }
+      writeEnd(ph->lseq);
+      ph->op = Layout::opNone;
+    }
+    slots_[pos].store(Layout::kSlotTombstone, std::memory_order_release);
+    ++tombstones_;
+    e->op = Layout::opDelete;
+    writeBegin(e->lseq);
+    e->live = 0;
+    writeEnd(e->lseq);
+    e->op = Layout::opNone;
+    free_.push_back(idx);
+    control_->size.store(capacity_ - std::uint32_t(free_.size()), std::memory_order_relaxed);
+    if (tombstones_ > (slotMask_ + 1) / 4) rebuildHashSlots();
+    control_->tombstones.store(tombstones_, std::memory_order_relaxed);
+    changeLogged(&k);
+    if (hook_) hook_(k);
+    return true;
+  }
+
+  // Ordered iteration. first: the smallest key. next: the first key greater
+  // than `after` (also when `after` was deleted meanwhile). lowerBound: the
+  // first key not less than `from`. Each returns false at the end and sets
+  // `hint` for the following step. key/rec are outputs; `after` may alias
+  // `key`.
+  bool first(K& key, R& rec, IterHint& hint) const { return seek(nullptr, false, key, rec, hint); }
+  bool next(K const& after, K& key, R& rec, IterHint& hint) const {
+    checkUsable(false);
+    if (hint.entry < capacity_) {
+      int r = stepFromHint(after, key, rec, hint);
+      if (r >= 0) return r == 1;
+    }
+    K const a = after;
+    return seek(&a, true, key, rec, hint);
+  }
+  bool next(K const& after, K& key, R& rec) const {
+    IterHint hint;
+    return next(after, key, rec, hint);
+  }
+  bool lowerBound(K const& from, K& key, R& rec, IterHint& hint) const {
+    K const f = from;
+    return seek(&f, false, key, rec, hint);
+  }
+
+  // Unordered iteration over entry positions: cheap, stable under deletes
+  // of other records. `pos` is the caller's cursor (start at 0).
+  bool unorderedNext(std::uint32_t& pos, K& key, R& rec) const {
+    checkUsable(false);
+    for (; pos < capacity_; ++pos) {
+      std::uint64_t stamp;
+      if (readEntry(pos, &key, &rec, stamp)) {
+        ++pos;
+        return true;
+      }
+    }
+    region_->checkTruncated();
+    return false;
+  }
+
+  bool printEntry(std::ostream& os, std::uint32_t entry) const override {
+    K k;
+    R r;
+    std::uint64_t stamp;
+    if (entry >= capacity_ || !readEntry(entry, &k, &r, stamp)) return false;
+    printValue(os, k);
+    os << " -> ";
+    printValue(os, r);
+    return true;
+  }
+
+  void hookIs(Hook hook) { hook_ = std::move(hook); }
+
+ protected:
+  void adopt() override;
+  void notifyKey(void const* key) override {
+    K k;
+    std::memcpy(static_cast<void*>(&k), key, sizeof(K));
+    if (following_) {
+      std::uint64_t stamp = 0;
+      if (lookup(k, nullptr, stamp)) seen_[k] = stamp;
+      else seen_.erase(k);
+    }
+    if (hook_) hook_(k);
+  }
+  void snapshotStart() override {
+    following_ = true;
+    seen_ = scan();
+  }
+  void snapshotStop() override {
+    following_ = false;
+    seen_.clear();
+  }
+  void resync() override {
+    std::map<K, std::uint64_t> now = scan();
+    std::vector<K> changed;
+    auto a = seen_.begin();
+    auto b = now.begin();
+    while (a != seen_.end() || b != now.end()) {
+      if (b == now.end() || (a != seen_.end() && a->first < b->first)) {
+        changed.push_back(a->first);
+        ++a;
+      } else if (a == seen_.end() || b->first < a->first) {
+        changed.push_back(b->first);
+        ++b;
+      } else {
+        if (a->second != b->second) changed.push_back(a->first);
+        ++a;
+        ++b;
+      }
+    }
+    seen_ = std::move(now);
+    if (hook_)
+      for (K const& k : changed) hook_(k);
+  }
+  std::uint64_t hashOfEntry(std::uint32_t i) const override {
+    K k;
+    std::memcpy(static_cast<void*>(&k), keyAt(i), sizeof(K));
+    return hash(k);
+  }
+
+ private:
+  static std::uint64_t hash(K const& k) { return KeyHash<K>()(k); }
+  static bool same(R const& a, R const& b) {
+    if constexpr (std::equality_comparable<R>) return a == b;
+    else return std::memcmp(&a, &b, sizeof(R)) == 0;
+  }
+  static bool equal(K const& a, K const& b) {
+    if constexpr (std::equality_comparable<K>) return a == b;
+    else return !(a < b) && !(b < a);
+  }
+  template <class T>
+  static void printValue(std::ostream& os, T const& v) {
+    if constexpr (requires { os << v; }) {
+      os << v;
+    } else {
+      static char const digits[] = "0123456789abcdef";
+      auto const* p = reinterpret_cast<unsigned char const*>(&v);
+      for (std::size_t i = 0; i < sizeof(T); ++i) os << digits[p[i] >> 4] << digits[p[i] & 15];
+    }
+  }
+
+  // Reader lookup; returns whether found, copies the record into `out`
+  // (when given) and its stamp.
+  bool lookup(K const& k, R* out, std::uint64_t& stamp) const {
+    checkUsable(false);
+    std::uint64_t const h = hash(k);
+    std::uint32_t const tag = std::uint32_t(h >> 32);
+    for (unsigned attempt = 0; attempt < kRetries; ++attempt) {
+      std::uint64_t const g = readBegin();
+      int r = lookupOnce(k, h, tag, out, stamp);
+      if (r >= 0 && readEnd(g)) {
+        region_->checkTruncated();
+        if (r == 0 && out) *out = R();
+        return r == 1;
+      }
+    }
+    retriesExhausted();
+  }
+  // 1 hit, 0 miss, -1 raced: retry.
+  int lookupOnce(K const& k, std::uint64_t h, std::uint32_t tag, R* out, std::uint64_t& stamp) const {
+    std::uint32_t pos = std::uint32_t(h) & slotMask_;
+    for (std::uint32_t n = 0; n <= slotMask_; ++n, pos = (pos + 1) & slotMask_) {
+      std::uint64_t const s = slots_[pos].load(std::memory_order_acquire);
+      std::uint32_t const lo = std::uint32_t(s);
+      if (lo == Layout::kSlotEmpty) return 0;
+      if (lo == Layout::kSlotTombstone || std::uint32_t(s >> 32) != tag) continue;
+      std::uint32_t const idx = lo - 1;
+      if (idx >= capacity_) slotFail(pos, s);
+      Layout::EntryHead const* e = head(idx);
+      std::uint32_t const l1 = stableL(idx);
+      K kk;
+      std::memcpy(static_cast<void*>(&kk), keyAt(idx), sizeof(K));
+      bool const live = e->live == 1;
+      std::atomic_thread_fence(std::memory_order_acquire);
+      if (e->lseq.load(std::memory_order_relaxed) != l1) return -1;
+      if (!live || !equal(kk, k)) continue;
+      std::uint32_t const d1 = stableD(idx);
+      if (out) std::memcpy(static_cast<void*>(out), recordAt(idx), sizeof(R));
+      stamp = e->stamp;
+      std::atomic_thread_fence(std::memory_order_acquire);
+      if (e->dseq.load(std::memory_order_relaxed) != d1 || e->lseq.load(std::memory_order_relaxed) != l1)
+        return -1;
+      return 1;
+    }
+    loopFail("hash probe");
+  }
+
+  // Reads entry i when live; false when dead. Retries races, bounded.
+  bool readEntry(std::uint32_t i, K* key, R* rec, std::uint64_t& stamp) const {
+    Layout::EntryHead const* e = head(i);
+    for (unsigned attempt = 0; attempt < kRetries; ++attempt) {
+      std::uint32_t const l1 = stableL(i);
+      if (e->live != 1) {
+        std::atomic_thread_fence(std::memory_order_acquire);
+        if (e->lseq.load(std::memory_order_relaxed) == l1) return false;
+        continue;
+      }
+      std::uint32_t const d1 = stableD(i);
+      if (key) std::memcpy(static_cast<void*>(key), keyAt(i), sizeof(K));
+      if (rec) std::memcpy(static_cast<void*>(rec), recordAt(i), sizeof(R));
+      stamp = e->stamp;
+      std::atomic_thread_fence(std::memory_order_acquire);
+      if (e->lseq.load(std::memory_order_relaxed) == l1 && e->dseq.load(std::memory_order_relaxed) == d1) {
+        region_->checkTruncated();
+        return true;
+      }
+    }
+    retriesExhausted();
+  }
+
+  // One step from the hint: 1 found, 0 end, -1 hint unusable.
+  int stepFromHint(K const& after, K& key, R& rec, IterHint& hint) const {
+    std::uint64_t const g = control_->structGen.load(std::memory_order_acquire);
+    if (g != hint.gen) return -1;
+    std::uint32_t const x = hint.entry;
+    Layout::EntryHead const* xh = head(x);
+    if (xh->lseq.load(std::memory_order_acquire) != hint.seq) return -1;
+    K xk;
+    std::memcpy(static_cast<void*>(&xk), keyAt(x), sizeof(K));
+    std::uint32_t const n = checkedLink(x, 0, xh->next[0].load(std::memory_order_acquire));
+    if (n == Layout::kNone) {
+      std::atomic_thread_fence(std::memory_order_acquire);
+      if (xh->lseq.load(std::memory_order_relaxed) != hint.seq || !equal(xk, after) || !readEnd(g)) return -1;
+      region_->checkTruncated();
+      return 0;
+    }
+    Layout::EntryHead const* nh = head(n);
+    std::uint32_t const l1 = nh->lseq.load(std::memory_order_acquire);
+    std::uint32_t const d1 = nh->dseq.load(std::memory_order_acquire);
+    if ((l1 | d1) & 1) return -1;
+    K nk;
+    std::memcpy(static_cast<void*>(&nk), keyAt(n), sizeof(K));
+    std::memcpy(static_cast<void*>(&rec), recordAt(n), sizeof(R));
+    bool const live = nh->live == 1;
+    std::atomic_thread_fence(std::memory_order_acquire);
+    if (nh->lseq.load(std::memory_order_relaxed) != l1 || nh->dseq.load(std::memory_order_relaxed) != d1 ||
+        xh->lseq.load(std::memory_order_relaxed) != hint.seq || !readEnd(g) || !live || !equal(xk, after))
+      return -1;
+    region_->checkTruncated();
+    key = nk;
+    hint.entry = n;
+    hint.seq = l1;
+    return 1;
+  }
+
+  // Searches from the top: the first key > *target (strict) or >= *target;
+  // the first key when target is null.
+  bool seek(K const* target, bool strict, K& key, R& rec, IterHint& hint) const {
+    checkUsable(false);
+    for (unsigned attempt = 0; attempt < kRetries; ++attempt) {
+      std::uint64_t const g = readBegin();
+      int r = seekOnce(target, strict, key, rec, hint);
+      if (r >= 0 && readEnd(g)) {
+        region_->checkTruncated();
+        hint.gen = g;
+        if (r == 0) hint.clear();
+        return r == 1;
+      }
+    }
+    retriesExhausted();
+  }
+  int seekOnce(K const* target, bool strict, K& key, R& rec, IterHint& hint) const {
+    std::uint32_t x = headEntry();
+    std::uint32_t xs = stableL(x);
+    std::uint32_t top = control_->topLevel.load(std::memory_order_acquire);
+    if (top == 0 || top > Layout::kMaxLevel) top = Layout::kMaxLevel;
+    std::uint64_t steps = 0;
+    std::uint64_t const bound = (std::uint64_t(capacity_) + 1) * Layout::kMaxLevel;
+    std::uint32_t cand = Layout::kNone, cs = 0;
+    K ck;
+    for (std::uint32_t l = top; l-- > 0;) {
+      for (;;) {
+        std::uint32_t const n = checkedLink(x, l, head(x)->next[l].load(std::memory_order_acquire));
+        if (n == Layout::kNone) break;
+        std::uint32_t const ns = stableL(n);
+        K nk;
+        std::memcpy(static_cast<void*>(&nk), keyAt(n), sizeof(K));
+        std::atomic_thread_fence(std::memory_order_acquire);
+        if (head(n)->lseq.load(std::memory_order_relaxed) != ns ||
+            head(x)->lseq.load(std::memory_order_relaxed) != xs)
+          return -1;
+        bool const advance = target && (strict ? !(*target < nk) : (nk < *target));
+        if (!advance) {
+          if (l == 0) {
+            cand = n;
+            cs = ns;
+            ck = nk;
+          }
+          break;
+        }
+        if (++steps > bound) loopFail("ordered search");
+        x = n;
+        xs = ns;
+      }
+    }
+    if (cand == Layout::kNone) return 0;
+    Layout::EntryHead const* c = head(cand);
+    std::uint32_t const d1 = stableD(cand);
+    std::memcpy(static_cast<void*>(&rec), recordAt(cand), sizeof(R));
+    bool const live = c->live == 1;
+    std::atomic_thread_fence(std::memory_order_acquire);
+    if (c->dseq.load(std::memory_order_relaxed) != d1 || c->lseq.load(std::memory_order_relaxed) != cs ||
+        head(x)->lseq.load(std::memory_order_relaxed) != xs)
+      return -1;
+    if (!live) fail("entry " + std::to_string(cand) + " is linked but not live");
+    key = ck;
+    hint.entry = cand;
+    hint.seq = cs;
+    return 1;
+  }
+
+  // Writer: the entry holding k (or kNone), its slot, and where an insert
+  // would go (the first tombstone or the empty slot that ended the probe).
+  std::uint32_t writerFind(K const& k, std::uint64_t h, std::uint32_t& pos, std::uint32_t& ins) const {
+    std::uint32_t const tag = std::uint32_t(h >> 32);
+    std::uint32_t p = std::uint32_t(h) & slotMask_;
+    ins = Layout::kNone;
+    for (std::uint32_t n = 0; n <= slotMask_; ++n, p = (p + 1) & slotMask_) {
+      std::uint64_t const s = slots_[p].load(std::memory_order_relaxed);
+      std::uint32_t const lo = std::uint32_t(s);
+      if (lo == Layout::kSlotEmpty) {
+        if (ins == Layout::kNone) ins = p;
+        return Layout::kNone;
+      }
+      if (lo == Layout::kSlotTombstone) {
+        if (ins == Layout::kNone) ins = p;
+        continue;
+      }
+      if (std::uint32_t(s >> 32) != tag) continue;
+      std::uint32_t const idx = lo - 1;
+      if (idx >= capacity_) slotFail(p, s);
+      K kk;
+      std::memcpy(static_cast<void*>(&kk), keyAt(idx), sizeof(K));
+      if (head(idx)->live == 1 && equal(kk, k)) {
+        pos = p;
+        return idx;
+      }
+    }
+    if (ins != Layout::kNone) return Layout::kNone;
+    loopFail("hash probe");
+  }
+
+  // Writer: the last node before k at every level.
+  void findPreds(K const& k, std::uint32_t* preds) const {
+    std::uint32_t x = headEntry();
+    std::uint64_t steps = 0;
+    std::uint64_t const bound = (std::uint64_t(capacity_) + 1) * Layout::kMaxLevel;
+    for (std::uint32_t l = Layout::kMaxLevel; l-- > 0;) {
+      if (l >= topLevel_) {
+        preds[l] = x;
+        continue;
+      }
+      for (;;) {
+        std::uint32_t const n = checkedLink(x, l, head(x)->next[l].load(std::memory_order_relaxed));
+        if (n == Layout::kNone) break;
+        K nk;
+        std::memcpy(static_cast<void*>(&nk), keyAt(n), sizeof(K));
+        if (!(nk < k)) break;
+        if (++steps > bound) loopFail("ordered search");
+        x = n;
+      }
+      preds[l] = x;
+    }
+  }
+
+  std::map<K, std::uint64_t> scan() const {
+    std::map<K, std::uint64_t> out;
+    for (std::uint32_t i = 0; i < capacity_; ++i) {
+      K k;
+      std::uint64_t stamp;
+      if (readEntry(i, &k, nullptr, stamp)) out[k] = stamp;
+    }
+    return out;
+  }
+
+  Hook hook_;
+  bool following_ = false;
+  std::map<K, std::uint64_t> seen_;
+};
+
+// A new writer takes over the records of the file: records whose write was
+// cut short by a crash are dropped (and announced as changed), the skip list
+// and the hash slots are rebuilt from the surviving entries, and the free
+// list is recovered. Readers wait (within bounds) while structGen is odd.
+template <class K, class R, auto KeyOf>
+void Table<K, R, KeyOf>::adopt() {
+  genBegin();
+  std::vector<std::uint32_t> keep;
+  std::vector<K> dropped;
+  for (std::uint32_t i = 0; i < capacity_; ++i) {
+    Layout::EntryHead* e = head(i);
+    std::uint32_t const l = e->lseq.load(std::memory_order_relaxed);
+    std::uint32_t const d = e->dseq.load(std::memory_order_relaxed);
+    bool const lodd = l & 1, dodd = d & 1;
+    if (lodd) e->lseq.store(l + 1, std::memory_order_relaxed);
+    if (dodd) e->dseq.store(d + 1, std::memory_order_relaxed);
+    if (e->live != 1) {
+      e->live = 0;
+      continue;
+    }
+    bool const intact = !dodd && (!lodd || e->op == Layout::opLink) && e->level >= 1 &&
+                        e->level <= Layout::kMaxLevel;
+    e->op = Layout::opNone;
+    if (!intact) {
+      K k;
+      std::memcpy(static_cast<void*>(&k), keyAt(i), sizeof(K));
+      dropped.push_back(k);
+      writeBegin(e->lseq);
+      e->live = 0;
+      writeEnd(e->lseq);
+      continue;
+    }
+    keep.push_back(i);
+  }
+  auto keyOfEntry = [this](std::uint32_t i) {
+    K k;
+    std::memcpy(static_cast<void*>(&k), keyAt(i), sizeof(K));
+    return k;
+  };
+  std::sort(keep.begin(), keep.end(),
+            [&](std::uint32_t a, std::uint32_t b) { return keyOfEntry(a) < keyOfEntry(b); });
+  // Two live entries with one key cannot come from a crash; keep the newer.
+  std::vector<std::uint32_t> unique;
+  for (std::uint32_t i : keep) {
+    if (!unique.empty() && equal(keyOfEntry(unique.back()), keyOfEntry(i))) {
+      std::uint32_t& prev = unique.back();
+      std::uint32_t const loser = head(prev)->stamp >= head(i)->stamp ? i : prev;
+      prev = loser == i ? prev : i;
+      writeBegin(head(loser)->lseq);
+      head(loser)->live = 0;
+      writeEnd(head(loser)->lseq);
+      continue;
+    }
+    unique.push_back(i);
+  }
+  std::uint32_t last[Layout::kMaxLevel];
+  Layout::EntryHead* hh = head(headEntry());
+  writeBegin(hh->lseq);
+  for (std::uint32_t l = 0; l < Layout::kMaxLevel; ++l) {
+    last[l] = headEntry();
+    hh->next[l].store(Layout::kNone, std::memory_order_relaxed);
+  }
+  hh->live = 0;
+  hh->level = Layout::kMaxLevel;
+  writeEnd(hh->lseq);
+  topLevel_ = 1;
+  for (std::uint32_t i : unique) {
+    Layout::EntryHead* e = head(i);
+    writeBegin(e->lseq);
+    for (std::uint32_t l = 0; l < Layout::kMaxLevel; ++l) e->next[l].store(Layout::kNone, std::memory_order_relaxed);
+    writeEnd(e->lseq);
+    for (std::uint32_t l = 0; l < e->level; ++l) {
+      Layout::EntryHead* p = head(last[l]);
+      writeBegin(p->lseq);
+      p->next[l].store(i, std::memory_order_relaxed);
+      writeEnd(p->lseq);
+      last[l] = i;
+    }
+    topLevel_ = std::max<std::uint32_t>(topLevel_, e->level);
+  }
+  control_->topLevel.store(topLevel_, std::memory_order_relaxed);
+  free_.clear();
+  std::vector<bool> used(capacity_, false);
+  for (std::uint32_t i : unique) used[i] = true;
+  for (std::uint32_t i = capacity_; i-- > 0;)
+    if (!used[i]) free_.push_back(i);
+  control_->size.store(std::uint32_t(unique.size()), std::memory_order_relaxed);
+  rebuildHashSlots();
+  genEnd();
+  for (K const& k : dropped) {
+    changeLogged(&k);
+    if (hook_) hook_(k);
+  }
+}
+
+}  // namespace Vorn
+
+// Declares table `name` of a status class: the member, the typed accessors
+// name(key) (the record or Record()), nameIs(record), nameDel(key),
+// nameTable() (ordered and unordered iteration, size, corruptionDetected),
+// and the hook NotifieeConst::onName(key) fired on every change.
+#define VORN_TABLE(StatusClass, name, Name, KeyType, RecordType, keyOfRecord, defaultCapacity)          \
+ public:                                                                                                 \
+  using Name##Table = ::Vorn::Table<KeyType, RecordType, keyOfRecord>;                                   \
+  RecordType name(KeyType const& k) const { return name##_.find(k); }                                    \
+  bool name##Is(RecordType const& r) { return name##_.is(r); }                                           \
+  bool name##Del(KeyType const& k) { return name##_.del(k); }                                            \
+  Name##Table& name##Table() { return name##_; }                                                         \
+  Name##Table const& name##Table() const { return name##_; }                                             \
+                                                                                                         \
+ private:                                                                                                \
+  Name##Table name##_{this, #name, defaultCapacity,                                                      \
+                      [this](KeyType const& k) { this->notify(&StatusClass::NotifieeConst::on##Name, k); }}; \
+                                                                                                         \
+ public:
