@@ -32,6 +32,7 @@
 #include <functional>
 #include <map>
 #include <string_view>
+#include <utility>
 
 #include "Kiv/Entity.h"
 #include "Kiv/Name.h"

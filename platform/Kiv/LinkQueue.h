@@ -20,11 +20,13 @@
 // leaves the queue as it was. Dequeuing the head frees its number again.
 //
 // entryIs(index, payload) places an entry by number: it replaces the payload
-// of the entry that has the number, or inserts a new one where its number
-// belongs. Every number other than the head's lies after the head, so a number
-// past the tail is appended; it then becomes the tail and the next sequence
-// number moves past it (it never moves back). On an empty queue the placed
-// number starts the run afresh: the next number becomes index + 1.
+// of the entry that has the number (a payload equal to the one held changes
+// nothing), or inserts a new one where its number belongs. Every number other
+// than the head's lies after the head, so a number past the tail, or one just
+// below the head's (9 when the head is 10), is appended; it then becomes the
+// tail and the next sequence number moves past it (it never moves back). On
+// an empty queue the placed number starts the run afresh: the next number
+// becomes index + 1. Payloads must be movable; entryIs also move-assigns.
 //
 // metadata() is the queue's bookkeeping as one value compared by ==: the
 // head's number (the next number when the queue is empty), the next number,
@@ -34,8 +36,8 @@
 // Costs: enq, deq, head and tail are O(1) and allocate nothing once the node
 // pool has grown to the queue's largest size; nodes are recycled and go back
 // to the system only with the queue. entry(index), entryIs and entryDel walk
-// the list, O(n), except for the head and numbers past the tail, which are
-// O(1); they serve reflective access, not the hot path.
+// the list, O(n), except for the head, the tail (lookup) and numbers past
+// the tail, which are O(1); they serve reflective access, not the hot path.
 #pragma once
 
 #include <algorithm>
@@ -165,6 +167,7 @@ class LinkQueue {
     Index const h = head_->entry.index;
     Index const d = index - h;
     if (d > tail_->entry.index - h) return nullptr;
+    if (index == tail_->entry.index) return &tail_->entry;
     Node const* n = head_;
     while (n->entry.index - h < d) n = n->next;
     return n->entry.index == index ? &n->entry : nullptr;
