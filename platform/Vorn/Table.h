@@ -428,9 +428,15 @@ class Table : public TableBase {
     K k;
     std::memcpy(static_cast<void*>(&k), key, sizeof(K));
     if (following_) {
-      std::uint64_t stamp = 0;
-      if (lookup(k, nullptr, stamp)) seen_[k] = stamp;
-      else seen_.erase(k);
+      try {
+        std::uint64_t stamp = 0;
+        if (lookup(k, nullptr, stamp)) seen_[k] = stamp;
+        else seen_.erase(k);
+      } catch (Pelto::CorruptionDetectedException const& e) {
+        // Forget it: the next resync announces it again if it differs.
+        seen_.erase(k);
+        corruptionDetected(e.what());
+      }
     }
     if (hook_) hook_(k);
   }
@@ -589,6 +595,7 @@ class Table : public TableBase {
         xh->lseq.load(std::memory_order_relaxed) != hint.seq || !readEnd(g) || !live || !equal(xk, after))
       return -1;
     region_->checkTruncated();
+    if (!(after < nk)) fail("entry " + std::to_string(x) + " links to entry " + std::to_string(n) + ", whose key is not after its own");
     key = nk;
     hint.entry = n;
     hint.seq = l1;
@@ -720,7 +727,12 @@ class Table : public TableBase {
     for (std::uint32_t i = 0; i < capacity_; ++i) {
       K k;
       std::uint64_t stamp;
-      if (readEntry(i, &k, nullptr, stamp)) out[k] = stamp;
+      try {
+        if (readEntry(i, &k, nullptr, stamp)) out[k] = stamp;
+      } catch (Pelto::CorruptionDetectedException const& e) {
+        corruptionDetected(e.what());
+        if (region_->truncated()) break;
+      }
     }
     return out;
   }
