@@ -21,15 +21,20 @@ class PrivateRoot {
     path_ = "/dev/shm/vorn-test-" + std::to_string(getpid()) + "-" + std::to_string(rd());
     ::mkdir(path_.c_str(), 0700);
   }
-  ~PrivateRoot() {
-    if (DIR* d = ::opendir(path_.c_str())) {
+  ~PrivateRoot() { removeAll(path_); }
+  static void removeAll(std::string const& dir) {
+    if (DIR* d = ::opendir(dir.c_str())) {
       while (dirent* e = ::readdir(d)) {
         std::string n = e->d_name;
-        if (n != "." && n != "..") ::unlink((path_ + "/" + n).c_str());
+        if (n == "." || n == "..") continue;
+        std::string const p = dir + "/" + n;
+        struct stat st;
+        if (::lstat(p.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) removeAll(p);
+        else ::unlink(p.c_str());
       }
       ::closedir(d);
     }
-    ::rmdir(path_.c_str());
+    ::rmdir(dir.c_str());
   }
   std::string const& path() const { return path_; }
   std::string file(std::string const& name) const { return path_ + "/" + name; }
