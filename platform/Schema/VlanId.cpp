@@ -27,7 +27,9 @@ std::uint64_t VlanId::hash() const {
   return h.result();
 }
 
-VlanId VlanId::fromStrep(std::string_view text) { return VlanId(Kiv::valueFromStrep<std::uint64_t>(text)); }
+VlanId VlanId::fromStrep(std::string_view text) {
+  return VlanId(Kiv::valueFromStrep<std::uint64_t>(text));
+}
 
 VlanId VlanIdOrNone::vlanId() const {
   KIV_ASSERT(hasValue());

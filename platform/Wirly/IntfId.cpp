@@ -81,11 +81,13 @@ std::uint64_t encode(std::string_view name) {
 
   std::uint64_t value = std::uint64_t(kind->code) << kindShift;
   unsigned count = 0;
-  std::string_view rest = digitsAt == std::string_view::npos ? std::string_view() : name.substr(digitsAt);
+  std::string_view rest =
+      digitsAt == std::string_view::npos ? std::string_view() : name.substr(digitsAt);
   while (!rest.empty()) {
     std::size_t slash = rest.find('/');
     std::string_view digits = rest.substr(0, slash);
-    bool allDigits = !digits.empty() && digits.find_first_not_of("0123456789") == std::string_view::npos;
+    bool allDigits =
+        !digits.empty() && digits.find_first_not_of("0123456789") == std::string_view::npos;
     if (!allDigits || (digits.size() > 1 && digits[0] == '0') ||
         (slash != std::string_view::npos && slash + 1 == rest.size())) {
       notAName(name, "is not an interface name");

@@ -30,7 +30,8 @@ IpGenAddr::IpGenAddr(std::string_view text) {
     }
   }
   std::memset(addr_, 0, sizeof addr_);
-  throw Kiv::ParseException("IpGenAddr: '" + std::string(text) + "' is not an IPv4 or IPv6 address");
+  throw Kiv::ParseException("IpGenAddr: '" + std::string(text) +
+                            "' is not an IPv4 or IPv6 address");
 }
 
 IpGenAddr::IpGenAddr(in_addr a) : af_(ipv4) { std::memcpy(addr_, &a, 4); }

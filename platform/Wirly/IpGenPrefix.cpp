@@ -47,7 +47,8 @@ IpGenPrefix::IpGenPrefix(IpGenAddr const& addr) {
 
 IpGenPrefix::IpGenPrefix(std::string_view text) {
   std::size_t slash = text.find('/');
-  std::string_view digits = slash == std::string_view::npos ? std::string_view() : text.substr(slash + 1);
+  std::string_view digits =
+      slash == std::string_view::npos ? std::string_view() : text.substr(slash + 1);
   IpGenAddr addr;
   unsigned len = 0;
   bool ok = true;
@@ -64,7 +65,8 @@ IpGenPrefix::IpGenPrefix(std::string_view text) {
          res.ec == std::errc() && res.ptr == digits.data() + digits.size();
   }
   if (!ok) {
-    throw Kiv::ParseException("IpGenPrefix: '" + std::string(text) + "' is not an IPv4 or IPv6 prefix");
+    throw Kiv::ParseException("IpGenPrefix: '" + std::string(text) +
+                              "' is not an IPv4 or IPv6 prefix");
   }
   if (len > 8 * addr.byteLength()) tooLong(len, addr, text);
   addr_ = addr.masked(len);

@@ -15,8 +15,7 @@ NamespaceName::NamespaceName(std::string_view name) {
   // The name becomes a path component under /run/netns.
   if (name.find_first_of(std::string_view("/\0", 2)) != std::string_view::npos || name == "." ||
       name == "..") {
-    throw Kiv::RangeException("NamespaceName: '" + std::string(name) +
-                              "' is not a namespace name");
+    throw Kiv::RangeException("NamespaceName: '" + std::string(name) + "' is not a namespace name");
   }
   name_ = name;
 }

@@ -1,5 +1,3 @@
-#include "Schema/VlanId.h"
-
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -9,6 +7,7 @@
 
 #include "Kiv/Exception.h"
 #include "Kiv/ValueText.h"
+#include "Schema/VlanId.h"
 
 namespace {
 

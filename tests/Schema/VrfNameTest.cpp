@@ -1,5 +1,3 @@
-#include "Schema/VrfName.h"
-
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -8,6 +6,7 @@
 
 #include "Kiv/Exception.h"
 #include "Kiv/ValueText.h"
+#include "Schema/VrfName.h"
 
 namespace {
 
@@ -63,7 +62,8 @@ TEST(VrfNameTest, PrintsAndHasTextForm) {
   EXPECT_EQ(os.str(), "red");
   EXPECT_EQ(Kiv::valueToStrep(VrfName("it's")), "'it\\'s'");
   EXPECT_EQ(Kiv::valueFromStrep<VrfName>("'it\\'s'"), VrfName("it's"));
-  EXPECT_THROW(Kiv::valueFromStrep<VrfName>("'" + std::string(101, 'x') + "'"), Kiv::RangeException);
+  EXPECT_THROW(Kiv::valueFromStrep<VrfName>("'" + std::string(101, 'x') + "'"),
+               Kiv::RangeException);
   EXPECT_THROW(Kiv::valueFromStrep<VrfName>("red"), Kiv::ParseException);
 }
 
