@@ -395,7 +395,6 @@ std::unique_ptr<Region> Region::writerIs(std::string const& path, std::string_vi
       r->validate(typeName, &shapes);
       r->checkTruncated();
       r->adopted_ = true;
-      r->logHead_ = r->header_->logHead.load(std::memory_order_acquire);
       r->header_->writerPid.store(static_cast<std::uint32_t>(getpid()), std::memory_order_release);
       r->header_->writerEpoch.fetch_add(1, std::memory_order_acq_rel);
       return r;
@@ -481,7 +480,9 @@ std::uint64_t Region::waitEven64(std::atomic<std::uint64_t> const& seq, std::str
 }
 
 std::uint64_t Region::logChange(std::uint32_t table, void const* key, std::uint32_t keySize) {
-  std::uint64_t const p = logHead_;
+  // The shared head, not a private copy: a process that inherits the
+  // writer across fork() may write too, one at a time.
+  std::uint64_t const p = header_->logHead.load(std::memory_order_relaxed);
   unsigned char* e = log_ + (p & (logCapacity_ - 1)) * logEntrySize_;
   auto* lh = reinterpret_cast<Layout::LogHead*>(e);
   lh->seq.store(2 * p + 1, std::memory_order_relaxed);
@@ -490,7 +491,6 @@ std::uint64_t Region::logChange(std::uint32_t table, void const* key, std::uint3
   lh->keySize = keySize;
   std::memcpy(e + sizeof(Layout::LogHead), key, std::min(keySize, maxKeySize_));
   lh->seq.store(2 * p + 2, std::memory_order_release);
-  logHead_ = p + 1;
   // Sequentially consistent store then load, against the reader's arm
   // (fetch_or) then logHead load: one of the two sees the other.
   header_->logHead.store(p + 1, std::memory_order_seq_cst);

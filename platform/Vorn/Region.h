@@ -120,7 +120,7 @@ class Region {
   // change's log position + 1 (the record's stamp).
   std::uint64_t logChange(std::uint32_t table, void const* key, std::uint32_t keySize);
   // The stamp the next change will get.
-  std::uint64_t nextStamp() const { return logHead_ + 1; }
+  std::uint64_t nextStamp() const { return header_->logHead.load(std::memory_order_relaxed) + 1; }
   std::uint64_t logHead() const { return header_->logHead.load(std::memory_order_acquire); }
 
   // Reader: reads the change at `position` into table/key (key buffer of at
@@ -162,7 +162,6 @@ class Region {
   std::uint32_t logEntrySize_ = 0;
   std::uint32_t maxKeySize_ = 0;
   unsigned char* log_ = nullptr;
-  std::uint64_t logHead_ = 0;  // writer's own copy
   std::atomic<bool>* truncated_ = nullptr;
   int guardSlot_ = -1;
   // Reader doorbell.
