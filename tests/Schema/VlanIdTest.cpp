@@ -1,3 +1,5 @@
+#include "Schema/VlanId.h"
+
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -7,7 +9,6 @@
 
 #include "Kiv/Exception.h"
 #include "Kiv/ValueText.h"
-#include "Schema/VlanId.h"
 
 namespace {
 

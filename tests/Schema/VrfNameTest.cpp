@@ -1,12 +1,12 @@
+#include "Schema/VrfName.h"
+
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <sstream>
 #include <unordered_map>
 
 #include "Kiv/Exception.h"
 #include "Kiv/ValueText.h"
-#include "Schema/VrfName.h"
 
 namespace {
 
@@ -44,16 +44,6 @@ TEST(VrfNameTest, EqualityOrderAndHashSeeOnlyTheName) {
   std::unordered_map<VrfName, int> m{{"red", 1}, {"blue", 2}, {VrfName::defaultVrf(), 3}};
   EXPECT_EQ(m.at(std::string("blue")), 2);
   EXPECT_EQ(m.at("default"), 3);
-}
-
-TEST(VrfNameTest, SurvivesAByteCopy) {
-  VrfName src("mgmt");
-  alignas(VrfName) unsigned char buf[sizeof(VrfName)];
-  std::memcpy(buf, &src, sizeof src);
-  VrfName dst;
-  std::memcpy(&dst, buf, sizeof dst);
-  EXPECT_EQ(dst, src);
-  EXPECT_EQ(dst.hash(), src.hash());
 }
 
 TEST(VrfNameTest, PrintsAndHasTextForm) {

@@ -1,3 +1,5 @@
+#include "Wirly/IpGenAddr.h"
+
 #include <gtest/gtest.h>
 
 #include <sstream>
@@ -5,7 +7,6 @@
 
 #include "Kiv/Exception.h"
 #include "Kiv/ValueText.h"
-#include "Wirly/IpGenAddr.h"
 
 namespace {
 

@@ -1,3 +1,5 @@
+#include "Wirly/IpGenPrefix.h"
+
 #include <gtest/gtest.h>
 
 #include <set>
@@ -6,7 +8,6 @@
 
 #include "Kiv/Exception.h"
 #include "Kiv/ValueText.h"
-#include "Wirly/IpGenPrefix.h"
 
 namespace {
 

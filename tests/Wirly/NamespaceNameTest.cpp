@@ -1,10 +1,11 @@
+#include "Wirly/NamespaceName.h"
+
 #include <gtest/gtest.h>
 
 #include <unordered_set>
 
 #include "Kiv/Exception.h"
 #include "Kiv/ValueText.h"
-#include "Wirly/NamespaceName.h"
 
 namespace {
 
