@@ -47,6 +47,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <bit>
 #include <cstdint>
 #include <cstring>
 #include <functional>
@@ -80,7 +81,11 @@ template <class K>
 struct KeyHash {
   std::uint64_t operator()(K const& k) const {
     if constexpr (requires { k.hash(); }) {
-      return Kiv::HashAccumulator::fmix(static_cast<std::uint64_t>(k.hash()) ^ 0x2545f4914f6cdd1dull);
+      // The key's own hash is trusted to mix; one multiply spreads a weak
+      // one over the high bits that become the slot tag.
+      std::uint64_t h = static_cast<std::uint64_t>(k.hash());
+      h ^= h >> 29;
+      return h * 0xbf58476d1ce4e5b9ull;
     } else if constexpr (std::is_integral_v<K> || std::is_enum_v<K>) {
       return Kiv::HashAccumulator::fmix(static_cast<std::uint64_t>(k) ^ 0x2545f4914f6cdd1dull);
     } else {
@@ -249,10 +254,14 @@ class Table : public TableBase {
 
   // The record under `k`, or R() when there is none.
   R find(K const& k) const {
-    R out{};
+    // Raw storage: a hit is copied once more into the result, which costs
+    // less than constructing a default record first.
+    struct Raw {
+      alignas(R) unsigned char bytes[sizeof(R)];
+    } buf;
     std::uint64_t stamp;
-    lookup(k, &out, stamp);
-    return out;
+    if (!lookup(k, reinterpret_cast<R*>(buf.bytes), stamp)) return R();
+    return std::bit_cast<R>(buf);
   }
   R operator()(K const& k) const { return find(k); }
   bool contains(K const& k) const {
@@ -508,7 +517,6 @@ class Table : public TableBase {
       int r = lookupOnce(k, h, tag, out, stamp);
       if (r >= 0 && readEnd(g)) {
         region_->checkTruncated();
-        if (r == 0 && out) *out = R();
         return r == 1;
       }
     }
