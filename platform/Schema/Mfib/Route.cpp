@@ -1,0 +1,99 @@
+#include "Schema/Mfib/Route.h"
+
+#include <bit>
+#include <sstream>
+
+#include "Kiv/Exception.h"
+#include "Kiv/ValueText.h"
+
+namespace Vorn::Multicast::Fib {
+
+static_assert(std::is_trivially_copyable_v<Route>);
+static_assert(sizeof(IpGenRouteKey) == 36, "the route key's layout is shared by every process");
+
+void Route::oifIs(OifIndex i, bool member) {
+  if (i.isEnd()) throw Kiv::RangeException("OifIndex " + std::to_string(i.value()) + " outside 0..511");
+  std::uint64_t const bit = std::uint64_t(1) << (i.value() % 64);
+  if (member) {
+    oifs_[i.value() / 64] |= bit;
+    if (lastOif_.isEnd() || lastOif_ < i) lastOif_ = i;
+  } else {
+    oifs_[i.value() / 64] &= ~bit;
+    if (lastOif_ == i) {
+      lastOif_ = OifIndex::end();
+      for (unsigned w = 8; w-- > 0;) {
+        if (oifs_[w]) {
+          lastOif_ = OifIndex(static_cast<std::uint16_t>(w * 64 + 63 - std::countl_zero(oifs_[w])));
+          break;
+        }
+      }
+    }
+  }
+}
+
+void Route::oifDelAll() {
+  for (auto& w : oifs_) w = 0;
+  lastOif_ = OifIndex::end();
+}
+
+std::uint32_t Route::oifs() const {
+  std::uint32_t n = 0;
+  for (auto w : oifs_) n += static_cast<std::uint32_t>(std::popcount(w));
+  return n;
+}
+
+OifIndex Route::nextMember(unsigned from) const {
+  if (from >= OifIndex::endValue) return OifIndex::end();
+  unsigned w = from / 64;
+  std::uint64_t bits = oifs_[w] & (~std::uint64_t(0) << (from % 64));
+  for (;;) {
+    if (bits) return OifIndex(static_cast<std::uint16_t>(w * 64 + std::countr_zero(bits)));
+    if (++w == 8) return OifIndex::end();
+    bits = oifs_[w];
+  }
+}
+
+std::ostream& operator<<(std::ostream& os, OifIndexIntf const& e) {
+  return os << "oifIndex " << e.oifIndex() << " intf " << e.intfId();
+}
+
+namespace {
+std::string oifText(Route const& r) {
+  std::ostringstream os;
+  os << "{";
+  char const* sep = "";
+  for (OifIndex i = r.firstOif(); !i.isEnd(); i = r.nextOif(i)) {
+    os << sep << i;
+    sep = ", ";
+  }
+  os << "}";
+  return os.str();
+}
+}  // namespace
+
+std::string Route::valueToStrep() const {
+  Kiv::ValueWriter w("Vorn::Multicast::Fib::Route");
+  w.fieldRaw("key", key_.valueToStrep())
+      .fieldRaw("specialIntf1", specialIntf1_.valueToStrep())
+      .fieldRaw("specialIntf2", specialIntf2_.valueToStrep())
+      .fieldRaw("specialIntf3", specialIntf3_.valueToStrep())
+      .fieldRaw("specialIntf4", specialIntf4_.valueToStrep())
+      .field("flags", flags_)
+      .field("priority", unsigned(priority_.value()))
+      .field("version", version_)
+      .field("rpaIndex", rpaIndex_.value())
+      .field("oif", oifText(*this));
+  return w.str();
+}
+
+std::ostream& operator<<(std::ostream& os, Route const& r) {
+  os << r.key() << " priority " << r.priority() << " version " << r.version();
+  if (r.specialIntf1() != Wirly::IntfId()) os << " intf1 " << r.specialIntf1();
+  if (r.specialIntf2() != Wirly::IntfId()) os << " intf2 " << r.specialIntf2();
+  if (r.specialIntf3() != Wirly::IntfId()) os << " intf3 " << r.specialIntf3();
+  if (r.specialIntf4() != Wirly::IntfId()) os << " intf4 " << r.specialIntf4();
+  if (r.flags()) os << " flags 0x" << std::hex << r.flags() << std::dec;
+  return os << " oif " << oifText(r);
+}
+
+}  // namespace Vorn::Multicast::Fib
