@@ -1,0 +1,438 @@
+// The writer's slow path: making the file, registering call sites, handing
+// out rings, refreshing the clock reading. Everything here runs at most once
+// per call site, per thread or per second; the per-record path is inline in
+// Brisklog.h.
+#include "Brisklog/Brisklog.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <mutex>
+#include <new>
+#include <string>
+
+namespace Brisklog {
+namespace detail {
+
+thread_local constinit ThreadSlot tSlot __attribute__((tls_model("initial-exec"))) = {};
+
+// Never a real generation, so neither a fresh thread slot (0) nor a fresh
+// call site (0) matches while no file is open.
+constexpr std::uint32_t kClosed = 0xffffffffu;
+std::atomic<std::uint32_t> gGeneration{kClosed};
+
+}  // namespace detail
+
+namespace {
+
+using detail::gGeneration;
+using detail::kClosed;
+using detail::tSlot;
+
+std::atomic<bool> gOff{false};
+std::atomic<FileHeader*> gHeader{nullptr};
+std::atomic<std::uint64_t> gTicksPerSecond{0};
+
+struct State {
+  std::mutex mutex;
+  Config config;
+  bool configured = false;
+  bool atforkDone = false;
+  std::uint32_t nextGeneration = 1;
+  std::uint32_t generation = 0;  // of the open file, 0 when none
+  char* base = nullptr;
+  std::size_t bytes = 0;
+  std::string path;
+};
+
+// Leaked on purpose: static destructors of other objects may still write.
+State& state() {
+  static State* s = new State;
+  return *s;
+}
+
+std::uint32_t envNumber(char const* name, std::uint32_t fallback) {
+  char const* v = std::getenv(name);
+  if (!v || !*v) return fallback;
+  char* end = nullptr;
+  unsigned long n = std::strtoul(v, &end, 10);
+  return (end && *end == '\0' && n > 0 && n <= 0xffffffffu) ? std::uint32_t(n) : fallback;
+}
+
+Config configFromEnv() {
+  Config c;
+  if (char const* d = std::getenv("BRISKLOG_DIR")) c.dir = d;
+  std::uint32_t kb = envNumber("BRISKLOG_RING_KB", 0);
+  if (kb) c.ringBytes = kb >= (kMaxRingBytes >> 10) ? kMaxRingBytes : kb << 10;
+  c.ringCount = envNumber("BRISKLOG_RINGS", c.ringCount);
+  if (char const* clk = std::getenv("BRISKLOG_CLOCK")) c.useTsc = std::string(clk) != "monotonic";
+  if (char const* on = std::getenv("BRISKLOG")) {
+    std::string v(on);
+    c.enabled = !(v == "off" || v == "0" || v == "no");
+  }
+  return c;
+}
+
+std::uint32_t roundUpPow2(std::uint32_t v) {
+  std::uint32_t p = kMinRingBytes;
+  while (p < v && p < kMaxRingBytes) p <<= 1;
+  return p;
+}
+
+std::string processName() {
+  std::string name;
+  std::ifstream comm("/proc/self/comm");
+  std::getline(comm, name);
+  if (name.empty()) name = program_invocation_short_name;
+  for (char& ch : name) {
+    bool ok = (ch >= 'a' && ch <= 'z') || (ch >= 'A' && ch <= 'Z') || (ch >= '0' && ch <= '9') ||
+              ch == '.' || ch == '_' || ch == '-';
+    if (!ok) ch = '_';
+  }
+  return name.empty() ? "process" : name;
+}
+
+// The TSC is usable as a clock only if it runs at a constant rate through
+// frequency changes and sleep states; the kernel says so in the CPU flags.
+bool tscInvariant() {
+#if defined(__x86_64__) || defined(__i386__)
+  static bool const invariant = [] {
+    std::ifstream info("/proc/cpuinfo");
+    std::string line;
+    while (std::getline(info, line)) {
+      if (line.rfind("flags", 0) == 0) {
+        line += ' ';
+        return line.find(" constant_tsc ") != std::string::npos &&
+               line.find(" nonstop_tsc ") != std::string::npos;
+      }
+    }
+    return false;
+  }();
+  return invariant;
+#else
+  return false;
+#endif
+}
+
+std::int64_t clockNs(clockid_t id) {
+  timespec ts;
+  clock_gettime(id, &ts);
+  return std::int64_t(ts.tv_sec) * 1000000000 + ts.tv_nsec;
+}
+
+ClockSync readClocks() {
+  ClockSync s;
+  s.monoNs = clockNs(CLOCK_MONOTONIC);
+  s.ticks = detail::ticks(tSlot);
+  s.realNs = clockNs(CLOCK_REALTIME);
+  return s;
+}
+
+void fail(State& s, char const* call, std::string const& what, int err) {
+  std::fprintf(stderr, "brisklog: %s %s: %s; trace records are off\n", call, what.c_str(),
+               std::strerror(err));
+  gOff.store(true);
+  (void)s;
+}
+
+void unmapLocked(State& s) {
+  if (s.base) munmap(s.base, s.bytes);
+  s.base = nullptr;
+  s.bytes = 0;
+  s.generation = 0;
+  s.path.clear();
+  gHeader.store(nullptr);
+  gGeneration.store(kClosed);
+}
+
+// The child of a fork must not write into its parent's file; it makes its own
+// on its first record. Only the forking thread exists in the child.
+void afterForkInChild() {
+  State& s = state();
+  new (&s.mutex) std::mutex;
+  unmapLocked(s);
+}
+
+bool openLocked(State& s) {
+  if (s.generation != 0) return true;
+  if (gOff.load()) return false;
+  Config c = s.configured ? s.config : configFromEnv();
+  if (!c.enabled) {
+    gOff.store(true);
+    return false;
+  }
+  std::uint32_t ringBytes = roundUpPow2(c.ringBytes);
+  std::uint32_t ringCount = std::clamp<std::uint32_t>(c.ringCount, 1, kMaxRings);
+  std::uint32_t descBytes =
+      (std::clamp<std::uint32_t>(c.descriptorBytes, 4096, kMaxDescriptorBytes) + 7) & ~7u;
+  std::uint32_t maxRecord = std::min<std::uint32_t>(ringBytes / 4, 65528) & ~7u;
+  std::uint32_t maxString = std::min<std::uint32_t>(
+      {c.maxStringBytes, kMaxStringLimit, maxRecord - std::uint32_t(sizeof(RecordHeader)) - 2});
+
+  std::string dir = c.dir;
+  if (dir.empty()) {
+    char const* env = std::getenv("BRISKLOG_DIR");
+    dir = env && *env ? env : "/dev/shm";
+  }
+  ::mkdir(dir.c_str(), 0755);
+  std::string name = processName();
+  pid_t pid = getpid();
+  std::string path = dir + "/" + name + "-" + std::to_string(pid) + ".brisklog";
+
+  std::size_t bytes = kHeaderBytes + std::size_t(descBytes) +
+                      std::size_t(ringCount) * (kRingHeaderBytes + ringBytes);
+  int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (fd < 0) {
+    fail(s, "open", path, errno);
+    return false;
+  }
+  if (ftruncate(fd, off_t(bytes)) != 0) {
+    int err = errno;
+    ::close(fd);
+    fail(s, "ftruncate", path, err);
+    return false;
+  }
+  // Populated now so that no record pays for a page fault on the first lap.
+  void* m = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE, fd, 0);
+  int err = errno;
+  ::close(fd);
+  if (m == MAP_FAILED) {
+    fail(s, "mmap", path, err);
+    return false;
+  }
+  char* base = static_cast<char*>(m);
+
+  bool useTsc = c.useTsc && tscInvariant();
+  tSlot.useTsc = useTsc;  // readClocks reads the chosen clock through the slot
+  ClockSync first = readClocks();
+  ClockSync second = first;
+  double tps = 1e9;
+  if (useTsc) {
+    // A short measurement for files read before the writers refresh the
+    // clock reading; the reader prefers the rate over the file's lifetime.
+    while (second.monoNs - first.monoNs < 2000000) second = readClocks();
+    tps = double(second.ticks - first.ticks) * 1e9 / double(second.monoNs - first.monoNs);
+  }
+
+  FileHeader* h = reinterpret_cast<FileHeader*>(base);
+  FileLayout l;
+  std::memset(&l, 0, sizeof l);
+  std::memcpy(l.magic, kMagic, sizeof l.magic);
+  l.version = kVersion;
+  l.headerBytes = kHeaderBytes;
+  l.fileBytes = bytes;
+  l.pid = std::uint32_t(pid);
+  l.clockKind = std::uint32_t(useTsc ? ClockKind::tsc : ClockKind::monotonicNs);
+  std::strncpy(l.processName, name.c_str(), sizeof l.processName - 1);
+  l.descriptorOffset = kHeaderBytes;
+  l.descriptorBytes = descBytes;
+  l.maxStringBytes = maxString;
+  l.ringOffset = kHeaderBytes + std::uint64_t(descBytes);
+  l.ringBytes = ringBytes;
+  l.ringCount = ringCount;
+  l.maxRecordBytes = maxRecord;
+  l.sharedRing = ringCount - 1;
+  l.ticksPerSecond = tps;
+  l.opened = first;
+  h->layoutChecksum = layoutChecksum(l);
+  h->latest = second;
+  h->syncSeq = 0;
+  for (std::uint32_t i = 0; i < ringCount; ++i) {
+    auto* ring = reinterpret_cast<RingHeader*>(base + l.ringOffset +
+                                               std::uint64_t(i) * (kRingHeaderBytes + ringBytes));
+    ring->shared = i == l.sharedRing ? 1 : 0;
+  }
+  // The magic goes last: a reader never sees a header that is half made.
+  std::memcpy(reinterpret_cast<char*>(&h->layout) + sizeof l.magic,
+              reinterpret_cast<char const*>(&l) + sizeof l.magic, sizeof l - sizeof l.magic);
+  std::atomic_thread_fence(std::memory_order_release);
+  std::memcpy(h->layout.magic, kMagic, sizeof kMagic);
+
+  s.base = base;
+  s.bytes = bytes;
+  s.path = path;
+  s.generation = s.nextGeneration++;
+  if (s.nextGeneration == kClosed) s.nextGeneration = 1;
+  gTicksPerSecond.store(std::uint64_t(tps));
+  gHeader.store(h);
+  gGeneration.store(s.generation, std::memory_order_release);
+  if (!s.atforkDone) {
+    pthread_atfork(nullptr, nullptr, afterForkInChild);
+    s.atforkDone = true;
+  }
+  return true;
+}
+
+std::uint32_t registerLocked(State& s, CallSite const& site, char const* signature) {
+  FileHeader* h = reinterpret_cast<FileHeader*>(s.base);
+  char const* file = site.file ? site.file : "";
+  if (char const* slash = std::strrchr(file, '/')) file = slash + 1;
+  char const* texts[] = {site.source ? site.source : "", file, site.function ? site.function : "",
+                         site.format ? site.format : "", signature};
+  std::size_t need = sizeof(DescriptorHeader);
+  for (char const* t : texts) need += std::strlen(t) + 1;
+  need = (need + 7) & ~std::size_t(7);
+  std::uint32_t used = h->descriptorUsed;
+  if (used + need > h->layout.descriptorBytes) {
+    __atomic_fetch_add(&h->descriptorOverflows, 1, __ATOMIC_RELAXED);
+    return 0;
+  }
+  char* entry = s.base + h->layout.descriptorOffset + used;
+  std::uint32_t id = h->descriptorCount + 1;
+  DescriptorHeader dh{0, id, std::uint32_t(need), std::uint32_t(site.line)};
+  std::memcpy(entry, &dh, sizeof dh);
+  char* o = entry + sizeof dh;
+  for (char const* t : texts) {
+    std::size_t n = std::strlen(t) + 1;
+    std::memcpy(o, t, n);
+    o += n;
+  }
+  __atomic_store_n(reinterpret_cast<std::uint32_t*>(entry), used ^ kDescriptorKey,
+                   __ATOMIC_RELEASE);
+  __atomic_store_n(&h->descriptorCount, id, __ATOMIC_RELEASE);
+  __atomic_store_n(&h->descriptorUsed, used + std::uint32_t(need), __ATOMIC_RELEASE);
+  return id;
+}
+
+RingHeader* ringAt(State& s, std::uint32_t i) {
+  FileHeader const* h = reinterpret_cast<FileHeader const*>(s.base);
+  return reinterpret_cast<RingHeader*>(
+      s.base + h->layout.ringOffset + std::uint64_t(i) * (kRingHeaderBytes + h->layout.ringBytes));
+}
+
+// Frees the thread's exclusive ring when the thread ends.
+struct RingRelease {
+  std::uint32_t generation = 0;
+  std::uint32_t index = 0;
+  std::uint32_t tid = 0;
+  ~RingRelease() {
+    State& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    if (generation == 0 || generation != s.generation) return;
+    std::uint32_t expected = tid;
+    __atomic_compare_exchange_n(&ringAt(s, index)->owner, &expected, 0, false, __ATOMIC_RELEASE,
+                                __ATOMIC_RELAXED);
+  }
+};
+
+void claimLocked(State& s) {
+  FileHeader const* h = reinterpret_cast<FileHeader const*>(s.base);
+  std::uint32_t tid = std::uint32_t(gettid());
+  std::uint32_t index = h->layout.sharedRing;
+  for (std::uint32_t i = 0; i < h->layout.sharedRing; ++i) {
+    std::uint32_t expected = 0;
+    if (__atomic_compare_exchange_n(&ringAt(s, i)->owner, &expected, tid, false, __ATOMIC_ACQUIRE,
+                                    __ATOMIC_RELAXED)) {
+      index = i;
+      break;
+    }
+  }
+  RingHeader* ring = ringAt(s, index);
+  tSlot.shared = index == h->layout.sharedRing ? 1 : 0;
+  tSlot.ring = ring;
+  tSlot.data = reinterpret_cast<char*>(ring) + kRingHeaderBytes;
+  tSlot.mask = h->layout.ringBytes - 1;
+  tSlot.maxRecord = h->layout.maxRecordBytes;
+  tSlot.maxString = h->layout.maxStringBytes;
+  tSlot.nextSyncTicks = 0;
+  tSlot.useTsc = h->layout.clockKind == std::uint32_t(ClockKind::tsc);
+  tSlot.generation = s.generation;
+  if (!tSlot.shared) {
+    static thread_local RingRelease release;
+    release.generation = s.generation;
+    release.index = index;
+    release.tid = tid;
+  }
+}
+
+}  // namespace
+
+namespace detail {
+
+bool prepare(CallSite& site, char const* signature) {
+  if (gOff.load(std::memory_order_relaxed)) return false;
+  State& s = state();
+  std::lock_guard<std::mutex> lock(s.mutex);
+  if (!openLocked(s)) return false;
+  std::uint32_t gen = s.generation;
+  if (std::uint32_t(site.key.load(std::memory_order_relaxed) >> 32) != gen) {
+    std::uint32_t id = registerLocked(s, site, signature);
+    site.key.store(std::uint64_t(gen) << 32 | id, std::memory_order_relaxed);
+  }
+  if (tSlot.generation != gen) claimLocked(s);
+  return true;
+}
+
+void syncClock(std::uint64_t now) {
+  tSlot.nextSyncTicks = now + gTicksPerSecond.load(std::memory_order_relaxed);
+  FileHeader* h = gHeader.load(std::memory_order_relaxed);
+  if (!h || __atomic_exchange_n(&h->syncBusy, 1, __ATOMIC_ACQUIRE)) return;
+  ClockSync c = readClocks();
+  std::uint32_t seq = h->syncSeq;
+  __atomic_store_n(&h->syncSeq, seq + 1, __ATOMIC_RELAXED);
+  std::atomic_thread_fence(std::memory_order_release);
+  __atomic_store_n(&h->latest.ticks, c.ticks, __ATOMIC_RELAXED);
+  __atomic_store_n(&h->latest.realNs, c.realNs, __ATOMIC_RELAXED);
+  __atomic_store_n(&h->latest.monoNs, c.monoNs, __ATOMIC_RELAXED);
+  __atomic_store_n(&h->syncSeq, seq + 2, __ATOMIC_RELEASE);
+  __atomic_store_n(&h->syncBusy, 0, __ATOMIC_RELEASE);
+}
+
+std::uint64_t reserveShared(ThreadSlot& t, std::uint64_t need) {
+  std::uint64_t pos = __atomic_load_n(&t.ring->head, __ATOMIC_RELAXED);
+  std::uint64_t start;
+  do {
+    start = pos;
+    if ((pos & t.mask) + need > t.mask + 1) start = (pos | t.mask) + 1;
+  } while (!__atomic_compare_exchange_n(&t.ring->head, &pos, start + need, true, __ATOMIC_ACQ_REL,
+                                        __ATOMIC_RELAXED));
+  if (start != pos) {
+    __atomic_store_n(reinterpret_cast<std::uint64_t*>(t.data + (pos & t.mask)), pos ^ kPadKey,
+                     __ATOMIC_RELEASE);
+  }
+  return start;
+}
+
+}  // namespace detail
+
+Config config() {
+  State& s = state();
+  std::lock_guard<std::mutex> lock(s.mutex);
+  return s.configured ? s.config : configFromEnv();
+}
+
+void configIs(Config const& c) {
+  State& s = state();
+  std::lock_guard<std::mutex> lock(s.mutex);
+  unmapLocked(s);
+  s.config = c;
+  s.configured = true;
+  gOff.store(false);
+}
+
+bool open() {
+  State& s = state();
+  std::lock_guard<std::mutex> lock(s.mutex);
+  return openLocked(s);
+}
+
+void close() {
+  State& s = state();
+  std::lock_guard<std::mutex> lock(s.mutex);
+  unmapLocked(s);
+}
+
+std::string path() {
+  State& s = state();
+  std::lock_guard<std::mutex> lock(s.mutex);
+  return s.path;
+}
+
+}  // namespace Brisklog
