@@ -146,6 +146,8 @@ std::size_t Status::drain() {
       ++changesHeard_;
       tables_[table]->notifyKey(keyBuffer_.data());
       if (!region_) return n;
+      if (changeHook_) changeHook_(*tables_[table], keyBuffer_.data());
+      if (!region_) return n;
     }
     if (wrapped) {
       resync();
@@ -159,7 +161,9 @@ std::size_t Status::drain() {
 }
 
 std::uint64_t Status::changeLogged(TableBase const& table, void const* key) {
-  return region_->logChange(table.index(), key, table.keySize());
+  std::uint64_t const stamp = region_->logChange(table.index(), key, table.keySize());
+  if (changeHook_) changeHook_(table, key);
+  return stamp;
 }
 
 void Status::corruptionDetected(std::string const& text) const {

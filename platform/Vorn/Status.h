@@ -15,6 +15,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -68,6 +69,11 @@ class Status : public Kiv::Entity {
   std::uint64_t changesHeard() const { return changesHeard_; }
   std::uint64_t resyncs() const { return resyncs_; }
 
+  // Called for every change, in the writer and in a following reader
+  // alike (resyncs included); for tools that watch any table.
+  using ChangeHook = std::function<void(TableBase const& table, void const* key)>;
+  void changeHookIs(ChangeHook hook) { changeHook_ = std::move(hook); }
+
   // Where callers report corruption they caught from a table operation:
   // traced at level 1 and counted.
   void corruptionDetected(std::string const& text) const;
@@ -96,6 +102,7 @@ class Status : public Kiv::Entity {
   std::uint64_t resyncs_ = 0;
   bool draining_ = false;
   mutable std::uint64_t corruptions_ = 0;
+  ChangeHook changeHook_;
 };
 
 }  // namespace Vorn

@@ -126,9 +126,12 @@ class TableBase {
   void corruptionDetected(std::string const& text) const;
   std::uint64_t corruptions() const { return corruptions_; }
 
-  // Prints the record of `key` (bytes of keySize) as "key -> record", for
-  // inspection tools; false when absent.
-  virtual bool printEntry(std::ostream& os, std::uint32_t entry) const = 0;
+  // For inspection tools, through the key's and the record's operator<<
+  // (hex bytes for a type without one): every record in key order as
+  // "key -> record" lines, at most `limit`; returns how many.
+  virtual std::size_t printOrdered(std::ostream& os, std::size_t limit) const = 0;
+  // One key (keySize bytes) as "key -> record" or "key deleted".
+  virtual void printKey(std::ostream& os, void const* key) const = 0;
 
   // Used by Status.
   virtual void attach(Region* region, std::uint32_t index);
@@ -149,6 +152,9 @@ class TableBase {
   std::uint64_t waitGen() const;
   std::uint64_t changeLogged(void const* key) const { return owner_->changeLogged(*this, key); }
   bool writer() const { return owner_->mode() == Status::Mode::writer; }
+  void changeHookFire(void const* key) const {
+    if (owner_->changeHook_) owner_->changeHook_(*this, key);
+  }
 
   // Geometry, copied at attach for the hot paths.
   Region* region_ = nullptr;
@@ -418,15 +424,31 @@ class Table : public TableBase {
     return false;
   }
 
-  bool printEntry(std::ostream& os, std::uint32_t entry) const override {
+  std::size_t printOrdered(std::ostream& os, std::size_t limit) const override {
+    IterHint hint;
     K k;
     R r;
-    std::uint64_t stamp;
-    if (entry >= capacity_ || !readEntry(entry, &k, &r, stamp)) return false;
+    std::size_t n = 0;
+    for (bool ok = first(k, r, hint); ok && n < limit; ok = next(k, k, r, hint), ++n) {
+      printValue(os, k);
+      os << " -> ";
+      printValue(os, r);
+      os << "\n";
+    }
+    return n;
+  }
+  void printKey(std::ostream& os, void const* key) const override {
+    K k;
+    std::memcpy(static_cast<void*>(&k), key, sizeof(K));
     printValue(os, k);
-    os << " -> ";
-    printValue(os, r);
-    return true;
+    alignas(R) unsigned char buf[sizeof(R)];
+    std::uint64_t stamp;
+    if (lookup(k, reinterpret_cast<R*>(buf), stamp)) {
+      os << " -> ";
+      printValue(os, *reinterpret_cast<R const*>(buf));
+    } else {
+      os << " deleted";
+    }
   }
 
   void hookIs(Hook hook) { hook_ = std::move(hook); }
@@ -476,8 +498,11 @@ class Table : public TableBase {
       }
     }
     seen_ = std::move(now);
-    if (hook_)
-      for (K const& k : changed) hook_(k);
+    for (K const& k : changed) {
+      if (hook_) hook_(k);
+      if (!region_) return;
+      changeHookFire(&k);
+    }
   }
   std::uint64_t hashOfEntry(std::uint32_t i) const override {
     K k;

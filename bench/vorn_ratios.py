@@ -1,0 +1,80 @@
+#!/usr/bin/env python3
+"""Runs VornBench (or reads its JSON output) and prints Vorn's figures beside
+the baselines measured in the same run, with the ratios the targets name.
+
+    bench/vorn_ratios.py [--bench build/bin/VornBench] [--json results.json] [-- bench args]
+"""
+import argparse
+import json
+import os
+import subprocess
+import sys
+import tempfile
+
+
+def load(args):
+    if args.json and os.path.exists(args.json) and not args.rerun:
+        with open(args.json) as f:
+            return json.load(f)
+    out = args.json or tempfile.mktemp(suffix=".json")
+    cmd = [args.bench, "--benchmark_out=" + out, "--benchmark_out_format=json"] + args.rest
+    subprocess.run(cmd, check=True, stdout=sys.stderr)
+    with open(out) as f:
+        return json.load(f)
+
+
+def main():
+    p = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    p.add_argument("--bench", default="build/bin/VornBench")
+    p.add_argument("--json", help="results file: read it if it exists, else write it")
+    p.add_argument("--rerun", action="store_true", help="run even if --json exists")
+    p.add_argument("rest", nargs="*", help="arguments for the benchmark program (after --)")
+    args = p.parse_args()
+    data = load(args)
+    t = {}  # (operation, system, size) -> benchmark
+    for b in data["benchmarks"]:
+        parts = b["name"].split("/")
+        if len(parts) >= 3 and parts[2].isdigit():
+            t[(parts[0], parts[1], int(parts[2]))] = b
+        else:
+            t[(parts[0], parts[1], 0)] = b
+    sizes = sorted({k[2] for k in t if k[2]})
+
+    def cpu(op, system, n):
+        b = t.get((op, system, n))
+        return b["cpu_time"] if b else float("nan")
+
+    print("CPU ns per operation (cpu_time; the machine may be shared)\n")
+    head = "%-34s" + " %12s" * len(sizes)
+    row = "%-34s" + " %12.1f" * len(sizes)
+    print(head % (("",) + tuple("%d records" % n for n in sizes)))
+    for op, systems in [("LookupHit", ["Vorn", "UnorderedMap", "Lmdb"]),
+                        ("LookupMiss", ["Vorn", "UnorderedMap", "Lmdb"]),
+                        ("InsertOrReplace", ["Vorn", "UnorderedMap", "Lmdb"]),
+                        ("Delete", ["Vorn", "UnorderedMap", "Lmdb"]),
+                        ("OrderedStep", ["Vorn", "OrderedMap", "Lmdb"]),
+                        ("LookupHitWhileAnotherProcessWrites", ["Vorn"])]:
+        for s in systems:
+            print(row % (("%s %s" % (op, s),) + tuple(cpu(op, s, n) for n in sizes)))
+    print("\nRatios (target in brackets)\n")
+    print(head % (("",) + tuple("%d" % n for n in sizes)))
+    ratio = "%-34s" + " %12.2f" * len(sizes)
+    lines = [
+        ("hit: Vorn / unordered_map [<=1.5]", lambda n: cpu("LookupHit", "Vorn", n) / cpu("LookupHit", "UnorderedMap", n)),
+        ("miss: Vorn / unordered_map [<=1.5]", lambda n: cpu("LookupMiss", "Vorn", n) / cpu("LookupMiss", "UnorderedMap", n)),
+        ("hit: LMDB / Vorn [>=5]", lambda n: cpu("LookupHit", "Lmdb", n) / cpu("LookupHit", "Vorn", n)),
+        ("miss: LMDB / Vorn [>=5]", lambda n: cpu("LookupMiss", "Lmdb", n) / cpu("LookupMiss", "Vorn", n)),
+        ("put: LMDB / Vorn [>=10]", lambda n: cpu("InsertOrReplace", "Lmdb", n) / cpu("InsertOrReplace", "Vorn", n)),
+        ("delete: LMDB / Vorn", lambda n: cpu("Delete", "Lmdb", n) / cpu("Delete", "Vorn", n)),
+        ("ordered step: Vorn ns [<100]", lambda n: cpu("OrderedStep", "Vorn", n)),
+    ]
+    for name, f in lines:
+        print(ratio % ((name,) + tuple(f(n) for n in sizes)))
+    lat = t.get(("ChangeToReaderProcessHook", "Vorn", 0))
+    if lat:
+        print("\nwriter change to a reader process's hook: median %.1f us [<50], p99 %.1f us"
+              % (lat.get("median_us", float("nan")), lat.get("p99_us", float("nan"))))
+
+
+if __name__ == "__main__":
+    main()

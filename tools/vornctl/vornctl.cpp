@@ -1,0 +1,277 @@
+// vornctl: looks into the shared tables under a root directory.
+//
+//   vornctl list                          regions, their type, tables and writer
+//   vornctl show mfib/default/pim         one region's header and tables
+//   vornctl dump mfib/default/pim route   records in key order
+//   vornctl watch mfib/default/pim        changes as the writer makes them
+//
+// A region is named by its URL (under --root, default $VORN_ROOT or
+// /dev/shm/vorn) or by the path of its file. Records print through the
+// operator<< of the schema types linked into this tool; a type it does not
+// know is dumped as raw bytes.
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <iostream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Kiv/EventLoop.h"
+#include "Kiv/Exception.h"
+#include "Vorn/Registry.h"
+#include "Vorn/Region.h"
+#include "Vorn/Table.h"
+#include "Vorn/TestSchema.h"
+
+namespace {
+
+char const* const kUsage =
+    "usage: vornctl [--root DIR] <command> [arguments]\n"
+    "\n"
+    "commands:\n"
+    "  list                      the regions under the root\n"
+    "  show <region>             one region's header, tables, sizes and writer\n"
+    "  dump <region> <table>     a table's records in key order\n"
+    "  watch <region>            changes as they happen\n"
+    "  types                     the status types this tool can print\n"
+    "\n"
+    "A region is a URL under the root (default $VORN_ROOT, else /dev/shm/vorn)\n"
+    "or the path of a .vorn file. 'vornctl <command> --help' says more.\n";
+
+struct Command {
+  char const* name;
+  char const* help;
+  int (*run)(std::string const& root, std::vector<std::string> const& args);
+};
+
+bool wantsHelp(std::vector<std::string> const& args) {
+  return std::find_if(args.begin(), args.end(), [](std::string const& a) { return a == "--help" || a == "-h"; }) !=
+         args.end();
+}
+
+std::string pathOf(std::string const& root, std::string const& region) {
+  if (region.find('/') == 0 || (region.size() > 5 && region.compare(region.size() - 5, 5, ".vorn") == 0 &&
+                                access(region.c_str(), F_OK) == 0))
+    return region;
+  return root + "/" + Vorn::fileNameOfUrl(region);
+}
+
+std::string writerText(Vorn::Region const& r) {
+  std::uint32_t const pid = r.writerPid();
+  if (pid == 0) return "none";
+  return std::to_string(pid) + (r.writerAlive() ? " (running)" : " (gone)");
+}
+
+std::uint32_t tableSize(Vorn::TableGeometry const& g) {
+  return std::min(g.control->size.load(std::memory_order_relaxed), g.capacity);
+}
+
+int list(std::string const& root, std::vector<std::string> const&) {
+  DIR* d = opendir(root.c_str());
+  if (d == nullptr) {
+    std::cerr << "vornctl: cannot open " << root << ": " << std::strerror(errno) << "\n";
+    return 1;
+  }
+  std::vector<std::string> names;
+  while (dirent* e = readdir(d))
+    if (!Vorn::urlOfFileName(e->d_name).empty()) names.push_back(e->d_name);
+  closedir(d);
+  std::sort(names.begin(), names.end());
+  for (std::string const& name : names) {
+    std::cout << Vorn::urlOfFileName(name);
+    try {
+      auto r = Vorn::Region::inspectorIs(root + "/" + name);
+      std::cout << "  " << r->typeName() << "  writer " << writerText(*r) << "  tables";
+      for (std::uint32_t i = 0; i < r->tables(); ++i)
+        std::cout << " " << r->table(i).name << " " << tableSize(r->table(i)) << "/" << r->table(i).capacity;
+      std::cout << "\n";
+    } catch (Kiv::Exception const& e) {
+      std::cout << "  unreadable: " << e.what() << "\n";
+    }
+  }
+  return 0;
+}
+
+int show(std::string const& root, std::vector<std::string> const& args) {
+  if (args.size() != 1) {
+    std::cerr << "usage: vornctl show <region>\n";
+    return 2;
+  }
+  auto r = Vorn::Region::inspectorIs(pathOf(root, args[0]));
+  Vorn::Layout::Header const* h = r->header();
+  std::time_t const created = static_cast<std::time_t>(h->createdTime);
+  char when[64];
+  std::strftime(when, sizeof when, "%Y-%m-%d %H:%M:%S", std::localtime(&created));
+  std::uint64_t const armed = h->armed.load();
+  unsigned bells = 0;
+  for (auto const& b : h->bells) bells += b.pid.load() != 0;
+  std::cout << "file         " << r->path() << "\n"
+            << "type         " << r->typeName() << "\n"
+            << "layout       version " << h->version << ", " << r->fileSize() << " bytes\n"
+            << "created      " << when << "\n"
+            << "writer       " << writerText(*r) << ", epoch " << h->writerEpoch.load() << "\n"
+            << "change log   " << h->logHead.load() << " changes, " << r->logCapacity() << " kept\n"
+            << "readers      " << bells << " following, " << __builtin_popcountll(armed) << " waiting\n";
+  std::cout << "tables\n";
+  for (std::uint32_t i = 0; i < r->tables(); ++i) {
+    Vorn::TableGeometry const& g = r->table(i);
+    std::cout << "  " << g.name << ": " << tableSize(g) << " of " << g.capacity << " records; key " << g.keySize
+              << " bytes, record " << g.recordSize << " bytes; " << g.slotCount << " hash slots, "
+              << g.control->tombstones.load() << " tombstones\n";
+  }
+  return 0;
+}
+
+void hex(std::ostream& os, unsigned char const* p, std::size_t n) {
+  static char const digits[] = "0123456789abcdef";
+  for (std::size_t i = 0; i < n; ++i) os << digits[p[i] >> 4] << digits[p[i] & 15];
+}
+
+// Key order without the schema: the skip list's bottom level, bounded.
+std::size_t rawDump(Vorn::Region const& r, Vorn::TableGeometry const& g, std::size_t limit) {
+  auto entry = [&](std::uint32_t i) { return g.entries + std::size_t(i) * g.entrySize; };
+  auto head = [&](std::uint32_t i) { return reinterpret_cast<Vorn::Layout::EntryHead const*>(entry(i)); };
+  std::uint32_t x = head(g.capacity)->next[0].load();
+  std::size_t n = 0;
+  while (x != Vorn::Layout::kNone && n < limit) {
+    if (x >= g.capacity || n > g.capacity) r.fail("table '" + g.name + "': broken links at entry " + std::to_string(x));
+    hex(std::cout, entry(x) + g.keyOffset, g.keySize);
+    std::cout << " -> ";
+    hex(std::cout, entry(x) + g.recordOffset, g.recordSize);
+    if ((head(x)->lseq.load() | head(x)->dseq.load()) & 1) std::cout << " (mid-write)";
+    std::cout << "\n";
+    ++n;
+    x = head(x)->next[0].load();
+  }
+  return n;
+}
+
+std::size_t limitOf(std::vector<std::string> const& args) {
+  for (std::size_t i = 0; i + 1 < args.size(); ++i)
+    if (args[i] == "--limit") return std::stoul(args[i + 1]);
+  return SIZE_MAX;
+}
+
+std::vector<std::string> positional(std::vector<std::string> const& args) {
+  std::vector<std::string> out;
+  for (std::size_t i = 0; i < args.size(); ++i) {
+    if (args[i].rfind("--", 0) == 0) {
+      ++i;
+      continue;
+    }
+    out.push_back(args[i]);
+  }
+  return out;
+}
+
+int dump(std::string const& root, std::vector<std::string> const& args) {
+  std::vector<std::string> const pos = positional(args);
+  if (pos.size() != 2) {
+    std::cerr << "usage: vornctl dump <region> <table> [--limit N]\n";
+    return 2;
+  }
+  std::string const path = pathOf(root, pos[0]);
+  auto r = Vorn::Region::inspectorIs(path);
+  Kiv::Ptr<Vorn::Status> status = Vorn::StatusRegistry::statusNew(r->typeName(), Kiv::Name("vornctl"));
+  if (!status) {
+    for (std::uint32_t i = 0; i < r->tables(); ++i)
+      if (r->table(i).name == pos[1]) {
+        std::cerr << "vornctl: type " << r->typeName() << " is not known here; raw bytes follow\n";
+        rawDump(*r, r->table(i), limitOf(args));
+        return 0;
+      }
+    std::cerr << "vornctl: no table '" << pos[1] << "' in " << path << "\n";
+    return 1;
+  }
+  status->mountIs(path, Vorn::Status::Mode::reader);
+  Vorn::TableBase* t = status->tableByName(pos[1]);
+  if (t == nullptr) {
+    std::cerr << "vornctl: no table '" << pos[1] << "' in " << path << "\n";
+    return 1;
+  }
+  t->printOrdered(std::cout, limitOf(args));
+  return 0;
+}
+
+int watch(std::string const& root, std::vector<std::string> const& args) {
+  std::vector<std::string> const pos = positional(args);
+  if (pos.size() != 1) {
+    std::cerr << "usage: vornctl watch <region> [--count N] [--seconds S]\n";
+    return 2;
+  }
+  std::size_t count = SIZE_MAX;
+  double seconds = 1e9;
+  for (std::size_t i = 0; i + 1 < args.size(); ++i) {
+    if (args[i] == "--count") count = std::stoul(args[i + 1]);
+    if (args[i] == "--seconds") seconds = std::stod(args[i + 1]);
+  }
+  std::string const path = pathOf(root, pos[0]);
+  auto r = Vorn::Region::inspectorIs(path);
+  Kiv::Ptr<Vorn::Status> status = Vorn::StatusRegistry::statusNew(r->typeName(), Kiv::Name("vornctl"));
+  if (!status) {
+    std::cerr << "vornctl: type " << r->typeName() << " is not known here; cannot watch it\n";
+    return 1;
+  }
+  status->mountIs(path, Vorn::Status::Mode::reader);
+  Kiv::EventLoop loop;
+  std::size_t seen = 0;
+  status->changeHookIs([&](Vorn::TableBase const& t, void const* key) {
+    std::cout << t.name() << ": ";
+    t.printKey(std::cout, key);
+    std::cout << std::endl;
+    ++seen;
+  });
+  status->followIs(&loop);
+  loop.runUntil([&] { return seen >= count; }, seconds);
+  return 0;
+}
+
+int types(std::string const&, std::vector<std::string> const&) {
+  for (std::string const& t : Vorn::StatusRegistry::typeNames()) std::cout << t << "\n";
+  return 0;
+}
+
+Command const commands[] = {
+    {"list", "usage: vornctl list\n\nLists the regions under the root: URL, status type, writer pid, and per table\nits records in use and its capacity.\n", list},
+    {"show", "usage: vornctl show <region>\n\nPrints a region's header (type, layout version, size, creation time, writer\nand its epoch, change log, following readers) and for each table its records,\ncapacity, key and record sizes, hash slots and tombstones.\n", show},
+    {"dump", "usage: vornctl dump <region> <table> [--limit N]\n\nPrints a table's records in key order, one 'key -> record' line each, through\nthe schema's printers; a type unknown to this tool prints as raw hex.\n", dump},
+    {"watch", "usage: vornctl watch <region> [--count N] [--seconds S]\n\nFollows the region like a reader does and prints 'table: key -> record' (or\n'key deleted') for every change, until N changes or S seconds.\n", watch},
+    {"types", "usage: vornctl types\n\nLists the status types whose records this tool can print.\n", types},
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::vector<std::string> args(argv + 1, argv + argc);
+  std::string root = Vorn::defaultRoot();
+  if (args.size() >= 2 && args[0] == "--root") {
+    root = args[1];
+    args.erase(args.begin(), args.begin() + 2);
+  }
+  if (args.empty() || args[0] == "--help" || args[0] == "-h" || args[0] == "help") {
+    std::cout << kUsage;
+    return args.empty() ? 2 : 0;
+  }
+  for (Command const& c : commands) {
+    if (args[0] != c.name) continue;
+    std::vector<std::string> const rest(args.begin() + 1, args.end());
+    if (wantsHelp(rest)) {
+      std::cout << c.help;
+      return 0;
+    }
+    try {
+      return c.run(root, rest);
+    } catch (std::exception const& e) {
+      std::cerr << "vornctl " << c.name << ": " << e.what() << "\n";
+      return 1;
+    }
+  }
+  std::cerr << "vornctl: unknown command '" << args[0] << "'\n" << kUsage;
+  return 2;
+}
