@@ -238,11 +238,26 @@ inline char* put(char* o, AddrRef a, std::uint32_t) {
   std::memcpy(o + 1, a.a->bytes, len);
   return o + 1 + len;
 }
+// Names and addresses are short: copied inline with at most two overlapping
+// moves, reading only the string's own bytes, instead of calling memcpy.
+inline void copyShort(char* o, char const* p, std::size_t n) {
+  if (n >= 8 && n <= 16) {
+    std::memcpy(o, p, 8);
+    std::memcpy(o + n - 8, p + n - 8, 8);
+  } else if (n >= 4 && n < 8) {
+    std::memcpy(o, p, 4);
+    std::memcpy(o + n - 4, p + n - 4, 4);
+  } else if (n < 4) {
+    for (std::size_t i = 0; i < n; ++i) o[i] = p[i];
+  } else {
+    std::memcpy(o, p, n);
+  }
+}
 inline char* put(char* o, Str s, std::uint32_t maxString) {
   std::size_t n = std::min<std::size_t>(s.n, maxString);
   std::uint16_t word = std::uint16_t(n) | (n < s.n ? kStringCut : 0);
   o = putRaw(o, word);
-  std::memcpy(o, s.p, n);
+  copyShort(o, s.p, n);
   return o + n;
 }
 
