@@ -1,0 +1,486 @@
+#include "Mfib/MfibVorn.h"
+
+#include <sstream>
+#include <vector>
+
+#include "Kiv/Hash.h"
+#include "Kiv/Trace.h"
+#include "Kiv/ValueText.h"
+#include "Mfib/MfibVornCollRouteIteratorConst.h"
+
+namespace Vorn::Multicast::Fib {
+
+namespace {
+
+Kiv::TraceHandle th("Mroute::MfibVorn");
+
+// "(s: <source> g: <group>", the opening of the route-entry traces.
+struct SourceGroup {
+  IpGenRouteKey const& key;
+};
+std::ostream& operator<<(std::ostream& os, SourceGroup const& sg) {
+  return os << "(s: " << sg.key.source() << " g: " << sg.key.group();
+}
+
+// Walks every route of one table in key order; corruption ends the walk
+// and goes to the table.
+template <class F>
+void forEachRoute(Status const& table, F&& f) {
+  auto const& routes = table.routeTable();
+  try {
+    Vorn::IterHint hint;
+    IpGenRouteKey key;
+    Route route;
+    for (bool more = routes.first(key, route, hint); more; more = routes.next(key, key, route, hint)) f(key);
+  } catch (Pelto::CorruptionDetectedException const& e) {
+    routes.corruptionDetected(e.what());
+  }
+}
+
+}  // namespace
+
+Route safeRoute(Status const& table, IpGenRouteKey const& key) {
+  try {
+    return table.route(key);
+  } catch (Pelto::CorruptionDetectedException const& e) {
+    table.routeTable().corruptionDetected(e.what());
+    return Route();
+  }
+}
+
+// ---- MfibVornColl
+
+Kiv::Ptr<Status const> MfibVornColl::vornPtr(Status const* key) const {
+  auto it = vornPtr_.find(key);
+  return it == vornPtr_.end() ? nullptr : it->second;
+}
+
+void MfibVornColl::vornPtrIs(Status const* key, Kiv::Ptr<Status const> const& value) {
+  auto it = vornPtr_.find(key);
+  if (it != vornPtr_.end()) {
+    if (it->second == value) return;
+    if (value) {
+      it->second = value;
+    } else {
+      vornPtr_.erase(it);
+    }
+  } else {
+    if (!value) return;
+    vornPtr_.emplace(key, value);
+  }
+  vornPtrNotify(key);
+}
+
+Kiv::Ptr<Status const> MfibVornColl::vornPtrDel(Status const* key) {
+  auto it = vornPtr_.find(key);
+  if (it == vornPtr_.end()) return nullptr;
+  Kiv::Ptr<Status const> old = std::move(it->second);
+  vornPtr_.erase(it);
+  vornPtrNotify(key);
+  return old;
+}
+
+void MfibVornColl::vornPtrDelAll() {
+  std::vector<Status const*> keys;
+  for (auto const& [k, v] : vornPtr_) keys.push_back(k);
+  for (Status const* k : keys) vornPtrDel(k);
+}
+
+std::uint32_t MfibVornColl::routes() const {
+  std::uint32_t n = 0;
+  for (MfibVornCollRouteIteratorConst it(this); !it.done(); it.updateToBestRouteIterators()) ++n;
+  return n;
+}
+
+MfibVornColl::VornPtrMap::const_iterator MfibVornColl::best(IpGenRouteKey const& key, Status const* exclude,
+                                                            Route* bestRoute) const {
+  auto best = vornPtr_.end();
+  RoutePriority bestPriority;
+  for (auto it = vornPtr_.begin(); it != vornPtr_.end(); ++it) {
+    if (it->first == exclude) continue;
+    Route r = safeRoute(*it->second, key);
+    if (r == Route()) continue;
+    // Strictly better only: on a tie the table met first stays.
+    if (bestPriority < r.priority()) {
+      best = it;
+      bestPriority = r.priority();
+      if (bestRoute) *bestRoute = r;
+    }
+  }
+  return best;
+}
+
+Status const* MfibVornColl::vornKey(IpGenRouteKey const& key) const {
+  auto it = best(key, nullptr, nullptr);
+  return it == vornPtr_.end() ? nullptr : it->first;
+}
+
+Kiv::Ptr<Status const> MfibVornColl::mfibVorn(IpGenRouteKey const& key) const {
+  auto it = best(key, nullptr, nullptr);
+  return it == vornPtr_.end() ? nullptr : it->second;
+}
+
+Kiv::Ptr<Status const> MfibVornColl::nextBestVorn(Status const* exclude, IpGenRouteKey const& key) const {
+  auto it = best(key, exclude, nullptr);
+  return it == vornPtr_.end() ? nullptr : it->second;
+}
+
+Route MfibVornColl::route(IpGenRouteKey const& key) const {
+  Route r;
+  return best(key, nullptr, &r) == vornPtr_.end() ? Route() : r;
+}
+
+// ---- MfibVornDirRouteKey
+
+namespace {
+constexpr char routeKeyTypeName[] = "Vorn::Multicast::Fib::MfibVornDirRouteKey";
+}
+
+MfibVornDirRouteKey::MfibVornDirRouteKey(std::string_view text) {
+  Kiv::ValueReader r(text, routeKeyTypeName);
+  vornKey_ = r.get<Status const*>("vornKey");
+  routeKey_ = IpGenRouteKey::fromStrep(r.raw("routeKey"));
+  r.done();
+}
+
+std::uint64_t MfibVornDirRouteKey::hash() const {
+  Kiv::HashAccumulator h;
+  h.mix(&vornKey_, sizeof vornKey_);
+  h.mix32(static_cast<std::uint32_t>(Wirly::IpGenPrefixBase::hash(routeKey_.source())) ^
+          static_cast<std::uint32_t>(Wirly::IpGenPrefixBase::hash(routeKey_.group())));
+  return h.result();
+}
+
+std::string MfibVornDirRouteKey::pretty() const {
+  std::ostringstream os;
+  os << "[";
+  if (vornKey_) {
+    os << vornKey_->typeName() << "('" << vornKey_->name() << "')";
+  } else {
+    os << "None";
+  }
+  os << "] " << routeKey_;
+  return os.str();
+}
+
+std::string MfibVornDirRouteKey::valueToStrep() const {
+  Kiv::ValueWriter w(routeKeyTypeName);
+  w.field("vornKey", vornKey_).fieldRaw("routeKey", routeKey_.valueToStrep());
+  return w.str();
+}
+
+std::ostream& operator<<(std::ostream& os, MfibVornDirRouteKey const& k) { return os << k.pretty(); }
+
+// ---- OrderRouteSm
+
+Kiv::Ptr<OrderRouteSm> OrderRouteSm::OrderRouteSmIs(Kiv::Ptr<MfibVornColl const> const& vornColl,
+                                                     Kiv::Ptr<RouteOrderedCollection> const& routeOrdered) {
+  Kiv::Ptr<OrderRouteSm> sm = new OrderRouteSm(vornColl, routeOrdered);
+  sm->handleInitialized();
+  return sm;
+}
+
+OrderRouteSm::OrderRouteSm(Kiv::Ptr<MfibVornColl const> const& vornColl,
+                           Kiv::Ptr<RouteOrderedCollection> const& routeOrdered)
+    : vornColl_(vornColl), routeOrdered_(routeOrdered) {
+  if (vornColl_) {
+    kivVornColl_ = new KivVornColl(vornColl_, this);
+    kivVornColl_->hasNotificationActiveIs(true);
+    for (auto const& [key, table] : vornColl_->vornPtrMap()) mfibVornIs(key, table);
+  }
+}
+
+OrderRouteSm::~OrderRouteSm() {
+  kivDoZombieReactors(true);
+  mfibVorn_.clear();
+}
+
+void OrderRouteSm::kivDoZombieReactors(bool zombie) {
+  if (kivVornColl_) kivVornColl_->kivDoZombieReactors(zombie);
+  for (auto const& [k, r] : mfibVorn_) r->kivDoZombieReactors(zombie);
+}
+
+void OrderRouteSm::hasNotificationActiveIs(bool active) {
+  if (kivVornColl_) kivVornColl_->hasNotificationActiveIs(active);
+  for (auto const& [k, r] : mfibVorn_) r->hasNotificationActiveIs(active);
+}
+
+void OrderRouteSm::vornCollIs(Kiv::Ptr<MfibVornColl const> const& coll) {
+  if (coll == vornColl_) return;
+  vornCollDel();
+  vornColl_ = coll;
+  if (!coll) return;
+  kivVornColl_ = new KivVornColl(coll, this);
+  kivVornColl_->hasNotificationActiveIs(true);
+  kivVornColl_->onVornPtrkivImmediate();
+}
+
+Kiv::Ptr<MfibVornColl const> OrderRouteSm::vornCollDel() {
+  if (kivVornColl_) {
+    kivVornColl_->kivDoZombieReactors(true);
+    kivVornColl_ = nullptr;
+  }
+  Kiv::Ptr<MfibVornColl const> old = std::move(vornColl_);
+  vornColl_ = nullptr;
+  return old;
+}
+
+void OrderRouteSm::handleInitialized() {
+  KIV_TRACE(th, 8, "void Vorn::Multicast::Fib::OrderRouteSm::handleInitialized()");
+  if (initialized_) return;
+  KIV_TRACE(th, 2, "Initializing OrderRouteSm");
+  if (vornColl_) {
+    // Keys tied at the top priority are written once per tied table, the
+    // last one last; later changes are decided by vornKey, which prefers the
+    // first. Agents see the difference only until a key's next change.
+    for (MfibVornCollRouteIteratorConst it(vornColl_); !it.done(); it.updateToBestRouteIterators()) {
+      IpGenRouteKey const key = it.valid() ? it.routeKey() : Routing::Multicast::Fib::invalidRouteKey();
+      routeOrdered_->routeIs(key, it.vornKey());
+    }
+  }
+  initializedIs(true);
+  KIV_TRACE(th, 2, "Initialized OrderRouteSm");
+}
+
+OrderRouteSm::KivMfibVorn* OrderRouteSm::mfibVorn(Status const* key) const {
+  auto it = mfibVorn_.find(key);
+  return it == mfibVorn_.end() ? nullptr : it->second.ptr();
+}
+
+void OrderRouteSm::mfibVornIs(Status const* key, Kiv::Ptr<Status const> const& table) {
+  auto it = mfibVorn_.find(key);
+  if (it != mfibVorn_.end()) {
+    if (it->second->notifier() == table) return;
+    mfibVornDel(key);
+  }
+  if (!table) return;
+  Kiv::Ptr<KivMfibVorn> r = new KivMfibVorn(table, key, this);
+  r->hasNotificationActiveIs(true);
+  mfibVorn_.emplace(key, r);
+  r->handleInitialize();
+}
+
+Kiv::Ptr<Status const> OrderRouteSm::mfibVornDel(Status const* key) {
+  auto it = mfibVorn_.find(key);
+  if (it == mfibVorn_.end()) return nullptr;
+  Kiv::Ptr<KivMfibVorn> r = std::move(it->second);
+  mfibVorn_.erase(it);
+  r->kivDoZombieReactors(true);
+  return r->notifier();
+}
+
+void OrderRouteSm::mfibVornDelAll() {
+  while (!mfibVorn_.empty()) mfibVornDel(mfibVorn_.begin()->first);
+}
+
+void OrderRouteSm::KivVornColl::onVornPtr(Status const* key) {
+  Kiv::Ptr<Status const> table = notifier()->vornPtr(key);
+  if (table) {
+    owner_->mfibVornIs(key, table);
+  } else {
+    owner_->mfibVornDel(key);
+  }
+}
+
+void OrderRouteSm::KivVornColl::onVornPtrkivImmediate() {
+  if (!notifier() || !owner_) return;
+  auto const& tables = notifier()->vornPtrMap();
+  for (auto const& [key, table] : tables) owner_->mfibVornIs(key, table);
+  std::vector<Status const*> gone;
+  for (auto const& [key, r] : owner_->mfibVorn_) {
+    if (tables.find(key) == tables.end()) gone.push_back(key);
+  }
+  for (Status const* key : gone) owner_->mfibVornDel(key);
+}
+
+void OrderRouteSm::KivMfibVorn::handleInitialize() {
+  KIV_TRACE(th, 8, "void Vorn::Multicast::Fib::OrderRouteSm::KivMfibVorn::handleInitialize()");
+  if (!owner_->initialized()) {
+    KIV_TRACE(th, 2, "OrderRouteSm Not initialized");
+    return;
+  }
+  forEachRoute(*notifier(), [this](IpGenRouteKey const& key) { handleRouteChanged(key); });
+}
+
+void OrderRouteSm::KivMfibVorn::handleRouteChanged(IpGenRouteKey const& key) {
+  KIV_TRACE(th, 8,
+            "void Vorn::Multicast::Fib::OrderRouteSm::KivMfibVorn::handleRouteChanged("
+            "Routing::Multicast::Fib::IpGenRouteKey)");
+  if (!owner_->initialized()) {
+    KIV_TRACE(th, 2, "OrderRouteSm Not initialized");
+    return;
+  }
+  MfibVornColl const* coll = owner_->vornColl().ptr();
+  RouteOrderedCollection& ordered = *owner_->routeOrdered();
+  if (!coll || coll->route(key) == Route()) {
+    KIV_TRACE(th, 2, "Route entry deleted for key " << SourceGroup{key});
+    ordered.routeDel(key);
+    return;
+  }
+  Status const* const current = ordered.route(key).value_or(nullptr);
+  Status const* const owner = coll->vornKey(key);
+  if (current == owner) return;
+  KIV_TRACE(th, 2, "Route entry updated for key " << SourceGroup{key} << ")");
+  ordered.routeIs(key, owner);
+}
+
+// ---- ModalOrderRouteSm
+
+Kiv::Ptr<ModalOrderRouteSm> ModalOrderRouteSm::ModalOrderRouteSmIs(
+    Kiv::Ptr<Status const> const& mfibVorn, Kiv::Ptr<ModalRouteOrderedCollection> const& routeOrdered) {
+  return new ModalOrderRouteSm(mfibVorn, routeOrdered);
+}
+
+ModalOrderRouteSm::ModalOrderRouteSm(Kiv::Ptr<Status const> const& mfibVorn,
+                                     Kiv::Ptr<ModalRouteOrderedCollection> const& routeOrdered)
+    : routeOrdered_(routeOrdered) {
+  mfibVornIs(mfibVorn);
+}
+
+ModalOrderRouteSm::~ModalOrderRouteSm() { kivDoZombieReactors(true); }
+
+void ModalOrderRouteSm::kivDoZombieReactors(bool zombie) {
+  if (kivMfibVorn_) kivMfibVorn_->kivDoZombieReactors(zombie);
+}
+
+void ModalOrderRouteSm::hasNotificationActiveIs(bool active) {
+  if (kivMfibVorn_) kivMfibVorn_->hasNotificationActiveIs(active);
+}
+
+void ModalOrderRouteSm::mfibVornIs(Kiv::Ptr<Status const> const& table) {
+  if (table == mfibVorn_) return;
+  mfibVornDel();
+  mfibVorn_ = table;
+  if (!table) return;
+  kivMfibVorn_ = new KivMfibVorn(table, this);
+  kivMfibVorn_->hasNotificationActiveIs(true);
+}
+
+Kiv::Ptr<Status const> ModalOrderRouteSm::mfibVornDel() {
+  if (kivMfibVorn_) {
+    kivMfibVorn_->kivDoZombieReactors(true);
+    kivMfibVorn_ = nullptr;
+  }
+  Kiv::Ptr<Status const> old = std::move(mfibVorn_);
+  mfibVorn_ = nullptr;
+  return old;
+}
+
+void ModalOrderRouteSm::handleInitialized() {
+  KIV_TRACE(th, 8, "void Vorn::Multicast::Fib::ModalOrderRouteSm::handleInitialized()");
+  if (initialized_) return;
+  KIV_TRACE(th, 2, "Initializing ModalOrderRouteSm");
+  if (mfibVorn_) forEachRoute(*mfibVorn_, [this](IpGenRouteKey const& key) { routeOrdered_->routeIs(key, true); });
+  initializedIs(true);
+  KIV_TRACE(th, 2, "Initialized ModalOrderRouteSm");
+}
+
+void ModalOrderRouteSm::handleRouteChanged(IpGenRouteKey const& key) {
+  KIV_TRACE(th, 8,
+            "void Vorn::Multicast::Fib::ModalOrderRouteSm::handleRouteChanged("
+            "Routing::Multicast::Fib::IpGenRouteKey)");
+  if (!initialized_) {
+    KIV_TRACE(th, 2, "ModalOrderRouteSm not initialized");
+    return;
+  }
+  if (!mfibVorn_ || safeRoute(*mfibVorn_, key) == Route()) {
+    KIV_TRACE(th, 2, "Route entry deleted for key " << SourceGroup{key});
+    routeOrdered_->routeDel(key);
+    return;
+  }
+  if (routeOrdered_->route(key) == std::optional<bool>(true)) return;
+  KIV_TRACE(th, 2, "Route entry added for key " << SourceGroup{key} << ")");
+  routeOrdered_->routeIs(key, true);
+}
+
+// ---- MfibVornDir
+
+Kiv::Ptr<MfibVornColl> MfibVornDir::vornColl(L3::VrfName const& vrf) const {
+  auto it = vornColl_.find(vrf);
+  return it == vornColl_.end() ? nullptr : it->second;
+}
+
+Kiv::Ptr<MfibVornColl> MfibVornDir::vornCollIs(L3::VrfName const& vrf) {
+  auto it = vornColl_.find(vrf);
+  if (it != vornColl_.end()) return it->second;
+  Kiv::Ptr<MfibVornColl> coll = MfibVornColl::MfibVornCollIs(vrf);
+  vornColl_.emplace(vrf, coll);
+  vornCollNotify(vrf);
+  return coll;
+}
+
+Kiv::Ptr<MfibVornColl> MfibVornDir::vornCollDel(L3::VrfName const& vrf) {
+  auto it = vornColl_.find(vrf);
+  if (it == vornColl_.end()) return nullptr;
+  Kiv::Ptr<MfibVornColl> old = std::move(it->second);
+  vornColl_.erase(it);
+  vornCollNotify(vrf);
+  return old;
+}
+
+void MfibVornDir::vornCollDelAll() {
+  std::vector<L3::VrfName> vrfs;
+  for (auto const& [vrf, coll] : vornColl_) vrfs.push_back(vrf);
+  for (auto const& vrf : vrfs) vornCollDel(vrf);
+}
+
+void MfibVornDir::vornCollNotify(L3::VrfName const& vrf) const {
+  using Hook = void (NotifieeConst::*)(L3::VrfName);
+  notify(Hook(&NotifieeConst::onVornColl), vrf);
+}
+
+// ---- VrfStatus
+
+Kiv::Ptr<Status> VrfStatus::status(L3::VrfName const& vrf) const {
+  auto it = status_.find(vrf);
+  return it == status_.end() ? nullptr : it->second;
+}
+
+void VrfStatus::statusIs(L3::VrfName const& vrf, Kiv::Ptr<Status> const& status) {
+  auto it = status_.find(vrf);
+  if (it != status_.end()) {
+    if (it->second == status) return;
+    if (status) {
+      it->second = status;
+    } else {
+      status_.erase(it);
+    }
+  } else {
+    if (!status) return;
+    status_.emplace(vrf, status);
+  }
+  statusNotify(vrf);
+}
+
+Kiv::Ptr<Status> VrfStatus::statusDel(L3::VrfName const& vrf) {
+  auto it = status_.find(vrf);
+  if (it == status_.end()) return nullptr;
+  Kiv::Ptr<Status> old = std::move(it->second);
+  status_.erase(it);
+  statusNotify(vrf);
+  return old;
+}
+
+void VrfStatus::statusDelAll() {
+  std::vector<L3::VrfName> vrfs;
+  for (auto const& [vrf, s] : status_) vrfs.push_back(vrf);
+  for (auto const& vrf : vrfs) statusDel(vrf);
+}
+
+// ---- factories
+
+Kiv::Ptr<MfibVornColl> mfibVornCollFactory(L3::VrfName const& vrfName) {
+  return MfibVornColl::MfibVornCollIs(vrfName);
+}
+Kiv::Ptr<MfibVornDir> mfibVornDirFactory() { return MfibVornDir::MfibVornDirIs(); }
+Kiv::Ptr<VrfStatus> vrfStatusFactory() { return VrfStatus::VrfStatusIs(); }
+Kiv::Ptr<OrderRouteSm> orderRouteSmFactory(Kiv::Ptr<MfibVornColl const> const& vornColl,
+                                           Kiv::Ptr<RouteOrderedCollection> const& routeOrdered) {
+  return OrderRouteSm::OrderRouteSmIs(vornColl, routeOrdered);
+}
+Kiv::Ptr<ModalOrderRouteSm> modalOrderRouteSmFactory(Kiv::Ptr<Status const> const& mfibVorn,
+                                                     Kiv::Ptr<ModalRouteOrderedCollection> const& routeOrdered) {
+  return ModalOrderRouteSm::ModalOrderRouteSmIs(mfibVorn, routeOrdered);
+}
+
+}  // namespace Vorn::Multicast::Fib

@@ -1,0 +1,267 @@
+#include <gtest/gtest.h>
+
+#include "Kiv/Trace.h"
+#include "MfibTestUtil.h"
+#include "Mfib/MfibVornCollRouteIteratorConst.h"
+
+using namespace MfibTest;
+
+namespace {
+
+struct CollRecorder : MfibVornColl::NotifieeConst {
+  using MfibVornColl::NotifieeConst::NotifieeConst;
+  void onVornPtr(Status const* k) override { keys.push_back(k); }
+  std::vector<Status const*> keys;
+};
+
+class MfibVornCollTest : public ::testing::Test {
+ protected:
+  Tables tables;
+  Kiv::Ptr<Status> a = tables.table("a");
+  Kiv::Ptr<Status> b = tables.table("b");
+  Kiv::Ptr<MfibVornColl> coll = mfibVornCollFactory(L3::VrfName("red"));
+
+  void add(Kiv::Ptr<Status> const& t) { coll->vornPtrIs(t.ptr(), t); }
+  // The two tables in the collection's iteration order.
+  std::pair<Status*, Status*> ordered() {
+    Status const* first = coll->vornPtrMap().begin()->first;
+    return first == a.ptr() ? std::pair(a.ptr(), b.ptr()) : std::pair(b.ptr(), a.ptr());
+  }
+};
+
+TEST_F(MfibVornCollTest, MutatorsNotifyOnlyRealChanges) {
+  CollRecorder heard(coll);
+  add(a);
+  add(a);
+  coll->vornPtrIs(b.ptr(), nullptr);
+  EXPECT_EQ(coll->vornPtrDel(b.ptr()), nullptr);
+  EXPECT_EQ(heard.keys, (std::vector<Status const*>{a.ptr()}));
+  coll->vornPtrIs(a.ptr(), b);  // another table under the same key replaces
+  EXPECT_EQ(coll->vornPtr(a.ptr()), b);
+  coll->vornPtrIs(a.ptr(), nullptr);
+  EXPECT_EQ(coll->vornPtrs(), 0u);
+  add(a);
+  add(b);
+  coll->vornPtrDelAll();
+  EXPECT_EQ(heard.keys.size(), 7u);
+  EXPECT_EQ(coll->vornPtrs(), 0u);
+}
+
+TEST_F(MfibVornCollTest, StrictlyGreaterPriorityWinsAndTiesGoToTheFirstTable) {
+  add(a);
+  add(b);
+  auto [first, second] = ordered();
+  IpGenRouteKey const k = key(1), solo = key(2), zero = key(3);
+  first->routePublish(route(k, 2));
+  second->routePublish(route(k, 2));
+  EXPECT_EQ(coll->vornKey(k), first);
+  EXPECT_EQ(coll->nextBestVorn(first, k), second);
+  EXPECT_FALSE(coll->isBestRoute(second, k));
+  second->routePublish(route(k, 3));
+  EXPECT_EQ(coll->vornKey(k), second);
+  EXPECT_EQ(coll->route(k).priority(), RoutePriority(3));
+  EXPECT_EQ(coll->mfibVorn(k), second);
+
+  second->routePublish(route(solo, 1));
+  EXPECT_EQ(coll->nextBestVorn(second, solo), nullptr);
+
+  a->routePublish(route(zero, 0));
+  EXPECT_EQ(coll->vornKey(zero), nullptr);
+  EXPECT_EQ(coll->route(zero), Route());
+  EXPECT_FALSE(coll->isBestRoute(a.ptr(), zero));
+}
+
+TEST_F(MfibVornCollTest, CorruptTableIsReportedAndSkipped) {
+  add(a);
+  add(b);
+  IpGenRouteKey const k = key(1);
+  a->routePublish(route(k, 5));
+  b->routePublish(route(k, 1));
+  tear(*a, k);
+  EXPECT_EQ(coll->vornKey(k), b.ptr());
+  EXPECT_EQ(coll->route(k).priority(), RoutePriority(1));
+  EXPECT_GE(a->routeTable().corruptions(), 2u);
+}
+
+// ---- the merge iterator
+
+std::vector<std::pair<Status const*, IpGenRouteKey>> walk(Kiv::Ptr<MfibVornColl const> const& coll) {
+  std::vector<std::pair<Status const*, IpGenRouteKey>> out;
+  for (MfibVornCollRouteIteratorConst it(coll); !it.done(); it.updateToBestRouteIterators()) {
+    EXPECT_TRUE(it.valid());
+    EXPECT_EQ(it.route().key(), it.routeKey());
+    out.emplace_back(it.vornKey(), it.routeKey());
+  }
+  return out;
+}
+
+TEST_F(MfibVornCollTest, MergeIteratorYieldsOnlyUnbeatenPositionsTableByTable) {
+  EXPECT_TRUE(MfibVornCollRouteIteratorConst(coll).done());
+  EXPECT_EQ(coll->routes(), 0u);
+  Kiv::Ptr<Status> empty = tables.table("empty");
+  add(a);
+  add(b);
+  add(empty);
+  auto [first, second] = ordered();
+  // first: k1 (1), k2 (1, beaten), k3 (0); second: k2 (2), k4 (3, tied)
+  first->routePublish(route(key(1), 1));
+  first->routePublish(route(key(2), 1));
+  first->routePublish(route(key(3), 0));
+  first->routePublish(route(key(4), 3));
+  second->routePublish(route(key(2), 2));
+  second->routePublish(route(key(4), 3));
+  Kiv::TraceCapture cap("Mroute::MfibVorn/8");
+  auto got = walk(coll);
+  decltype(got) expected{{first, key(1)}, {first, key(3)}, {first, key(4)}, {second, key(2)}, {second, key(4)}};
+  std::sort(got.begin(), got.end());
+  std::sort(expected.begin(), expected.end());
+  EXPECT_EQ(got, expected);
+  EXPECT_EQ(coll->routes(), 5u);
+  EXPECT_EQ(cap.count(" has better priority 2 for (s: 10.0.0.2/32 g: 239.1.0.1/32)"), 2u);  // walk and routes()
+  EXPECT_TRUE(cap.contains("Done"));
+}
+
+TEST_F(MfibVornCollTest, MergeIteratorSkipsTheRestOfATableThatFailsAStep) {
+  add(a);
+  add(b);
+  for (unsigned n = 1; n <= 3; ++n) a->routePublish(route(key(n), 1));
+  b->routePublish(route(key(9), 1));
+  tear(*a, key(2));
+  auto got = walk(coll);
+  bool sawB = false;
+  for (auto const& [t, k] : got) {
+    if (t == a.ptr()) {
+      EXPECT_EQ(k, key(1));
+    }
+    sawB |= t == b.ptr() && k == key(9);
+  }
+  EXPECT_TRUE(sawB);
+  EXPECT_GE(a->routeTable().corruptions(), 1u);
+}
+
+TEST(MfibVornDirRouteKey, OrdersByTableThenKeyAndReadsBackItsText) {
+  auto const* t1 = reinterpret_cast<Status const*>(0x1000);
+  auto const* t2 = reinterpret_cast<Status const*>(0x2000);
+  MfibVornDirRouteKey x(t1, key(2)), y(t1, key(3)), z(t2, key(1));
+  EXPECT_LT(x, y);
+  EXPECT_LT(y, z);
+  EXPECT_EQ(MfibVornDirRouteKey(x.valueToStrep()), x);
+  EXPECT_NE(x.valueToStrep().find("'vornKey': 0x1000"), std::string::npos) << x.valueToStrep();
+  EXPECT_EQ(x.hash(), MfibVornDirRouteKey(t1, key(2)).hash());
+  EXPECT_NE(x.hash(), z.hash());
+  EXPECT_THROW(MfibVornDirRouteKey("Value('Other', ** {})"), Kiv::ParseException);
+}
+
+// ---- ordering machines
+
+class OrderRouteSmTest : public MfibVornCollTest {
+ protected:
+  Kiv::Ptr<RouteOrderedCollection> out = RouteOrderedCollection::create();
+};
+
+TEST_F(OrderRouteSmTest, InitialPassAndLaterChangesKeepTheBestOwner) {
+  add(a);
+  a->routePublish(route(key(1), 1));
+  a->routePublish(route(key(2), 1));
+  Kiv::TraceCapture cap("Mroute::MfibVorn/0-9");
+  auto sm = orderRouteSmFactory(coll, out);
+  EXPECT_TRUE(cap.contains("OrderRouteSm Not initialized"));
+  EXPECT_TRUE(cap.contains("Initialized OrderRouteSm"));
+  EXPECT_EQ(out->routes(), 2u);
+  EXPECT_EQ(out->route(key(1)), a.ptr());
+
+  // A new table with a better route takes the key over.
+  b->routePublish(route(key(1), 5));
+  add(b);
+  EXPECT_EQ(out->route(key(1)), b.ptr());
+  EXPECT_EQ(sm->mfibVorns(), 2u);
+
+  // A worse route in another table changes nothing.
+  cap.clear();
+  a->routePublish(route(key(1), 2));
+  EXPECT_FALSE(cap.contains("Route entry updated for key (s: "));
+  EXPECT_EQ(out->route(key(1)), b.ptr());
+
+  // The best route goes: the other table owns the key.
+  b->routeDel(key(1));
+  EXPECT_TRUE(cap.contains("Route entry updated for key (s: 10.0.0.1/32 g: 239.1.0.1/32)"));
+  EXPECT_EQ(out->route(key(1)), a.ptr());
+
+  // The last route goes: the key leaves, and the trace has no closing parenthesis.
+  a->routeDel(key(1));
+  EXPECT_EQ(out->route(key(1)), std::nullopt);
+  bool exact = false;
+  for (auto const& t : cap.texts()) exact |= t == "Route entry deleted for key (s: 10.0.0.1/32 g: 239.1.0.1/32";
+  EXPECT_TRUE(exact);
+
+  // A table leaving the collection takes its reactor with it.
+  coll->vornPtrDel(b.ptr());
+  EXPECT_EQ(sm->mfibVorns(), 1u);
+  cap.clear();
+  sm->handleInitialized();
+  EXPECT_EQ(cap.texts(), (std::vector<std::string>{"void Vorn::Multicast::Fib::OrderRouteSm::handleInitialized()"}));
+}
+
+TEST_F(OrderRouteSmTest, ZombieMachineHearsNothing) {
+  add(a);
+  auto sm = orderRouteSmFactory(coll, out);
+  sm->kivDoZombieReactors(true);
+  a->routePublish(route(key(1), 1));
+  EXPECT_EQ(out->routes(), 0u);
+  sm->kivDoZombieReactors(false);
+  sm->vornCollDel();
+  add(b);
+  EXPECT_EQ(sm->mfibVorns(), 1u);
+  sm->mfibVornDelAll();
+  a->routePublish(route(key(2), 1));
+  EXPECT_EQ(out->routes(), 0u);
+}
+
+TEST_F(MfibVornCollTest, ModalMachineWaitsForInitialisationAndRestoresClearedFlags) {
+  auto out = ModalRouteOrderedCollection::create();
+  a->routePublish(route(key(1), 0));
+  auto sm = modalOrderRouteSmFactory(a, out);
+  Kiv::TraceCapture cap("Mroute::MfibVorn/0-9");
+  a->routePublish(route(key(2), 1));
+  EXPECT_TRUE(cap.contains("ModalOrderRouteSm not initialized"));
+  EXPECT_EQ(out->routes(), 0u);
+  sm->handleInitialized();
+  EXPECT_EQ(out->routes(), 2u);
+  out->routeIs(key(1), false);
+  cap.clear();
+  a->routePublish(route(key(1), 4));
+  EXPECT_EQ(out->route(key(1)), std::optional<bool>(true));
+  EXPECT_TRUE(cap.contains("Route entry added for key (s: 10.0.0.1/32 g: 239.1.0.1/32)"));
+  cap.clear();
+  a->routePublish(route(key(1), 5));
+  EXPECT_FALSE(cap.contains("Route entry added"));
+  a->routeDel(key(2));
+  EXPECT_EQ(out->route(key(2)), std::nullopt);
+}
+
+TEST(MfibVornDir, CollectionsPerVrfAreCreatedOnceAndRemovedWithNotification) {
+  auto dir = mfibVornDirFactory();
+  struct Heard : MfibVornDir::NotifieeConst {
+    using MfibVornDir::NotifieeConst::NotifieeConst;
+    void onVornColl(L3::VrfName v) override { vrfs.push_back(v.str()); }
+    std::vector<std::string> vrfs;
+  } heard(dir);
+  auto red = dir->vornCollIs(L3::VrfName("red"));
+  EXPECT_EQ(dir->vornCollIs(L3::VrfName("red")), red);
+  EXPECT_EQ(red->vrfName(), L3::VrfName("red"));
+  EXPECT_EQ(dir->vornCollDel(L3::VrfName("blue")), nullptr);
+  dir->vornCollIs(L3::VrfName("blue"));
+  dir->vornCollDelAll();
+  EXPECT_EQ(heard.vrfs.size(), 4u);
+  EXPECT_EQ(dir->vornColls(), 0u);
+
+  auto vs = vrfStatusFactory();
+  Kiv::Ptr<Status> t = new Status("t");
+  vs->statusIs(L3::VrfName("red"), t);
+  vs->statusIs(L3::VrfName("red"), t);
+  EXPECT_EQ(vs->statuses(), 1u);
+  vs->statusIs(L3::VrfName("red"), nullptr);
+  EXPECT_EQ(vs->status(L3::VrfName("red")), nullptr);
+}
+
+}  // namespace
