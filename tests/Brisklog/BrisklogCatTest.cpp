@@ -98,6 +98,21 @@ TEST(BrisklogCat, DamagedOrForeignFilesAreReportedAndTheOthersStillPrinted) {
   EXPECT_NE(r.out.find("Good still here"), std::string::npos);
 }
 
+TEST(BrisklogCat, ListShowsEachFilesProcessAndWhetherItRuns) {
+  TraceDir dir;
+  BRISKLOG("Listed", "here");
+  std::string const mine = Brisklog::path();
+  std::ofstream(dir.dir() + "/junk.brisklog") << "not a trace";
+  ToolRun r = brisklogCat("--list " + dir.dir(), dir.dir() + "/err");
+  EXPECT_EQ(r.status, 0);
+  std::vector<std::string> got = lines(r.out);
+  ASSERT_EQ(got.size(), 2u) << r.out;
+  // Sorted by name: "BrisklogTest-<pid>" before "junk".
+  EXPECT_EQ(got[0].rfind(mine + "  BrisklogTest pid " + std::to_string(getpid()) + "  running", 0), 0u)
+      << got[0];
+  EXPECT_NE(got[1].find("junk.brisklog  unreadable: "), std::string::npos) << got[1];
+}
+
 TEST(BrisklogCat, FollowPrintsALiveWritersRecordsAndEndsWhenItGoes) {
   TraceDir dir;
   int fds[2];
