@@ -32,7 +32,11 @@ def main():
     args = p.parse_args()
     data = load(args)
     t = {}  # (operation, system, size) -> benchmark
-    for b in data["benchmarks"]:
+    runs = data["benchmarks"]
+    # With --benchmark_repetitions, use the medians.
+    if any(b.get("aggregate_name") == "median" for b in runs):
+        runs = [dict(b, name=b["run_name"]) for b in runs if b.get("aggregate_name") == "median"]
+    for b in runs:
         parts = b["name"].split("/")
         if len(parts) >= 3 and parts[2].isdigit():
             t[(parts[0], parts[1], int(parts[2]))] = b

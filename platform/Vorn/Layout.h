@@ -38,7 +38,7 @@ struct TableDesc {
   std::uint32_t recordOffset;
   std::uint32_t capacity;   // records; entry `capacity` is the skip-list head
   std::uint32_t slotCount;  // hash slots, a power of two >= 2 * capacity
-  std::uint32_t reserved;
+  std::uint32_t linksOffset;  // within an entry: the skip-list tower
   std::uint64_t controlOffset;
   std::uint64_t slotsOffset;
   std::uint64_t entriesOffset;
@@ -66,8 +66,11 @@ inline constexpr std::uint64_t kSlotTombstone = kNone;
 // writer tell a record torn by a crash from a link update cut short.
 enum Op : std::uint8_t { opNone = 0, opInsert = 1, opLink = 2, opDelete = 3 };
 
-// Head of every entry. Two sequence counters, both even when stable:
-//   lseq covers live, level, op, the key and next[]
+// Head of every entry, followed by the key, the record and the skip-list
+// tower (kMaxLevel links), the entry rounded up to whole cache lines: the
+// head and a key of up to 40 bytes share the first line, which a lookup
+// reads first. Two sequence counters, both even when stable:
+//   lseq covers live, level, op, the key and the tower
 //   dseq covers the record bytes and stamp
 // The writer bumps a counter to odd (release fence after), writes, bumps to
 // even (release store). A reader loads the counter (acquire), copies, issues
@@ -82,9 +85,9 @@ struct EntryHead {
   std::uint8_t reserved0;
   std::uint32_t reserved1;
   std::uint64_t stamp;  // log position of the change that last wrote the record
-  std::atomic<std::uint32_t> next[kMaxLevel];
 };
-static_assert(sizeof(EntryHead) == 72);
+static_assert(sizeof(EntryHead) == 24);
+using Link = std::atomic<std::uint32_t>;
 
 struct BellSlot {
   std::atomic<std::uint32_t> pid;    // reader owning the doorbell, 0 free

@@ -121,7 +121,9 @@ struct Plan {
 void shapeEntry(Layout::TableDesc& d) {
   d.keyOffset = sizeof(Layout::EntryHead);
   d.recordOffset = d.keyOffset + static_cast<std::uint32_t>(Layout::roundUp(d.keySize, 8));
-  d.entrySize = static_cast<std::uint32_t>(Layout::roundUp(d.recordOffset + d.recordSize, 8));
+  d.linksOffset = static_cast<std::uint32_t>(Layout::roundUp(d.recordOffset + d.recordSize, 8));
+  d.entrySize = static_cast<std::uint32_t>(
+      Layout::roundUp(d.linksOffset + sizeof(Layout::Link) * Layout::kMaxLevel, 64));
 }
 
 }  // namespace
@@ -252,7 +254,8 @@ void Region::validate(std::string_view typeName, std::vector<TableShape> const* 
       fail(tw + "record size " + std::to_string(d.recordSize));
     Layout::TableDesc expect = d;
     shapeEntry(expect);
-    if (expect.entrySize != d.entrySize || expect.keyOffset != d.keyOffset || expect.recordOffset != d.recordOffset)
+    if (expect.entrySize != d.entrySize || expect.keyOffset != d.keyOffset ||
+        expect.recordOffset != d.recordOffset || expect.linksOffset != d.linksOffset)
       fail(tw + "entry layout does not match its key and record sizes");
     if (d.capacity == 0 || d.capacity > Layout::kMaxCapacity) fail(tw + "capacity " + std::to_string(d.capacity));
     if (!isPow2(d.slotCount) || d.slotCount < 2ull * d.capacity || d.slotCount > 4ull * Layout::kMaxCapacity)
@@ -274,6 +277,7 @@ void Region::validate(std::string_view typeName, std::vector<TableShape> const* 
     g.entrySize = d.entrySize;
     g.keyOffset = d.keyOffset;
     g.recordOffset = d.recordOffset;
+    g.linksOffset = d.linksOffset;
     g.capacity = d.capacity;
     g.slotCount = d.slotCount;
     g.control = reinterpret_cast<Layout::Control*>(base_ + d.controlOffset);
@@ -365,9 +369,10 @@ std::unique_ptr<Region> Region::create(std::string const& path, std::string_view
     h->tables[i] = d;
     auto* c = reinterpret_cast<Layout::Control*>(r->base_ + d.controlOffset);
     c->topLevel.store(1, std::memory_order_relaxed);
-    auto* head = reinterpret_cast<Layout::EntryHead*>(r->base_ + d.entriesOffset + std::uint64_t(d.capacity) * d.entrySize);
-    head->level = Layout::kMaxLevel;
-    for (auto& n : head->next) n.store(Layout::kNone, std::memory_order_relaxed);
+    unsigned char* headEntry = r->base_ + d.entriesOffset + std::uint64_t(d.capacity) * d.entrySize;
+    reinterpret_cast<Layout::EntryHead*>(headEntry)->level = Layout::kMaxLevel;
+    auto* links = reinterpret_cast<Layout::Link*>(headEntry + d.linksOffset);
+    for (std::uint32_t l = 0; l < Layout::kMaxLevel; ++l) links[l].store(Layout::kNone, std::memory_order_relaxed);
   }
   h->writerPid.store(static_cast<std::uint32_t>(getpid()), std::memory_order_relaxed);
   h->writerEpoch.store(1, std::memory_order_relaxed);

@@ -48,6 +48,7 @@ struct TableGeometry {
   std::uint32_t entrySize = 0;
   std::uint32_t keyOffset = 0;
   std::uint32_t recordOffset = 0;
+  std::uint32_t linksOffset = 0;
   std::uint32_t capacity = 0;
   std::uint32_t slotCount = 0;
   Layout::Control* control = nullptr;

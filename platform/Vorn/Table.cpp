@@ -47,6 +47,7 @@ void TableBase::attach(Region* region, std::uint32_t index) {
   entrySize_ = g.entrySize;
   keyOffset_ = g.keyOffset;
   recordOffset_ = g.recordOffset;
+  linksOffset_ = g.linksOffset;
   capacity_ = g.capacity;
   slotMask_ = g.slotCount - 1;
   free_.clear();

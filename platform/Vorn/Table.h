@@ -164,6 +164,7 @@ class TableBase {
   std::uint32_t entrySize_ = 0;
   std::uint32_t keyOffset_ = 0;
   std::uint32_t recordOffset_ = 0;
+  std::uint32_t linksOffset_ = 0;
   std::uint32_t capacity_ = 0;
   std::uint32_t slotMask_ = 0;
   std::uint32_t index_ = 0;
@@ -177,6 +178,9 @@ class TableBase {
     return reinterpret_cast<Layout::EntryHead*>(entries_ + std::size_t(i) * entrySize_);
   }
   unsigned char* keyAt(std::uint32_t i) const { return entries_ + std::size_t(i) * entrySize_ + keyOffset_; }
+  Layout::Link* links(std::uint32_t i) const {
+    return reinterpret_cast<Layout::Link*>(entries_ + std::size_t(i) * entrySize_ + linksOffset_);
+  }
   unsigned char* recordAt(std::uint32_t i) const {
     return entries_ + std::size_t(i) * entrySize_ + recordOffset_;
   }
@@ -307,8 +311,8 @@ class Table : public TableBase {
       e->level = static_cast<std::uint8_t>(level);
       std::memcpy(keyAt(idx), &k, sizeof(K));
       for (std::uint32_t l = 0; l < Layout::kMaxLevel; ++l) {
-        std::uint32_t n = l < level ? head(preds[l])->next[l].load(std::memory_order_relaxed) : Layout::kNone;
-        e->next[l].store(n, std::memory_order_relaxed);
+        std::uint32_t n = l < level ? links(preds[l])[l].load(std::memory_order_relaxed) : Layout::kNone;
+        links(idx)[l].store(n, std::memory_order_relaxed);
       }
       std::memcpy(recordAt(idx), &r, sizeof(R));
       e->stamp = region_->nextStamp();
@@ -323,7 +327,7 @@ class Table : public TableBase {
         Layout::EntryHead* ph = head(p);
         ph->op = Layout::opLink;
         writeBegin(ph->lseq);
-        for (; l < level && preds[l] == p; ++l) ph->next[l].store(idx, std::memory_order_relaxed);
+        for (; l < level && preds[l] == p; ++l) links(p)[l].store(idx, std::memory_order_relaxed);
         writeEnd(ph->lseq);
         ph->op = Layout::opNone;
       }
@@ -358,12 +362,12 @@ class Table : public TableBase {
     for (std::uint32_t l = level; l-- > 0;) {
       std::uint32_t const p = preds[l];
       Layout::EntryHead* ph = head(p);
-      if (ph->next[l].load(std::memory_order_relaxed) != idx) continue;  // never linked this high
+      if (links(p)[l].load(std::memory_order_relaxed) != idx) continue;  // never linked this high
       ph->op = Layout::opLink;
       writeBegin(ph->lseq);
       for (;; --l) {
-        if (ph->next[l].load(std::memory_order_relaxed) == idx)
-          ph->next[l].store(e->next[l].load(std::memory_order_relaxed), std::memory_order_relaxed);
+        if (links(p)[l].load(std::memory_order_relaxed) == idx)
+          links(p)[l].store(links(idx)[l].load(std::memory_order_relaxed), std::memory_order_relaxed);
         if (l == 0 || preds[l - 1] != p) break;
       }
       writeEnd(ph->lseq);
@@ -608,7 +612,7 @@ class Table : public TableBase {
     if (xh->lseq.load(std::memory_order_acquire) != hint.seq) return -1;
     K xk;
     std::memcpy(static_cast<void*>(&xk), keyAt(x), sizeof(K));
-    std::uint32_t const n = checkedLink(x, 0, xh->next[0].load(std::memory_order_acquire));
+    std::uint32_t const n = checkedLink(x, 0, links(x)[0].load(std::memory_order_acquire));
     if (n == Layout::kNone) {
       std::atomic_thread_fence(std::memory_order_acquire);
       if (xh->lseq.load(std::memory_order_relaxed) != hint.seq || !equal(xk, after) || !readEnd(g)) return -1;
@@ -628,6 +632,13 @@ class Table : public TableBase {
         xh->lseq.load(std::memory_order_relaxed) != hint.seq || !readEnd(g) || !live || !equal(xk, after))
       return -1;
     region_->checkTruncated();
+    // A walk goes on to the node after this one: start fetching it now, so
+    // the next step finds it in cache.
+    std::uint32_t const nn = links(n)[0].load(std::memory_order_relaxed);
+    if (nn < capacity_) {
+      unsigned char const* p = entries_ + std::size_t(nn) * entrySize_;
+      for (std::uint32_t off = 0; off < entrySize_; off += 64) __builtin_prefetch(p + off);
+    }
     if (!(after < nk)) fail("entry " + std::to_string(x) + " links to entry " + std::to_string(n) + ", whose key is not after its own");
     key = nk;
     hint.entry = n;
@@ -662,7 +673,7 @@ class Table : public TableBase {
     K ck;
     for (std::uint32_t l = top; l-- > 0;) {
       for (;;) {
-        std::uint32_t const n = checkedLink(x, l, head(x)->next[l].load(std::memory_order_acquire));
+        std::uint32_t const n = checkedLink(x, l, links(x)[l].load(std::memory_order_acquire));
         if (n == Layout::kNone) break;
         std::uint32_t const ns = stableL(n);
         K nk;
@@ -743,7 +754,7 @@ class Table : public TableBase {
         continue;
       }
       for (;;) {
-        std::uint32_t const n = checkedLink(x, l, head(x)->next[l].load(std::memory_order_relaxed));
+        std::uint32_t const n = checkedLink(x, l, links(x)[l].load(std::memory_order_relaxed));
         if (n == Layout::kNone) break;
         K nk;
         std::memcpy(static_cast<void*>(&nk), keyAt(n), sizeof(K));
@@ -835,7 +846,7 @@ void Table<K, R, KeyOf>::adopt() {
   writeBegin(hh->lseq);
   for (std::uint32_t l = 0; l < Layout::kMaxLevel; ++l) {
     last[l] = headEntry();
-    hh->next[l].store(Layout::kNone, std::memory_order_relaxed);
+    links(headEntry())[l].store(Layout::kNone, std::memory_order_relaxed);
   }
   hh->live = 0;
   hh->level = Layout::kMaxLevel;
@@ -844,12 +855,12 @@ void Table<K, R, KeyOf>::adopt() {
   for (std::uint32_t i : unique) {
     Layout::EntryHead* e = head(i);
     writeBegin(e->lseq);
-    for (std::uint32_t l = 0; l < Layout::kMaxLevel; ++l) e->next[l].store(Layout::kNone, std::memory_order_relaxed);
+    for (std::uint32_t l = 0; l < Layout::kMaxLevel; ++l) links(i)[l].store(Layout::kNone, std::memory_order_relaxed);
     writeEnd(e->lseq);
     for (std::uint32_t l = 0; l < e->level; ++l) {
       Layout::EntryHead* p = head(last[l]);
       writeBegin(p->lseq);
-      p->next[l].store(i, std::memory_order_relaxed);
+      links(last[l])[l].store(i, std::memory_order_relaxed);
       writeEnd(p->lseq);
       last[l] = i;
     }

@@ -273,8 +273,11 @@ TEST_F(VornTable, CorruptSlotsAndLinksRaiseInsteadOfCrashingOrLooping) {
   ASSERT_TRUE(r->entryTable().first(firstKey, rec, hint));
   std::uint32_t const firstEntry = hint.entry;
   std::uint32_t last = firstEntry;
-  while (headOf(*r, last)->next[0].load() != Vorn::Layout::kNone) last = headOf(*r, last)->next[0].load();
-  headOf(*r, last)->next[0].store(firstEntry);
+  auto next0 = [&](std::uint32_t i) {
+    return reinterpret_cast<Vorn::Layout::Link*>(reinterpret_cast<unsigned char*>(headOf(*r, i)) + g.linksOffset);
+  };
+  while (next0(last)->load() != Vorn::Layout::kNone) last = next0(last)->load();
+  next0(last)->store(firstEntry);
   bool raised = false;
   k = firstKey;
   try {

@@ -137,7 +137,10 @@ void hex(std::ostream& os, unsigned char const* p, std::size_t n) {
 std::size_t rawDump(Vorn::Region const& r, Vorn::TableGeometry const& g, std::size_t limit) {
   auto entry = [&](std::uint32_t i) { return g.entries + std::size_t(i) * g.entrySize; };
   auto head = [&](std::uint32_t i) { return reinterpret_cast<Vorn::Layout::EntryHead const*>(entry(i)); };
-  std::uint32_t x = head(g.capacity)->next[0].load();
+  auto next0 = [&](std::uint32_t i) {
+    return reinterpret_cast<Vorn::Layout::Link const*>(entry(i) + g.linksOffset)->load();
+  };
+  std::uint32_t x = next0(g.capacity);
   std::size_t n = 0;
   while (x != Vorn::Layout::kNone && n < limit) {
     if (x >= g.capacity || n > g.capacity) r.fail("table '" + g.name + "': broken links at entry " + std::to_string(x));
@@ -147,7 +150,7 @@ std::size_t rawDump(Vorn::Region const& r, Vorn::TableGeometry const& g, std::si
     if ((head(x)->lseq.load() | head(x)->dseq.load()) & 1) std::cout << " (mid-write)";
     std::cout << "\n";
     ++n;
-    x = head(x)->next[0].load();
+    x = next0(x);
   }
   return n;
 }
