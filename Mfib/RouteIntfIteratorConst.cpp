@@ -46,8 +46,9 @@ bool RouteIntfIteratorBase::nextSpecial() {
   if (!specialIntf1Visited_) {
     specialIntf1Visited_ = true;
     if (!route_.specialIntf1().empty()) {
-      RouteIntfRole const role = (route_.flags() & Route::flagSpecialIntf1Alt) ? RouteIntfRole::specialIntf1Alt
-                                                                               : RouteIntfRole::specialIntf1;
+      RouteIntfRole const role = (route_.flags() & Route::flagSpecialIntf1Alt)
+                                     ? RouteIntfRole::specialIntf1Alt
+                                     : RouteIntfRole::specialIntf1;
       itemIs(role, route_.specialIntf1(), OifIndex::end());
       return true;
     }
@@ -119,7 +120,8 @@ void RouteIntfIteratorConst::next() {
     advance(cur);
     if (version != route_.version()) {
       BRISKLOG("RouteIntfIteratorConst", "next(): route version mismatch %u!=%u", version, route_.version());
-      KIV_TRACE(th, kAnomalyLevel, "next" << "(): route version mismatch " << version << "!=" << route_.version());
+      KIV_TRACE(th, kAnomalyLevel,
+                "next" << "(): route version mismatch " << version << "!=" << route_.version());
       mappingMissing_ = true;
       doneIs();
       return;
