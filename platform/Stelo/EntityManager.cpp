@@ -12,7 +12,10 @@ EntityManager::EntityManager(Kiv::EventLoop* loop, std::string root)
     : loop_(loop), root_(root.empty() ? Vorn::defaultRoot() : std::move(root)) {}
 
 EntityManager::~EntityManager() {
-  for (auto& [url, status] : mounts_) status->unmount();
+  // Tables outlive the manager if someone holds them, readable still, but
+  // they no longer hear of changes from the manager's loop.
+  for (auto& [url, status] : mounts_)
+    if (status->follow() == loop_) status->followIs(nullptr);
 }
 
 void EntityManager::rootIs(std::string root) { root_ = root.empty() ? Vorn::defaultRoot() : std::move(root); }

@@ -79,7 +79,8 @@ void Mount::doMount(std::string const& url, std::string const& typeName, MountIn
   } catch (Pelto::CorruptionDetectedException const& e) {
     KIV_TRACE(th, 2, "doMount: " << url << ": " << e.what());
     return;
-  } catch (Kiv::ErrnoException const& e) {
+  } catch (Kiv::Exception const& e) {
+    // No such file, no permission, or a table another writer is writing.
     KIV_TRACE(th, 2, "doMount: " << url << ": " << e.what());
     return;
   }

@@ -399,6 +399,11 @@ std::unique_ptr<Region> Region::writerIs(std::string const& path, std::string_vi
       r->map(fd, static_cast<std::uint64_t>(st.st_size), true);
       r->validate(typeName, &shapes);
       r->checkTruncated();
+      std::uint32_t const other = r->writerPid();
+      if (other != 0 && other != static_cast<std::uint32_t>(getpid()) && pidAlive(other)) {
+        r->mode_ = Mode::reader;  // leaves the running writer's pid alone
+        throw Kiv::Exception(path + " is being written by pid " + std::to_string(other));
+      }
       r->adopted_ = true;
       r->header_->writerPid.store(static_cast<std::uint32_t>(getpid()), std::memory_order_release);
       r->header_->writerEpoch.fetch_add(1, std::memory_order_acq_rel);

@@ -73,7 +73,8 @@ class Region {
   // Creates the region at `path`, or adopts the file already there when its
   // type and table shapes match (adopted() is then true). A file of another
   // type or shape, or a corrupt one, is replaced. Capacities of an adopted
-  // file are the file's own.
+  // file are the file's own. A file whose writer is still running is not
+  // taken over: Kiv::Exception names that writer.
   static std::unique_ptr<Region> writerIs(std::string const& path, std::string_view typeName,
                                           std::vector<TableShape> const& shapes,
                                           std::uint32_t logCapacity);

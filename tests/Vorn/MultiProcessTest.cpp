@@ -347,3 +347,27 @@ TEST_F(VornProcesses, RandomBytesAreRefusedAtMount) {
   auto w = mounted(path, Mode::writer);
   EXPECT_EQ(w->entryTable().size(), 0u);
 }
+
+TEST_F(VornProcesses, ASecondWriterIsRefusedWhileTheFirstRuns) {
+  Signal ready, done;
+  pid_t writer = spawn([&] {
+    auto w = mounted(path, Mode::writer);
+    w->entryIs(record(1));
+    ready.raise();
+    done.wait();
+    return 0;
+  });
+  ready.wait();
+  try {
+    mounted(path, Mode::writer);
+    ADD_FAILURE() << "two writers";
+  } catch (Kiv::Exception const& e) {
+    EXPECT_EQ(std::string(e.what()), path + " is being written by pid " + std::to_string(writer));
+  }
+  auto r = mounted(path, Mode::reader);
+  EXPECT_EQ(r->region()->writerPid(), static_cast<std::uint32_t>(writer));
+  EXPECT_EQ(r->entry(TestKey(1)), record(1));
+  done.raise();
+  EXPECT_EQ(reap(writer, 5), 0);
+  EXPECT_EQ(r->region()->writerPid(), 0u);
+}
