@@ -608,22 +608,34 @@ void Reader::readRing(std::uint32_t index, std::vector<Record>& out) {
       return kGo;
     }
     std::uint64_t length = (atHead ? head : p) - gapStart;
+    if (load64(base) > gapStart + ringBytes) {
+      // Not damage: a live writer went a whole ring past while this was read.
+      note(name + "records were overwritten while being read");
+      c.started = false;
+      return kStop;
+    }
     if (live_ && length <= info_.maxRecordBytes && gapStart != rescanned) {
       if (atHead) {
         c.next = gapStart;  // the record being written now; next read takes it
         return kStop;
       }
       // Another thread of a shared ring reserved this before the records
-      // after it and has not finished; give it a moment.
+      // after it and has not finished (it may have been preempted between
+      // the two); give it up to 50 ms.
       std::uint64_t const off = data + (gapStart & mask);
-      for (int spin = 0; spin < 200; ++spin) {
+      for (int spin = 0; spin < 500; ++spin) {
         std::uint64_t w = load64(off);
         if (w == (gapStart ^ kRecordKey) || w == (gapStart ^ kPadKey)) {
           p = rescanned = gapStart;
           return kRescan;
         }
-        usleep(10);
+        usleep(100);
       }
+      // A writer preempted for that long on a busy machine, most likely:
+      // not damage, but the record is given up.
+      note(name + std::to_string(length) + " bytes at position " + std::to_string(gapStart) +
+           " were still being written after 50 ms; skipped");
+      return kGo;
     }
     if (atHead && !live_ && length <= info_.maxRecordBytes) {
       note(name + "the last record, at position " + std::to_string(gapStart) +

@@ -12,7 +12,9 @@
 // holds no record is skipped and reported, and reading never throws, crashes
 // or loops without end. What cannot be decoded is reported in problems();
 // expected losses (an incomplete last record of a killed writer, records
-// overwritten before a follower read them) go to notes().
+// overwritten before a follower read them, a record that a live writer
+// sharing a ring with other threads had not finished after 50 ms) go to
+// notes().
 //
 // Against a live writer: a record is taken only if its position stamp is in
 // place (the writer stores it last, with release ordering) and, after its

@@ -1,6 +1,8 @@
 #include "Brisklog/Reader.h"
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <fstream>
@@ -62,11 +64,23 @@ struct SampleFile {
   std::vector<char> bytes;
 };
 
+// Written by a child that has exited, as an operator finds it after a crash.
 SampleFile sample(TraceDir const&) {
-  for (int i = 0; i < 300; ++i) BRISKLOG("Sample", "seq %d %s", i, "Ethernet1");
+  int fds[2];
+  EXPECT_EQ(pipe(fds), 0);
+  pid_t child = fork();
+  if (child == 0) {
+    for (int i = 0; i < 300; ++i) BRISKLOG("Sample", "seq %d %s", i, "Ethernet1");
+    std::string p = Brisklog::path();
+    _exit(write(fds[1], p.data(), p.size()) == ssize_t(p.size()) ? 0 : 1);
+  }
+  ::close(fds[1]);
+  char buf[512];
+  ssize_t n = ::read(fds[0], buf, sizeof buf);
+  ::close(fds[0]);
+  waitpid(child, nullptr, 0);
   SampleFile s;
-  s.path = Brisklog::path();
-  Brisklog::close();
+  s.path.assign(buf, n > 0 ? std::size_t(n) : 0);
   std::ifstream in(s.path, std::ios::binary);
   s.bytes.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
   return s;
