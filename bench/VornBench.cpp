@@ -255,25 +255,72 @@ void deleteUnorderedMap(benchmark::State& st) {
       st, f, [&](TestKey const& k) { f.hash.erase(k); }, [&](TestRecord const& r) { f.hash[r.key] = r; });
 }
 
+void lmdbDel(Fixture& f, TestKey const& key) {
+  MDB_txn* txn;
+  check(mdb_txn_begin(f.env, nullptr, 0, &txn), "mdb_txn_begin");
+  MDB_val k{sizeof(TestKey), const_cast<TestKey*>(&key)};
+  mdb_del(txn, f.dbi, &k, nullptr);
+  check(mdb_txn_commit(txn), "mdb_txn_commit");
+}
+
+void lmdbPut(Fixture& f, TestRecord const& r) {
+  MDB_txn* txn;
+  check(mdb_txn_begin(f.env, nullptr, 0, &txn), "mdb_txn_begin");
+  MDB_val k{sizeof(TestKey), const_cast<TestKey*>(&r.key)}, v{sizeof r, const_cast<TestRecord*>(&r)};
+  check(mdb_put(txn, f.dbi, &k, &v, 0), "mdb_put");
+  check(mdb_txn_commit(txn), "mdb_txn_commit");
+}
+
 void deleteLmdb(benchmark::State& st) {
   Fixture& f = fixture(st.range(0));
   deleteLoop(
-      st, f,
-      [&](TestKey const& key) {
-        MDB_txn* txn;
-        check(mdb_txn_begin(f.env, nullptr, 0, &txn), "mdb_txn_begin");
-        MDB_val k{sizeof(TestKey), const_cast<TestKey*>(&key)};
-        mdb_del(txn, f.dbi, &k, nullptr);
-        check(mdb_txn_commit(txn), "mdb_txn_commit");
-      },
-      [&](TestRecord const& r) {
-        MDB_txn* txn;
-        check(mdb_txn_begin(f.env, nullptr, 0, &txn), "mdb_txn_begin");
-        MDB_val k{sizeof(TestKey), const_cast<TestKey*>(&r.key)}, v{sizeof r, const_cast<TestRecord*>(&r)};
-        check(mdb_put(txn, f.dbi, &k, &v, 0), "mdb_put");
-        check(mdb_txn_commit(txn), "mdb_txn_commit");
-      });
+      st, f, [&](TestKey const& k) { lmdbDel(f, k); }, [&](TestRecord const& r) { lmdbPut(f, r); });
 }
+
+// ---- insert of a new key (each batch of 256 is deleted first, untimed) ---
+
+template <class Del, class Put>
+void insertLoop(benchmark::State& st, Fixture& f, Del del, Put put) {
+  std::size_t i = 0, batchEnd = 0;
+  TestRecord r(TestKey(0), 1);
+  for (auto _ : st) {
+    if (i == batchEnd) {
+      st.PauseTiming();
+      batchEnd = std::min(i + 256, f.hits.size());
+      for (std::size_t j = i; j < batchEnd; ++j) del(f.hits[j]);
+      st.ResumeTiming();
+    }
+    r.key = f.hits[i];
+    put(r);
+    if (++i == f.hits.size()) i = batchEnd = 0;
+  }
+  for (; i < batchEnd; ++i) {
+    r.key = f.hits[i];
+    put(r);
+  }
+}
+
+void insertVorn(benchmark::State& st) {
+  Fixture& f = fixture(st.range(0));
+  insertLoop(
+      st, f, [&](TestKey const& k) { f.writer->entryDel(k); }, [&](TestRecord const& r) { f.writer->entryIs(r); });
+}
+
+void insertUnorderedMap(benchmark::State& st) {
+  Fixture& f = fixture(st.range(0));
+  insertLoop(
+      st, f, [&](TestKey const& k) { f.hash.erase(k); }, [&](TestRecord const& r) { f.hash[r.key] = r; });
+}
+
+void insertLmdb(benchmark::State& st) {
+  Fixture& f = fixture(st.range(0));
+  insertLoop(
+      st, f, [&](TestKey const& k) { lmdbDel(f, k); }, [&](TestRecord const& r) { lmdbPut(f, r); });
+}
+
+BENCHMARK(insertVorn)->Name("InsertNewKey/Vorn")->Apply(sizes);
+BENCHMARK(insertUnorderedMap)->Name("InsertNewKey/UnorderedMap")->Apply(sizes);
+BENCHMARK(insertLmdb)->Name("InsertNewKey/Lmdb")->Apply(sizes);
 
 BENCHMARK(deleteVorn)->Name("Delete/Vorn")->Apply(sizes);
 BENCHMARK(deleteUnorderedMap)->Name("Delete/UnorderedMap")->Apply(sizes);

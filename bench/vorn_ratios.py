@@ -55,6 +55,7 @@ def main():
     for op, systems in [("LookupHit", ["Vorn", "UnorderedMap", "Lmdb"]),
                         ("LookupMiss", ["Vorn", "UnorderedMap", "Lmdb"]),
                         ("InsertOrReplace", ["Vorn", "UnorderedMap", "Lmdb"]),
+                        ("InsertNewKey", ["Vorn", "UnorderedMap", "Lmdb"]),
                         ("Delete", ["Vorn", "UnorderedMap", "Lmdb"]),
                         ("OrderedStep", ["Vorn", "OrderedMap", "Lmdb"]),
                         ("LookupHitWhileAnotherProcessWrites", ["Vorn"])]:
@@ -69,6 +70,7 @@ def main():
         ("hit: LMDB / Vorn [>=5]", lambda n: cpu("LookupHit", "Lmdb", n) / cpu("LookupHit", "Vorn", n)),
         ("miss: LMDB / Vorn [>=5]", lambda n: cpu("LookupMiss", "Lmdb", n) / cpu("LookupMiss", "Vorn", n)),
         ("put: LMDB / Vorn [>=10]", lambda n: cpu("InsertOrReplace", "Lmdb", n) / cpu("InsertOrReplace", "Vorn", n)),
+        ("new key: LMDB / Vorn", lambda n: cpu("InsertNewKey", "Lmdb", n) / cpu("InsertNewKey", "Vorn", n)),
         ("delete: LMDB / Vorn", lambda n: cpu("Delete", "Lmdb", n) / cpu("Delete", "Vorn", n)),
         ("ordered step: Vorn ns [<100]", lambda n: cpu("OrderedStep", "Vorn", n)),
     ]

@@ -56,6 +56,7 @@ void TableBase::attach(Region* region, std::uint32_t index) {
   if (owner_->mode() == Status::Mode::writer) {
     rng_ ^= static_cast<std::uint64_t>(getpid()) * 0x9e3779b97f4a7c15ull ^
             static_cast<std::uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count());
+    prev_.assign((std::size_t(capacity_) + 1) * Layout::kMaxLevel, Layout::kNone);
     if (!region->adopted()) {
       free_.reserve(capacity_);
       for (std::uint32_t i = capacity_; i-- > 0;) free_.push_back(i);
@@ -71,6 +72,8 @@ void TableBase::detach() {
   capacity_ = 0;
   free_.clear();
   free_.shrink_to_fit();
+  prev_.clear();
+  prev_.shrink_to_fit();
   snapshotStop();
 }
 

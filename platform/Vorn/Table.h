@@ -168,8 +168,10 @@ class TableBase {
   std::uint32_t capacity_ = 0;
   std::uint32_t slotMask_ = 0;
   std::uint32_t index_ = 0;
-  // Writer state.
+  // Writer state. prev_ holds every entry's predecessor at each level, so
+  // a delete unlinks without searching; it is the writer's alone.
   std::vector<std::uint32_t> free_;
+  std::vector<std::uint32_t> prev_;
   std::uint32_t tombstones_ = 0;
   std::uint32_t topLevel_ = 1;
   std::uint64_t rng_ = 0x9e3779b97f4a7c15ull;
@@ -185,6 +187,9 @@ class TableBase {
     return entries_ + std::size_t(i) * entrySize_ + recordOffset_;
   }
   std::uint32_t headEntry() const { return capacity_; }
+  std::uint32_t& prevOf(std::uint32_t i, std::uint32_t level) {
+    return prev_[std::size_t(i) * Layout::kMaxLevel + level];
+  }
   std::uint32_t randomLevel();
 
   // Writer-side sequence sections.
@@ -320,6 +325,11 @@ class Table : public TableBase {
       writeEnd(e->lseq);
       e->op = Layout::opNone;
       free_.pop_back();
+      for (std::uint32_t l = 0; l < level; ++l) {
+        prevOf(idx, l) = preds[l];
+        std::uint32_t const s = links(idx)[l].load(std::memory_order_relaxed);
+        if (s < capacity_) prevOf(s, l) = idx;
+      }
       // Link bottom-up: a reader that sees the node at level l finds it at
       // every level below.
       for (std::uint32_t l = 0; l < level;) {
@@ -352,11 +362,17 @@ class Table : public TableBase {
     std::uint32_t pos, ins;
     std::uint32_t const idx = writerFind(k, h, pos, ins);
     if (idx == Layout::kNone) return false;
-    std::uint32_t preds[Layout::kMaxLevel];
-    findPreds(k, preds);
     Layout::EntryHead* e = head(idx);
     std::uint32_t level = e->level;
     if (level == 0 || level > Layout::kMaxLevel) fail("entry " + std::to_string(idx) + " has level " + std::to_string(level));
+    std::uint32_t preds[Layout::kMaxLevel];
+    bool known = true;
+    for (std::uint32_t l = 0; l < level && known; ++l) {
+      preds[l] = prevOf(idx, l);
+      known = (preds[l] < capacity_ || preds[l] == headEntry()) &&
+              links(preds[l])[l].load(std::memory_order_relaxed) == idx;
+    }
+    if (!known) findPreds(k, preds);
     // Unlink top-down, then retire the entry: a reader standing on it sees
     // its lseq move and searches again from its key.
     for (std::uint32_t l = level; l-- > 0;) {
@@ -372,6 +388,10 @@ class Table : public TableBase {
       }
       writeEnd(ph->lseq);
       ph->op = Layout::opNone;
+    }
+    for (std::uint32_t l = 0; l < level; ++l) {
+      std::uint32_t const s = links(idx)[l].load(std::memory_order_relaxed);
+      if (s < capacity_) prevOf(s, l) = preds[l];
     }
     slots_[pos].store(Layout::kSlotTombstone, std::memory_order_release);
     ++tombstones_;
@@ -861,6 +881,7 @@ void Table<K, R, KeyOf>::adopt() {
       Layout::EntryHead* p = head(last[l]);
       writeBegin(p->lseq);
       links(last[l])[l].store(i, std::memory_order_relaxed);
+      prevOf(i, l) = last[l];
       writeEnd(p->lseq);
       last[l] = i;
     }
