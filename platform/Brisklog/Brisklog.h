@@ -50,9 +50,6 @@
 #include "Brisklog/Layout.h"
 #include "Kiv/Name.h"
 
-#if defined(__x86_64__) || defined(__i386__)
-#include <x86intrin.h>
-#endif
 #include <time.h>
 
 namespace Brisklog {
@@ -149,7 +146,7 @@ std::uint64_t reserveShared(ThreadSlot& t, std::uint64_t need);
 
 inline std::uint64_t ticks(ThreadSlot const& t) {
 #if defined(__x86_64__) || defined(__i386__)
-  if (__builtin_expect(t.useTsc != 0, 1)) return __rdtsc();
+  if (__builtin_expect(t.useTsc != 0, 1)) return __builtin_ia32_rdtsc();
 #else
   (void)t;
 #endif
@@ -160,7 +157,28 @@ inline std::uint64_t ticks(ThreadSlot const& t) {
 
 // Arguments reduced to the wire kinds.
 template <class T>
+concept Native = std::is_arithmetic_v<T> || std::is_enum_v<T> || std::is_pointer_v<T> ||
+                 std::is_null_pointer_v<T> || std::is_same_v<T, Addr> ||
+                 std::is_same_v<T, Kiv::Name> || std::is_convertible_v<T const&, std::string_view>;
+
+template <class T>
 concept HasArgHook = requires(T const& v) { brisklogArg(v); };
+
+// A type of another library becomes what its brisklogArg returns. The
+// result, a temporary when returned by value, lives until the record is
+// written: resolve() runs in the argument list of the call that writes it.
+template <class T>
+decltype(auto) resolve(T const& v) {
+  if constexpr (Native<T>) {
+    return (v);
+  } else if constexpr (HasArgHook<T>) {
+    static_assert(Native<std::remove_cvref_t<decltype(brisklogArg(v))>>,
+                  "brisklogArg must return a type Brisklog records directly");
+    return brisklogArg(v);
+  } else {
+    static_assert(sizeof(T) == 0, "Brisklog cannot record this argument type");
+  }
+}
 
 template <class T>
 auto norm(T const& v) {
@@ -186,12 +204,9 @@ auto norm(T const& v) {
   } else if constexpr (std::is_convertible_v<T const&, std::string_view>) {
     std::string_view s(v);
     return Str{s.data(), s.size()};
-  } else if constexpr (std::is_pointer_v<U> || std::is_null_pointer_v<U>) {
-    return Ptr{std::uint64_t(reinterpret_cast<std::uintptr_t>(v))};
-  } else if constexpr (HasArgHook<U>) {
-    return norm(brisklogArg(v));
   } else {
-    static_assert(sizeof(U) == 0, "Brisklog cannot record this argument type");
+    static_assert(std::is_pointer_v<U> || std::is_null_pointer_v<U>);
+    return Ptr{std::uint64_t(reinterpret_cast<std::uintptr_t>(v))};
   }
 }
 
@@ -331,7 +346,7 @@ inline void writeNormalized(CallSite& site, N... n) {
 template <class... A>
 inline void write(CallSite& site, A const&... a) {
   static_assert(sizeof...(A) <= 255, "too many arguments for one record");
-  detail::writeNormalized(site, detail::norm(a)...);
+  detail::writeNormalized(site, detail::norm(detail::resolve(a))...);
 }
 
 }  // namespace Brisklog

@@ -52,6 +52,18 @@ bool consecutive(std::vector<std::uint64_t> const& seq) {
 
 enum class Role : std::uint8_t { oif = 5 };
 
+}  // namespace
+
+// A value type of another library takes part through brisklogArg.
+namespace Elsewhere {
+struct GroupAddr {
+  std::uint32_t hostOrder;
+};
+inline Brisklog::Addr brisklogArg(GroupAddr const& g) { return Brisklog::Addr::v4(g.hostOrder); }
+}  // namespace Elsewhere
+
+namespace {
+
 TEST(BrisklogRoundTrip, EveryArgumentKindDecodesWithItsCallSite) {
   TraceDir dir;
   in6_addr v6;
@@ -70,7 +82,7 @@ TEST(BrisklogRoundTrip, EveryArgumentKindDecodesWithItsCallSite) {
            reinterpret_cast<void*>(0x1234), Brisklog::Addr::v4(0x0a010203),
            Brisklog::Addr(std::span<std::uint8_t const, 4>(raw4)), Brisklog::Addr(v6), intf, vrf,
            app, name, Role::oif);
-  BRISKLOG("MfibDirSm", "handleInitialized, Initializing... ");
+  BRISKLOG("MfibDirSm", "handleInitialized, Initializing... grp %s", Elsewhere::GroupAddr{0xe0000001});
   std::int64_t const after = realNs();
 
   Reader reader(Brisklog::path());
@@ -85,7 +97,7 @@ TEST(BrisklogRoundTrip, EveryArgumentKindDecodesWithItsCallSite) {
   EXPECT_EQ(records[0].descriptor->file, "BrisklogTest.cpp");
   EXPECT_EQ(records[0].descriptor->function, "TestBody");
   EXPECT_EQ(records[0].descriptor->line, std::uint32_t(line));
-  EXPECT_EQ(records[1].text(), "handleInitialized, Initializing... ");
+  EXPECT_EQ(records[1].text(), "handleInitialized, Initializing... grp 224.0.0.1");
   EXPECT_EQ(records[1].source(), "MfibDirSm");
   // Ticks become wall time through the calibration kept in the file.
   EXPECT_GE(records[0].wallNs, before - 1000000);
