@@ -1,0 +1,270 @@
+// Best-route selection across MFIB tables beside a brute-force baseline over
+// std::maps of the same routes, measured in the same run, with 1, 2, 4 and
+// 8 tables of 100k routes each:
+//
+//   RouteQuery    MfibVornColl::route(key): the best route for one key
+//   MergeWalk     a full walk of MfibVornCollRouteIteratorConst
+//   OrderInit     OrderRouteSm's initial pass into a new ordered collection
+//
+// Keys come from a space of 200k; table t holds a window of 100k of them
+// shifted by 25k per table, so with 8 tables every key is in 4 tables, and
+// priorities 1-4 are spread over (table, key), ties included. Tables are
+// shared-memory writer tables read through a second, reader mapping (what
+// an agent has); their files are unlinked as soon as both are mapped, so
+// nothing is left under /dev/shm whatever way the program ends.
+//
+// Queries go to keys drawn at random from the whole key space (most miss
+// the caches), or cycle through 1024 of them (all in cache).
+//
+// Counters: perTable is the time of one query divided by the number of
+// tables; perRoute the time per (table, route) pair a walk or a pass
+// visits, perPosition per position the walk yields; per1MRoutes what a walk
+// over tables holding 1M routes in all would take at that rate.
+#include <benchmark/benchmark.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "Mfib/MfibVorn.h"
+#include "Mfib/MfibVornCollRouteIteratorConst.h"
+
+namespace {
+
+using namespace Vorn::Multicast::Fib;
+
+constexpr unsigned kRoutesPerTable = 100000;
+constexpr unsigned kMaxTables = 8;
+constexpr unsigned kKeySpace = 200000;
+constexpr unsigned kShift = kKeySpace / kMaxTables;
+constexpr unsigned kQueries = 1u << 16;
+
+IpGenRouteKey keyOf(unsigned j) {
+  return IpGenRouteKey(Wirly::IpGenPrefix(Wirly::IpGenAddr::v4(0x0a000000u + j / 16)),
+                       Wirly::IpGenPrefix(Wirly::IpGenAddr::v4(0xe8000000u + j % 16)));
+}
+
+bool holds(unsigned table, unsigned j) { return (j + table * kShift) % kKeySpace < kRoutesPerTable; }
+
+RoutePriority priorityOf(unsigned table, unsigned j) {
+  std::uint32_t h = (table + 1) * 2654435761u ^ j * 40503u;
+  h ^= h >> 13;
+  h *= 0x5bd1e995u;
+  h ^= h >> 15;
+  return RoutePriority(static_cast<std::uint8_t>(1 + h % 4));
+}
+
+Route routeOf(unsigned table, unsigned j) {
+  Route r(keyOf(j));
+  r.priorityIs(priorityOf(table, j));
+  r.specialIntf1Is(Wirly::IntfId("Vlan" + std::to_string(1 + j % 4000)));
+  r.oifIs(OifIndex(static_cast<std::uint16_t>(j % 500)), true);
+  r.oifIs(OifIndex(static_cast<std::uint16_t>((j * 7 + table) % 500)), true);
+  return r;
+}
+
+class Fixture {
+ public:
+  static Fixture& get() {
+    static Fixture f;
+    return f;
+  }
+
+  // The first n tables.
+  Kiv::Ptr<MfibVornColl const> coll(unsigned n) const { return colls_[n]; }
+  std::vector<std::map<IpGenRouteKey, Route>> const& maps() const { return maps_; }
+  std::vector<IpGenRouteKey> const& queries() const { return queries_; }
+
+ private:
+  Fixture() : maps_(kMaxTables), colls_(kMaxTables + 1) {
+    std::string const dir = "/dev/shm/mfib-bench-" + std::to_string(getpid());
+    ::mkdir(dir.c_str(), 0700);
+    Vorn::MountOptions options;
+    options.capacity["route"] = kRoutesPerTable + 1024;
+    for (unsigned t = 0; t < kMaxTables; ++t) {
+      std::string const path = dir + "/t" + std::to_string(t);
+      Kiv::Ptr<Status> writer = new Status("bench-writer-" + std::to_string(t));
+      Kiv::Ptr<Status> reader = new Status("bench-" + std::to_string(t));
+      writer->mountIs(path, Vorn::Status::Mode::writer, options);
+      reader->mountIs(path, Vorn::Status::Mode::reader);
+      ::unlink(path.c_str());
+      for (unsigned j = 0; j < kKeySpace; ++j) {
+        if (!holds(t, j)) continue;
+        Route const r = routeOf(t, j);
+        writer->routePublish(r);
+        maps_[t].emplace(r.key(), writer->route(r.key()));
+      }
+      writers_.push_back(writer);
+      readers_.push_back(reader);
+    }
+    ::rmdir(dir.c_str());
+    for (unsigned n = 1; n <= kMaxTables; ++n) {
+      colls_[n] = mfibVornCollFactory(L3::VrfName("default"));
+      for (unsigned t = 0; t < n; ++t) colls_[n]->vornPtrIs(readers_[t].ptr(), readers_[t]);
+    }
+    std::mt19937 rng(7);
+    std::uniform_int_distribution<unsigned> pick(0, kKeySpace - 1);
+    for (unsigned i = 0; i < kQueries; ++i) queries_.push_back(keyOf(pick(rng)));
+  }
+
+  std::vector<Kiv::Ptr<Status>> writers_, readers_;
+  std::vector<std::map<IpGenRouteKey, Route>> maps_;
+  std::vector<Kiv::Ptr<MfibVornColl>> colls_;
+  std::vector<IpGenRouteKey> queries_;
+};
+
+unsigned tablesOf(benchmark::State const& state) { return static_cast<unsigned>(state.range(0)); }
+
+void perTable(benchmark::State& state, unsigned tables) {
+  state.counters["perTable"] = benchmark::Counter(double(state.iterations()) * tables,
+                                                  benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+}
+
+void perWalk(benchmark::State& state, unsigned tables, std::uint64_t yielded) {
+  double const routes = double(state.iterations()) * tables * kRoutesPerTable;
+  auto const rateInv = benchmark::Counter::kIsRate | benchmark::Counter::kInvert;
+  state.counters["perRoute"] = benchmark::Counter(routes, rateInv);
+  state.counters["per1MRoutes"] = benchmark::Counter(routes / 1e6, rateInv);
+  if (yielded != 0) {
+    state.counters["perPosition"] = benchmark::Counter(double(state.iterations()) * double(yielded), rateInv);
+    state.counters["positions"] = double(yielded);
+  }
+}
+
+// Queries cycle through the first `keys` of a random sample of the key
+// space: 65536 touch far more than the caches hold, 1024 stay in them.
+std::size_t keyMask(benchmark::State const& state) { return static_cast<std::size_t>(state.range(1)) - 1; }
+
+void RouteQuery(benchmark::State& state) {
+  unsigned const n = tablesOf(state);
+  Kiv::Ptr<MfibVornColl const> const coll = Fixture::get().coll(n);
+  auto const& qs = Fixture::get().queries();
+  std::size_t const mask = keyMask(state);
+  std::size_t i = 0, found = 0;
+  for (auto _ : state) {
+    Route const r = coll->route(qs[i++ & mask]);
+    found += r.priority().value() != 0;
+    benchmark::DoNotOptimize(r);
+  }
+  perTable(state, n);
+  state.counters["hitRatio"] = double(found) / double(state.iterations());
+}
+
+// The same question over std::maps: the strictly greatest priority, the
+// first map on ties, a copy of the winner.
+void BaselineMapRouteQuery(benchmark::State& state) {
+  unsigned const n = tablesOf(state);
+  auto const& maps = Fixture::get().maps();
+  auto const& qs = Fixture::get().queries();
+  std::size_t const mask = keyMask(state);
+  std::size_t i = 0;
+  for (auto _ : state) {
+    IpGenRouteKey const& k = qs[i++ & mask];
+    Route const* best = nullptr;
+    for (unsigned t = 0; t < n; ++t) {
+      auto it = maps[t].find(k);
+      if (it != maps[t].end() && (best ? best->priority() : RoutePriority()) < it->second.priority())
+        best = &it->second;
+    }
+    Route const r = best ? *best : Route();
+    benchmark::DoNotOptimize(r);
+  }
+  perTable(state, n);
+}
+
+void MergeWalk(benchmark::State& state) {
+  unsigned const n = tablesOf(state);
+  Kiv::Ptr<MfibVornColl const> const coll = Fixture::get().coll(n);
+  std::uint64_t yielded = 0;
+  for (auto _ : state) {
+    yielded = 0;
+    for (MfibVornCollRouteIteratorConst it(coll); !it.done(); it.updateToBestRouteIterators()) ++yielded;
+    benchmark::DoNotOptimize(yielded);
+  }
+  perWalk(state, n, yielded);
+}
+
+// The merge iterator's rule over std::maps: each table's routes in key
+// order, those that no other table beats with a strictly greater priority.
+void BaselineMapMergeWalk(benchmark::State& state) {
+  unsigned const n = tablesOf(state);
+  auto const& maps = Fixture::get().maps();
+  std::uint64_t yielded = 0;
+  for (auto _ : state) {
+    yielded = 0;
+    for (unsigned t = 0; t < n; ++t)
+      for (auto const& [k, r] : maps[t]) {
+        bool beaten = false;
+        for (unsigned u = 0; u < n && !beaten; ++u) {
+          if (u == t) continue;
+          auto it = maps[u].find(k);
+          beaten = it != maps[u].end() && r.priority() < it->second.priority();
+        }
+        yielded += !beaten;
+      }
+    benchmark::DoNotOptimize(yielded);
+  }
+  perWalk(state, n, yielded);
+}
+
+void OrderInit(benchmark::State& state) {
+  unsigned const n = tablesOf(state);
+  Kiv::Ptr<MfibVornColl const> const coll = Fixture::get().coll(n);
+  std::size_t keys = 0;
+  for (auto _ : state) {
+    Kiv::Ptr<RouteOrderedCollection> ordered = RouteOrderedCollection::create();
+    Kiv::Ptr<OrderRouteSm> sm = orderRouteSmFactory(coll, ordered);
+    keys = ordered->routes();
+    state.PauseTiming();
+    sm = nullptr;
+    ordered = nullptr;
+    state.ResumeTiming();
+  }
+  perWalk(state, n, 0);
+  state.counters["keys"] = double(keys);
+}
+
+// The best table per key from std::maps into a std::map: what the initial
+// pass produces, computed the direct way.
+void BaselineMapOrderInit(benchmark::State& state) {
+  unsigned const n = tablesOf(state);
+  auto const& maps = Fixture::get().maps();
+  std::size_t keys = 0;
+  for (auto _ : state) {
+    std::map<IpGenRouteKey, std::pair<unsigned, RoutePriority>> best;
+    for (unsigned t = 0; t < n; ++t)
+      for (auto const& [k, r] : maps[t]) {
+        auto [it, added] = best.try_emplace(k, t, r.priority());
+        if (!added && it->second.second < r.priority()) it->second = {t, r.priority()};
+      }
+    keys = best.size();
+    state.PauseTiming();
+    best.clear();
+    state.ResumeTiming();
+  }
+  perWalk(state, n, 0);
+  state.counters["keys"] = double(keys);
+}
+
+void tableCounts(benchmark::internal::Benchmark* b) { b->ArgName("tables")->Arg(1)->Arg(2)->Arg(4)->Arg(8); }
+void queryShapes(benchmark::internal::Benchmark* b) {
+  b->ArgNames({"tables", "keys"});
+  for (long keys : {long(kQueries), 1024L})
+    for (long tables : {1, 2, 4, 8}) b->Args({tables, keys});
+}
+
+BENCHMARK(RouteQuery)->Apply(queryShapes);
+BENCHMARK(BaselineMapRouteQuery)->Apply(queryShapes);
+BENCHMARK(MergeWalk)->Apply(tableCounts)->Unit(benchmark::kMillisecond);
+BENCHMARK(BaselineMapMergeWalk)->Apply(tableCounts)->Unit(benchmark::kMillisecond);
+BENCHMARK(OrderInit)->Apply(tableCounts)->Unit(benchmark::kMillisecond);
+BENCHMARK(BaselineMapOrderInit)->Apply(tableCounts)->Unit(benchmark::kMillisecond);
+
+}  // namespace
+
+BENCHMARK_MAIN();
