@@ -91,8 +91,7 @@ char const* const kIntf = "Ethernet12/1";
 
 void Brisklog_NoArgs(benchmark::State& state) {
   useBrisklog(true);
-  timed(state, "Brisklog_NoArgs",
-        [](int) { BRISKLOG("Bench", "Start review of kernel upcalls"); });
+  timed(state, "Brisklog_NoArgs", [](int) { BRISKLOG("Bench", "Start review of kernel upcalls"); });
 }
 
 void Brisklog_ThreeInts(benchmark::State& state) {
@@ -167,7 +166,7 @@ void Clock_Rdtsc(benchmark::State& state) {
 
 template <clockid_t id>
 void Clock_Gettime(benchmark::State& state) {
-  char const* name = id == CLOCK_MONOTONIC   ? "Clock_Gettime_MONOTONIC"
+  char const* name = id == CLOCK_MONOTONIC  ? "Clock_Gettime_MONOTONIC"
                      : id == CLOCK_REALTIME ? "Clock_Gettime_REALTIME"
                                             : "Clock_Gettime_MONOTONIC_COARSE";
   timed(state, name, [](int) {
@@ -220,9 +219,10 @@ void summary() {
   };
   std::printf("\nBrisklog, three integers: rdtsc %.1f ns, clock_gettime %.1f ns\n",
               p50("Brisklog_ThreeInts"), p50("Brisklog_ThreeInts_ClockGettime"));
-  std::printf("timestamp alone: rdtsc %.1f, MONOTONIC %.1f, REALTIME %.1f, MONOTONIC_COARSE %.1f ns\n",
-              p50("Clock_Rdtsc"), p50("Clock_Gettime_MONOTONIC"), p50("Clock_Gettime_REALTIME"),
-              p50("Clock_Gettime_MONOTONIC_COARSE"));
+  std::printf(
+      "timestamp alone: rdtsc %.1f, MONOTONIC %.1f, REALTIME %.1f, MONOTONIC_COARSE %.1f ns\n",
+      p50("Clock_Rdtsc"), p50("Clock_Gettime_MONOTONIC"), p50("Clock_Gettime_REALTIME"),
+      p50("Clock_Gettime_MONOTONIC_COARSE"));
 }
 
 }  // namespace

@@ -303,8 +303,8 @@ std::uint32_t registerLocked(State& s, CallSite const& site, char const* signatu
 
 RingHeader* ringAt(State& s, std::uint32_t i) {
   FileHeader const* h = reinterpret_cast<FileHeader const*>(s.base);
-  return reinterpret_cast<RingHeader*>(
-      s.base + h->layout.ringOffset + std::uint64_t(i) * (kRingHeaderBytes + h->layout.ringBytes));
+  return reinterpret_cast<RingHeader*>(s.base + h->layout.ringOffset +
+                                       std::uint64_t(i) * (kRingHeaderBytes + h->layout.ringBytes));
 }
 
 // Frees the thread's exclusive ring when the thread ends.

@@ -35,6 +35,7 @@
 #pragma once
 
 #include <netinet/in.h>
+#include <time.h>
 
 #include <algorithm>
 #include <array>
@@ -50,12 +51,10 @@
 #include "Brisklog/Layout.h"
 #include "Kiv/Name.h"
 
-#include <time.h>
-
 namespace Brisklog {
 
 struct Config {
-  std::string dir;  // empty: $BRISKLOG_DIR, else /dev/shm
+  std::string dir;                     // empty: $BRISKLOG_DIR, else /dev/shm
   std::uint32_t ringBytes = 1u << 20;  // per ring; rounded up to a power of two
   std::uint32_t ringCount = 4;         // the last one is shared by surplus threads
   std::uint32_t descriptorBytes = 256u << 10;
@@ -158,11 +157,13 @@ inline std::uint64_t ticks(ThreadSlot const& t) {
 // Arguments reduced to the wire kinds.
 template <class T>
 concept Native = std::is_arithmetic_v<T> || std::is_enum_v<T> || std::is_pointer_v<T> ||
-                 std::is_null_pointer_v<T> || std::is_same_v<T, Addr> ||
-                 std::is_same_v<T, Kiv::Name> || std::is_convertible_v<T const&, std::string_view>;
+    std::is_null_pointer_v<T> || std::is_same_v<T, Addr> || std::is_same_v<T, Kiv::Name> ||
+    std::is_convertible_v<T const&, std::string_view>;
 
 template <class T>
-concept HasArgHook = requires(T const& v) { brisklogArg(v); };
+concept HasArgHook = requires(T const& v) {
+  brisklogArg(v);
+};
 
 // A type of another library becomes what its brisklogArg returns. The
 // result, a temporary when returned by value, lives until the record is
@@ -212,14 +213,22 @@ auto norm(T const& v) {
 
 template <class N>
 constexpr char kindOf() {
-  if constexpr (std::is_same_v<N, std::int64_t>) return 'd';
-  else if constexpr (std::is_same_v<N, std::uint64_t>) return 'u';
-  else if constexpr (std::is_same_v<N, double>) return 'f';
-  else if constexpr (std::is_same_v<N, bool>) return 'b';
-  else if constexpr (std::is_same_v<N, char>) return 'c';
-  else if constexpr (std::is_same_v<N, Ptr>) return 'p';
-  else if constexpr (std::is_same_v<N, AddrRef>) return 'a';
-  else return 's';
+  if constexpr (std::is_same_v<N, std::int64_t>)
+    return 'd';
+  else if constexpr (std::is_same_v<N, std::uint64_t>)
+    return 'u';
+  else if constexpr (std::is_same_v<N, double>)
+    return 'f';
+  else if constexpr (std::is_same_v<N, bool>)
+    return 'b';
+  else if constexpr (std::is_same_v<N, char>)
+    return 'c';
+  else if constexpr (std::is_same_v<N, Ptr>)
+    return 'p';
+  else if constexpr (std::is_same_v<N, AddrRef>)
+    return 'a';
+  else
+    return 's';
 }
 
 template <class... N>
@@ -297,8 +306,7 @@ inline std::uint64_t reserve(ThreadSlot& t, std::uint64_t need) {
 // A record longer than the ring allows keeps the arguments that fit, whole,
 // and says so in its flags; the decoder marks the rest as cut.
 template <class... N>
-[[gnu::noinline]] void writeTruncated(ThreadSlot& t, std::uint32_t id, std::uint64_t now,
-                                      N... n) {
+[[gnu::noinline]] void writeTruncated(ThreadSlot& t, std::uint32_t id, std::uint64_t now, N... n) {
   std::size_t size = sizeof(RecordHeader);
   std::uint8_t count = 0;
   [[maybe_unused]] bool fits = true;
@@ -353,8 +361,8 @@ inline void write(CallSite& site, A const&... a) {
 
 // One record: BRISKLOG(source, format, args...). `source` and `format` must
 // be string literals or other texts that live as long as the process.
-#define BRISKLOG(source, format, ...)                                                        \
-  do {                                                                                       \
+#define BRISKLOG(source, format, ...)                                                            \
+  do {                                                                                           \
     static ::Brisklog::CallSite brisklogSite_((source), __FILE__, __func__, __LINE__, (format)); \
-    ::Brisklog::write(brisklogSite_ __VA_OPT__(, ) __VA_ARGS__);                             \
+    ::Brisklog::write(brisklogSite_ __VA_OPT__(, ) __VA_ARGS__);                                 \
   } while (0)

@@ -85,9 +85,9 @@ struct FileHeader {
 static_assert(sizeof(FileHeader) <= kHeaderBytes);
 
 struct alignas(64) RingHeader {
-  std::uint64_t head;   // bytes ever reserved; positions below are absolute
-  std::uint32_t owner;  // thread id of the exclusive writer, 0 when free
-  std::uint32_t shared; // 1: reserved by compare-and-swap from any thread
+  std::uint64_t head;    // bytes ever reserved; positions below are absolute
+  std::uint32_t owner;   // thread id of the exclusive writer, 0 when free
+  std::uint32_t shared;  // 1: reserved by compare-and-swap from any thread
 };
 static_assert(sizeof(RingHeader) == kRingHeaderBytes);
 

@@ -30,11 +30,11 @@ constexpr std::uint64_t kMaxSanePosition = std::uint64_t(1) << 62;
 
 std::uint64_t align8(std::uint64_t v) { return (v + 7) & ~std::uint64_t(7); }
 
-std::string printfText(std::string const& spec, auto... value) {
-  int n = std::snprintf(nullptr, 0, spec.c_str(), value...);
+std::string printfText(std::string const& pattern, auto... value) {
+  int n = std::snprintf(nullptr, 0, pattern.c_str(), value...);
   if (n <= 0) return {};
   std::string out(std::size_t(n) + 1, '\0');
-  std::snprintf(out.data(), out.size(), spec.c_str(), value...);
+  std::snprintf(out.data(), out.size(), pattern.c_str(), value...);
   out.resize(std::size_t(n));
   return out;
 }
@@ -63,9 +63,9 @@ std::string convert(std::string const& flags, std::string const& width, std::str
     case 'o':
     case 'x':
     case 'X': {
-      std::string spec = head + "ll" + conv;
-      if (a.kind == 'd') return printfText(spec, static_cast<unsigned long long>(a.i));
-      if (integerKind(a.kind)) return printfText(spec, static_cast<unsigned long long>(a.u));
+      std::string pattern = head + "ll" + conv;
+      if (a.kind == 'd') return printfText(pattern, static_cast<unsigned long long>(a.i));
+      if (integerKind(a.kind)) return printfText(pattern, static_cast<unsigned long long>(a.u));
       return asText();
     }
     case 'c':
@@ -86,10 +86,10 @@ std::string convert(std::string const& flags, std::string const& width, std::str
     case 'G':
     case 'a':
     case 'A': {
-      std::string spec = head + conv;
-      if (a.kind == 'f') return printfText(spec, a.f);
-      if (a.kind == 'd') return printfText(spec, double(a.i));
-      if (integerKind(a.kind)) return printfText(spec, double(a.u));
+      std::string pattern = head + conv;
+      if (a.kind == 'f') return printfText(pattern, a.f);
+      if (a.kind == 'd') return printfText(pattern, double(a.i));
+      if (integerKind(a.kind)) return printfText(pattern, double(a.u));
       return asText();
     }
     default:
@@ -152,7 +152,8 @@ std::string formatText(std::string_view format, std::vector<Arg> const& args, bo
     }
     std::size_t j = i + 1;
     std::string flags;
-    while (j < format.size() && std::strchr("-+ #0", format[j]) && format[j] != '\0') flags += format[j++];
+    while (j < format.size() && std::strchr("-+ #0", format[j]) && format[j] != '\0')
+      flags += format[j++];
     std::size_t w = j;
     while (j < format.size() && format[j] >= '0' && format[j] <= '9') ++j;
     std::string width = clampedNumber(format.substr(w, j - w));
@@ -233,7 +234,8 @@ void Reader::problem(std::string text) {
 }
 
 void Reader::note(std::string text) {
-  if (std::find(notes_.begin(), notes_.end(), text) == notes_.end()) notes_.push_back(std::move(text));
+  if (std::find(notes_.begin(), notes_.end(), text) == notes_.end())
+    notes_.push_back(std::move(text));
 }
 
 bool Reader::in(std::uint64_t offset, std::uint64_t n) const {
@@ -286,7 +288,8 @@ void Reader::validateHeader() {
   }
   std::uint64_t storedChecksum;
   std::memcpy(&storedChecksum, map_ + offsetof(FileHeader, layoutChecksum), sizeof storedChecksum);
-  if (storedChecksum != layoutChecksum(l)) problem("header checksum mismatch: the header is damaged");
+  if (storedChecksum != layoutChecksum(l))
+    problem("header checksum mismatch: the header is damaged");
 
   auto bad = [&](char const* field, std::uint64_t value) {
     problem("header damaged: " + std::string(field) + " = " + std::to_string(value));
@@ -294,20 +297,25 @@ void Reader::validateHeader() {
   std::uint64_t ringSpan = std::uint64_t(kRingHeaderBytes) + l.ringBytes;
   bool sane = true;
   if (l.headerBytes != kHeaderBytes) sane = false, bad("headerBytes", l.headerBytes);
-  if (l.ringBytes < kMinRingBytes || l.ringBytes > kMaxRingBytes || (l.ringBytes & (l.ringBytes - 1)))
+  if (l.ringBytes < kMinRingBytes || l.ringBytes > kMaxRingBytes ||
+      (l.ringBytes & (l.ringBytes - 1)))
     sane = false, bad("ringBytes", l.ringBytes);
   if (l.ringCount < 1 || l.ringCount > kMaxRings) sane = false, bad("ringCount", l.ringCount);
-  if (l.descriptorBytes < 4096 || l.descriptorBytes > kMaxDescriptorBytes || (l.descriptorBytes & 7))
+  if (l.descriptorBytes < 4096 || l.descriptorBytes > kMaxDescriptorBytes ||
+      (l.descriptorBytes & 7))
     sane = false, bad("descriptorBytes", l.descriptorBytes);
   if (l.descriptorOffset != kHeaderBytes) sane = false, bad("descriptorOffset", l.descriptorOffset);
-  if (l.ringOffset != l.descriptorOffset + l.descriptorBytes) sane = false, bad("ringOffset", l.ringOffset);
-  if (sane && l.fileBytes != l.ringOffset + l.ringCount * ringSpan) sane = false, bad("fileBytes", l.fileBytes);
+  if (l.ringOffset != l.descriptorOffset + l.descriptorBytes)
+    sane = false, bad("ringOffset", l.ringOffset);
+  if (sane && l.fileBytes != l.ringOffset + l.ringCount * ringSpan)
+    sane = false, bad("fileBytes", l.fileBytes);
   if (l.maxRecordBytes < sizeof(RecordHeader) + 8 || l.maxRecordBytes > 65528 ||
       (l.maxRecordBytes & 7) || l.maxRecordBytes > l.ringBytes)
     sane = false, bad("maxRecordBytes", l.maxRecordBytes);
   if (l.maxStringBytes > kMaxStringLimit) sane = false, bad("maxStringBytes", l.maxStringBytes);
   if (l.sharedRing >= l.ringCount) sane = false, bad("sharedRing", l.sharedRing);
-  if (l.clockKind != std::uint32_t(ClockKind::tsc) && l.clockKind != std::uint32_t(ClockKind::monotonicNs))
+  if (l.clockKind != std::uint32_t(ClockKind::tsc) &&
+      l.clockKind != std::uint32_t(ClockKind::monotonicNs))
     sane = false, bad("clockKind", l.clockKind);
   if (!(l.ticksPerSecond > 1e3 && l.ticksPerSecond < 1e11)) sane = false, bad("ticksPerSecond", 0);
   if (!sane) return;
@@ -395,7 +403,12 @@ void Reader::refreshClock() {
 
 std::int64_t Reader::wallNs(std::uint64_t ticks) const {
   double delta = double(std::int64_t(ticks - anchorTicks_)) / ticksPerNs_;
-  return anchorRealNs_ + std::int64_t(delta);
+  // Damaged ticks must not overflow: times are kept within some 126 years.
+  delta = std::clamp(delta, -4e18, 4e18);
+  std::int64_t ns;
+  if (__builtin_add_overflow(anchorRealNs_, std::int64_t(delta), &ns))
+    ns = delta < 0 ? INT64_MIN : INT64_MAX;
+  return ns;
 }
 
 void Reader::readDescriptors() {
@@ -418,7 +431,8 @@ void Reader::readDescriptors() {
     }
     DescriptorHeader dh;
     std::memcpy(&dh, map_ + at, sizeof dh);
-    dh.commit = __atomic_load_n(reinterpret_cast<std::uint32_t const*>(map_ + at), __ATOMIC_ACQUIRE);
+    dh.commit =
+        __atomic_load_n(reinterpret_cast<std::uint32_t const*>(map_ + at), __ATOMIC_ACQUIRE);
     bool ok = dh.commit == (std::uint32_t(off) ^ kDescriptorKey) && dh.bytes >= 24 &&
               (dh.bytes & 7) == 0 && off + dh.bytes <= used && in(at, dh.bytes) && dh.id != 0;
     std::string texts[5];
@@ -443,8 +457,8 @@ void Reader::readDescriptors() {
       continue;
     }
     if (inGap) {
-      problem("descriptor table damaged: " + std::to_string(off - gapStart) +
-              " bytes at offset " + std::to_string(gapStart) + " hold no call site");
+      problem("descriptor table damaged: " + std::to_string(off - gapStart) + " bytes at offset " +
+              std::to_string(gapStart) + " hold no call site");
       inGap = false;
     }
     auto d = std::make_unique<Descriptor>();

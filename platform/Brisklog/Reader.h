@@ -3,7 +3,8 @@
 //
 //   Brisklog::Reader reader(path);
 //   for (Brisklog::Record const& r : reader.read())
-//     std::cout << Brisklog::wallTimeText(r.wallNs) << ' ' << r.source() << ' ' << r.text() << '\n';
+//     std::cout << Brisklog::wallTimeText(r.wallNs) << ' ' << r.source() << ' ' << r.text() <<
+//     '\n';
 //   for (std::string const& p : reader.problems()) std::cerr << p << '\n';
 //
 // The file is written by another process and may be damaged, truncated or
@@ -121,8 +122,7 @@ class Reader {
   void validateHeader();
   void readDescriptors();
   void readRing(std::uint32_t index, std::vector<Record>& out);
-  bool decode(std::uint32_t ring, std::uint64_t pos, char const* bytes, std::size_t n,
-              Record& out);
+  bool decode(std::uint32_t ring, std::uint64_t pos, char const* bytes, std::size_t n, Record& out);
   std::int64_t wallNs(std::uint64_t ticks) const;
   void refreshClock();
   bool in(std::uint64_t offset, std::uint64_t n) const;

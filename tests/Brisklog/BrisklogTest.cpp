@@ -1,5 +1,3 @@
-#include "Brisklog/Brisklog.h"
-
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -14,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "Brisklog/Brisklog.h"
 #include "Brisklog/Reader.h"
 #include "Kiv/Name.h"
 #include "TraceDir.h"
@@ -40,7 +39,8 @@ std::vector<std::string> texts(std::vector<Record> const& records) {
 std::vector<std::uint64_t> sequence(std::vector<Record> const& records) {
   std::vector<std::uint64_t> out;
   for (Record const& r : records)
-    if (!r.args.empty()) out.push_back(r.args[0].kind == 'd' ? std::uint64_t(r.args[0].i) : r.args[0].u);
+    if (!r.args.empty())
+      out.push_back(r.args[0].kind == 'd' ? std::uint64_t(r.args[0].i) : r.args[0].u);
   return out;
 }
 
@@ -75,14 +75,16 @@ TEST(BrisklogRoundTrip, EveryArgumentKindDecodesWithItsCallSite) {
   Kiv::Name name("default");
   std::int64_t const before = realNs();
   int const line = __LINE__ + 1;
-  BRISKLOG("RouteIntfIteratorConst",
-           "i8=%d u16=%u min=%lld max=%llu b=%s c=%c f=%.3f p=%p v4=%s raw=%s v6=%s s=%s sv=%s cs=%s "
-           "name=%s role=%d",
-           std::int8_t(-5), std::uint16_t(65535), INT64_MIN, UINT64_MAX, true, 'x', 0.25,
-           reinterpret_cast<void*>(0x1234), Brisklog::Addr::v4(0x0a010203),
-           Brisklog::Addr(std::span<std::uint8_t const, 4>(raw4)), Brisklog::Addr(v6), intf, vrf,
-           app, name, Role::oif);
-  BRISKLOG("MfibDirSm", "handleInitialized, Initializing... grp %s", Elsewhere::GroupAddr{0xe0000001});
+  BRISKLOG(
+      "RouteIntfIteratorConst",
+      "i8=%d u16=%u min=%lld max=%llu b=%s c=%c f=%.3f p=%p v4=%s raw=%s v6=%s s=%s sv=%s cs=%s "
+      "name=%s role=%d",
+      std::int8_t(-5), std::uint16_t(65535), INT64_MIN, UINT64_MAX, true, 'x', 0.25,
+      reinterpret_cast<void*>(0x1234), Brisklog::Addr::v4(0x0a010203),
+      Brisklog::Addr(std::span<std::uint8_t const, 4>(raw4)), Brisklog::Addr(v6), intf, vrf, app,
+      name, Role::oif);
+  BRISKLOG("MfibDirSm", "handleInitialized, Initializing... grp %s",
+           Elsewhere::GroupAddr{0xe0000001});
   std::int64_t const after = realNs();
 
   Reader reader(Brisklog::path());
@@ -180,7 +182,8 @@ TEST(BrisklogRing, ThreadsBeyondTheExclusiveRingsShareOneWithoutLoss) {
 
   Reader reader(Brisklog::path());
   std::map<std::int64_t, std::vector<std::uint64_t>> perThread;
-  for (Record const& r : reader.read()) perThread[r.args[1].i].push_back(std::uint64_t(r.args[0].i));
+  for (Record const& r : reader.read())
+    perThread[r.args[1].i].push_back(std::uint64_t(r.args[0].i));
   ASSERT_EQ(perThread.size(), std::size_t(kThreads));
   for (auto const& [t, seq] : perThread) {
     EXPECT_EQ(seq.size(), std::size_t(kPerThread)) << "thread " << t;
@@ -246,7 +249,8 @@ TEST(BrisklogRing, CallSitesBeyondTheDescriptorTableStillLeaveVisibleRecords) {
   Reader reader(Brisklog::path());
   std::vector<Record> records = reader.read();
   ASSERT_EQ(records.size(), 80u);
-  EXPECT_EQ(records.front().text(), "call site number 0 with a format long enough to fill the table");
+  EXPECT_EQ(records.front().text(),
+            "call site number 0 with a format long enough to fill the table");
   EXPECT_EQ(records.back().text(), "<record of a call site that found the descriptor table full>");
   EXPECT_GT(reader.info().descriptorOverflows, 0u);
   EXPECT_FALSE(reader.notes().empty());
@@ -303,8 +307,10 @@ KilledWriter killWriter(bool keepWriting) {
     std::string msg = Brisklog::path() + "\n" + std::to_string(i);
     if (write(fds[1], msg.data(), msg.size()) != ssize_t(msg.size())) _exit(1);
     for (;;) {
-      if (keepWriting) BRISKLOG("Killed", "n %llu", static_cast<unsigned long long>(i++));
-      else pause();
+      if (keepWriting)
+        BRISKLOG("Killed", "n %llu", static_cast<unsigned long long>(i++));
+      else
+        pause();
     }
   }
   ::close(fds[1]);

@@ -1,5 +1,3 @@
-#include "Brisklog/Reader.h"
-
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -13,6 +11,7 @@
 
 #include "Brisklog/Brisklog.h"
 #include "Brisklog/Layout.h"
+#include "Brisklog/Reader.h"
 #include "TraceDir.h"
 
 namespace {
@@ -38,12 +37,14 @@ Arg text(std::string s) {
 
 TEST(BrisklogFormat, ConversionsFollowPrintfAndToleratePoorFormats) {
   using Brisklog::formatText;
-  EXPECT_EQ(formatText("[%5d|%-4s|%x|%%|%08.3f]", {integer(42), text("ab"), integer(255), [] {
-                         Arg f;
-                         f.kind = 'f';
-                         f.f = 3.14159;
-                         return f;
-                       }()},
+  EXPECT_EQ(formatText("[%5d|%-4s|%x|%%|%08.3f]",
+                       {integer(42), text("ab"), integer(255),
+                        [] {
+                          Arg f;
+                          f.kind = 'f';
+                          f.f = 3.14159;
+                          return f;
+                        }()},
                        false),
             "[   42|ab  |ff|%|0003.142]");
   // The argument's own kind wins over a conversion that disagrees with it.
@@ -97,7 +98,8 @@ std::vector<std::int64_t> sequence(std::vector<Record> const& records) {
   return out;
 }
 
-constexpr std::size_t kFirstRecord = Brisklog::kHeaderBytes + (64u << 10) + Brisklog::kRingHeaderBytes;
+constexpr std::size_t kFirstRecord =
+    Brisklog::kHeaderBytes + (64u << 10) + Brisklog::kRingHeaderBytes;
 
 TEST(BrisklogDamage, GarbageInsideTheRingIsReportedAndTheRestDecodes) {
   TraceDir dir;
@@ -189,7 +191,8 @@ TEST(BrisklogDamage, RandomDamageAndTruncationNeverCrashOrHang) {
     rewrite(s.path, bytes);
     Reader reader(s.path);
     std::vector<Record> records = reader.read();
-    for (std::size_t i = 1; i < records.size(); ++i) ASSERT_LE(records[i - 1].ticks, records[i].ticks);
+    for (std::size_t i = 1; i < records.size(); ++i)
+      ASSERT_LE(records[i - 1].ticks, records[i].ticks);
     for (Record const& r : records) (void)r.text();
     if (!reader.usable()) {
       EXPECT_FALSE(reader.problems().empty());

@@ -70,13 +70,20 @@ std::optional<std::int64_t> parseDuration(std::string const& s) {
   if (end == s.c_str() || !(v >= 0) || !std::isfinite(v)) return std::nullopt;
   std::string unit(end);
   double scale;
-  if (unit == "ns") scale = 1;
-  else if (unit == "us") scale = 1e3;
-  else if (unit == "ms") scale = 1e6;
-  else if (unit == "s" || unit.empty()) scale = 1e9;
-  else if (unit == "m") scale = 60e9;
-  else if (unit == "h") scale = 3600e9;
-  else return std::nullopt;
+  if (unit == "ns")
+    scale = 1;
+  else if (unit == "us")
+    scale = 1e3;
+  else if (unit == "ms")
+    scale = 1e6;
+  else if (unit == "s" || unit.empty())
+    scale = 1e9;
+  else if (unit == "m")
+    scale = 60e9;
+  else if (unit == "h")
+    scale = 3600e9;
+  else
+    return std::nullopt;
   double ns = v * scale;
   if (ns > 9e18) return std::nullopt;
   return std::int64_t(ns);
@@ -109,7 +116,8 @@ std::optional<std::int64_t> parseTime(std::string const& s) {
   }
   char* end = nullptr;
   double secs = std::strtod(s.c_str(), &end);
-  if (end == s.c_str() || *end || !std::isfinite(secs) || std::fabs(secs) > 9e9) return std::nullopt;
+  if (end == s.c_str() || *end || !std::isfinite(secs) || std::fabs(secs) > 9e9)
+    return std::nullopt;
   return std::int64_t(secs * 1e9);
 }
 
@@ -266,7 +274,8 @@ int main(int argc, char** argv) {
     Input in;
     in.reader = std::make_unique<Brisklog::Reader>(f);
     auto const& info = in.reader->info();
-    if (o.files.size() > 1) in.label = "[" + info.processName + ":" + std::to_string(info.pid) + "] ";
+    if (o.files.size() > 1)
+      in.label = "[" + info.processName + ":" + std::to_string(info.pid) + "] ";
     if (o.header && in.reader->usable()) describe(info);
     inputs.push_back(std::move(in));
   }
@@ -281,7 +290,8 @@ int main(int argc, char** argv) {
         if (!sourceMatches(o, r.source())) continue;
         if (o.since && r.wallNs < *o.since) continue;
         if (o.until && r.wallNs >= *o.until) continue;
-        std::string text = Brisklog::wallTimeText(r.wallNs) + ' ' + in.label + r.source() + ' ' + r.text();
+        std::string text =
+            Brisklog::wallTimeText(r.wallNs) + ' ' + in.label + r.source() + ' ' + r.text();
         if (o.location && r.descriptor) {
           text += "  [" + r.descriptor->file + ':' + std::to_string(r.descriptor->line) + ' ' +
                   r.descriptor->function + ']';
