@@ -66,10 +66,11 @@ inline constexpr std::uint64_t kSlotTombstone = kNone;
 // writer tell a record torn by a crash from a link update cut short.
 enum Op : std::uint8_t { opNone = 0, opInsert = 1, opLink = 2, opDelete = 3 };
 
-// Head of every entry, followed by the key, the record and the skip-list
-// tower (kMaxLevel links), the entry rounded up to whole cache lines: the
-// head and a key of up to 40 bytes share the first line, which a lookup
-// reads first. Two sequence counters, both even when stable:
+// Head of every entry, followed by the key, the skip-list tower (kMaxLevel
+// links) and the record, the entry rounded up to whole cache lines: the
+// head, a key of up to 32 bytes and the lowest links share the first line,
+// which lookups, searches and ordered steps all read first. Two sequence
+// counters, both even when stable:
 //   lseq covers live, level, op, the key and the tower
 //   dseq covers the record bytes and stamp
 // The writer bumps a counter to odd (release fence after), writes, bumps to

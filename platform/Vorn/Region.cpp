@@ -120,10 +120,10 @@ struct Plan {
 
 void shapeEntry(Layout::TableDesc& d) {
   d.keyOffset = sizeof(Layout::EntryHead);
-  d.recordOffset = d.keyOffset + static_cast<std::uint32_t>(Layout::roundUp(d.keySize, 8));
-  d.linksOffset = static_cast<std::uint32_t>(Layout::roundUp(d.recordOffset + d.recordSize, 8));
-  d.entrySize = static_cast<std::uint32_t>(
-      Layout::roundUp(d.linksOffset + sizeof(Layout::Link) * Layout::kMaxLevel, 64));
+  d.linksOffset = d.keyOffset + static_cast<std::uint32_t>(Layout::roundUp(d.keySize, 4));
+  d.recordOffset = static_cast<std::uint32_t>(
+      Layout::roundUp(d.linksOffset + sizeof(Layout::Link) * Layout::kMaxLevel, 8));
+  d.entrySize = static_cast<std::uint32_t>(Layout::roundUp(d.recordOffset + d.recordSize, 64));
 }
 
 }  // namespace
