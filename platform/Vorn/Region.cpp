@@ -473,8 +473,10 @@ T waitEvenImpl(Region const& r, std::atomic<T> const& seq, std::string_view what
       if (!r.writerAlive())
         r.fail(std::string(what) + " was left mid-write by writer pid " + std::to_string(r.writerPid()) +
                ", which is gone");
-      if (std::chrono::steady_clock::now() - start > std::chrono::seconds(2))
-        r.fail(std::string(what) + " stayed mid-write for 2 s");
+      // Long enough for a writer descheduled mid-write on a busy machine,
+      // short enough not to stall the reader's event loop for long.
+      if (std::chrono::steady_clock::now() - start > std::chrono::milliseconds(500))
+        r.fail(std::string(what) + " stayed mid-write for 0.5 s");
     }
     sched_yield();
   }
