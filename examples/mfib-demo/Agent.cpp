@@ -320,6 +320,7 @@ int Agent::run() {
     while (loop_.runOnce(0) > 0) {
     }
     printChanges();
+    std::cout.flush();
   }
 
   std::cout << "final routes:\n";
