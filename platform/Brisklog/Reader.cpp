@@ -341,6 +341,7 @@ void Reader::validateHeader() {
   info_.openedNs = l.opened.realNs;
   descriptorOffset_ = l.descriptorOffset;
   ringOffset_ = l.ringOffset;
+  sharedRing_ = l.sharedRing;
   anchorTicks_ = l.opened.ticks;
   anchorRealNs_ = l.opened.realNs;
   ticksPerNs_ = l.ticksPerSecond / 1e9;
@@ -392,11 +393,12 @@ void Reader::refreshClock() {
   }
   anchorTicks_ = latest.ticks;
   anchorRealNs_ = latest.realNs;
+  std::uint64_t const monoSpan = std::uint64_t(latest.monoNs) - std::uint64_t(l.opened.monoNs);
   if (!info_.tsc) {
     ticksPerNs_ = 1;
-  } else if (latest.monoNs - l.opened.monoNs >= 100000000) {
+  } else if (monoSpan >= 100000000) {
     // The rate over the file's life beats the 2 ms measurement at open.
-    ticksPerNs_ = double(latest.ticks - l.opened.ticks) / double(latest.monoNs - l.opened.monoNs);
+    ticksPerNs_ = double(latest.ticks - l.opened.ticks) / double(monoSpan);
   }
   if (!(ticksPerNs_ > 1e-6 && ticksPerNs_ < 1e2)) ticksPerNs_ = l.ticksPerSecond / 1e9;
 }
@@ -628,14 +630,18 @@ void Reader::readRing(std::uint32_t index, std::vector<Record>& out) {
       c.started = false;
       return kStop;
     }
-    if (live_ && length <= info_.maxRecordBytes && gapStart != rescanned) {
-      if (atHead) {
-        c.next = gapStart;  // the record being written now; next read takes it
-        return kStop;
-      }
-      // Another thread of a shared ring reserved this before the records
-      // after it and has not finished (it may have been preempted between
-      // the two); give it up to 50 ms.
+    bool const maybeUnfinished =
+        live_ && length <= info_.maxRecordBytes && gapStart != rescanned;
+    if (maybeUnfinished && atHead) {
+      c.next = gapStart;  // the record being written now; next read takes it
+      return kStop;
+    }
+    // Only in the shared ring can a record be unfinished while later ones
+    // are done: an exclusive ring's writer finishes each before the next.
+    if (maybeUnfinished && index == sharedRing_) {
+      // Another thread reserved this before the records after it and has
+      // not finished (it may have been preempted in between); give it up to
+      // 50 ms.
       std::uint64_t const off = data + (gapStart & mask);
       for (int spin = 0; spin < 500; ++spin) {
         std::uint64_t w = load64(off);

@@ -138,6 +138,7 @@ class Reader {
   FileInfo info_;
   std::uint64_t descriptorOffset_ = 0;
   std::uint64_t ringOffset_ = 0;
+  std::uint32_t sharedRing_ = 0;
   std::uint32_t descriptorScanned_ = 0;
   std::map<std::uint32_t, std::unique_ptr<Descriptor>> descriptors_;
   std::vector<Cursor> cursors_;

@@ -304,7 +304,9 @@ int main(int argc, char** argv) {
     std::stable_sort(lines.begin(), lines.end(),
                      [](Line const& a, Line const& b) { return a.wallNs < b.wallNs; });
     std::int64_t cut = INT64_MIN;
-    if (first && o.last && !lines.empty()) cut = lines.back().wallNs - *o.last;
+    if (first && o.last && !lines.empty() &&
+        __builtin_sub_overflow(lines.back().wallNs, *o.last, &cut))
+      cut = INT64_MIN;
     for (Line const& l : lines) {
       if (l.wallNs >= cut) std::cout << l.text << '\n';
     }
