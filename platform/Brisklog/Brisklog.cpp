@@ -307,12 +307,19 @@ RingHeader* ringAt(State& s, std::uint32_t i) {
                                        std::uint64_t(i) * (kRingHeaderBytes + h->layout.ringBytes));
 }
 
+// Set once the thread's ring is freed at its end; a record written later
+// in that thread's teardown (by another thread-local's destructor) goes to
+// the shared ring.
+thread_local bool tRingFreed = false;
+
 // Frees the thread's exclusive ring when the thread ends.
 struct RingRelease {
   std::uint32_t generation = 0;
   std::uint32_t index = 0;
   std::uint32_t tid = 0;
   ~RingRelease() {
+    tRingFreed = true;
+    tSlot.generation = 0;
     State& s = state();
     std::lock_guard<std::mutex> lock(s.mutex);
     if (generation == 0 || generation != s.generation) return;
@@ -326,7 +333,7 @@ void claimLocked(State& s) {
   FileHeader const* h = reinterpret_cast<FileHeader const*>(s.base);
   std::uint32_t tid = std::uint32_t(gettid());
   std::uint32_t index = h->layout.sharedRing;
-  for (std::uint32_t i = 0; i < h->layout.sharedRing; ++i) {
+  for (std::uint32_t i = 0; i < h->layout.sharedRing && !tRingFreed; ++i) {
     std::uint32_t expected = 0;
     if (__atomic_compare_exchange_n(&ringAt(s, i)->owner, &expected, tid, false, __ATOMIC_ACQUIRE,
                                     __ATOMIC_RELAXED)) {

@@ -109,6 +109,25 @@ TEST(BrisklogRoundTrip, EveryArgumentKindDecodesWithItsCallSite) {
   EXPECT_EQ(reader.info().pid, std::uint32_t(getpid()));
 }
 
+TEST(BrisklogRoundTrip, MonotonicClockGivesWallTimesToo) {
+  TraceDir dir;
+  Brisklog::Config c = Brisklog::config();
+  c.useTsc = false;
+  Brisklog::configIs(c);
+  std::int64_t const before = realNs();
+  BRISKLOG("Clock", "one");
+  usleep(2000);
+  BRISKLOG("Clock", "two");
+  std::int64_t const after = realNs();
+  Reader reader(Brisklog::path());
+  std::vector<Record> records = reader.read();
+  ASSERT_EQ(records.size(), 2u);
+  EXPECT_FALSE(reader.info().tsc);
+  EXPECT_GE(records[0].wallNs, before - 1000000);
+  EXPECT_LE(records[1].wallNs, after + 1000000);
+  EXPECT_GE(records[1].wallNs - records[0].wallNs, 2000000);
+}
+
 TEST(BrisklogRoundTrip, OversizedStringsAndRecordsAreCutVisibly) {
   // 4 KiB rings allow records of 1 KiB; strings are cut at 200 bytes.
   TraceDir dir(4096, 1);
@@ -231,6 +250,15 @@ TEST(BrisklogRing, ReaderRacingWritersGetsOnlyWholeRecords) {
   for (std::thread& w : writers) w.join();
   EXPECT_GT(seen, 0u);
   EXPECT_TRUE(reader.problems().empty()) << reader.problems().front();
+}
+
+TEST(BrisklogRing, AThreadsRingIsFreedForTheNextWhenItEnds) {
+  TraceDir dir(1u << 16, 2);
+  for (int t = 0; t < 3; ++t) std::thread([t] { BRISKLOG("Turns", "thread %d", t); }).join();
+  Reader reader(Brisklog::path());
+  std::vector<Record> records = reader.read();
+  ASSERT_EQ(records.size(), 3u);
+  for (Record const& r : records) EXPECT_EQ(r.ring, 0u) << r.text();  // never the shared ring 1
 }
 
 template <int N>
