@@ -291,33 +291,32 @@ void Reader::validateHeader() {
   if (storedChecksum != layoutChecksum(l))
     problem("header checksum mismatch: the header is damaged");
 
-  auto bad = [&](char const* field, std::uint64_t value) {
+  bool sane = true;
+  auto bad = [&](char const* field, auto value) {
     problem("header damaged: " + std::string(field) + " = " + std::to_string(value));
+    sane = false;
   };
   std::uint64_t ringSpan = std::uint64_t(kRingHeaderBytes) + l.ringBytes;
-  bool sane = true;
-  if (l.headerBytes != kHeaderBytes) sane = false, bad("headerBytes", l.headerBytes);
+  if (l.headerBytes != kHeaderBytes) bad("headerBytes", l.headerBytes);
   if (l.ringBytes < kMinRingBytes || l.ringBytes > kMaxRingBytes ||
       (l.ringBytes & (l.ringBytes - 1)))
-    sane = false, bad("ringBytes", l.ringBytes);
-  if (l.ringCount < 1 || l.ringCount > kMaxRings) sane = false, bad("ringCount", l.ringCount);
+    bad("ringBytes", l.ringBytes);
+  if (l.ringCount < 1 || l.ringCount > kMaxRings) bad("ringCount", l.ringCount);
   if (l.descriptorBytes < 4096 || l.descriptorBytes > kMaxDescriptorBytes ||
       (l.descriptorBytes & 7))
-    sane = false, bad("descriptorBytes", l.descriptorBytes);
-  if (l.descriptorOffset != kHeaderBytes) sane = false, bad("descriptorOffset", l.descriptorOffset);
-  if (l.ringOffset != l.descriptorOffset + l.descriptorBytes)
-    sane = false, bad("ringOffset", l.ringOffset);
-  if (sane && l.fileBytes != l.ringOffset + l.ringCount * ringSpan)
-    sane = false, bad("fileBytes", l.fileBytes);
+    bad("descriptorBytes", l.descriptorBytes);
+  if (l.descriptorOffset != kHeaderBytes) bad("descriptorOffset", l.descriptorOffset);
+  if (l.ringOffset != l.descriptorOffset + l.descriptorBytes) bad("ringOffset", l.ringOffset);
+  if (sane && l.fileBytes != l.ringOffset + l.ringCount * ringSpan) bad("fileBytes", l.fileBytes);
   if (l.maxRecordBytes < sizeof(RecordHeader) + 8 || l.maxRecordBytes > 65528 ||
       (l.maxRecordBytes & 7) || l.maxRecordBytes > l.ringBytes)
-    sane = false, bad("maxRecordBytes", l.maxRecordBytes);
-  if (l.maxStringBytes > kMaxStringLimit) sane = false, bad("maxStringBytes", l.maxStringBytes);
-  if (l.sharedRing >= l.ringCount) sane = false, bad("sharedRing", l.sharedRing);
+    bad("maxRecordBytes", l.maxRecordBytes);
+  if (l.maxStringBytes > kMaxStringLimit) bad("maxStringBytes", l.maxStringBytes);
+  if (l.sharedRing >= l.ringCount) bad("sharedRing", l.sharedRing);
   if (l.clockKind != std::uint32_t(ClockKind::tsc) &&
       l.clockKind != std::uint32_t(ClockKind::monotonicNs))
-    sane = false, bad("clockKind", l.clockKind);
-  if (!(l.ticksPerSecond > 1e3 && l.ticksPerSecond < 1e11)) sane = false, bad("ticksPerSecond", 0);
+    bad("clockKind", l.clockKind);
+  if (!(l.ticksPerSecond > 1e3 && l.ticksPerSecond < 1e11)) bad("ticksPerSecond", l.ticksPerSecond);
   if (!sane) return;
 
   if (mapBytes_ < l.fileBytes) {
@@ -630,8 +629,7 @@ void Reader::readRing(std::uint32_t index, std::vector<Record>& out) {
       c.started = false;
       return kStop;
     }
-    bool const maybeUnfinished =
-        live_ && length <= info_.maxRecordBytes && gapStart != rescanned;
+    bool const maybeUnfinished = live_ && length <= info_.maxRecordBytes && gapStart != rescanned;
     if (maybeUnfinished && atHead) {
       c.next = gapStart;  // the record being written now; next read takes it
       return kStop;
