@@ -116,6 +116,29 @@ TEST(BrisklogCat, ListShowsEachFilesProcessAndWhetherItRuns) {
   EXPECT_NE(got[1].find("junk.brisklog  unreadable: "), std::string::npos) << got[1];
 }
 
+TEST(BrisklogCat, PruneRemovesOnlyFilesOfProcessesThatHaveGone) {
+  TraceDir dir;
+  BRISKLOG("Pruned", "mine");
+  std::string const mine = Brisklog::path();
+  pid_t child = fork();
+  if (child == 0) {
+    BRISKLOG("Pruned", "child's");
+    _exit(0);
+  }
+  waitpid(child, nullptr, 0);
+  std::string const childs = dir.dir() + "/BrisklogTest-" + std::to_string(child) + ".brisklog";
+  std::string const other = dir.dir() + "/notes.txt";
+  std::ofstream(other) << "kept";
+  ASSERT_EQ(access(childs.c_str(), F_OK), 0);
+
+  ToolRun r = brisklogCat("--prune " + dir.dir(), dir.dir() + "/err");
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, "removed " + childs + "\n");
+  EXPECT_NE(access(childs.c_str(), F_OK), 0);
+  EXPECT_EQ(access(mine.c_str(), F_OK), 0);
+  EXPECT_EQ(access(other.c_str(), F_OK), 0);
+}
+
 TEST(BrisklogCat, FollowPrintsALiveWritersRecordsAndEndsWhenItGoes) {
   TraceDir dir;
   int fds[2];

@@ -22,7 +22,7 @@
 namespace {
 
 char const* const kUsage = R"(Usage: brisklog-cat [options] FILE...
-       brisklog-cat --list [DIR]
+       brisklog-cat --list [DIR] | --prune [DIR]
 
 Prints the records of Brisklog trace files in time order, oldest first, with
 their text rebuilt from the call sites that wrote them. Works on the file of a
@@ -42,6 +42,8 @@ Options:
   -H, --header          first describe each file (process, sizes, clock)
       --list [DIR]      list the trace files in DIR (default $BRISKLOG_DIR,
                         else /dev/shm) with their process and whether it runs
+      --prune [DIR]     remove the trace files in DIR whose process has gone
+                        (and files that are not readable trace files)
   -h, --help            show this text
 
 TIME is UTC as 2026-11-21T18:22:26[.123][Z], seconds since the epoch
@@ -126,6 +128,7 @@ struct Options {
   bool location = false;
   bool header = false;
   bool list = false;
+  bool prune = false;
   std::string listDir;
   std::vector<std::string> sources;
   std::optional<std::int64_t> since;
@@ -178,7 +181,7 @@ void describe(Brisklog::FileInfo const& i) {
             << " bytes\n# descriptor table " << i.descriptorBytes << " bytes\n";
 }
 
-int listFiles(std::string dir) {
+int listFiles(std::string dir, bool prune) {
   if (dir.empty()) {
     char const* env = std::getenv("BRISKLOG_DIR");
     dir = env && *env ? env : "/dev/shm";
@@ -198,6 +201,15 @@ int listFiles(std::string dir) {
   for (std::string const& n : names) {
     std::string path = dir + "/" + n;
     Brisklog::Reader r(path);
+    if (prune) {
+      if (r.usable() && r.writerAlive()) continue;
+      if (unlink(path.c_str()) != 0) {
+        std::cerr << "brisklog-cat: " << path << ": " << std::strerror(errno) << '\n';
+        continue;
+      }
+      std::cout << "removed " << path << '\n';
+      continue;
+    }
     if (!r.usable()) {
       std::cout << path << "  unreadable: " << (r.problems().empty() ? "?" : r.problems().front())
                 << '\n';
@@ -237,8 +249,9 @@ int main(int argc, char** argv) {
       o.location = true;
     } else if (a == "-H" || a == "--header") {
       o.header = true;
-    } else if (a == "--list") {
+    } else if (a == "--list" || a == "--prune") {
       o.list = true;
+      o.prune = a == "--prune";
       if (i + 1 < args.size() && args[i + 1][0] != '-') o.listDir = args[++i];
     } else if (a == "-s" || a == "--source") {
       if (!value(v)) return usageError(a + " needs a source name");
@@ -261,7 +274,7 @@ int main(int argc, char** argv) {
       o.files.push_back(a);
     }
   }
-  if (o.list) return listFiles(o.listDir);
+  if (o.list) return listFiles(o.listDir, o.prune);
   if (o.files.empty()) return usageError("no trace file given");
 
   signal(SIGINT, [](int) { gStop = 1; });
