@@ -112,12 +112,14 @@ void Status::resync() {
 
 std::size_t Status::drain() {
   if (!region_ || mode_ != Mode::reader || draining_) return 0;
+  // A hook may drop the last reference: keep this alive until the guard
+  // below has run.
+  Kiv::Ptr<Status> self(this);
   struct Guard {
     bool& flag;
     ~Guard() { flag = false; }
   } guard{draining_};
   draining_ = true;
-  Kiv::Ptr<Status> self(this);
   std::size_t n = 0;
   keyBuffer_.resize(Layout::kMaxKeySize);
   for (;;) {

@@ -393,3 +393,28 @@ TEST(VornUrl, UrlsMapToSafeFileNamesAndBack) {
   EXPECT_EQ(refused("a//b"), "Vorn url 'a//b' has an empty component");
   EXPECT_EQ(refused(""), "Vorn url is empty");
 }
+
+TEST_F(VornTable, AHookMayUnmountItsStatusWhileChangesAreDelivered) {
+  auto w = mounted(path, Mode::writer);
+  Kiv::EventLoop loop;
+  Kiv::Ptr<Vorn::TestStatus> r = mounted(path, Mode::reader);
+  r->followIs(&loop);
+  struct Unmounter : Vorn::TestStatus::NotifieeConst {
+    int heard = 0;
+    void onEntry(TestKey const&) override {
+      ++heard;
+      const_cast<Vorn::TestStatus*>(notifier().ptr())->unmount();
+    }
+  } unmounter;
+  unmounter.notifierIs(r);
+  Recorder later(r);
+  w->entryIs(record(1));
+  w->entryIs(record(2));
+  loop.runUntil([&] { return false; }, 0.1);
+  EXPECT_EQ(unmounter.heard, 1);
+  EXPECT_FALSE(r->mounted());
+  EXPECT_EQ(later.entries, std::vector<TestKey>{TestKey(1)});
+  r = nullptr;
+  w->entryIs(record(3));
+  loop.runOnce(0.01);
+}
