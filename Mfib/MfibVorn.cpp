@@ -3,6 +3,7 @@
 #include <sstream>
 #include <vector>
 
+#include "Kiv/CollectionAttr.h"
 #include "Kiv/Hash.h"
 #include "Kiv/Trace.h"
 #include "Kiv/ValueText.h"
@@ -56,34 +57,17 @@ Kiv::Ptr<Status const> MfibVornColl::vornPtr(Status const* key) const {
 }
 
 void MfibVornColl::vornPtrIs(Status const* key, Kiv::Ptr<Status const> const& value) {
-  auto it = vornPtr_.find(key);
-  if (it != vornPtr_.end()) {
-    if (it->second == value) return;
-    if (value) {
-      it->second = value;
-    } else {
-      vornPtr_.erase(it);
-    }
-  } else {
-    if (!value) return;
-    vornPtr_.emplace(key, value);
-  }
-  vornPtrNotify(key);
+  if (Kiv::ptrEntryIs(vornPtr_, key, value)) vornPtrNotify(key);
 }
 
 Kiv::Ptr<Status const> MfibVornColl::vornPtrDel(Status const* key) {
-  auto it = vornPtr_.find(key);
-  if (it == vornPtr_.end()) return nullptr;
-  Kiv::Ptr<Status const> old = std::move(it->second);
-  vornPtr_.erase(it);
-  vornPtrNotify(key);
+  Kiv::Ptr<Status const> old = Kiv::entryTake(vornPtr_, key);
+  if (old) vornPtrNotify(key);
   return old;
 }
 
 void MfibVornColl::vornPtrDelAll() {
-  std::vector<Status const*> keys;
-  for (auto const& [k, v] : vornPtr_) keys.push_back(k);
-  for (Status const* k : keys) vornPtrDel(k);
+  for (Status const* k : Kiv::keysOf(vornPtr_)) vornPtrDel(k);
 }
 
 std::uint32_t MfibVornColl::routes() const {
@@ -410,18 +394,13 @@ Kiv::Ptr<MfibVornColl> MfibVornDir::vornCollIs(L3::VrfName const& vrf) {
 }
 
 Kiv::Ptr<MfibVornColl> MfibVornDir::vornCollDel(L3::VrfName const& vrf) {
-  auto it = vornColl_.find(vrf);
-  if (it == vornColl_.end()) return nullptr;
-  Kiv::Ptr<MfibVornColl> old = std::move(it->second);
-  vornColl_.erase(it);
-  vornCollNotify(vrf);
+  Kiv::Ptr<MfibVornColl> old = Kiv::entryTake(vornColl_, vrf);
+  if (old) vornCollNotify(vrf);
   return old;
 }
 
 void MfibVornDir::vornCollDelAll() {
-  std::vector<L3::VrfName> vrfs;
-  for (auto const& [vrf, coll] : vornColl_) vrfs.push_back(vrf);
-  for (auto const& vrf : vrfs) vornCollDel(vrf);
+  for (auto const& vrf : Kiv::keysOf(vornColl_)) vornCollDel(vrf);
 }
 
 void MfibVornDir::vornCollNotify(L3::VrfName const& vrf) const {
@@ -437,34 +416,17 @@ Kiv::Ptr<Status> VrfStatus::status(L3::VrfName const& vrf) const {
 }
 
 void VrfStatus::statusIs(L3::VrfName const& vrf, Kiv::Ptr<Status> const& status) {
-  auto it = status_.find(vrf);
-  if (it != status_.end()) {
-    if (it->second == status) return;
-    if (status) {
-      it->second = status;
-    } else {
-      status_.erase(it);
-    }
-  } else {
-    if (!status) return;
-    status_.emplace(vrf, status);
-  }
-  statusNotify(vrf);
+  if (Kiv::ptrEntryIs(status_, vrf, status)) statusNotify(vrf);
 }
 
 Kiv::Ptr<Status> VrfStatus::statusDel(L3::VrfName const& vrf) {
-  auto it = status_.find(vrf);
-  if (it == status_.end()) return nullptr;
-  Kiv::Ptr<Status> old = std::move(it->second);
-  status_.erase(it);
-  statusNotify(vrf);
+  Kiv::Ptr<Status> old = Kiv::entryTake(status_, vrf);
+  if (old) statusNotify(vrf);
   return old;
 }
 
 void VrfStatus::statusDelAll() {
-  std::vector<L3::VrfName> vrfs;
-  for (auto const& [vrf, s] : status_) vrfs.push_back(vrf);
-  for (auto const& vrf : vrfs) statusDel(vrf);
+  for (auto const& vrf : Kiv::keysOf(status_)) statusDel(vrf);
 }
 
 // ---- factories

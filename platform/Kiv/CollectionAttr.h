@@ -1,0 +1,54 @@
+// The edits every keyed collection attribute of an entity makes, so that
+// each entity writes only its notification:
+//
+//   void vornPtrIs(K k, Kiv::Ptr<V> const& v) { if (Kiv::ptrEntryIs(vornPtr_, k, v)) vornPtrNotify(k); }
+//   Kiv::Ptr<V> vornPtrDel(K k) { auto old = Kiv::entryTake(vornPtr_, k); if (old) vornPtrNotify(k); return old; }
+//   void vornPtrDelAll() { for (K k : Kiv::keysOf(vornPtr_)) vornPtrDel(k); }
+#pragma once
+
+#include <utility>
+#include <vector>
+
+namespace Kiv {
+
+// Stores a pointer value under key: the same pointer changes nothing, a null
+// pointer removes the entry, another pointer replaces it. Returns whether
+// the map changed.
+template <class Map, class K, class V>
+bool ptrEntryIs(Map& map, K const& key, V const& value) {
+  auto it = map.find(key);
+  if (it != map.end()) {
+    if (it->second == value) return false;
+    if (value) {
+      it->second = value;
+    } else {
+      map.erase(it);
+    }
+    return true;
+  }
+  if (!value) return false;
+  map.emplace(key, value);
+  return true;
+}
+
+// Removes key and returns its value, or a default (null) value when absent.
+template <class Map, class K>
+typename Map::mapped_type entryTake(Map& map, K const& key) {
+  auto it = map.find(key);
+  if (it == map.end()) return typename Map::mapped_type();
+  typename Map::mapped_type old = std::move(it->second);
+  map.erase(it);
+  return old;
+}
+
+// The keys now present, for deleting one at a time while notifiees may edit
+// the map.
+template <class Map>
+std::vector<typename Map::key_type> keysOf(Map const& map) {
+  std::vector<typename Map::key_type> keys;
+  keys.reserve(map.size());
+  for (auto const& entry : map) keys.push_back(entry.first);
+  return keys;
+}
+
+}  // namespace Kiv
