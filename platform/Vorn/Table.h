@@ -435,6 +435,10 @@ class Table : public TableBase {
 
   // Unordered iteration over entry positions: cheap, stable under deletes
   // of other records. `pos` is the caller's cursor (start at 0).
+  bool unorderedFirst(std::uint32_t& pos, K& key, R& rec) const {
+    pos = 0;
+    return unorderedNext(pos, key, rec);
+  }
   bool unorderedNext(std::uint32_t& pos, K& key, R& rec) const {
     checkUsable(false);
     for (; pos < capacity_; ++pos) {
