@@ -102,11 +102,6 @@ TEST_F(VornProcesses, ReaderProcessHearsEveryChangeInOrderAndSeesTheSameTable) {
     return 0;
   });
   ready.wait();
-  auto r = mounted(path, Mode::reader);
-  Kiv::EventLoop loop;
-  r->followIs(&loop);
-  Recorder heard(r);
-  go.raise();
   std::map<TestKey, TestRecord> model;
   std::vector<TestKey> expected;
   for (auto [k, v] : ops) {
@@ -117,7 +112,25 @@ TEST_F(VornProcesses, ReaderProcessHearsEveryChangeInOrderAndSeesTheSameTable) {
       expected.push_back(TestKey(k));
     }
   }
+  // A second reader, in a process of its own.
+  Signal following;
+  pid_t other = spawn([&] {
+    auto r = mounted(path, Mode::reader);
+    Kiv::EventLoop loop;
+    r->followIs(&loop);
+    Recorder heard(r);
+    following.raise();
+    loop.runUntil([&] { return heard.entries.size() >= expected.size(); }, 20.0);
+    return heard.entries == expected ? 0 : 1;
+  });
+  auto r = mounted(path, Mode::reader);
+  Kiv::EventLoop loop;
+  r->followIs(&loop);
+  Recorder heard(r);
+  following.wait();
+  go.raise();
   EXPECT_TRUE(loop.runUntil([&] { return heard.entries.size() >= expected.size(); }, 20.0));
+  EXPECT_EQ(reap(other, 20), 0);
   EXPECT_EQ(heard.entries, expected);
   EXPECT_EQ(r->resyncs(), 0u);
   done.raise();
