@@ -315,9 +315,11 @@ class Table : public TableBase {
       e->live = 1;
       e->level = static_cast<std::uint8_t>(level);
       std::memcpy(keyAt(idx), &k, sizeof(K));
+      mirror_[idx].key = k;
       for (std::uint32_t l = 0; l < Layout::kMaxLevel; ++l) {
-        std::uint32_t n = l < level ? links(preds[l])[l].load(std::memory_order_relaxed) : Layout::kNone;
+        std::uint32_t n = l < level ? mirror_[preds[l]].next[l] : Layout::kNone;
         links(idx)[l].store(n, std::memory_order_relaxed);
+        mirror_[idx].next[l] = n;
       }
       std::memcpy(recordAt(idx), &r, sizeof(R));
       e->stamp = region_->nextStamp();
@@ -327,7 +329,7 @@ class Table : public TableBase {
       free_.pop_back();
       for (std::uint32_t l = 0; l < level; ++l) {
         prevOf(idx, l) = preds[l];
-        std::uint32_t const s = links(idx)[l].load(std::memory_order_relaxed);
+        std::uint32_t const s = mirror_[idx].next[l];
         if (s < capacity_) prevOf(s, l) = idx;
       }
       // Link bottom-up: a reader that sees the node at level l finds it at
@@ -337,7 +339,10 @@ class Table : public TableBase {
         Layout::EntryHead* ph = head(p);
         ph->op = Layout::opLink;
         writeBegin(ph->lseq);
-        for (; l < level && preds[l] == p; ++l) links(p)[l].store(idx, std::memory_order_relaxed);
+        for (; l < level && preds[l] == p; ++l) {
+          links(p)[l].store(idx, std::memory_order_relaxed);
+          mirror_[p].next[l] = idx;
+        }
         writeEnd(ph->lseq);
         ph->op = Layout::opNone;
       }
@@ -370,7 +375,7 @@ class Table : public TableBase {
     for (std::uint32_t l = 0; l < level && known; ++l) {
       preds[l] = prevOf(idx, l);
       known = (preds[l] < capacity_ || preds[l] == headEntry()) &&
-              links(preds[l])[l].load(std::memory_order_relaxed) == idx;
+              mirror_[preds[l]].next[l] == idx;
     }
     if (!known) findPreds(k, preds);
     // Unlink top-down, then retire the entry: a reader standing on it sees
@@ -378,19 +383,21 @@ class Table : public TableBase {
     for (std::uint32_t l = level; l-- > 0;) {
       std::uint32_t const p = preds[l];
       Layout::EntryHead* ph = head(p);
-      if (links(p)[l].load(std::memory_order_relaxed) != idx) continue;  // never linked this high
+      if (mirror_[p].next[l] != idx) continue;  // never linked this high
       ph->op = Layout::opLink;
       writeBegin(ph->lseq);
       for (;; --l) {
-        if (links(p)[l].load(std::memory_order_relaxed) == idx)
-          links(p)[l].store(links(idx)[l].load(std::memory_order_relaxed), std::memory_order_relaxed);
+        if (mirror_[p].next[l] == idx) {
+          links(p)[l].store(mirror_[idx].next[l], std::memory_order_relaxed);
+          mirror_[p].next[l] = mirror_[idx].next[l];
+        }
         if (l == 0 || preds[l - 1] != p) break;
       }
       writeEnd(ph->lseq);
       ph->op = Layout::opNone;
     }
     for (std::uint32_t l = 0; l < level; ++l) {
-      std::uint32_t const s = links(idx)[l].load(std::memory_order_relaxed);
+      std::uint32_t const s = mirror_[idx].next[l];
       if (s < capacity_) prevOf(s, l) = preds[l];
     }
     slots_[pos].store(Layout::kSlotTombstone, std::memory_order_release);
@@ -483,6 +490,18 @@ class Table : public TableBase {
 
  protected:
   void adopt() override;
+  void attach(Region* region, std::uint32_t index) override {
+    TableBase::attach(region, index);
+    if (!writer()) return;
+    Node empty;
+    std::fill(std::begin(empty.next), std::end(empty.next), Layout::kNone);
+    mirror_.assign(std::size_t(capacity_) + 1, empty);
+  }
+  void detach() override {
+    TableBase::detach();
+    mirror_.clear();
+    mirror_.shrink_to_fit();
+  }
   void notifyKey(void const* key) override {
     K k;
     std::memcpy(static_cast<void*>(&k), key, sizeof(K));
@@ -767,24 +786,15 @@ class Table : public TableBase {
     loopFail("hash probe");
   }
 
-  // Writer: the last node before k at every level.
+  // Writer: the last node before k at every level, found in the writer's
+  // private mirror of keys and links (dense, and out of reach of whatever
+  // else writes into the file).
   void findPreds(K const& k, std::uint32_t* preds) const {
     std::uint32_t x = headEntry();
-    std::uint64_t steps = 0;
-    std::uint64_t const bound = (std::uint64_t(capacity_) + 1) * Layout::kMaxLevel;
     for (std::uint32_t l = Layout::kMaxLevel; l-- > 0;) {
-      if (l >= topLevel_) {
-        preds[l] = x;
-        continue;
-      }
-      for (;;) {
-        std::uint32_t const n = checkedLink(x, l, links(x)[l].load(std::memory_order_relaxed));
-        if (n == Layout::kNone) break;
-        K nk;
-        std::memcpy(static_cast<void*>(&nk), keyAt(n), sizeof(K));
-        if (!(nk < k)) break;
-        if (++steps > bound) loopFail("ordered search");
-        x = n;
+      if (l < topLevel_) {
+        for (std::uint32_t n = mirror_[x].next[l]; n != Layout::kNone && mirror_[n].key < k; n = mirror_[x].next[l])
+          x = n;
       }
       preds[l] = x;
     }
@@ -805,6 +815,11 @@ class Table : public TableBase {
     return out;
   }
 
+  struct Node {
+    K key{};
+    std::uint32_t next[Layout::kMaxLevel];
+  };
+  std::vector<Node> mirror_;  // the writer's: entry i's key and links, head last
   Hook hook_;
   bool following_ = false;
   std::map<K, std::uint64_t> seen_;
@@ -871,6 +886,7 @@ void Table<K, R, KeyOf>::adopt() {
   for (std::uint32_t l = 0; l < Layout::kMaxLevel; ++l) {
     last[l] = headEntry();
     links(headEntry())[l].store(Layout::kNone, std::memory_order_relaxed);
+    mirror_[headEntry()].next[l] = Layout::kNone;
   }
   hh->live = 0;
   hh->level = Layout::kMaxLevel;
@@ -879,12 +895,17 @@ void Table<K, R, KeyOf>::adopt() {
   for (std::uint32_t i : unique) {
     Layout::EntryHead* e = head(i);
     writeBegin(e->lseq);
-    for (std::uint32_t l = 0; l < Layout::kMaxLevel; ++l) links(i)[l].store(Layout::kNone, std::memory_order_relaxed);
+    for (std::uint32_t l = 0; l < Layout::kMaxLevel; ++l) {
+      links(i)[l].store(Layout::kNone, std::memory_order_relaxed);
+      mirror_[i].next[l] = Layout::kNone;
+    }
+    std::memcpy(static_cast<void*>(&mirror_[i].key), keyAt(i), sizeof(K));
     writeEnd(e->lseq);
     for (std::uint32_t l = 0; l < e->level; ++l) {
       Layout::EntryHead* p = head(last[l]);
       writeBegin(p->lseq);
       links(last[l])[l].store(i, std::memory_order_relaxed);
+      mirror_[last[l]].next[l] = i;
       prevOf(i, l) = last[l];
       writeEnd(p->lseq);
       last[l] = i;
