@@ -19,7 +19,10 @@
 //
 // Storage: an array of entries (key, record, skip-list tower, two sequence
 // counters), an open-addressing hash index of (hash tag, entry) slots, and a
-// skip list through the entries in key order. Writes are O(log n).
+// skip list through the entries in key order. Writes are O(log n). The
+// writer keeps private state beside the file (the free list, each entry's
+// predecessors, a dense mirror of keys and links for its searches) and
+// rebuilds it from the file when it adopts one.
 //
 // Reader protocol (every pairing is acquire load/fence against the writer's
 // release store/fence):
