@@ -18,8 +18,8 @@
 //
 // Counters: perTable is the time of one query divided by the number of
 // tables; perRoute the time per (table, route) pair a walk or a pass
-// visits, perPosition per position the walk yields; per1MRoutes what a walk
-// over tables holding 1M routes in all would take at that rate.
+// visits, perPosition per position the walk yields; per1MRoutes and
+// per1MPositions what a walk of 1M of either would take at that rate.
 #include <benchmark/benchmark.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -131,7 +131,9 @@ void perWalk(benchmark::State& state, unsigned tables, std::uint64_t yielded) {
   state.counters["perRoute"] = benchmark::Counter(routes, rateInv);
   state.counters["per1MRoutes"] = benchmark::Counter(routes / 1e6, rateInv);
   if (yielded != 0) {
-    state.counters["perPosition"] = benchmark::Counter(double(state.iterations()) * double(yielded), rateInv);
+    double const positions = double(state.iterations()) * double(yielded);
+    state.counters["perPosition"] = benchmark::Counter(positions, rateInv);
+    state.counters["per1MPositions"] = benchmark::Counter(positions / 1e6, rateInv);
     state.counters["positions"] = double(yielded);
   }
 }
