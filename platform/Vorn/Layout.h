@@ -84,7 +84,9 @@ struct EntryHead {
   std::uint8_t level;  // 1..kMaxLevel
   std::uint8_t op;
   std::uint8_t reserved0;
-  std::uint32_t reserved1;
+  // The entry a few steps on at level 0, kept by the writer for ordered walks
+  // to prefetch; outside both counters, never trusted beyond that.
+  std::atomic<std::uint32_t> ahead;
   std::uint64_t stamp;  // log position of the change that last wrote the record
 };
 static_assert(sizeof(EntryHead) == 24);

@@ -138,6 +138,18 @@ TEST_F(VornTable, RandomOperationsMatchAnOrderedMapFromASecondMapping) {
   }
   expectSame(*r, model, 800);
   expectSame(*w, model, 800);
+  // Every entry's prefetch hint names the entry four steps on.
+  Vorn::TableGeometry const& g = r->region()->table(0);
+  std::vector<std::uint32_t> chain;
+  auto next0 = [&](std::uint32_t i) {
+    return reinterpret_cast<Vorn::Layout::Link const*>(g.entries + std::size_t(i) * g.entrySize + g.linksOffset)->load();
+  };
+  for (std::uint32_t x = next0(g.capacity); x != Vorn::Layout::kNone; x = next0(x)) chain.push_back(x);
+  ASSERT_EQ(chain.size(), model.size());
+  for (std::size_t i = 0; i < chain.size(); ++i) {
+    auto const* h = reinterpret_cast<Vorn::Layout::EntryHead const*>(g.entries + std::size_t(chain[i]) * g.entrySize);
+    ASSERT_EQ(h->ahead.load(), i + 4 < chain.size() ? chain[i + 4] : Vorn::Layout::kNone) << i;
+  }
 }
 
 TEST_F(VornTable, OrderedWalkContinuesAfterItsKeyAndSuccessorAreDeleted) {
