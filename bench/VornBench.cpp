@@ -473,6 +473,52 @@ void notifyLatency(benchmark::State& st) {
 }
 BENCHMARK(notifyLatency)->Name("ChangeToReaderProcessHook/Vorn")->Iterations(3000)->UseRealTime();
 
+// The floor under the figure above: the same one-way delay through a plain
+// pipe between two processes (write a timestamp, the other side reads it
+// from its event loop and answers), with no table involved.
+void pipeLatency(benchmark::State& st) {
+  int there[2], back[2];
+  if (pipe(there) != 0 || pipe(back) != 0) abort();
+  pid_t child = fork();
+  if (child == 0) {
+    ::close(there[1]);
+    ::close(back[0]);
+    Kiv::EventLoop loop;
+    bool done = false;
+    loop.readableIs(there[0], [&] {
+      std::uint64_t ts;
+      if (::read(there[0], &ts, sizeof ts) != sizeof ts || ts == 0) {
+        done = true;
+        return;
+      }
+      std::uint64_t const lat = nowNs() - ts;
+      [[maybe_unused]] ssize_t n = ::write(back[1], &lat, sizeof lat);
+    });
+    loop.runUntil([&] { return done; }, 120.0);
+    _exit(0);
+  }
+  ::close(there[0]);
+  ::close(back[1]);
+  std::vector<double> samples;
+  for (auto _ : st) {
+    std::uint64_t ts = nowNs(), lat;
+    [[maybe_unused]] ssize_t n = ::write(there[1], &ts, sizeof ts);
+    if (::read(back[0], &lat, sizeof lat) != sizeof lat) break;
+    samples.push_back(double(lat) / 1000.0);
+  }
+  std::uint64_t zero = 0;
+  [[maybe_unused]] ssize_t n = ::write(there[1], &zero, sizeof zero);
+  waitpid(child, nullptr, 0);
+  ::close(there[1]);
+  ::close(back[0]);
+  std::sort(samples.begin(), samples.end());
+  if (!samples.empty()) {
+    st.counters["median_us"] = samples[samples.size() / 2];
+    st.counters["p99_us"] = samples[samples.size() * 99 / 100];
+  }
+}
+BENCHMARK(pipeLatency)->Name("ChangeToReaderProcessHook/PipeBaseline")->Iterations(3000)->UseRealTime();
+
 struct Cleanup {
   ~Cleanup() {
     fixtures().clear();

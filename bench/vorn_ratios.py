@@ -77,9 +77,13 @@ def main():
     for name, f in lines:
         print(ratio % ((name,) + tuple(f(n) for n in sizes)))
     lat = t.get(("ChangeToReaderProcessHook", "Vorn", 0))
+    base = t.get(("ChangeToReaderProcessHook", "PipeBaseline", 0))
     if lat:
         print("\nwriter change to a reader process's hook: median %.1f us [<50], p99 %.1f us"
               % (lat.get("median_us", float("nan")), lat.get("p99_us", float("nan"))))
+    if base:
+        print("plain pipe between two processes (the floor): median %.1f us, p99 %.1f us"
+              % (base.get("median_us", float("nan")), base.get("p99_us", float("nan"))))
 
 
 if __name__ == "__main__":
