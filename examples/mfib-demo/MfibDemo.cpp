@@ -1,6 +1,6 @@
 // mfib-demo: two applications publish overlapping multicast routes into
 // shared-memory MFIB tables; an agent picks the best route per (S, G) and
-// checks its answer. See README.md beside this file.
+// checks its answer. The top-level README describes the run.
 //
 //   mfib-demo run                 everything, under a private table root
 //   mfib-demo publish APP         one publisher (fds 3 and 4, see Demo.h)
