@@ -1,14 +1,22 @@
 #include "BitMapper/BitMapperSchema.h"
 
+#include <cstring>
+
 #include "Kiv/Hash.h"
 #include "Kiv/ValueText.h"
 
 namespace BitMapper {
 
+// Mixes the raw fields once: every allocation and release hashes the key
+// several times, and hashing the fields' own hashes again cost a fifth of
+// the allocator's time.
 std::uint64_t BitMapperKey::hash() const {
+  std::uint64_t words[2];
+  std::memcpy(words, addr_.bytes(), sizeof words);
   Kiv::HashAccumulator h;
-  h.mix64(intfId_.hash());
-  h.mix64(addr_.hash());
+  h.mix64(intfId_.value());
+  h.mix64(words[0] ^ addr_.af());
+  h.mix64(words[1]);
   return h.result();
 }
 
