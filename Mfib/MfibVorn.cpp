@@ -131,7 +131,7 @@ MfibVornDirRouteKey::MfibVornDirRouteKey(std::string_view text) {
 
 std::uint64_t MfibVornDirRouteKey::hash() const {
   Kiv::HashAccumulator h;
-  h.mix(&vornKey_, sizeof vornKey_);
+  h.mix(&vornKey_, sizeof vornKey_);  // NOLINT(bugprone-sizeof-expression): the key is the table's address
   h.mix32(static_cast<std::uint32_t>(Wirly::IpGenPrefixBase::hash(routeKey_.source())) ^
           static_cast<std::uint32_t>(Wirly::IpGenPrefixBase::hash(routeKey_.group())));
   return h.result();
