@@ -13,7 +13,9 @@
 //   notify, so a user that drains the queue from the hook is not re-entered.
 // - rxPkt() on an empty queue runs the read step once itself, so a user
 //   that loops on rxPkt() drains the socket, not just the queue; a packet
-//   read that way is returned at once and announces nothing.
+//   read that way is returned at once and announces nothing. A datagram
+//   that the read step drops (not for this user, or malformed) makes that
+//   call return null; the next call reads on.
 // - The queue holds at most rxQueueLimit() packets; a packet that finds it
 //   full is dropped and counted in rxQueueDrops().
 //
