@@ -14,6 +14,7 @@
 // for. Needs root; without it every test skips with the reason.
 #include <arpa/inet.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <net/if.h>
 #include <netinet/in.h>
@@ -150,6 +151,7 @@ class Router {
     }
   }
   bool ok() const { return ok_; }
+  int sd() const { return sd_.fd; }
 
  private:
   bool vif(int i, unsigned char flags, int ifindex) {
@@ -421,6 +423,56 @@ TEST_P(RelayTest, RelayedReportsReachEveryReceiverThroughItsFilter) {
 
 INSTANTIATE_TEST_SUITE_P(Families, RelayTest, ::testing::Values(ipv4Family, ipv6Family),
                          [](auto const& info) { return std::string(info.param.af == Wirly::ipv4 ? "Ipv4" : "Ipv6"); });
+
+// With "MCAST_NO_NETLINK" set, IPv6 upcalls are read from the agent's own
+// multicast routing socket: the kernel's mrt6msg arrives whole, and the
+// ICMPv6 traffic that shares the socket is dropped.
+TEST(MrtNotifySocketKernelTest, Ipv6UpcallsAreReadFromTheAgentsRoutingSocket) {
+  TOPOLOGY(t);
+  RelayEnvironment env(true);
+  Family const& f = ipv6Family;
+  Router router(f.af, t.router(), f.src, f.groups[1], f.groups[2]);
+  ASSERT_TRUE(router.ok()) << ::strerror(errno);
+  Kiv::EventLoop loop;
+  DefaultLoop useLoop(&loop);
+  auto pam = mrtNotifySocketPamFactory("MrtIcmpV6");
+  pam->afIs(Wirly::ipv6);
+  pam->netNsIs(t.router());
+  pam->sdIs(router.sd());
+  pam->enabledIs(true);
+
+  std::vector<std::vector<std::uint8_t>> upcalls;
+  struct Reader : Wirly::Pam::NotifieeConst {
+    Reader(Kiv::Ptr<MrtNotifySocketPam> const& p, std::vector<std::vector<std::uint8_t>>& out)
+        : NotifieeConst(p), pam(p), out(out) {}
+    void onReadableCount() override {
+      while (auto p = pam->rxPkt()) out.emplace_back(p->data(), p->data() + p->len());
+    }
+    Kiv::Ptr<MrtNotifySocketPam> pam;
+    std::vector<std::vector<std::uint8_t>>& out;
+  } reader(pam, upcalls);
+
+  bool sent = false;
+  for (int i = 0; i < 40 && !(sent = sendMulticast(t.sender(), f.groups[0])) && errno == ENETUNREACH; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  ASSERT_TRUE(sent) << ::strerror(errno);
+  loop.runUntil([&] { return !upcalls.empty(); }, 5.0);
+
+  ASSERT_EQ(upcalls.size(), 1u);
+  auto const& u = upcalls[0];
+  ASSERT_GE(u.size(), 40u);
+  EXPECT_EQ(u[0], 0) << "im6_mbz";
+  EXPECT_EQ(u[1], 1) << "no-cache";
+  in6_addr grp;
+  std::memcpy(&grp, u.data() + 24, 16);
+  EXPECT_EQ(Wirly::IpGenAddr(grp), Wirly::IpGenAddr(f.groups[0]));
+  EXPECT_EQ(pam->rxMrt6msgCount(), 1u);
+  EXPECT_GE(pam->rxPktCount(), pam->rxMrt6msgCount());
+
+  pam->enabledIs(false);
+  int const flags = ::fcntl(router.sd(), F_GETFL);
+  EXPECT_GE(flags, 0) << "the agent's socket stays open";
+}
 
 std::size_t openDescriptors() {
   std::size_t n = 0;
