@@ -62,7 +62,8 @@ class Pam : public Kiv::Entity {
 
   // The loop whose descriptor reactors this Pam's sockets register with;
   // by default the process's default loop (below), which may be null: then
-  // nothing reads the socket until the user calls rxPkt().
+  // nothing reads the socket until the user calls rxPkt(). The loop must
+  // outlive every socket registered with it.
   Kiv::EventLoop* eventLoop() const;
   void eventLoopIs(Kiv::EventLoop* loop) { loop_ = loop; loopSet_ = true; }
   static Kiv::EventLoop* defaultEventLoop();

@@ -147,16 +147,16 @@ struct Datagram {
   std::function<ssize_t(msghdr*)> play() const {
     return [d = *this](msghdr* msg) -> ssize_t {
       std::size_t n = d.payload.size() < msg->msg_iov[0].iov_len ? d.payload.size() : msg->msg_iov[0].iov_len;
-      std::memcpy(msg->msg_iov[0].iov_base, d.payload.data(), n);
+      if (n) std::memcpy(msg->msg_iov[0].iov_base, d.payload.data(), n);
       msg->msg_flags = d.flags | (n < d.payload.size() ? MSG_TRUNC : 0);
       if (msg->msg_name) {
         std::size_t nl = d.name.size() < msg->msg_namelen ? d.name.size() : msg->msg_namelen;
-        std::memcpy(msg->msg_name, d.name.data(), nl);
+        if (nl) std::memcpy(msg->msg_name, d.name.data(), nl);
         msg->msg_namelen = socklen_t(nl);
       }
       if (msg->msg_control) {
         std::size_t cl = d.control.size() < msg->msg_controllen ? d.control.size() : msg->msg_controllen;
-        std::memcpy(msg->msg_control, d.control.data(), cl);
+        if (cl) std::memcpy(msg->msg_control, d.control.data(), cl);
         msg->msg_controllen = cl;
       }
       return ssize_t(n);
