@@ -97,6 +97,12 @@ bool MrtNotifyNetlinkSocketPam::kernelPublishesIpv4Reports(Wirly::NamespaceName 
   return true;
 }
 
+void MrtNotifyNetlinkSocketPam::doNetNsReopen() {
+  if (!enableTx_) return;
+  enableTxIs(false);
+  enableTxIs(true);
+}
+
 bool MrtNotifyNetlinkSocketPam::native() const {
   if (af() == Wirly::ipv4) return ipv4NativeReports_;
   return af() == Wirly::ipv6 && !Wirly::Sys::sys().getenv("MCAST_NO_NETLINK");

@@ -158,6 +158,8 @@ class MrtNotifyNetlinkSocketPam : public MrtNotifySocketPam {
  protected:
   explicit MrtNotifyNetlinkSocketPam(Kiv::Name name);
   ~MrtNotifyNetlinkSocketPam() override;
+  // The send side follows the socket into a new namespace.
+  void doNetNsReopen() override;
 
  private:
   friend Kiv::Ptr<MrtNotifyNetlinkSocketPam> mrtNotifyNetlinkSocketPamFactory(Kiv::Name name,

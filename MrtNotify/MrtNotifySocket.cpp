@@ -68,10 +68,12 @@ void MrtNotifySocketPam::netNsIs(Wirly::NamespaceName const& ns) {
 
 void MrtNotifySocketPam::handleNetNs() {
   KIV_TRACE(trace(), 8, "void " << className << "::handleNetNs()" << nsText());
-  if (!enabled_) return;
-  // Virtual, so a netlink socket re-opens its own kind of socket.
-  enabledIs(false);
-  enabledIs(true);
+  if (enabled_) {
+    // Virtual, so a netlink socket re-opens its own kind of socket.
+    enabledIs(false);
+    enabledIs(true);
+  }
+  doNetNsReopen();
 }
 
 void MrtNotifySocketPam::handleCleanup() {

@@ -149,6 +149,9 @@ class MrtNotifySocketPam : public Wirly::Pam {
     }
     return slot;
   }
+  // Runs after a namespace change has re-opened the receiving socket, for
+  // subclasses that hold other sockets in the namespace.
+  virtual void doNetNsReopen() {}
   void enabledFlagIs(bool e) { attrIs(enabled_, e, &NotifieeConst::onEnabled); }
   void optionsStore(std::uint32_t o) { attrIs(options_, o, &NotifieeConst::onOptions); }
 

@@ -304,6 +304,19 @@ TEST_F(MrtNotifyNetlinkSocketTest, SendFailuresAreCountedExceptNobodyListening) 
   p->enableTxIs(false);
   EXPECT_TRUE(sys.openSockets().empty());
 
+  // The send side moves with a namespace change; here into one that does
+  // not exist.
+  p->enableTxIs(true);
+  try {
+    p->netNsIs(Wirly::NamespaceName("mrtnotify-test-no-such-ns"));
+    ADD_FAILURE() << "no exception";
+  } catch (Kiv::ErrnoException const& e) {
+    EXPECT_EQ(e.error(), ENOENT);
+  }
+  EXPECT_FALSE(p->enableTx());
+  EXPECT_TRUE(sys.openSockets().empty());
+  p->netNsIs(Wirly::NamespaceName());
+
   sys.fail["bind"] = EADDRINUSE;
   try {
     p->enableTxIs(true);
