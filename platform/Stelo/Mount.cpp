@@ -8,6 +8,7 @@
 
 #include "Kiv/Exception.h"
 #include "Kiv/Trace.h"
+#include "Stelo/SharedDir.h"
 #include "Vorn/Registry.h"
 
 namespace KivVorn {
@@ -41,6 +42,18 @@ void Mount::handleInitialized() {
 void Mount::doMount(std::string const& url, std::string const& typeName, MountInfo const& mountInfo) {
   KIV_TRACE(th, 9, "void KivVorn::Mount::doMount(" << url << ", " << typeName << ", kind " << mountInfo.kind << ")");
   std::string const path = entityManager_->pathOfUrl(url);  // refuses unsafe URLs
+  if (mountInfo.kind == MountInfo::dirWriter || mountInfo.kind == MountInfo::dirReader) {
+    if (entityManager_->sharedDir(url)) return;
+    Kiv::Ptr<Stelo::SharedDir> dir =
+        mountInfo.kind == MountInfo::dirWriter
+            ? Stelo::SharedDir::writerIs(entityManager_, url, typeName, Kiv::Name(mountInfo.entry))
+            : Stelo::SharedDir::readerIs(entityManager_, url, typeName);
+    entityManager_->sharedDirIs(url, dir);
+    KIV_TRACE(th, 5, "doMount: shared directory " << url << " of " << typeName
+                                                  << (mountInfo.kind == MountInfo::dirWriter ? ", publishing " : "")
+                                                  << mountInfo.entry);
+    return;
+  }
   if (Kiv::Ptr<Vorn::Status> existing = entityManager_->mounted(url)) {
     if (existing->typeName() != typeName)
       KIV_TRACE(th, 2, "doMount: " << url << " is mounted already as " << existing->typeName() << ", not "
@@ -89,13 +102,16 @@ void Mount::doMount(std::string const& url, std::string const& typeName, MountIn
 }
 
 Kiv::Ptr<Kiv::Entity> Mount::getEntity(std::string const& url) const {
-  return Kiv::Ptr<Kiv::Entity>(entityManager_->mounted(url));
+  if (Kiv::Ptr<Vorn::Status> status = entityManager_->mounted(url)) return Kiv::Ptr<Kiv::Entity>(status);
+  if (Kiv::Ptr<Stelo::SharedDir> dir = entityManager_->sharedDir(url)) return Kiv::Ptr<Kiv::Entity>(dir->dir());
+  return nullptr;
 }
 
 void Mount::doUnmount(std::string const& url) {
   KIV_TRACE(th, 9, "void KivVorn::Mount::doUnmount(" << url << ")");
   Kiv::Ptr<Vorn::Status> status = entityManager_->mountedDel(url);
   if (status) status->unmount();
+  if (Kiv::Ptr<Stelo::SharedDir> dir = entityManager_->sharedDirDel(url)) dir->stop();
 }
 
 void Mount::cleanup(std::string const& url) {
