@@ -165,10 +165,12 @@ Kiv::Ptr<SharedDir> SharedDir::readerIs(Kiv::Ptr<EntityManager> const& entityMan
   KivVorn::Mount(entityManager).handleInitialized();
   d->inotifyFd_ = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
   if (d->inotifyFd_ < 0) throw Kiv::ErrnoException("inotify_init1", errno);
-  // Rename covers writers that build a file aside; create and close-write
-  // cover any other way a file appears.
+  // Writers build a table aside and rename it into place, so a table
+  // appears whole with IN_MOVED_TO. Creation and writes are not watched:
+  // readers themselves open tables for writing (doorbells), and a file
+  // still being filled cannot be mounted anyway.
   if (::inotify_add_watch(d->inotifyFd_, entityManager->root().c_str(),
-                          IN_CREATE | IN_CLOSE_WRITE | IN_MOVED_TO | IN_DELETE | IN_MOVED_FROM | IN_ONLYDIR) < 0) {
+                          IN_MOVED_TO | IN_DELETE | IN_MOVED_FROM | IN_ONLYDIR) < 0) {
     int const e = errno;
     ::close(d->inotifyFd_);
     d->inotifyFd_ = -1;
@@ -246,6 +248,7 @@ void SharedDir::handleFile(std::string const& fileName) {
 void SharedDir::follow(Kiv::Name const& name, ino_t inode) {
   auto it = mounted_.find(name);
   if (it != mounted_.end() && it->second.inode == inode) return;
+  if (auto r = refused_.find(name); r != refused_.end() && r->second == inode) return;
   SharedDirEntryType const& type = entryType();
   std::string const url = urlOfEntry(name);
   Kiv::Ptr<Vorn::Status> table = Vorn::StatusRegistry::statusNew(type.statusType, Kiv::Name(url));
@@ -258,12 +261,14 @@ void SharedDir::follow(Kiv::Name const& name, ino_t inode) {
     table->corruptionDetected(e.what());
     KIV_TRACE(th, 2, "not mounting " << url << ": " << e.what());
     if (it != mounted_.end()) drop(name);
+    refused_[name] = inode;
     return;
   } catch (Kiv::Exception const& e) {
     // Gone again before it could be opened; its removal follows.
     KIV_TRACE(th, 4, "not mounting " << url << ": " << e.what());
     return;
   }
+  refused_.erase(name);
   KIV_TRACE(th, 5, (it == mounted_.end() ? "following " : "following the new table of ") << name << " in " << url);
   if (it != mounted_.end()) {
     it->second.binding = nullptr;
@@ -278,6 +283,7 @@ void SharedDir::follow(Kiv::Name const& name, ino_t inode) {
 }
 
 void SharedDir::drop(Kiv::Name const& name) {
+  refused_.erase(name);
   auto it = mounted_.find(name);
   if (it != mounted_.end()) {
     KIV_TRACE(th, 5, "entry " << name << " of " << dirUrl_ << " was withdrawn");

@@ -23,7 +23,8 @@
 // and its file removed. Other entries of a writer's directory stay local.
 //
 // Reader: new tables under the URL are found through inotify on the table
-// root (no polling), also those of writers that start after the reader.
+// root (no polling), also those of writers that start after the reader;
+// a table appears when it is renamed into place, as Vorn writers make them.
 // An entry appears when its table does and vanishes when the file is
 // removed (emptied first, when its type says how). A writer that dies leaves its file, so its entry stays, with the
 // last contents, and stays readable; when it restarts and adopts the file,
@@ -127,6 +128,8 @@ class SharedDir : public Kiv::PtrInterface {
   bool const writer_;
   Kiv::Ptr<Kiv::Dir> dir_;
   std::map<Kiv::Name, Mounted> mounted_;
+  // Files refused as corrupt, by inode, so each is reported once.
+  std::map<Kiv::Name, ino_t> refused_;
   Kiv::Ptr<KivDir> kivDir_;
   Kiv::Name writerEntry_;
   int inotifyFd_ = -1;
