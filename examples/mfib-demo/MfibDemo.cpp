@@ -32,7 +32,7 @@ char const* const kUsage =
     "usage: mfib-demo run\n"
     "       mfib-demo publish APP       (reports on fd 3, takes rounds from fd 4)\n"
     "       mfib-demo agent APP...      (APP i: reports on fd 3+2i, rounds to fd 4+2i)\n"
-    "APP is pim or static. Tables live under $VORN_ROOT (run makes a private one).\n";
+    "APP is pim, static or igmp. Tables live under $VORN_ROOT (run makes a private one).\n";
 
 // Long enough for a slow machine, short enough that a stuck run ends.
 constexpr unsigned kRunTimeoutSeconds = 60;
