@@ -83,6 +83,8 @@ int runMain() {
   }
   std::string const root = rootTemplate;
   ::setenv("VORN_ROOT", root.c_str(), 1);
+  // The agent's ring-buffer trace goes with the tables.
+  ::setenv("BRISKLOG_DIR", root.c_str(), 1);
 
   struct sigaction sa = {};
   sa.sa_handler = onSignal;  // no SA_RESTART: waitpid returns to look at it

@@ -134,6 +134,7 @@ class AgentTest : public ::testing::Test {
       for (std::size_t i = 0; i < high.size(); ++i) ::dup2(high[i], 3 + static_cast<int>(i));
       for (int fd = 7; fd < 1024; ++fd) ::close(fd);
       ::setenv("VORN_ROOT", tables.root.path().c_str(), 1);
+      ::setenv("BRISKLOG_DIR", tables.root.path().c_str(), 1);
       ::execl(MFIB_DEMO_PATH, "mfib-demo", "agent", "pim", "static", static_cast<char*>(nullptr));
       ::_exit(127);
     }
