@@ -22,6 +22,7 @@
 #include <string>
 #include <vector>
 
+#include "Json.h"
 #include "Kiv/EventLoop.h"
 #include "Kiv/Exception.h"
 #include "Vorn/Registry.h"
@@ -40,6 +41,9 @@ char const* const kUsage =
     "  dump <region> <table>     a table's records in key order\n"
     "  watch <region>            changes as they happen\n"
     "  types                     the status types this tool can print\n"
+    "  dir                       the MFIB directory: applications, VRFs, table URLs\n"
+    "\n"
+    "list, show, dump and dir print JSON with --json.\n"
     "\n"
     "A region is a URL under the root (default $VORN_ROOT, else /dev/shm/vorn)\n"
     "or the path of a .vorn file. 'vornctl <command> --help' says more.\n";
@@ -246,6 +250,7 @@ Command const commands[] = {
     {"dump", "usage: vornctl dump <region> <table> [--limit N]\n\nPrints a table's records in key order, one 'key -> record' line each, through\nthe schema's printers; a type unknown to this tool prints as raw hex.\n", dump},
     {"watch", "usage: vornctl watch <region> [--count N] [--seconds S]\n\nFollows the region like a reader does and prints 'table: key -> record' (or\n'key deleted') for every change, until N changes or S seconds.\n", watch},
     {"types", "usage: vornctl types\n\nLists the status types whose records this tool can print.\n", types},
+    {"dir", Vornctl::mfibDirHelp, Vornctl::mfibDir},
 };
 
 }  // namespace
@@ -269,6 +274,7 @@ int main(int argc, char** argv) {
       return 0;
     }
     try {
+      if (auto json = Vornctl::runJson(c.name, root, rest)) return *json;
       return c.run(root, rest);
     } catch (std::exception const& e) {
       std::cerr << "vornctl " << c.name << ": " << e.what() << "\n";
