@@ -57,7 +57,7 @@ class SharedDir::KivDir : public Kiv::PtrInterface, public Kiv::Dir::NotifieeCon
 
 SharedDir::SharedDir(Kiv::Ptr<EntityManager> const& entityManager, std::string dirUrl, std::string entityType,
                      bool writer)
-    : entityManager_(entityManager),
+    : entityManager_(entityManager.ptr()),
       dirUrl_(std::move(dirUrl)),
       entityType_(std::move(entityType)),
       writer_(writer),
@@ -114,7 +114,7 @@ void SharedDir::publish(Kiv::Name const& name) {
   std::string const url = urlOfEntry(name);
   Kiv::Ptr<Vorn::Status> table = Vorn::StatusRegistry::statusNew(type.statusType, Kiv::Name(url));
   if (!table) throw Kiv::RangeException("unknown table type '" + type.statusType + "' for " + url);
-  KivVorn::Mount(entityManager_).handleInitialized();
+  KivVorn::Mount(Kiv::Ptr<EntityManager>(entityManager_)).handleInitialized();
   table->mountIs(entityManager_->pathOfUrl(url), Vorn::Status::Mode::writer);
   KIV_TRACE(th, 5, "publishing " << name << " in " << url << (table->region()->adopted() ? " (adopted)" : ""));
   Kiv::Ptr<Kiv::Entity> entity = dir_->entity(name);
@@ -132,7 +132,7 @@ void SharedDir::withdraw(Kiv::Name const& name) {
   mounted_.erase(it);
   m.binding = nullptr;
   m.table->unmount();
-  KivVorn::Mount(entityManager_).cleanup(urlOfEntry(name));
+  KivVorn::Mount(Kiv::Ptr<EntityManager>(entityManager_)).cleanup(urlOfEntry(name));
 }
 
 void SharedDir::handleEntry(Kiv::Name const& name) {

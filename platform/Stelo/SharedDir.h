@@ -30,10 +30,13 @@
 // last contents, and stays readable; when it restarts and adopts the file,
 // readers see only the changes it makes afterwards. A file replaced by a
 // new one (a writer that could not adopt it) is mounted again and the entity
-// brought in line with it. A table that cannot be mounted because it is
+// brought in line with it. A writer refuses to take over a table that
+// another running process writes (the table library's exception says who).
+// A table that cannot be mounted because it is
 // corrupt is reported to the table's corruptionDetected hook, counted, and
 // has no entry; the other entries are not affected. The reader needs the
-// entity manager's event loop.
+// entity manager's event loop. A shared directory lives no longer than its
+// entity manager, which stops it when it goes.
 #pragma once
 
 #include <sys/types.h>
@@ -122,7 +125,9 @@ class SharedDir : public Kiv::PtrInterface {
   void drop(Kiv::Name const& name);
   Kiv::Name entryOfFile(std::string const& fileName) const;
 
-  Kiv::Ptr<EntityManager> entityManager_;
+  // The manager holds this object when it is mounted, so a plain pointer
+  // back to it, as from any child to its owner.
+  EntityManager* entityManager_;
   std::string const dirUrl_;
   std::string const entityType_;
   bool const writer_;
