@@ -220,6 +220,33 @@ TEST_F(MfibDirAcrossProcesses, AKilledWriterLeavesItsAnnouncementsAndItsRestartI
   EXPECT_EQ(rec->take(), Events{"pim/red vornUrl mfib/red/pim2"});
 }
 
+TEST_F(MfibDirAcrossProcesses, ATableReplacedUnderItsNameIsFollowedAndTheEntryBroughtInLine) {
+  {
+    App pim(root.path(), "pim");
+    pim("add red mfib/red/pim");
+    ASSERT_TRUE(settle(pim("add blue mfib/blue/pim")));
+  }
+  rec->take();
+  // A new table built aside and renamed into place, as a writer does that
+  // cannot adopt the old one: it announces default and blue, with another
+  // URL for blue.
+  std::string const path = em->pathOfUrl("mfibdir/pim");
+  Kiv::Ptr<MfibDirStatus> fresh = new MfibDirStatus("fresh");
+  fresh->mountIs(path + ".new", Vorn::Status::Mode::writer);
+  MfibDirRecord r;
+  r.vrfName = "default";
+  fresh->dirCollIs(r);
+  r.vrfName = "blue";
+  r.vornUrl = MfibDirUrl("mfib/blue/pim2");
+  fresh->dirCollIs(r);
+  ASSERT_EQ(std::rename((path + ".new").c_str(), path.c_str()), 0);
+
+  ASSERT_TRUE(settle("pim: blue=mfib/blue/pim2, default=,;")) << snapshot(*dir);
+  EXPECT_EQ(rec->take(), (Events{"pim -vrf red", "pim/blue vornUrl mfib/blue/pim2"}));
+  EXPECT_EQ(shared().table("pim")->path(), path);
+  EXPECT_FALSE(vornDir->vornColl("red"));
+}
+
 TEST_F(MfibDirAcrossProcesses, ACorruptDirectoryTableIsReportedAndTheOthersCarryOn) {
   Kiv::TraceCapture cap("Vorn::Status/1");
   auto garbage = [&](std::string const& app) {
