@@ -43,6 +43,7 @@
 #include <string>
 #include <vector>
 
+#include "Brisklog/Brisklog.h"
 #include "Kiv/EventLoop.h"
 #include "Mfib/MfibDirSm.h"
 #include "Mfib/MfibVorn.h"
@@ -304,6 +305,10 @@ struct BenchRoot {
 
 void AnnounceToCollection(benchmark::State& state) {
   BenchRoot root;
+  // The directory machine's ring-buffer records go with the tables.
+  Brisklog::Config trace = Brisklog::config();
+  trace.dir = root.path;
+  Brisklog::configIs(trace);
   int go[2], stamps[2];
   if (::pipe(go) != 0 || ::pipe(stamps) != 0) std::abort();
   pid_t const child = ::fork();
@@ -369,6 +374,7 @@ void AnnounceToCollection(benchmark::State& state) {
   ::close(go[1]);
   ::waitpid(child, nullptr, 0);
   ::close(stamps[0]);
+  Brisklog::close();
   medianAndP99(state, us);
   // Of which the writer spends this in doAddVorn itself (creating the table).
   std::sort(addUs.begin(), addUs.end());
