@@ -220,6 +220,30 @@ TEST_F(MfibDirAcrossProcesses, AKilledWriterLeavesItsAnnouncementsAndItsRestartI
   EXPECT_EQ(rec->take(), Events{"pim/red vornUrl mfib/red/pim2"});
 }
 
+TEST_F(MfibDirAcrossProcesses, AWriterKilledAfterAnyStepAndStartedAgainConvergesWithoutAWithdrawal) {
+  std::vector<std::string> const script = {"add red mfib/red/pim", "bm red bm/red/pim", "add blue mfib/blue/pim",
+                                           "add red mfib/red/pim2", "add default mfib/default/pim"};
+  std::string finalView;
+  for (std::size_t killAfter = 1; killAfter <= script.size(); ++killAfter) {
+    SCOPED_TRACE(killAfter);
+    {
+      App pim(root.path(), "pim");
+      for (std::size_t i = 0; i < killAfter; ++i) pim(script[i]);
+      ASSERT_TRUE(settle(pim.view));
+      pim.kill();
+    }
+    rec->take();
+    App again(root.path(), "pim");
+    for (std::string const& step : script) again(step);
+    ASSERT_TRUE(settle(again.view)) << snapshot(*dir) << " vs " << again.view;
+    for (std::string const& e : rec->take()) EXPECT_TRUE(e.find(" -") == std::string::npos && e[0] != '-') << e;
+    if (finalView.empty()) finalView = again.view;
+    EXPECT_EQ(again.view, finalView);
+    again("remove");
+    ASSERT_TRUE(settle(""));
+  }
+}
+
 TEST_F(MfibDirAcrossProcesses, ATableReplacedUnderItsNameIsFollowedAndTheEntryBroughtInLine) {
   {
     App pim(root.path(), "pim");
