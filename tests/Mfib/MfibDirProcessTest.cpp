@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <sstream>
 
@@ -269,6 +270,50 @@ TEST_F(MfibDirAcrossProcesses, ATableReplacedUnderItsNameIsFollowedAndTheEntryBr
   EXPECT_EQ(rec->take(), (Events{"pim -vrf red", "pim/blue vornUrl mfib/blue/pim2"}));
   EXPECT_EQ(shared().table("pim")->path(), path);
   EXPECT_FALSE(vornDir->vornColl("red"));
+}
+
+// The writer plays here, in this process, so that it can leave a record
+// half-written the way a writer killed in the middle of a write does.
+TEST_F(MfibDirAcrossProcesses, ATornRecordIsReportedAndLeavesItsVrfAsLastSeen) {
+  auto wem = Stelo::EntityManager::entityManagerIs(nullptr, root.path());
+  KivVorn::Mount mount(wem);
+  mount.doMount(MfibDir::sharedDirUrl, MfibDir::typeNameText, KivVorn::MountInfo::dirWriterOf("pim"));
+  auto wdir = Kiv::ptrCast<Kiv::Dir>(mount.getEntity(MfibDir::sharedDirUrl));
+  auto w = mfibDirWriterFactory("pim", wdir, mfibVornDirFactory(), wem);
+  w->doAddVorn("red", "mfib/red/pim");
+  std::string const view = snapshot(*wdir);
+  ASSERT_TRUE(settle(view));
+  rec->take();
+
+  auto table = Kiv::ptrCast<MfibDirStatus>(wem->sharedDir(MfibDir::sharedDirUrl)->table("pim"));
+  ASSERT_TRUE(table);
+  Vorn::Region* region = table->region();
+  Vorn::TableGeometry const& g = region->table(table->dirCollTable().index());
+  L3::VrfName const red("red");
+  bool torn = false;
+  for (std::uint32_t i = 0; i < g.capacity && !torn; ++i) {
+    auto* h = reinterpret_cast<Vorn::Layout::EntryHead*>(g.entries + std::size_t(i) * g.entrySize);
+    L3::VrfName stored;
+    std::memcpy(static_cast<void*>(&stored), g.entries + std::size_t(i) * g.entrySize + g.keyOffset, sizeof stored);
+    if (h->live == 1 && stored == red) {
+      h->dseq.fetch_add(1);
+      torn = true;
+    }
+  }
+  ASSERT_TRUE(torn);
+  pid_t const gone = fork();
+  if (gone == 0) _exit(0);
+  waitpid(gone, nullptr, 0);
+  region->header()->writerPid.store(static_cast<std::uint32_t>(gone));  // readers give up on it at once
+  region->logChange(table->dirCollTable().index(), &red, sizeof red);
+
+  auto const readerTable = shared().table("pim");
+  ASSERT_TRUE(readerTable);
+  ASSERT_TRUE(loop.runUntil([&] { return readerTable->corruptions() > 0; }, 5.0));
+  EXPECT_EQ(snapshot(*dir), view);
+  EXPECT_EQ(rec->take(), Events{});
+  ASSERT_TRUE(vornDir->vornColl("red"));
+  region->header()->writerPid.store(static_cast<std::uint32_t>(::getpid()));
 }
 
 TEST_F(MfibDirAcrossProcesses, ACorruptDirectoryTableIsReportedAndTheOthersCarryOn) {
