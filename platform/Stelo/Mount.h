@@ -4,7 +4,10 @@
 // existing one), 2 a reader, 3 a reader of the MFIB schema; 4 and 5 mount a
 // shared directory (Stelo/SharedDir.h) of entities of `typeName` under
 // `url`: 4 publishes the entry named in MountInfo::entry, 5 mirrors every
-// entry; getEntity(url) is then the local Kiv::Dir. A type name is
+// entry; getEntity(url) is then the local Kiv::Dir. Unlike a table, a
+// shared directory that cannot be mounted raises (an unknown entry type, a
+// reader without event loop, an entry another running process publishes):
+// a process that cannot publish or follow its directory has to know. A type name is
 // resolved through Vorn::StatusRegistry. A reader mount of a table that
 // does not exist (yet), holds another type or is corrupt yields no entity:
 // getEntity returns null and the reason is traced ("Vorn::Mount" handle).

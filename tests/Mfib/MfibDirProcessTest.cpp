@@ -347,4 +347,46 @@ TEST_F(MfibDirAcrossProcesses, ACorruptDirectoryTableIsReportedAndTheOthersCarry
   EXPECT_EQ(vornDir->vornColl("red")->vornPtrs(), 2u);
 }
 
+TEST(MfibDirMount, FailuresToPublishOrFollowAreRaisedNotSwallowed) {
+  VornTest::PrivateRoot root;
+  auto em = Stelo::EntityManager::entityManagerIs(nullptr, root.path());
+  auto expectText = [](auto&& f, std::string const& text) {
+    try {
+      f();
+      ADD_FAILURE() << "no exception for " << text;
+    } catch (Kiv::Exception const& e) {
+      EXPECT_EQ(e.what(), text);
+    }
+  };
+  expectText([&] { KivVorn::Mount(em).doMount("things", "No::Such", KivVorn::MountInfo::dirWriterOf("a")); },
+             "no shared directory entry type 'No::Such' registered");
+  expectText(
+      [&] {
+        KivVorn::Mount(em).doMount(MfibDir::sharedDirUrl, MfibDir::typeNameText,
+                                   KivVorn::MountInfo(KivVorn::MountInfo::dirReader));
+      },
+      "a shared directory reader needs an entity manager with an event loop");
+  EXPECT_FALSE(em->sharedDir(MfibDir::sharedDirUrl));
+
+  // One writer per entry: another process publishing "pim" while this one
+  // runs is refused.
+  KivVorn::Mount(em).doMount(MfibDir::sharedDirUrl, MfibDir::typeNameText, KivVorn::MountInfo::dirWriterOf("pim"));
+  pid_t const child = fork();
+  if (child == 0) {
+    auto other = Stelo::EntityManager::entityManagerIs(nullptr, root.path());
+    try {
+      KivVorn::Mount(other).doMount(MfibDir::sharedDirUrl, MfibDir::typeNameText,
+                                    KivVorn::MountInfo::dirWriterOf("pim"));
+    } catch (Kiv::Exception const& e) {
+      _exit(std::string(e.what()).find("is being written by pid " + std::to_string(getppid())) != std::string::npos
+                ? 0
+                : 2);
+    }
+    _exit(1);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+}
+
 }  // namespace
