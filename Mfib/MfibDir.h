@@ -24,8 +24,9 @@
 // appears or goes, onDirColl(vrf) when it adds or withdraws a VRF and
 // onVornUrl / onBitMapperVornUrl when a URL changes, in the order the
 // application made the changes. A reader that wakes up after several changes
-// of one VRF sees its latest announcement (a URL changed twice in between is
-// heard once, with the second value). A record it cannot read intact is
+// of one VRF sees its latest announcement at once, vornUrl before
+// bitMapperVornUrl (a URL changed twice in between is heard once, with the
+// second value). A record it cannot read intact is
 // reported to the table's corruptionDetected hook and leaves the VRF as last
 // seen. URLs longer than maxUrlLength are not shared (traced, level 1).
 #pragma once
