@@ -92,13 +92,13 @@ class PortVlanSet {
   PortVlanMap const& portVlan() const { return portVlan_; }
   void portVlanIs(PortVlan const& pv, bool flag) { portVlan_[pv] = flag; }
   bool portVlanDel(PortVlan const& pv) { return portVlan_.erase(pv) != 0; }
-  PortVlanMap::iterator portVlanDel(PortVlanMap::iterator it) { return portVlan_.erase(it); }
+  PortVlanMap::iterator portVlanDel(PortVlanMap::const_iterator it) { return portVlan_.erase(it); }
   void portVlanDelAll() { portVlan_.clear(); }
 
   PortVlanMap const& portVlanFrr() const { return portVlanFrr_; }
   void portVlanFrrIs(PortVlan const& pv, bool flag) { portVlanFrr_[pv] = flag; }
   bool portVlanFrrDel(PortVlan const& pv) { return portVlanFrr_.erase(pv) != 0; }
-  PortVlanMap::iterator portVlanFrrDel(PortVlanMap::iterator it) { return portVlanFrr_.erase(it); }
+  PortVlanMap::iterator portVlanFrrDel(PortVlanMap::const_iterator it) { return portVlanFrr_.erase(it); }
   void portVlanFrrDelAll() { portVlanFrr_.clear(); }
 
   NatVlanMap const& natVlan() const { return natVlan_; }
