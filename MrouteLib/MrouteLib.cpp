@@ -319,9 +319,36 @@ MrouteTable::~MrouteTable() {
 
 void MrouteTable::handleInitialized() { KIV_ASSERT(!initialized()); }
 
-Kiv::Ptr<Mroute> MrouteTable::mroute(IpGenRouteKey const& key) const {
+Kiv::Ptr<Mroute> const& MrouteTable::mroute(IpGenRouteKey const& key) const {
+  static Kiv::Ptr<Mroute> const none;
   auto it = mroute_.find(key);
-  return it == mroute_.end() ? Kiv::Ptr<Mroute>() : it->second;
+  return it == mroute_.end() ? none : it->second;
+}
+
+void MrouteTable::doListAdd(Mroute* r) {
+  r->listIndex_ = static_cast<U32>(mrouteList_.size());
+  mrouteList_.push_back(r);
+}
+
+void MrouteTable::doListRemove(Mroute* r) {
+  KIV_ASSERT(mrouteList_[r->listIndex_] == r);
+  mrouteList_[r->listIndex_] = nullptr;
+  ++mrouteListHoles_;
+  while (!mrouteList_.empty() && mrouteList_.back() == nullptr) {
+    mrouteList_.pop_back();
+    --mrouteListHoles_;
+  }
+  // Closing holes touches every remaining route once; waiting until they
+  // are half the list keeps that to a constant per deletion.
+  if (mrouteListHoles_ < 64 || mrouteListHoles_ * 2 < mrouteList_.size()) return;
+  std::size_t n = 0;
+  for (Mroute* m : mrouteList_) {
+    if (!m) continue;
+    m->listIndex_ = static_cast<U32>(n);
+    mrouteList_[n++] = m;
+  }
+  mrouteList_.resize(n);
+  mrouteListHoles_ = 0;
 }
 
 Kiv::Ptr<Mroute> MrouteTable::mrouteIs(IpGenRouteKey const& key) {
@@ -329,6 +356,7 @@ Kiv::Ptr<Mroute> MrouteTable::mrouteIs(IpGenRouteKey const& key) {
   if (!added) return it->second;
   it->second = new Mroute(key, this);
   Kiv::Ptr<Mroute> r = it->second;
+  doListAdd(r.ptr());
   notify(&NotifieeConst::onMroute, key);
   return r;
 }
@@ -336,6 +364,7 @@ Kiv::Ptr<Mroute> MrouteTable::mrouteIs(IpGenRouteKey const& key) {
 void MrouteTable::mrouteDel(IpGenRouteKey const& key) {
   Kiv::Ptr<Mroute> r = Kiv::entryTake(mroute_, key);
   if (!r) return;
+  doListRemove(r.ptr());
   notify(&NotifieeConst::onMroute, key);
   // Held elsewhere, the route would go on counting into a table that no
   // longer has it, and could outlive the table.

@@ -256,6 +256,10 @@ class Mroute : public Kiv::Entity {
   void doClearFastdrop();
   void handleDel();
 
+  // Where a review walk of the table prefetches ahead: the words every
+  // dirty test reads.
+  void const* hotLine() const { return &vlanFilter_; }
+
  private:
   friend class MrouteTable;
   Mroute(IpGenRouteKey const& key, MrouteTable* mrouteTable) : key_(key), mrouteTable_(mrouteTable) {}
@@ -276,6 +280,8 @@ class Mroute : public Kiv::Entity {
   bool fastdropDirty_ = false;
   bool optimizeStatus_ = false;
   U16 fastdropCount_ = 0;
+  // Position in the table's walk list.
+  U32 listIndex_ = 0;
   VlanIdOrNone acceptingVlanId_;
   VlanIdOrNone notifyingVlanId_;
   VlanIdOrNone staticFastdropVlanId_;
@@ -411,11 +417,11 @@ class DirtyInfo : public Kiv::Entity {
   // Whether the change touches the route: its own dirty flag, a shared
   // bucket bit, a true entry for its group, or its source's NAT entry.
   // dirtyRoute is not consulted.
-  bool mrouteDirty(Kiv::PtrConst<Mroute> const& route) const {
-    return route->dirty() || mrouteL2Dirty(route);
-  }
+  bool mrouteDirty(Kiv::PtrConst<Mroute> const& route) const { return mrouteDirty(*route); }
+  bool mrouteDirty(Mroute const& route) const { return route.dirty() || mrouteL2Dirty(route); }
   // The same without the route's own dirty flag.
-  bool mrouteL2Dirty(Kiv::PtrConst<Mroute> const& route) const;
+  bool mrouteL2Dirty(Kiv::PtrConst<Mroute> const& route) const { return mrouteL2Dirty(*route); }
+  bool mrouteL2Dirty(Mroute const& route) const;
   // Bucket bits and the boundary route's dirty flag only.
   bool boundaryDirty(Kiv::PtrConst<BoundaryMroute> const& route) const;
   // "<vlanFilter> <vlanPortFilter> <vlanGroupFilter> <lagFilter> <dirtyVlan>
@@ -436,8 +442,7 @@ class DirtyInfo : public Kiv::Entity {
   AddrMap dirtyNatSrc_;
 };
 
-inline bool DirtyInfo::mrouteL2Dirty(Kiv::PtrConst<Mroute> const& route) const {
-  Mroute const& r = *route;
+inline bool DirtyInfo::mrouteL2Dirty(Mroute const& r) const {
   if ((dirtyVlan_ & r.vlanFilter()) != 0) return true;
   if ((dirtyVlanPort_ & r.vlanPortFilter()) != 0 || (dirtyVlanGroup_ & r.vlanGroupFilter()) != 0) return true;
   if (!dirtyGroupSet_.empty()) {
@@ -487,8 +492,18 @@ class MrouteTable : public Kiv::Entity {
   // mrouteDel notifies, then lets go: a route nobody else holds is destroyed
   // and uncounts itself; one still held elsewhere is uncounted and loses its
   // back pointer, so the table's total never counts a route it no longer has.
-  Kiv::Ptr<Mroute> mroute(IpGenRouteKey const& key) const;
+  // The route under key, or a null pointer.
+  Kiv::Ptr<Mroute> const& mroute(IpGenRouteKey const& key) const;
   MrouteMap const& mrouteMap() const { return mroute_; }
+  // Every route once, in no particular order, walked through a dense list
+  // that prefetches routes ahead of the caller: the way to review all
+  // routes of a large table.
+  //
+  //   for (Mroute& r : table->mrouteList()) if (dirty->mrouteDirty(r)) ...
+  //
+  // The table must not gain or lose routes during the walk.
+  class MrouteList;
+  MrouteList mrouteList() const;
   std::size_t mroutes() const { return mroute_.size(); }
   Kiv::Ptr<Mroute> mrouteIs(IpGenRouteKey const& key);
   void mrouteDel(IpGenRouteKey const& key);
@@ -538,10 +553,16 @@ class MrouteTable : public Kiv::Entity {
  private:
   explicit MrouteTable(L3::VrfName const& vrfName);
   ~MrouteTable() override;
+  void doListAdd(Mroute* r);
+  void doListRemove(Mroute* r);
 
   L3::VrfName vrfName_;
   Wirly::AddressFamily af_ = Wirly::ipv4;
   MrouteMap mroute_;
+  // The routes of mroute_ again, densely, for walks; deletions leave null
+  // holes that are closed once they are half the list.
+  std::vector<Mroute*> mrouteList_;
+  std::size_t mrouteListHoles_ = 0;
   Kiv::Ptr<DirtyInfo> dirtyInfo_;
   BoundaryMrouteMap boundaryMroute_;
   Kiv::Ptr<DirtyInfo> boundaryDirtyInfo_;
@@ -556,6 +577,50 @@ class MrouteTable : public Kiv::Entity {
   U32 mrouteBatchVersion_ = 0;
   bool initialized_ = false;
 };
+
+class MrouteTable::MrouteList {
+ public:
+  // Far enough ahead to cover a memory access, near enough to stay cached.
+  static constexpr std::ptrdiff_t kAhead = 16;
+
+  class iterator {
+   public:
+    iterator(Mroute* const* p, Mroute* const* end) : p_(p), end_(end) { skipHoles(); }
+    Mroute& operator*() const { return **p_; }
+    Mroute* operator->() const { return *p_; }
+    iterator& operator++() {
+      ++p_;
+      skipHoles();
+      if (end_ - p_ > kAhead && p_[kAhead]) __builtin_prefetch(p_[kAhead]->hotLine());
+      return *this;
+    }
+    bool operator==(iterator const& o) const { return p_ == o.p_; }
+
+   private:
+    void skipHoles() {
+      while (p_ != end_ && *p_ == nullptr) ++p_;
+    }
+    Mroute* const* p_;
+    Mroute* const* end_;
+  };
+
+  MrouteList(Mroute* const* begin, Mroute* const* end) : begin_(begin), end_(end) {}
+  iterator begin() const {
+    for (std::ptrdiff_t i = 0; i < kAhead && i < end_ - begin_; ++i) {
+      if (begin_[i]) __builtin_prefetch(begin_[i]->hotLine());
+    }
+    return iterator(begin_, end_);
+  }
+  iterator end() const { return iterator(end_, end_); }
+
+ private:
+  Mroute* const* begin_;
+  Mroute* const* end_;
+};
+
+inline MrouteTable::MrouteList MrouteTable::mrouteList() const {
+  return MrouteList(mrouteList_.data(), mrouteList_.data() + mrouteList_.size());
+}
 
 // The root of the model for one address family.
 class MrouteTableColl : public Kiv::Entity {
