@@ -6,6 +6,7 @@
 #include "Kiv/Assert.h"
 #include "Kiv/CollectionAttr.h"
 #include "Kiv/Trace.h"
+#include "MrouteLib/SlotPool.h"
 
 namespace MrouteLib {
 
@@ -47,6 +48,38 @@ void OifSet::handleDel() {
 }
 
 // ---- Mroute ----
+
+namespace {
+
+// Under AddressSanitizer routes come from the global allocator, so that
+// use after free is still caught.
+#if defined(__SANITIZE_ADDRESS__)
+constexpr bool kPooled = false;
+#else
+constexpr bool kPooled = true;
+#endif
+
+// Never destroyed: routes may be released by static destructors of other
+// translation units.
+SlotPool& routePool() {
+  static SlotPool* pool = new SlotPool(sizeof(Mroute));
+  return *pool;
+}
+
+}  // namespace
+
+void* Mroute::operator new(std::size_t bytes) {
+  if (!kPooled || bytes != sizeof(Mroute)) return ::operator new(bytes);
+  return routePool().allocate();
+}
+
+void Mroute::operator delete(void* p, std::size_t bytes) {
+  if (!kPooled || bytes != sizeof(Mroute)) {
+    ::operator delete(p);
+    return;
+  }
+  routePool().deallocate(p);
+}
 
 Mroute::~Mroute() { handleDel(); }
 

@@ -260,6 +260,11 @@ class Mroute : public Kiv::Entity {
   // dirty test reads.
   void const* hotLine() const { return &vlanFilter_; }
 
+  // Routes live densely in huge-page chunks (SlotPool.h), so that a walk
+  // over a million of them is not dominated by TLB misses.
+  static void* operator new(std::size_t bytes);
+  static void operator delete(void* p, std::size_t bytes);
+
  private:
   friend class MrouteTable;
   Mroute(IpGenRouteKey const& key, MrouteTable* mrouteTable) : key_(key), mrouteTable_(mrouteTable) {}
