@@ -31,11 +31,11 @@
 
 #include <cstdint>
 #include <iosfwd>
-#include <map>
 #include <string>
 #include <string_view>
 
 #include "Kiv/ValueText.h"
+#include "MrouteLib/FlatMap.h"
 #include "Schema/Mfib/RouteKeyType.h"
 #include "Schema/PortVlan.h"
 #include "Schema/VlanId.h"
@@ -83,8 +83,9 @@ std::ostream& operator<<(std::ostream& os, LagOperation op);
 
 class PortVlanSet {
  public:
-  using PortVlanMap = std::map<PortVlan, bool>;
-  using NatVlanMap = std::map<Bridging::VlanId, bool>;
+  // Ordered maps, ascending, as sorted vectors: sets are small.
+  using PortVlanMap = FlatMap<PortVlan, bool>;
+  using NatVlanMap = FlatMap<Bridging::VlanId, bool>;
   using RouteKeyType = Routing::Multicast::Fib::RouteKeyType;
 
   // The collections. Is() inserts or updates the flag, never removes; none

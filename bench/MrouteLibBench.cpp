@@ -23,6 +23,7 @@
 // (for example --routes=1000000) for the figures at scale.
 #include <benchmark/benchmark.h>
 #include <malloc.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -42,7 +43,16 @@
 namespace {
 
 using namespace MrouteLib;
-using Clock = std::chrono::steady_clock;
+// Phases are timed in this thread's CPU time: the figures are compared with
+// a baseline on a machine that other work shares.
+struct Clock {
+  using time_point = std::chrono::nanoseconds;
+  static time_point now() {
+    timespec ts;
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
+    return std::chrono::seconds(ts.tv_sec) + std::chrono::nanoseconds(ts.tv_nsec);
+  }
+};
 
 unsigned gRoutes = 100000;
 constexpr unsigned kSets = 10000;
@@ -184,7 +194,7 @@ void BM_Share_Mroute(benchmark::State& state) {
       PortVlanSet set;
       for (unsigned j = 0; j < kPvsPerSet; ++j) set.portVlanIs(pvOf(s, j), true);
       set.acceptingVlanIdIs(Bridging::VlanId(1 + s % 4000));
-      routes[i]->oifSetIs(coll->oifSetFor(set));
+      routes[i]->oifSetIs(coll->oifSetFor(std::move(set)));
     }
     auto t1 = Clock::now();
     live = coll->oifSets();
