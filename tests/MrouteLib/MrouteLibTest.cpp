@@ -250,6 +250,39 @@ TEST(MrouteTable, VlanFilterBitStaysWhileAnyRouteCountsIt) {
   EXPECT_EQ(t->vlanFilter(), 0x80000000u);
 }
 
+TEST(MrouteTable, RouteListWalksEveryRouteOnceThroughDeletionsAndCompaction) {
+  auto t = mrouteTableFactory("default");
+  auto keyOf = [](unsigned i) {
+    return IpGenRouteKey(Wirly::IpGenPrefix(Wirly::IpGenAddr::v4(0x0a000000u + i)),
+                         Wirly::IpGenPrefix(Wirly::IpGenAddr::v4(0xe8000001u)));
+  };
+  auto walkMatchesMap = [&] {
+    std::map<IpGenRouteKey, int> seen;
+    for (Mroute& r : t->mrouteList()) ++seen[r.key()];
+    if (seen.size() != t->mroutes()) return false;
+    for (auto const& [k, n] : seen) {
+      if (n != 1 || t->mroute(k).ptr() == nullptr) return false;
+    }
+    return true;
+  };
+  for (unsigned i = 0; i < 300; ++i) t->mrouteIs(keyOf(i));
+  Kiv::Ptr<Mroute> held = t->mroute(keyOf(7));
+  // Holes first at the front, then from the back, then enough to compact.
+  for (unsigned i = 0; i < 40; ++i) t->mrouteDel(keyOf(i));
+  EXPECT_TRUE(walkMatchesMap());
+  for (unsigned i = 299; i >= 260; --i) t->mrouteDel(keyOf(i));
+  EXPECT_TRUE(walkMatchesMap());
+  for (unsigned i = 40; i < 200; i += 2) t->mrouteDel(keyOf(i));
+  EXPECT_TRUE(walkMatchesMap());
+  for (unsigned i = 1000; i < 1100; ++i) t->mrouteIs(keyOf(i));
+  for (unsigned i = 41; i < 200; i += 2) t->mrouteDel(keyOf(i));
+  EXPECT_TRUE(walkMatchesMap());
+  EXPECT_EQ(t->mroutes(), 160u);
+  EXPECT_EQ(held->mrouteTable(), nullptr);
+  t->mrouteDelAll();
+  EXPECT_EQ(t->mrouteList().begin(), t->mrouteList().end());
+}
+
 TEST(MrouteTableDeathTest, InitialisationRunsOnce) {
   auto t = mrouteTableFactory("default");
   t->initializedIs(true);
@@ -275,6 +308,8 @@ TEST(MrouteTableColl, EqualSetsAreSharedAndTheRegistryEmptiesWithTheLastRoute) {
   EXPECT_NE(routes[0]->oifSet(), routes[1]->oifSet());
   OifSetPtr p = coll->oifSet(setOf({pv("Ethernet1", 11)}));
   EXPECT_EQ(p.ptr(), routes[1]->oifSet().ptr());
+  EXPECT_EQ(Kiv::valueFromStrep<OifSetPtr>(p.valueToStrep()), p);
+  EXPECT_EQ(p.valueToStrep(), Kiv::valueToStrep(static_cast<void const*>(p.ptr())));
 
   routes[0]->oifSetIs(nullptr);
   EXPECT_EQ(coll->oifSets(), 3u);
