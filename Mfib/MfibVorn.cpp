@@ -3,11 +3,13 @@
 #include <sstream>
 #include <vector>
 
+#include "Brisklog/Brisklog.h"
 #include "Kiv/CollectionAttr.h"
 #include "Kiv/Hash.h"
 #include "Kiv/Trace.h"
 #include "Kiv/ValueText.h"
 #include "Mfib/MfibVornCollRouteIteratorConst.h"
+#include "Wirly/BrisklogArg.h"
 
 namespace Vorn::Multicast::Fib {
 
@@ -129,7 +131,7 @@ MfibVornDirRouteKey::MfibVornDirRouteKey(std::string_view text) {
 
 std::uint64_t MfibVornDirRouteKey::hash() const {
   Kiv::HashAccumulator h;
-  h.mix(&vornKey_, sizeof vornKey_);
+  h.mix(&vornKey_, sizeof vornKey_);  // NOLINT(bugprone-sizeof-expression): the key is the table's address
   h.mix32(static_cast<std::uint32_t>(Wirly::IpGenPrefixBase::hash(routeKey_.source())) ^
           static_cast<std::uint32_t>(Wirly::IpGenPrefixBase::hash(routeKey_.group())));
   return h.result();
@@ -298,6 +300,8 @@ void OrderRouteSm::KivMfibVorn::handleRouteChanged(IpGenRouteKey const& key) {
   RouteOrderedCollection& ordered = *owner_->routeOrdered();
   if (!coll || coll->route(key) == Route()) {
     KIV_TRACE(th, 2, "Route entry deleted for key " << SourceGroup{key});
+    BRISKLOG("OrderRouteSm", "(%s/%u, %s/%u): no table has the route any more", key.source().address(),
+             key.source().len(), key.group().address(), key.group().len());
     ordered.routeDel(key);
     return;
   }
@@ -305,6 +309,9 @@ void OrderRouteSm::KivMfibVorn::handleRouteChanged(IpGenRouteKey const& key) {
   Status const* const owner = coll->vornKey(key);
   if (current == owner) return;
   KIV_TRACE(th, 2, "Route entry updated for key " << SourceGroup{key} << ")");
+  BRISKLOG("OrderRouteSm", "(%s/%u, %s/%u): best route now from table %s", key.source().address(),
+           key.source().len(), key.group().address(), key.group().len(),
+           owner != nullptr ? owner->name() : Kiv::Name());
   ordered.routeIs(key, owner);
 }
 
@@ -369,11 +376,16 @@ void ModalOrderRouteSm::handleRouteChanged(IpGenRouteKey const& key) {
   }
   if (!mfibVorn_ || safeRoute(*mfibVorn_, key) == Route()) {
     KIV_TRACE(th, 2, "Route entry deleted for key " << SourceGroup{key});
+    BRISKLOG("ModalOrderRouteSm", "(%s/%u, %s/%u): route gone from table %s", key.source().address(),
+             key.source().len(), key.group().address(), key.group().len(),
+             mfibVorn_ ? mfibVorn_->name() : Kiv::Name());
     routeOrdered_->routeDel(key);
     return;
   }
   if (routeOrdered_->route(key) == std::optional<bool>(true)) return;
   KIV_TRACE(th, 2, "Route entry added for key " << SourceGroup{key} << ")");
+  BRISKLOG("ModalOrderRouteSm", "(%s/%u, %s/%u): route added from table %s", key.source().address(),
+           key.source().len(), key.group().address(), key.group().len(), mfibVorn_->name());
   routeOrdered_->routeIs(key, true);
 }
 

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <iostream>
 #include <map>
@@ -80,10 +81,12 @@ int publishMain(App const& app, int reportFd, int goFd) {
     if (!say(reportFd, "round " + std::to_string(round))) return 1;
   }
 
+  // `run --keep` leaves the tables for vornctl: unmount without removing.
+  bool const keep = std::getenv(kKeepTablesEnv) != nullptr;
   for (char const* vrf : vrfs) {
     std::string const url = tableUrl(vrf, app.name);
     mount.doUnmount(url);
-    mount.cleanup(url);
+    if (!keep) mount.cleanup(url);
   }
   return 0;
 }

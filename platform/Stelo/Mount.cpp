@@ -6,6 +6,7 @@
 
 #include <cerrno>
 
+#include "Brisklog/Brisklog.h"
 #include "Kiv/Exception.h"
 #include "Kiv/Trace.h"
 #include "Vorn/Registry.h"
@@ -78,14 +79,18 @@ void Mount::doMount(std::string const& url, std::string const& typeName, MountIn
       status->followIs(entityManager_->eventLoop());
   } catch (Pelto::CorruptionDetectedException const& e) {
     KIV_TRACE(th, 2, "doMount: " << url << ": " << e.what());
+    BRISKLOG("KivVorn::Mount", "mount of %s failed: %s", url, e.what());
     return;
   } catch (Kiv::Exception const& e) {
     // No such file, no permission, or a table another writer is writing.
     KIV_TRACE(th, 2, "doMount: " << url << ": " << e.what());
+    BRISKLOG("KivVorn::Mount", "mount of %s failed: %s", url, e.what());
     return;
   }
   entityManager_->mountedIs(url, status);
   KIV_TRACE(th, 5, "doMount: mounted " << url << " at " << path);
+  BRISKLOG("KivVorn::Mount", "mounted %s (%s) as %s", url, typeName,
+           mode == Vorn::Status::Mode::writer ? "writer" : "reader");
 }
 
 Kiv::Ptr<Kiv::Entity> Mount::getEntity(std::string const& url) const {
@@ -95,7 +100,10 @@ Kiv::Ptr<Kiv::Entity> Mount::getEntity(std::string const& url) const {
 void Mount::doUnmount(std::string const& url) {
   KIV_TRACE(th, 9, "void KivVorn::Mount::doUnmount(" << url << ")");
   Kiv::Ptr<Vorn::Status> status = entityManager_->mountedDel(url);
-  if (status) status->unmount();
+  if (status) {
+    status->unmount();
+    BRISKLOG("KivVorn::Mount", "unmounted %s", url);
+  }
 }
 
 void Mount::cleanup(std::string const& url) {

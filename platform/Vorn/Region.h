@@ -101,6 +101,9 @@ class Region {
   std::uint32_t logCapacity() const { return logCapacity_; }
   std::uint32_t writerPid() const { return header_->writerPid.load(std::memory_order_relaxed); }
   bool writerAlive() const;
+  // Readers holding a doorbell whose process still runs (a reader killed
+  // before it could give its doorbell back does not count).
+  std::uint32_t liveReaders() const;
 
   // Set (from the fault handler) when the file shrank under the mapping.
   bool truncated() const { return truncated_->load(std::memory_order_relaxed); }

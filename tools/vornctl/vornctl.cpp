@@ -10,6 +10,7 @@
 // operator<< of the schema types linked into this tool; a type it does not
 // know is dumped as raw bytes.
 #include <dirent.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -19,20 +20,25 @@
 #include <ctime>
 #include <iostream>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "BitMapper/BitMapperSchema.h"
 #include "Kiv/EventLoop.h"
 #include "Kiv/Exception.h"
 #include "Vorn/Registry.h"
 #include "Vorn/Region.h"
 #include "Vorn/Table.h"
+#include "Schema/Mfib/MfibStatus.h"
 #include "Vorn/TestSchema.h"
+#include "MrouteVersion.h"
 
 namespace {
 
 char const* const kUsage =
     "usage: vornctl [--root DIR] <command> [arguments]\n"
+    "       vornctl --version\n"
     "\n"
     "commands:\n"
     "  list                      the regions under the root\n"
@@ -43,6 +49,51 @@ char const* const kUsage =
     "\n"
     "A region is a URL under the root (default $VORN_ROOT, else /dev/shm/vorn)\n"
     "or the path of a .vorn file. 'vornctl <command> --help' says more.\n";
+
+// A malformed command line: main prints the text and exits with status 2.
+struct UsageError : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+// The value of `--name VALUE` in args, or nullptr when the option is absent.
+std::string const* optionValue(std::vector<std::string> const& args, std::string const& name) {
+  for (std::size_t i = 0; i < args.size(); ++i) {
+    if (args[i] != name) continue;
+    if (i + 1 >= args.size()) throw UsageError(name + " needs a value");
+    return &args[i + 1];
+  }
+  return nullptr;
+}
+
+// A count option: a whole number of at least 0, written in decimal.
+std::size_t countOption(std::vector<std::string> const& args, std::string const& name, std::size_t absent) {
+  std::string const* v = optionValue(args, name);
+  if (v == nullptr) return absent;
+  bool ok = !v->empty() && v->size() <= 18;
+  for (char c : *v) ok = ok && c >= '0' && c <= '9';
+  if (!ok) throw UsageError(name + " takes a whole number of 0 or more, not '" + *v + "'");
+  return std::stoull(*v);
+}
+
+// A duration option in seconds: a finite decimal number of at least 0.
+double secondsOption(std::vector<std::string> const& args, std::string const& name, double absent) {
+  std::string const* v = optionValue(args, name);
+  if (v == nullptr) return absent;
+  char* end = nullptr;
+  double const d = v->empty() ? -1 : std::strtod(v->c_str(), &end);
+  if (v->empty() || *end != '\0' || !(d >= 0) || d > 1e9)
+    throw UsageError(name + " takes a number of seconds of 0 or more, not '" + *v + "'");
+  return d;
+}
+
+std::string utcText(std::uint64_t seconds) {
+  std::time_t const t = static_cast<std::time_t>(seconds);
+  std::tm tm{};
+  gmtime_r(&t, &tm);
+  char buf[64];
+  std::strftime(buf, sizeof buf, "%Y-%m-%dT%H:%M:%SZ", &tm);
+  return buf;
+}
 
 struct Command {
   char const* name;
@@ -55,9 +106,11 @@ bool wantsHelp(std::vector<std::string> const& args) {
          args.end();
 }
 
+// A name that starts with '/' or ends in ".vorn" is a file's path (a missing
+// one is reported as missing, not looked up again as a URL); anything else
+// is a URL under the root.
 std::string pathOf(std::string const& root, std::string const& region) {
-  if (region.find('/') == 0 || (region.size() > 5 && region.compare(region.size() - 5, 5, ".vorn") == 0 &&
-                                access(region.c_str(), F_OK) == 0))
+  if (region.find('/') == 0 || (region.size() > 5 && region.compare(region.size() - 5, 5, ".vorn") == 0))
     return region;
   return root + "/" + Vorn::fileNameOfUrl(region);
 }
@@ -105,19 +158,14 @@ int show(std::string const& root, std::vector<std::string> const& args) {
   }
   auto r = Vorn::Region::inspectorIs(pathOf(root, args[0]));
   Vorn::Layout::Header const* h = r->header();
-  std::time_t const created = static_cast<std::time_t>(h->createdTime);
-  char when[64];
-  std::strftime(when, sizeof when, "%Y-%m-%d %H:%M:%S", std::localtime(&created));
   std::uint64_t const armed = h->armed.load();
-  unsigned bells = 0;
-  for (auto const& b : h->bells) bells += b.pid.load() != 0;
   std::cout << "file         " << r->path() << "\n"
             << "type         " << r->typeName() << "\n"
             << "layout       version " << h->version << ", " << r->fileSize() << " bytes\n"
-            << "created      " << when << "\n"
+            << "created      " << utcText(h->createdTime) << "\n"
             << "writer       " << writerText(*r) << ", epoch " << h->writerEpoch.load() << "\n"
             << "change log   " << h->logHead.load() << " changes, " << r->logCapacity() << " kept\n"
-            << "readers      " << bells << " following, " << __builtin_popcountll(armed) << " waiting\n";
+            << "readers      " << r->liveReaders() << " following, " << __builtin_popcountll(armed) << " waiting\n";
   std::cout << "tables\n";
   for (std::uint32_t i = 0; i < r->tables(); ++i) {
     Vorn::TableGeometry const& g = r->table(i);
@@ -155,16 +203,17 @@ std::size_t rawDump(Vorn::Region const& r, Vorn::TableGeometry const& g, std::si
   return n;
 }
 
-std::size_t limitOf(std::vector<std::string> const& args) {
-  for (std::size_t i = 0; i + 1 < args.size(); ++i)
-    if (args[i] == "--limit") return std::stoul(args[i + 1]);
-  return SIZE_MAX;
-}
-
-std::vector<std::string> positional(std::vector<std::string> const& args) {
+// The arguments that are not options, for a command whose options all take
+// a value; an option it does not know is a usage error.
+std::vector<std::string> positional(std::vector<std::string> const& args,
+                                    std::initializer_list<char const*> options) {
   std::vector<std::string> out;
   for (std::size_t i = 0; i < args.size(); ++i) {
     if (args[i].rfind("--", 0) == 0) {
+      if (std::find_if(options.begin(), options.end(), [&](char const* o) { return args[i] == o; }) ==
+          options.end())
+        throw UsageError("unknown option " + args[i]);
+      if (i + 1 >= args.size()) throw UsageError(args[i] + " needs a value");
       ++i;
       continue;
     }
@@ -173,12 +222,35 @@ std::vector<std::string> positional(std::vector<std::string> const& args) {
   return out;
 }
 
-int dump(std::string const& root, std::vector<std::string> const& args) {
-  std::vector<std::string> const pos = positional(args);
-  if (pos.size() != 2) {
-    std::cerr << "usage: vornctl dump <region> <table> [--limit N]\n";
-    return 2;
+// An MFIB route table prints each outgoing-interface index as the interface
+// it stands for: through the bit mapper table given with --bitmapper, else
+// through the table's own oifIndexIntf table; "7:unmapped" where neither
+// knows the index.
+void dumpMfibRoutes(Vorn::Multicast::Fib::Status const& mfib, BitMapper::VornStatus const* bitMapper,
+                    std::size_t limit) {
+  using namespace Vorn::Multicast::Fib;
+  auto printOif = [&](std::ostream& os, OifIndex i) {
+    Wirly::IntfId intf;
+    if (bitMapper != nullptr) intf = bitMapper->bitIndexMap(BitMapper::BitIndex(i.value())).bitMapperKey().intfId();
+    else intf = mfib.oifIndexIntf(i).intfId();
+    if (intf.empty()) os << i << ":unmapped";
+    else os << intf.name();
+  };
+  Vorn::IterHint hint;
+  IpGenRouteKey k;
+  Route r;
+  std::size_t n = 0;
+  for (bool ok = mfib.routeTable().first(k, r, hint); ok && n < limit;
+       ok = mfib.routeTable().next(k, k, r, hint), ++n) {
+    printRoute(std::cout, r, printOif);
+    std::cout << "\n";
   }
+}
+
+int dump(std::string const& root, std::vector<std::string> const& args) {
+  std::vector<std::string> const pos = positional(args, {"--limit", "--bitmapper"});
+  if (pos.size() != 2) throw UsageError("dump takes a region and a table");
+  std::size_t const limit = countOption(args, "--limit", SIZE_MAX);
   std::string const path = pathOf(root, pos[0]);
   auto r = Vorn::Region::inspectorIs(path);
   Kiv::Ptr<Vorn::Status> status = Vorn::StatusRegistry::statusNew(r->typeName(), Kiv::Name("vornctl"));
@@ -186,7 +258,7 @@ int dump(std::string const& root, std::vector<std::string> const& args) {
     for (std::uint32_t i = 0; i < r->tables(); ++i)
       if (r->table(i).name == pos[1]) {
         std::cerr << "vornctl: type " << r->typeName() << " is not known here; raw bytes follow\n";
-        rawDump(*r, r->table(i), limitOf(args));
+        rawDump(*r, r->table(i), limit);
         return 0;
       }
     std::cerr << "vornctl: no table '" << pos[1] << "' in " << path << "\n";
@@ -198,22 +270,26 @@ int dump(std::string const& root, std::vector<std::string> const& args) {
     std::cerr << "vornctl: no table '" << pos[1] << "' in " << path << "\n";
     return 1;
   }
-  t->printOrdered(std::cout, limitOf(args));
+  if (auto* mfib = dynamic_cast<Vorn::Multicast::Fib::Status*>(status.ptr()); mfib && pos[1] == "route") {
+    Kiv::Ptr<BitMapper::VornStatus> bitMapper;
+    if (std::string const* bm = optionValue(args, "--bitmapper")) {
+      bitMapper = new BitMapper::VornStatus(Kiv::Name("vornctl"));
+      bitMapper->mountIs(pathOf(root, *bm), Vorn::Status::Mode::reader);
+    }
+    dumpMfibRoutes(*mfib, bitMapper.ptr(), limit);
+    return 0;
+  }
+  t->printOrdered(std::cout, limit);
   return 0;
 }
 
+volatile sig_atomic_t stopRequested = 0;
+
 int watch(std::string const& root, std::vector<std::string> const& args) {
-  std::vector<std::string> const pos = positional(args);
-  if (pos.size() != 1) {
-    std::cerr << "usage: vornctl watch <region> [--count N] [--seconds S]\n";
-    return 2;
-  }
-  std::size_t count = SIZE_MAX;
-  double seconds = 1e9;
-  for (std::size_t i = 0; i + 1 < args.size(); ++i) {
-    if (args[i] == "--count") count = std::stoul(args[i + 1]);
-    if (args[i] == "--seconds") seconds = std::stod(args[i + 1]);
-  }
+  std::vector<std::string> const pos = positional(args, {"--count", "--seconds"});
+  if (pos.size() != 1) throw UsageError("watch takes one region");
+  std::size_t const count = countOption(args, "--count", SIZE_MAX);
+  double const seconds = secondsOption(args, "--seconds", 1e9);
   std::string const path = pathOf(root, pos[0]);
   auto r = Vorn::Region::inspectorIs(path);
   Kiv::Ptr<Vorn::Status> status = Vorn::StatusRegistry::statusNew(r->typeName(), Kiv::Name("vornctl"));
@@ -230,8 +306,16 @@ int watch(std::string const& root, std::vector<std::string> const& args) {
     std::cout << std::endl;
     ++seen;
   });
+  // SIGINT and SIGTERM end the watch normally, so the doorbell this reader
+  // holds is given back when the status unmounts.
+  struct sigaction sa = {};
+  sa.sa_handler = [](int) { stopRequested = 1; };
+  ::sigaction(SIGINT, &sa, nullptr);
+  ::sigaction(SIGTERM, &sa, nullptr);
   status->followIs(&loop);
-  loop.runUntil([&] { return seen >= count; }, seconds);
+  loop.runUntil([&] { return seen >= count || stopRequested != 0; }, seconds);
+  status->followIs(nullptr);
+  status->unmount();
   return 0;
 }
 
@@ -243,8 +327,8 @@ int types(std::string const&, std::vector<std::string> const&) {
 Command const commands[] = {
     {"list", "usage: vornctl list\n\nLists the regions under the root: URL, status type, writer pid, and per table\nits records in use and its capacity.\n", list},
     {"show", "usage: vornctl show <region>\n\nPrints a region's header (type, layout version, size, creation time, writer\nand its epoch, change log, following readers) and for each table its records,\ncapacity, key and record sizes, hash slots and tombstones.\n", show},
-    {"dump", "usage: vornctl dump <region> <table> [--limit N]\n\nPrints a table's records in key order, one 'key -> record' line each, through\nthe schema's printers; a type unknown to this tool prints as raw hex.\n", dump},
-    {"watch", "usage: vornctl watch <region> [--count N] [--seconds S]\n\nFollows the region like a reader does and prints 'table: key -> record' (or\n'key deleted') for every change, until N changes or S seconds.\n", watch},
+    {"dump", "usage: vornctl dump <region> <table> [--limit N] [--bitmapper <region>]\n\nPrints a table's records in key order, one line each, through the schema's\nprinters; a type unknown to this tool prints as raw hex ('key -> record').\nAn MFIB route table names its outgoing interfaces through its oifIndexIntf\ntable, or through the bit mapper table given with --bitmapper.\n", dump},
+    {"watch", "usage: vornctl watch <region> [--count N] [--seconds S]\n\nFollows the region like a reader does and prints 'table: record' (or\n'table: key deleted') for every change, until N changes, S seconds, or\nSIGINT/SIGTERM.\n", watch},
     {"types", "usage: vornctl types\n\nLists the status types whose records this tool can print.\n", types},
 };
 
@@ -253,9 +337,17 @@ Command const commands[] = {
 int main(int argc, char** argv) {
   std::vector<std::string> args(argv + 1, argv + argc);
   std::string root = Vorn::defaultRoot();
-  if (args.size() >= 2 && args[0] == "--root") {
+  if (!args.empty() && args[0] == "--root") {
+    if (args.size() < 2 || args[1].empty()) {
+      std::cerr << "vornctl: --root needs a directory\n";
+      return 2;
+    }
     root = args[1];
     args.erase(args.begin(), args.begin() + 2);
+  }
+  if (!args.empty() && args[0] == "--version") {
+    std::cout << "vornctl (libmroute) " << MROUTE_VERSION << "\n";
+    return 0;
   }
   if (args.empty() || args[0] == "--help" || args[0] == "-h" || args[0] == "help") {
     std::cout << kUsage;
@@ -270,6 +362,9 @@ int main(int argc, char** argv) {
     }
     try {
       return c.run(root, rest);
+    } catch (UsageError const& e) {
+      std::cerr << "vornctl " << c.name << ": " << e.what() << "\nTry 'vornctl " << c.name << " --help'.\n";
+      return 2;
     } catch (std::exception const& e) {
       std::cerr << "vornctl " << c.name << ": " << e.what() << "\n";
       return 1;
