@@ -29,17 +29,24 @@ OifSet::OifSet(MrouteTableColl* mrouteTable, PortVlanSet const& portVlanSet)
 OifSet::~OifSet() { handleDel(); }
 
 void OifSet::handleInitialized() {
-  KIV_TRACE(th(), 9, "void MrouteLib::OifSet::handleInitialized()" << " " << portVlanSet_);
+  KIV_TRACE(th(), 9,
+            "void MrouteLib::OifSet::handleInitialized()"
+                << " " << portVlanSet_);
   KIV_ASSERT(!initialized());
   initialized_ = true;
   notify(&NotifieeConst::onInitialized);
   if (!mrouteTable_) return;
+  // The assertion's text is what operators grep for: keep its spelling.
+  // clang-format off
   KIV_ASSERT(!mrouteTable_->oifSetHas( portVlanSet() ));
+  // clang-format on
   mrouteTable_->oifSetIs(portVlanSet_, OifSetPtr(this));
 }
 
 void OifSet::handleDel() {
-  KIV_TRACE(th(), 9, "void MrouteLib::OifSet::handleDel()" << " " << portVlanSet_);
+  KIV_TRACE(th(), 9,
+            "void MrouteLib::OifSet::handleDel()"
+                << " " << portVlanSet_);
   if (!mrouteTable_ || mrouteTable_->oifSetMap().empty()) return;
   // Only its own entry: a set that never got registered must not take a
   // live set's entry with it.
@@ -331,8 +338,8 @@ std::string DirtyInfo::mrouteDirtyInfoStr(Kiv::PtrConst<Mroute> const& route) co
     return it != m.end() && it->second ? 1 : 0;
   };
   std::ostringstream os;
-  os << std::hex << route->vlanFilter() << ' ' << route->vlanPortFilter() << ' ' << route->vlanGroupFilter()
-     << ' ' << route->lagFilter() << ' ' << dirtyVlan_ << ' ' << dirtyVlanPort_ << ' ' << dirtyVlanGroup_ << ' '
+  os << std::hex << route->vlanFilter() << ' ' << route->vlanPortFilter() << ' ' << route->vlanGroupFilter() << ' '
+     << route->lagFilter() << ' ' << dirtyVlan_ << ' ' << dirtyVlanPort_ << ' ' << dirtyVlanGroup_ << ' '
      << entry(dirtyNatSrc_, route->key().source().address()) << ' '
      << entry(dirtyGroupSet_, route->key().group().address()) << ' ' << dirtyLag_;
   return os.str();
@@ -486,8 +493,9 @@ void MrouteTable::vlanFilterCounterDelAll() {
 }
 
 void MrouteTable::doUpdateVrfVlanFilter(U32 mrtVlanFilter, U32 chgMrtVlanFilter) {
-  KIV_TRACE(th(), 9, "void MrouteLib::MrouteTable::doUpdateVrfVlanFilter(U32, U32)"
-                         << " ( " << std::hex << mrtVlanFilter << ", " << chgMrtVlanFilter << " )");
+  KIV_TRACE(th(), 9,
+            "void MrouteLib::MrouteTable::doUpdateVrfVlanFilter(U32, U32)"
+                << " ( " << std::hex << mrtVlanFilter << ", " << chgMrtVlanFilter << " )");
   if (chgMrtVlanFilter == 0) {
     KIV_TRACE(th(), 8, "   No change");
     return;

@@ -55,24 +55,30 @@
 
 // A scalar or pointer attribute: reader, and a setter that notifies
 // on<Name>() only on a real change.
-#define MROUTELIB_ATTR(T, name, Name)                   \
-  T const& name() const { return name##_; }             \
-  void name##Is(T const& v) {                           \
+#define MROUTELIB_ATTR(T, name, Name)                                 \
+  T const& name() const { return name##_; }                           \
+  void name##Is(T const& v) {                                         \
     if (::Kiv::changed(name##_, v)) notify(&NotifieeConst::on##Name); \
   }
 
 // A counter: the attribute plus Inc/Dec that wrap at the counter's width and
 // return the new value.
-#define MROUTELIB_COUNTER(T, name, Name)                                   \
-  MROUTELIB_ATTR(T, name, Name)                                            \
-  T name##Inc(T d) { name##Is(static_cast<T>(name##_ + d)); return name##_; } \
-  T name##Dec(T d) { name##Is(static_cast<T>(name##_ - d)); return name##_; }
+#define MROUTELIB_COUNTER(T, name, Name)   \
+  MROUTELIB_ATTR(T, name, Name)            \
+  T name##Inc(T d) {                       \
+    name##Is(static_cast<T>(name##_ + d)); \
+    return name##_;                        \
+  }                                        \
+  T name##Dec(T d) {                       \
+    name##Is(static_cast<T>(name##_ - d)); \
+    return name##_;                        \
+  }
 
 namespace MrouteLib {
 
-using Routing::Multicast::Fib::IpGenRouteKey;
 using Bridging::VlanId;
 using Bridging::VlanIdOrNone;
+using Routing::Multicast::Fib::IpGenRouteKey;
 
 class MrouteTable;
 class MrouteTableColl;
@@ -783,9 +789,7 @@ class StaticNatIpInfo {
   // Always fails: the value holds a collection.
   [[noreturn]] static StaticNatIpInfo fromStrep(std::string_view text);
 
-  friend bool operator==(StaticNatIpInfo const& a, StaticNatIpInfo const& b) {
-    return &a == &b || a.vlan_ == b.vlan_;
-  }
+  friend bool operator==(StaticNatIpInfo const& a, StaticNatIpInfo const& b) { return &a == &b || a.vlan_ == b.vlan_; }
 
  private:
   VlanMap vlan_;

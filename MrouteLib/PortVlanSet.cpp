@@ -36,9 +36,12 @@ ToCpuPurpose ToCpuPurpose::fromStrep(std::string_view text) {
 
 std::string lagOperationName(LagOperation op) {
   switch (op) {
-    case passLag: return "passLag";
-    case expandLag: return "expandLag";
-    case chooseLagMember: return "chooseLagMember";
+    case passLag:
+      return "passLag";
+    case expandLag:
+      return "expandLag";
+    case chooseLagMember:
+      return "chooseLagMember";
   }
   return "LagOperation(" + std::to_string(unsigned(op)) + ")";
 }
@@ -117,8 +120,7 @@ bool PortVlanSet::operator==(PortVlanSet const& o) const {
   if (!ignoreType_ && type_ != o.type_) return false;
   bool const same = this == &o;
   if (!same && portVlan_ != o.portVlan_) return false;
-  if (!(toCpuPurpose_ == o.toCpuPurpose_) || featureFlag_ != o.featureFlag_ ||
-      acceptingVlanId_ != o.acceptingVlanId_) {
+  if (!(toCpuPurpose_ == o.toCpuPurpose_) || featureFlag_ != o.featureFlag_ || acceptingVlanId_ != o.acceptingVlanId_) {
     return false;
   }
   if (!same && natVlan_ != o.natVlan_) return false;

@@ -187,8 +187,8 @@ class MrouteFailureReason {
   static constexpr U32 notInitedMask = 0x4000000;
   static constexpr U32 inProgressMask = 0x8000000;
   // The resource-exhaustion reasons; every other bit is configuration or timing.
-  static constexpr U32 hwFailureMask = oifSetFailureHwFullMask | oifSetFailureMcastIdFullMask |
-                                       routeFailureHwFullMask | macTableFailureHwFullMask;
+  static constexpr U32 hwFailureMask =
+      oifSetFailureHwFullMask | oifSetFailureMcastIdFullMask | routeFailureHwFullMask | macTableFailureHwFullMask;
 
   constexpr MrouteFailureReason() = default;
   constexpr explicit MrouteFailureReason(U32 v) : value_(v) {}
@@ -202,8 +202,8 @@ class MrouteFailureReason {
   U8 macTableFailureMask() const { return byte(2); }
   void macTableFailureMaskIs(U8 m) { byteIs(2, m); }
 
-#define MROUTELIB_FAILURE_BIT(name)                                    \
-  bool name() const { return (value_ & name##Mask) != 0; }             \
+#define MROUTELIB_FAILURE_BIT(name)                        \
+  bool name() const { return (value_ & name##Mask) != 0; } \
   void name##Is(bool on) { value_ = on ? value_ | name##Mask : value_ & ~name##Mask; }
   MROUTELIB_FAILURE_BIT(oifSetFailureHwFull)
   MROUTELIB_FAILURE_BIT(oifSetFailureNotMapped)

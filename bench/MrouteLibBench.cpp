@@ -202,8 +202,8 @@ void BM_Share_Mroute(benchmark::State& state) {
     for (auto const& r : routes) r->oifSetIs(nullptr);  // the registry empties again
     if (coll->oifSets() != 0) state.SkipWithError("registry kept sets nobody holds");
   }
-  state.counters["perRoute"] = benchmark::Counter(double(gRoutes), benchmark::Counter::kIsIterationInvariantRate |
-                                                                        benchmark::Counter::kInvert);
+  state.counters["perRoute"] =
+      benchmark::Counter(double(gRoutes), benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
   state.counters["liveOifSets"] = double(live);
 }
 
@@ -245,8 +245,8 @@ void BM_Share_Baseline(benchmark::State& state) {
     for (auto& r : routes) r.reset();
     registry.clear();
   }
-  state.counters["perRoute"] = benchmark::Counter(double(gRoutes), benchmark::Counter::kIsIterationInvariantRate |
-                                                                        benchmark::Counter::kInvert);
+  state.counters["perRoute"] =
+      benchmark::Counter(double(gRoutes), benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
   state.counters["liveOifSets"] = double(live);
 }
 
@@ -263,8 +263,8 @@ void BM_Review_Mroute(benchmark::State& state) {
     for (Mroute const& r : table->mrouteList()) touched += dirty->mrouteDirty(r);
     benchmark::DoNotOptimize(touched);
   }
-  state.counters["perRoute"] = benchmark::Counter(double(gRoutes), benchmark::Counter::kIsIterationInvariantRate |
-                                                                        benchmark::Counter::kInvert);
+  state.counters["perRoute"] =
+      benchmark::Counter(double(gRoutes), benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
   state.counters["touched"] = double(touched);
 }
 
@@ -281,11 +281,10 @@ void BM_Review_MrouteMapWalk(benchmark::State& state) {
     for (auto const& [k, r] : table->mrouteMap()) touched += dirty->mrouteDirty(*r);
     benchmark::DoNotOptimize(touched);
   }
-  state.counters["perRoute"] = benchmark::Counter(double(gRoutes), benchmark::Counter::kIsIterationInvariantRate |
-                                                                        benchmark::Counter::kInvert);
+  state.counters["perRoute"] =
+      benchmark::Counter(double(gRoutes), benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
   state.counters["touched"] = double(touched);
 }
-
 
 void BM_Review_Baseline(benchmark::State& state) {
   PlainMap map;
@@ -297,8 +296,8 @@ void BM_Review_Baseline(benchmark::State& state) {
     for (auto const& [k, r] : map) touched += r.dirty || (dirtyVlan & r.vlanFilter) != 0;
     benchmark::DoNotOptimize(touched);
   }
-  state.counters["perRoute"] = benchmark::Counter(double(gRoutes), benchmark::Counter::kIsIterationInvariantRate |
-                                                                        benchmark::Counter::kInvert);
+  state.counters["perRoute"] =
+      benchmark::Counter(double(gRoutes), benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
   state.counters["touched"] = double(touched);
 }
 

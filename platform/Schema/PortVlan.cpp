@@ -11,9 +11,7 @@ namespace MrouteLib {
 
 static_assert(sizeof(PortVlan) == 16 && std::is_trivially_copyable_v<PortVlan>);
 
-OutLif OutLif::fromStrep(std::string_view text) {
-  return OutLif(Kiv::valueFromStrep<std::uint32_t>(text));
-}
+OutLif OutLif::fromStrep(std::string_view text) { return OutLif(Kiv::valueFromStrep<std::uint32_t>(text)); }
 
 std::ostream& operator<<(std::ostream& os, OutLif l) { return os << l.value(); }
 
@@ -51,8 +49,6 @@ PortVlan PortVlan::fromStrep(std::string_view text) {
   return pv;
 }
 
-std::ostream& operator<<(std::ostream& os, PortVlan const& pv) {
-  return os << pv.target() << ':' << pv.intfId();
-}
+std::ostream& operator<<(std::ostream& os, PortVlan const& pv) { return os << pv.target() << ':' << pv.intfId(); }
 
 }  // namespace MrouteLib

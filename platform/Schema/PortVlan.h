@@ -51,8 +51,7 @@ class PortVlan {
   enum Kind : std::uint8_t { vlan = 0, outLif = 1 };
 
   constexpr PortVlan() = default;
-  PortVlan(Wirly::IntfId intfId, Bridging::VlanId vlanId)
-      : intfId_(intfId), target_(vlanId.value()), kind_(vlan) {}
+  PortVlan(Wirly::IntfId intfId, Bridging::VlanId vlanId) : intfId_(intfId), target_(vlanId.value()), kind_(vlan) {}
   PortVlan(Wirly::IntfId intfId, OutLif lif) : intfId_(intfId), target_(lif), kind_(outLif) {}
 
   Wirly::IntfId intfId() const { return intfId_; }

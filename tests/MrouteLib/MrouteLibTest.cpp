@@ -144,8 +144,8 @@ TEST_F(RouteModel, DestroyedRouteReturnsItsCountAndTracesItsHandlers) {
   EXPECT_EQ(r->fastdropCount(), 0u);
   EXPECT_TRUE(r->fastdropDirty());
   EXPECT_EQ(cap.texts(), (std::vector<std::string>{"void MrouteLib::Mroute::handleDel()",
-                                                    "void MrouteLib::Mroute::doClearFastdrop()",
-                                                    "void MrouteLib::Mroute::handleFastdrop()"}));
+                                                   "void MrouteLib::Mroute::doClearFastdrop()",
+                                                   "void MrouteLib::Mroute::handleFastdrop()"}));
   cap.clear();
   r->fastdropIs(VlanId(4), setA);
   ASSERT_EQ(cap.lines().size(), 2u);
@@ -183,12 +183,11 @@ TEST_F(RouteModel, BoundaryRoutesCountApartAndNotifyWhenCleared) {
   loose->fastdropIs(VlanId(3), setA);
   EXPECT_EQ(loose->fastdropCount(), 0u);
   EXPECT_FALSE(loose->fastdropDirty());
-  EXPECT_EQ(cap.texts(),
-            (std::vector<std::string>{"void MrouteLib::BoundaryMroute::handleFastdrop()", "mrt is NULL"}));
+  EXPECT_EQ(cap.texts(), (std::vector<std::string>{"void MrouteLib::BoundaryMroute::handleFastdrop()", "mrt is NULL"}));
   cap.clear();
   b1->fastdropIs(VlanId(4), setA);
   EXPECT_EQ(cap.texts(), (std::vector<std::string>{"void MrouteLib::BoundaryMroute::handleFastdrop()",
-                                                    "fastdropCount: 0, total fastdrops: 1"}));
+                                                   "fastdropCount: 0, total fastdrops: 1"}));
 }
 
 // ---- Table ----
@@ -221,8 +220,7 @@ TEST(MrouteTable, VlanFilterBitStaysWhileAnyRouteCountsIt) {
   Kiv::TraceCapture cap("MrouteLib/8-9");
   t->doUpdateVrfVlanFilter(0x8, 0);
   EXPECT_EQ(cap.texts(), (std::vector<std::string>{
-                             "void MrouteLib::MrouteTable::doUpdateVrfVlanFilter(U32, U32) ( 8, 0 )",
-                             "   No change"}));
+                             "void MrouteLib::MrouteTable::doUpdateVrfVlanFilter(U32, U32) ( 8, 0 )", "   No change"}));
   EXPECT_EQ(cap.lines()[1].level, 8);
   EXPECT_TRUE(rec.counters.empty());
   cap.clear();
@@ -230,8 +228,7 @@ TEST(MrouteTable, VlanFilterBitStaysWhileAnyRouteCountsIt) {
   t->doUpdateVrfVlanFilter(0x8, 0x8);
   EXPECT_EQ(cap.texts(), (std::vector<std::string>{
                              "void MrouteLib::MrouteTable::doUpdateVrfVlanFilter(U32, U32) ( 8, 8 )",
-                             "  Incrementing count for bit 3 now: 1", "  oldVlanFilter: 0",
-                             "  newVlanFilter: 8"}));
+                             "  Incrementing count for bit 3 now: 1", "  oldVlanFilter: 0", "  newVlanFilter: 8"}));
   t->doUpdateVrfVlanFilter(0x18, 0x18);
   EXPECT_EQ(t->vlanFilterCounter(3), 2u);
   EXPECT_EQ(t->vlanFilterCounter(4), 1u);

@@ -11,7 +11,6 @@
 
 using namespace MrouteLib;
 using MrouteLibTest::pv;
-using Routing::Multicast::Fib::RouteKeyType;
 
 namespace {
 

@@ -22,10 +22,14 @@ enum RouteKeyType : std::uint8_t { unknownKey = 0, sourceGroup = 1, anySource = 
 
 inline std::string routeKeyTypeName(RouteKeyType t) {
   switch (t) {
-    case unknownKey: return "unknownKey";
-    case sourceGroup: return "sourceGroup";
-    case anySource: return "anySource";
-    case groupPrefix: return "groupPrefix";
+    case unknownKey:
+      return "unknownKey";
+    case sourceGroup:
+      return "sourceGroup";
+    case anySource:
+      return "anySource";
+    case groupPrefix:
+      return "groupPrefix";
   }
   return "RouteKeyType(" + std::to_string(unsigned(t)) + ")";
 }
