@@ -314,7 +314,7 @@ void DirtyInfo::clear() {
 }
 
 void DirtyInfo::mergeWith(Kiv::PtrConst<DirtyInfo> const& other) {
-  if (!other || other.ptr() == this) return;
+  if (!other) return;
   dirtyVlanIs(dirtyVlan_ | other->dirtyVlan_);
   dirtyVlanPortIs(dirtyVlanPort_ | other->dirtyVlanPort_);
   dirtyVlanGroupIs(dirtyVlanGroup_ | other->dirtyVlanGroup_);

@@ -132,6 +132,42 @@ TEST_F(RouteModel, FastdropEditNotifiesOnlyRealChanges) {
   EXPECT_EQ(table->fastdropCount(), 0u);
 }
 
+TEST_F(RouteModel, ObserversSeeCountsAlreadySettledAndMayDeleteWhatTheyHear) {
+  // A fast-drop observer reads the table's total: it is already recounted.
+  auto r = table->mrouteIs(key("10.0.0.1", "239.1.1.1"));
+  struct CountReader : Mroute::NotifieeConst {
+    CountReader(Kiv::Ptr<Mroute> const& r, MrouteTable* t) : Mroute::NotifieeConst(r), table(t) {}
+    void onFastdrop(VlanId) override { seen.push_back(table->fastdropCount()); }
+    MrouteTable* table;
+    std::vector<unsigned> seen;
+  } reader(r, table.ptr());
+  r->fastdropIs(VlanId(1), setA);
+  r->fastdropIs(VlanId(2), setA);
+  r->fastdropDel(VlanId(1));
+  EXPECT_EQ(reader.seen, (std::vector<unsigned>{1, 2, 1}));
+
+  // An observer that deletes each route as it is made leaves the table
+  // empty and the caller a route cut loose from it.
+  struct Deleter : MrouteTable::NotifieeConst {
+    explicit Deleter(Kiv::Ptr<MrouteTable> const& t) : MrouteTable::NotifieeConst(t), table(t.ptr()) {}
+    void onMroute(IpGenRouteKey const& k) override {
+      if (!deleting) return;
+      deleting = false;
+      table->mrouteDel(k);
+    }
+    MrouteTable* table;
+    bool deleting = true;
+  } deleter(table);
+  auto gone = table->mrouteIs(key("10.0.0.2", "239.1.1.1"));
+  ASSERT_TRUE(gone);
+  EXPECT_EQ(gone->mrouteTable(), nullptr);
+  EXPECT_EQ(table->mroute(gone->key()), nullptr);
+  EXPECT_EQ(table->mroutes(), 1u);
+  std::size_t walked = 0;
+  for (Mroute& m : table->mrouteList()) walked += &m == r.ptr();
+  EXPECT_EQ(walked, 1u);
+}
+
 TEST_F(RouteModel, DestroyedRouteReturnsItsCountAndTracesItsHandlers) {
   auto r = table->mrouteIs(key("10.0.0.1", "239.1.1.1"));
   r->fastdropIs(VlanId(1), setA);
