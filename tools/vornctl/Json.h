@@ -19,6 +19,9 @@ std::optional<int> runJson(std::string_view name, std::string const& root, std::
 
 // vornctl dir [--json]: the MFIB directory (see MfibDirView.cpp).
 int mfibDir(std::string const& root, std::vector<std::string> const& args);
+// The bit mapper table the directory under root announces beside the MFIB
+// table `mfibUrl`, or "" when none does (or the directory cannot be read).
+std::string announcedBitMapperUrl(std::string const& root, std::string const& mfibUrl);
 extern char const* const mfibDirHelp;
 
 }  // namespace Vornctl

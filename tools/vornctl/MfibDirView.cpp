@@ -118,6 +118,17 @@ std::string stateJson(TableState const& s) {
 
 }  // namespace
 
+std::string announcedBitMapperUrl(std::string const& root, std::string const& mfibUrl) {
+  try {
+    for (AppView const& app : readDirectory(root))
+      for (VrfView const& vrf : app.vrfs)
+        if (vrf.mfib.url == mfibUrl) return vrf.bitMapper.url;
+  } catch (std::exception const&) {
+    // No directory here: the table's own index table names the interfaces.
+  }
+  return "";
+}
+
 int mfibDir(std::string const& root, std::vector<std::string> const& args) {
   bool const json = std::find(args.begin(), args.end(), "--json") != args.end();
   std::vector<AppView> const apps = readDirectory(root);

@@ -101,6 +101,19 @@ TEST_F(VornctlTest, ListShowAndDumpSpeakJsonToo) {
                                                        "bitMapperVornUrl '')\n");
 }
 
+TEST_F(VornctlTest, DumpNamesInterfacesThroughTheAnnouncedBitMapperTable) {
+  Kiv::Ptr<Status> table = writer->doAddVorn("red", "mfib/red/pim");
+  Kiv::Ptr<BitMapper::VornStatus> bits = writer->doAddBitMapperVorn("red", "bitmapper/red/pim");
+  ASSERT_TRUE(table && bits);
+  bits->bitIndexMapIs(BitMapper::BitIndexMap(
+      BitMapper::BitIndex(4), BitMapper::BitMapperKey(Wirly::IntfId("Ethernet9"), Wirly::IpGenAddr()), 1, true));
+  table->oifIndexIntfIs(OifIndexIntf(OifIndex(4), Wirly::IntfId("Ethernet1")));  // not what the route means
+  Route r(IpGenRouteKey("10.0.0.1/32", "239.1.1.1/32"));
+  r.oifIs(OifIndex(4), true);
+  table->routePublish(r);
+  EXPECT_EQ(run("dump mfib/red/pim route"), "(s: 10.0.0.1/32 g: 239.1.1.1/32) priority 0 version 1 oif {Ethernet9}\n");
+}
+
 TEST(VornctlJson, StringsAreEscaped) {
   EXPECT_EQ(Vornctl::jsonString("a\"b\\c\nd\x01"), "\"a\\\"b\\\\c\\nd\\u0001\"");
 }

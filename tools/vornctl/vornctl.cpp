@@ -151,9 +151,9 @@ std::size_t rawDump(Vorn::Region const& r, Vorn::TableGeometry const& g, std::si
 }
 
 // An MFIB route table prints each outgoing-interface index as the interface
-// it stands for: through the bit mapper table given with --bitmapper, else
-// through the table's own oifIndexIntf table; "7:unmapped" where neither
-// knows the index.
+// it stands for: through a bit mapper table when it has one, else through
+// the table's own oifIndexIntf table; "7:unmapped" where that does not know
+// the index.
 void dumpMfibRoutes(Vorn::Multicast::Fib::Status const& mfib, BitMapper::VornStatus const* bitMapper,
                     std::size_t limit) {
   using namespace Vorn::Multicast::Fib;
@@ -199,10 +199,15 @@ int dump(std::string const& root, std::vector<std::string> const& args) {
     return 1;
   }
   if (auto* mfib = dynamic_cast<Vorn::Multicast::Fib::Status*>(status.ptr()); mfib && pos[1] == "route") {
+    // The bit mapper table named on the command line, else the one the
+    // MFIB directory announces beside this table.
+    std::string bitMapperRegion;
+    if (std::string const* bm = optionValue(args, "--bitmapper")) bitMapperRegion = *bm;
+    else if (path != pos[0]) bitMapperRegion = announcedBitMapperUrl(root, pos[0]);
     Kiv::Ptr<BitMapper::VornStatus> bitMapper;
-    if (std::string const* bm = optionValue(args, "--bitmapper")) {
+    if (!bitMapperRegion.empty()) {
       bitMapper = new BitMapper::VornStatus(Kiv::Name("vornctl"));
-      bitMapper->mountIs(pathOf(root, *bm), Vorn::Status::Mode::reader);
+      bitMapper->mountIs(pathOf(root, bitMapperRegion), Vorn::Status::Mode::reader);
     }
     dumpMfibRoutes(*mfib, bitMapper.ptr(), limit);
     return 0;
@@ -255,7 +260,7 @@ int types(std::string const&, std::vector<std::string> const&) {
 Command const commands[] = {
     {"list", "usage: vornctl list\n\nLists the regions under the root: URL, status type, writer pid, and per table\nits records in use and its capacity.\n", list},
     {"show", "usage: vornctl show <region>\n\nPrints a region's header (type, layout version, size, creation time, writer\nand its epoch, change log, following readers) and for each table its records,\ncapacity, key and record sizes, hash slots and tombstones.\n", show},
-    {"dump", "usage: vornctl dump <region> <table> [--limit N] [--bitmapper <region>]\n\nPrints a table's records in key order, one line each, through the schema's\nprinters; a type unknown to this tool prints as raw hex ('key -> record').\nAn MFIB route table names its outgoing interfaces through its oifIndexIntf\ntable, or through the bit mapper table given with --bitmapper.\n", dump},
+    {"dump", "usage: vornctl dump <region> <table> [--limit N] [--bitmapper <region>]\n\nPrints a table's records in key order, one line each, through the schema's\nprinters; a type unknown to this tool prints as raw hex ('key -> record').\nAn MFIB route table names its outgoing interfaces through the bit mapper\ntable given with --bitmapper, else the one the MFIB directory announces\nbeside it, else its own oifIndexIntf table.\n", dump},
     {"watch", "usage: vornctl watch <region> [--count N] [--seconds S]\n\nFollows the region like a reader does and prints 'table: record' (or\n'table: key deleted') for every change, until N changes, S seconds, or\nSIGINT/SIGTERM.\n", watch},
     {"types", "usage: vornctl types\n\nLists the status types whose records this tool can print.\n", types},
     {"dir", Vornctl::mfibDirHelp, Vornctl::mfibDir},
