@@ -232,3 +232,48 @@ TEST(StormKernelTest, AStormIsDrainedInBoundedReviewsAndNothingIsLost) {
 
 }  // namespace
 }  // namespace Routing::Multicast::Notify
+
+#ifdef MRTMON
+namespace Routing::Multicast::Notify {
+namespace {
+
+// mrtmon in the router namespace prints the upcalls of real traffic, one
+// JSON line each, and its counters at exit.
+TEST(MrtmonKernelTest, PrintsTheUpcallsOfAKernelRun) {
+  TOPOLOGY(t);
+  Flows const& f = ipv6Flows;
+  std::string const cmd = std::string(MRTMON) + " --netns " + t.router().str() +
+                          " --family ipv6 --json --count 3 --timeout 10 --vif 0=Ethernet1 2>&1";
+  FILE* out = ::popen(cmd.c_str(), "r");
+  ASSERT_TRUE(out);
+  char line[512];
+  ASSERT_TRUE(std::fgets(line, sizeof(line), out));
+  EXPECT_TRUE(std::string(line).starts_with("mrtmon: listening for")) << line;
+
+  Router router(f.af, t.router(), f.src, f.groups[1], f.groups[2]);
+  ASSERT_TRUE(router.ok()) << ::strerror(errno);
+  for (auto const* g : f.groups) ASSERT_TRUE(sendWhenRoutable(t.sender(), g)) << g << ": " << ::strerror(errno);
+  std::vector<std::string> lines;
+  while (std::fgets(line, sizeof(line), out)) lines.emplace_back(line);
+  int const status = ::pclose(out);
+  EXPECT_EQ(status, 0);
+  auto const has = [&](std::string const& text) {
+    for (auto const& l : lines)
+      if (l == text) return true;
+    return false;
+  };
+  EXPECT_TRUE(has(R"({"kind":"nocache","intf":"Ethernet1","src":"2001:db8:1::2","grp":"ff0e::3:1","len":0})"
+                  "\n"));
+  EXPECT_TRUE(has(R"({"kind":"wrongvif","intf":"Ethernet1","src":"2001:db8:1::2","grp":"ff0e::3:2","len":0})"
+                  "\n"));
+  // The register MIF has no name given: its index is printed; the data
+  // packet is the 6-byte UDP datagram behind a 40-byte IPv6 header.
+  EXPECT_TRUE(has(R"({"kind":"wholepkt","intf":"vif2","src":"2001:db8:1::2","grp":"ff0e::3:3","len":54})"
+                  "\n"));
+  ASSERT_FALSE(lines.empty());
+  EXPECT_TRUE(lines.back().starts_with("mrtmon: nocache 1 wrongvif 1 wholepkt 1")) << lines.back();
+}
+
+}  // namespace
+}  // namespace Routing::Multicast::Notify
+#endif
