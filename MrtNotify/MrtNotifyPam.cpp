@@ -141,7 +141,7 @@ Wirly::MrtMessage::Ptr readCacheReport(Wirly::AddressFamily af, nlmsghdr* nlh,
   }
 
   KIV_ASSERT(mrtMsg && "No msgtype found");
-  Wirly::IntfId const intf = attrIntf ? attrIntf
+  Wirly::IntfId const intf = attrIntf   ? attrIntf
                              : vif >= 0 ? vifIntf(vifStatus, std::uint16_t(vif & 0xFFFF))
                                         : Wirly::IntfId();
   mrtMsg->intfIdIs(intf);
@@ -248,11 +248,11 @@ void MrtNotifyPamManager::handlePamInit() {
   pamIs(next);
 }
 
-Wirly::MrtMessageType MrtNotifyPamManager::readMrtMessage(Kiv::Ptr<Wirly::Pkt> const& pkt,
-                                                         VifStatus const& vifStatus) {
-  KIV_TRACE(trace(), 9, "Wirly::MrtMessageType " << className
-                                                 << "::readMrtMessage(Kiv::Ptr<Wirly::Pkt>, "
-                                                    "Kiv::PtrConst<Routing::KernelMfib::Status>)");
+Wirly::MrtMessageType MrtNotifyPamManager::readMrtMessage(Kiv::Ptr<Wirly::Pkt> const& pkt, VifStatus const& vifStatus) {
+  KIV_TRACE(trace(), 9,
+            "Wirly::MrtMessageType " << className
+                                     << "::readMrtMessage(Kiv::Ptr<Wirly::Pkt>, "
+                                        "Kiv::PtrConst<Routing::KernelMfib::Status>)");
   if (af_ != Wirly::ipv4 && af_ != Wirly::ipv6) KIV_ASSERT(0 && "Unknown address family not supported");
   if (!pkt) {
     traceInvalid();
@@ -336,8 +336,9 @@ Wirly::MrtMessageType MrtNotifyPamManager::doReadNetlinkForm(Kiv::Ptr<Wirly::Pkt
     auto* const nlh = reinterpret_cast<nlmsghdr*>(b + at);
     std::uint32_t const len = nlh->nlmsg_len;
     if (len < NLMSG_HDRLEN || len > remaining) break;
-    KIV_TRACE(trace(), 9, "Netlink message: " << std::hex << " len: 0x" << len << " type: 0x" << nlh->nlmsg_type
-                                              << " flags: 0x" << nlh->nlmsg_flags);
+    KIV_TRACE(trace(), 9,
+              "Netlink message: " << std::hex << " len: 0x" << len << " type: 0x" << nlh->nlmsg_type << " flags: 0x"
+                                  << nlh->nlmsg_flags);
     switch (nlh->nlmsg_type) {
       case NLMSG_NOOP:
       case NLMSG_DONE:
@@ -348,7 +349,9 @@ Wirly::MrtMessageType MrtNotifyPamManager::doReadNetlinkForm(Kiv::Ptr<Wirly::Pkt
           std::memcpy(&err, b + at + NLMSG_HDRLEN, sizeof(err));
           KIV_TRACE(trace(), 2, "NLMSG_ERROR: " << err);
         } else {
-          KIV_TRACE(trace(), 2, "NLMSG_ERROR: " << "(no error code)");
+          KIV_TRACE(trace(), 2,
+                    "NLMSG_ERROR: "
+                        << "(no error code)");
         }
         break;
       case NLMSG_OVERRUN:
@@ -356,8 +359,9 @@ Wirly::MrtMessageType MrtNotifyPamManager::doReadNetlinkForm(Kiv::Ptr<Wirly::Pkt
         break;
       case rtmNewCacheReport:
         if (taken) {
-          KIV_TRACE(trace(), 2, "WARN: More than one message in one pkt. "
-                                    << "Returning first one, discarding others.");
+          KIV_TRACE(trace(), 2,
+                    "WARN: More than one message in one pkt. "
+                        << "Returning first one, discarding others.");
         } else if (len < attributesOffset) {
           KIV_TRACE(trace(), 2, "Dropping cache report of " << len << " bytes: no room for its family");
         } else {
@@ -397,22 +401,25 @@ Wirly::MrtMessageType MrtNotifyPamManager::doReadNetlinkForm(Kiv::Ptr<Wirly::Pkt
 void MrtNotifyPamManager::doPublish(Wirly::MrtMessage const& msg) {
   switch (msg.msgType()) {
     case Wirly::MrtMessageType::igmpWrongVif:
-      BRISKLOG("MrtNotifyPam", "WrongVifMessage on intf: %s for src: %s and grp: %s", msg.intfId().name(),
-               msg.source(), msg.group());
-      KIV_TRACE(trace(), 5, "WrongVifMessage on intf:" << msg.intfId() << " for src: " << msg.source()
-                                                       << " and grp: " << msg.group());
+      BRISKLOG("MrtNotifyPam", "WrongVifMessage on intf: %s for src: %s and grp: %s", msg.intfId().name(), msg.source(),
+               msg.group());
+      KIV_TRACE(
+          trace(), 5,
+          "WrongVifMessage on intf:" << msg.intfId() << " for src: " << msg.source() << " and grp: " << msg.group());
       break;
     case Wirly::MrtMessageType::igmpNoCache:
-      BRISKLOG("MrtNotifyPam", "NoCacheMessage on intf: %s for src: %s and grp: %s", msg.intfId().name(),
-               msg.source(), msg.group());
-      KIV_TRACE(trace(), 5, "NoCacheMessage on intf:" << msg.intfId() << " for src: " << msg.source()
-                                                      << " and grp: " << msg.group());
+      BRISKLOG("MrtNotifyPam", "NoCacheMessage on intf: %s for src: %s and grp: %s", msg.intfId().name(), msg.source(),
+               msg.group());
+      KIV_TRACE(
+          trace(), 5,
+          "NoCacheMessage on intf:" << msg.intfId() << " for src: " << msg.source() << " and grp: " << msg.group());
       break;
     case Wirly::MrtMessageType::igmpWholePkt:
-      BRISKLOG("MrtNotifyPam", "WholePktMessage on intf: %s for src: %s and grp: %s", msg.intfId().name(),
-               msg.source(), msg.group());
-      KIV_TRACE(trace(), 5, "WholePktMessage on intf:" << msg.intfId() << " for src: " << msg.source()
-                                                       << " and grp: " << msg.group());
+      BRISKLOG("MrtNotifyPam", "WholePktMessage on intf: %s for src: %s and grp: %s", msg.intfId().name(), msg.source(),
+               msg.group());
+      KIV_TRACE(
+          trace(), 5,
+          "WholePktMessage on intf:" << msg.intfId() << " for src: " << msg.source() << " and grp: " << msg.group());
       break;
     case Wirly::MrtMessageType::none:
       break;
@@ -424,8 +431,10 @@ Wirly::MrtMessage::Ptr MrtNotifyPamManager::readNetlinkMrtMessage(Wirly::Address
                                                                   Kiv::Ptr<NoCacheMessage> const& noCacheMessage,
                                                                   Kiv::Ptr<WholePktMessage> const& wholePktMessage,
                                                                   VifStatus const& vifStatus) {
-  if (af == Wirly::ipv4) return readNetlinkMrt4Message(nlh, wrongVifMessage, noCacheMessage, wholePktMessage, vifStatus);
-  if (af == Wirly::ipv6) return readNetlinkMrt6Message(nlh, wrongVifMessage, noCacheMessage, wholePktMessage, vifStatus);
+  if (af == Wirly::ipv4)
+    return readNetlinkMrt4Message(nlh, wrongVifMessage, noCacheMessage, wholePktMessage, vifStatus);
+  if (af == Wirly::ipv6)
+    return readNetlinkMrt6Message(nlh, wrongVifMessage, noCacheMessage, wholePktMessage, vifStatus);
   KIV_ASSERT(0 && "Address Family unknown");
   return nullptr;
 }
@@ -435,9 +444,10 @@ Wirly::MrtMessage::Ptr MrtNotifyPamManager::readNetlinkMrt4Message(nlmsghdr* nlh
                                                                    Kiv::Ptr<NoCacheMessage> const& noCacheMessage,
                                                                    Kiv::Ptr<WholePktMessage> const& wholePktMessage,
                                                                    VifStatus const& vifStatus) {
-  KIV_TRACE(trace(), 9, "static Wirly::MrtMessage::Ptr " << className
-                                                         << "::readNetlinkMrt4Message(nlmsghdr*, WrongVifMessage, "
-                                                            "NoCacheMessage, WholePktMessage, KernelMfib::Status)");
+  KIV_TRACE(trace(), 9,
+            "static Wirly::MrtMessage::Ptr " << className
+                                             << "::readNetlinkMrt4Message(nlmsghdr*, WrongVifMessage, "
+                                                "NoCacheMessage, WholePktMessage, KernelMfib::Status)");
   auto const* rtgenmsg = reinterpret_cast<struct rtgenmsg const*>(reinterpret_cast<std::uint8_t*>(nlh) + NLMSG_HDRLEN);
   KIV_ASSERT(rtgenmsg->rtgen_family == 128);
   return readCacheReport(Wirly::ipv4, nlh, wrongVifMessage, noCacheMessage, wholePktMessage, vifStatus);
@@ -448,9 +458,10 @@ Wirly::MrtMessage::Ptr MrtNotifyPamManager::readNetlinkMrt6Message(nlmsghdr* nlh
                                                                    Kiv::Ptr<NoCacheMessage> const& noCacheMessage,
                                                                    Kiv::Ptr<WholePktMessage> const& wholePktMessage,
                                                                    VifStatus const& vifStatus) {
-  KIV_TRACE(trace(), 9, "static Wirly::MrtMessage::Ptr " << className
-                                                         << "::readNetlinkMrt6Message(nlmsghdr*, WrongVifMessage, "
-                                                            "NoCacheMessage, WholePktMessage, KernelMfib::Status)");
+  KIV_TRACE(trace(), 9,
+            "static Wirly::MrtMessage::Ptr " << className
+                                             << "::readNetlinkMrt6Message(nlmsghdr*, WrongVifMessage, "
+                                                "NoCacheMessage, WholePktMessage, KernelMfib::Status)");
   auto const* rtgenmsg = reinterpret_cast<struct rtgenmsg const*>(reinterpret_cast<std::uint8_t*>(nlh) + NLMSG_HDRLEN);
   KIV_ASSERT(rtgenmsg->rtgen_family == 129);
   return readCacheReport(Wirly::ipv6, nlh, wrongVifMessage, noCacheMessage, wholePktMessage, vifStatus);

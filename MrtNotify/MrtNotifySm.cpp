@@ -45,9 +45,9 @@ void MrtNotifySm::doAttachPam() {
   Kiv::Ptr<Wirly::Pam> pam = pamManager_ ? Kiv::Ptr<Wirly::Pam>(pamManager_->pam()) : nullptr;
   if (kivPamIn_.notifier() == pam) return;
   kivPamIn_.notifierIs(pam);
-  // Whatever the new socket already holds is reviewed now, not at its next
-  // datagram.
-  if (pam) rxPkt();
+  // Whatever an enabled new socket already holds is reviewed now, not at
+  // its next datagram; a disabled one has nothing to read yet.
+  if (pam && pamManager_->pam()->enabled()) rxPkt();
 }
 
 void MrtNotifySm::handleInitialized() {

@@ -128,9 +128,7 @@ void ParseUpcall(benchmark::State& state) {
       benchmark::Counter(double(heapAllocations.load() - before) / double(state.iterations()));
   state.SetBytesProcessed(std::int64_t(state.iterations() * bytes.size()));
 }
-BENCHMARK(ParseUpcall)
-    ->ArgNames({"form", "kind"})
-    ->ArgsProduct({{0, 1, 2}, {1, 2, 3}});
+BENCHMARK(ParseUpcall)->ArgNames({"form", "kind"})->ArgsProduct({{0, 1, 2}, {1, 2, 3}});
 
 void BaselineMemcpy(benchmark::State& state) {
   int const form = int(state.range(0));

@@ -99,9 +99,9 @@ class Topology {
   std::string p_, r_, skip_, failed_;
 };
 
-#define TOPOLOGY(t)                                     \
-  Topology t;                                           \
-  if (!t.skip().empty()) GTEST_SKIP() << t.skip();      \
+#define TOPOLOGY(t)                                \
+  Topology t;                                      \
+  if (!t.skip().empty()) GTEST_SKIP() << t.skip(); \
   ASSERT_TRUE(t.failed().empty()) << t.failed()
 
 // A descriptor closed when it goes.
@@ -130,8 +130,8 @@ bool setOpt(int fd, int level, int name, T const& v) {
 // the router namespace, with the three interfaces and two entries above.
 class Router {
  public:
-  Router(Wirly::AddressFamily af, Wirly::NamespaceName const& ns, std::string const& src,
-         std::string const& wrongGroup, std::string const& wholeGroup)
+  Router(Wirly::AddressFamily af, Wirly::NamespaceName const& ns, std::string const& src, std::string const& wrongGroup,
+         std::string const& wholeGroup)
       : sd_(Wirly::namespaceSocket(ns, af == Wirly::ipv4 ? AF_INET : AF_INET6, SOCK_RAW,
                                    af == Wirly::ipv4 ? int(IPPROTO_IGMP) : int(IPPROTO_ICMPV6))) {
     int const va = ifIndex(ns, "va"), vc = ifIndex(ns, "vc");
@@ -202,8 +202,7 @@ inline bool sendMulticast(Wirly::NamespaceName const& ns, std::string const& gro
     to.sin_family = AF_INET;
     to.sin_port = htons(5000);
     ::inet_pton(AF_INET, group.c_str(), &to.sin_addr);
-    return s.fd >= 0 && setOpt(s.fd, IPPROTO_IP, IP_MULTICAST_IF, m) &&
-           setOpt(s.fd, IPPROTO_IP, IP_MULTICAST_TTL, 8) &&
+    return s.fd >= 0 && setOpt(s.fd, IPPROTO_IP, IP_MULTICAST_IF, m) && setOpt(s.fd, IPPROTO_IP, IP_MULTICAST_TTL, 8) &&
            ::sendto(s.fd, "upcall", 6, 0, reinterpret_cast<sockaddr*>(&to), sizeof(to)) == 6;
   }
   Fd s(Wirly::namespaceSocket(ns, AF_INET6, SOCK_DGRAM, 0));
@@ -235,6 +234,5 @@ class RelayEnvironment : public Wirly::Sys {
   bool set_;
   Wirly::SysOverride use_;
 };
-
 
 }  // namespace MrtNotifyKernel

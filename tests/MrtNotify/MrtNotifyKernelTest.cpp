@@ -209,8 +209,9 @@ TEST_P(RelayTest, RelayedReportsReachEveryReceiverThroughItsFilter) {
   // A report of the other family on this family's group.
   {
     auto pkt = Wirly::PktManager::global().newPkt(64);
-    std::uint8_t msg[28] = {28, 0, 0, 0, 96, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,
-                            std::uint8_t(f.rtnlFamily == 128 ? 129 : 128), 0, 0, 0, 5, 0, 1, 0, 1, 0, 0, 0};
+    std::uint8_t msg[28] = {
+        28, 0, 0, 0, 96, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, std::uint8_t(f.rtnlFamily == 128 ? 129 : 128),
+        0,  0, 0, 5, 0,  1, 0, 1, 0, 0, 0};
     pkt->headDataIs(msg, sizeof(msg));
     relay->txPktIs(pkt);
   }

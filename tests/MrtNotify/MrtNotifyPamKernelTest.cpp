@@ -26,6 +26,7 @@ struct Flows {
   char const* src;
   char const* groups[3];  // no cache, wrong interface, whole packet
 };
+void PrintTo(Flows const& f, std::ostream* os) { *os << f.af; }
 Flows const ipv4Flows{Wirly::ipv4, "10.0.1.2", {"239.3.1.1", "239.3.1.2", "239.3.1.3"}};
 Flows const ipv6Flows{Wirly::ipv6, "2001:db8:1::2", {"ff0e::3:1", "ff0e::3:2", "ff0e::3:3"}};
 
@@ -89,8 +90,8 @@ TEST_P(UpcallKernelTest, EveryKindIsPublishedThroughTheReview) {
   Router router(f.af, t.router(), f.src, f.groups[1], f.groups[2]);
   ASSERT_TRUE(router.ok()) << ::strerror(errno);
   for (auto const* g : f.groups) ASSERT_TRUE(sendWhenRoutable(t.sender(), g)) << g << ": " << ::strerror(errno);
-  loop.runUntil(
-      [&] { return manager->noCacheCounter() && manager->wrongVifCounter() && manager->wholePktCounter(); }, 5.0);
+  loop.runUntil([&] { return manager->noCacheCounter() && manager->wrongVifCounter() && manager->wholePktCounter(); },
+                5.0);
   loop.runUntil([] { return false; }, 0.1);  // nothing more should come
   expectPublished(*manager, f);
 }

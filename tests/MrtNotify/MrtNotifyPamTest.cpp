@@ -45,10 +45,14 @@ struct Report {
     return *this;
   }
   Report& msgType(std::uint8_t t) { return attr(1, Bytes{t}); }
-  Report& vif(std::uint32_t v) { return attr(2, Bytes(reinterpret_cast<std::uint8_t*>(&v), reinterpret_cast<std::uint8_t*>(&v) + 4)); }
+  Report& vif(std::uint32_t v) {
+    return attr(2, Bytes(reinterpret_cast<std::uint8_t*>(&v), reinterpret_cast<std::uint8_t*>(&v) + 4));
+  }
   Report& src(char const* a) { return attr(3, addrBytes(a)); }
   Report& dst(char const* a) { return attr(4, addrBytes(a)); }
-  Report& intfId(std::uint64_t id) { return attr(6, Bytes(reinterpret_cast<std::uint8_t*>(&id), reinterpret_cast<std::uint8_t*>(&id) + 8)); }
+  Report& intfId(std::uint64_t id) {
+    return attr(6, Bytes(reinterpret_cast<std::uint8_t*>(&id), reinterpret_cast<std::uint8_t*>(&id) + 8));
+  }
   Bytes done(std::uint16_t nlType = 96) const {
     Bytes out = b;
     put(out, 0, std::uint32_t(out.size()));
@@ -105,9 +109,18 @@ Bytes ipv6Packet(char const* src, char const* grp) {
 // counter moves.
 struct Watch : MrtNotifyPamManager::NotifieeConst {
   explicit Watch(Kiv::Ptr<MrtNotifyPamManager> const& m) : NotifieeConst(m) {}
-  void onNoCacheCounter() override { seen.push_back(notifier()->noCacheMessage()->group()); ++noCache; }
-  void onWrongVifCounter() override { seen.push_back(notifier()->wrongVifMessage()->group()); ++wrongVif; }
-  void onWholePktCounter() override { seen.push_back(notifier()->wholePktMessage()->group()); ++wholePkt; }
+  void onNoCacheCounter() override {
+    seen.push_back(notifier()->noCacheMessage()->group());
+    ++noCache;
+  }
+  void onWrongVifCounter() override {
+    seen.push_back(notifier()->wrongVifMessage()->group());
+    ++wrongVif;
+  }
+  void onWholePktCounter() override {
+    seen.push_back(notifier()->wholePktMessage()->group());
+    ++wholePkt;
+  }
   int noCache = 0, wrongVif = 0, wholePkt = 0;
   std::vector<Wirly::IpGenAddr> seen;
   int total() const { return noCache + wrongVif + wholePkt; }
@@ -346,9 +359,9 @@ TEST_F(ParserDeathTest, ReportsTheParserRefusesStopTheProcess) {
   EXPECT_DEATH(v6->readMrtMessage(packet(unknownVif.done()), status), "mrtMsg->intfId\\(\\)");
   Bytes plain = Report(128).msgType(1).done();
   auto* nlh = reinterpret_cast<nlmsghdr*>(plain.data());
-  EXPECT_DEATH(MrtNotifyPamManager::readNetlinkMrtMessage(Wirly::AddressFamily(7), nlh, nullptr, nullptr, nullptr,
-                                                          status),
-               "0 && \"Address Family unknown\"");
+  EXPECT_DEATH(
+      MrtNotifyPamManager::readNetlinkMrtMessage(Wirly::AddressFamily(7), nlh, nullptr, nullptr, nullptr, status),
+      "0 && \"Address Family unknown\"");
   EXPECT_DEATH(mrtNotifyPamManagerFactory(Wirly::AddressFamily(7), Wirly::NamespaceName()),
                "0 && \"Unsupported address family.\"");
 }

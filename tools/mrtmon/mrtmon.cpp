@@ -100,8 +100,8 @@ class Printer : public MrtNotifyPamManager::NotifieeConst {
       std::printf("{\"kind\":\"%s\",\"intf\":\"%s\",\"src\":\"%s\",\"grp\":\"%s\",\"len\":%zu}\n", kind,
                   intfText(m.intfId()).c_str(), m.source().str().c_str(), m.group().str().c_str(), len);
     } else {
-      std::printf("%-8s intf %s src %s grp %s len %zu\n", kind, intfText(m.intfId()).c_str(),
-                  m.source().str().c_str(), m.group().str().c_str(), len);
+      std::printf("%-8s intf %s src %s grp %s len %zu\n", kind, intfText(m.intfId()).c_str(), m.source().str().c_str(),
+                  m.group().str().c_str(), len);
     }
     std::fflush(stdout);
     ++printed_;
@@ -149,10 +149,14 @@ int parseArgs(int argc, char** argv, Options& o) {
       while (!rest.empty()) {
         std::size_t const comma = rest.find(',');
         std::string_view const k = rest.substr(0, comma);
-        if (k == "nocache") o.kinds |= nocache;
-        else if (k == "wrongvif") o.kinds |= wrongvif;
-        else if (k == "wholepkt") o.kinds |= wholepkt;
-        else return usageError("unknown kind '" + std::string(k) + "'");
+        if (k == "nocache")
+          o.kinds |= nocache;
+        else if (k == "wrongvif")
+          o.kinds |= wrongvif;
+        else if (k == "wholepkt")
+          o.kinds |= wholepkt;
+        else
+          return usageError("unknown kind '" + std::string(k) + "'");
         rest = comma == std::string_view::npos ? std::string_view() : rest.substr(comma + 1);
       }
     } else if (a == "--vif") {
@@ -160,7 +164,8 @@ int parseArgs(int argc, char** argv, Options& o) {
       std::string_view const s = v ? v : "";
       std::size_t const eq = s.find('=');
       char* end = nullptr;
-      unsigned long const n = eq == std::string_view::npos ? 0 : std::strtoul(std::string(s.substr(0, eq)).c_str(), &end, 10);
+      unsigned long const n =
+          eq == std::string_view::npos ? 0 : std::strtoul(std::string(s.substr(0, eq)).c_str(), &end, 10);
       if (eq == std::string_view::npos || eq == 0 || (end && *end) || n > 65535) return usageError("--vif is N=INTF");
       try {
         o.status->vifIntfIs(std::uint16_t(n), Wirly::IntfId(s.substr(eq + 1)));
@@ -196,8 +201,10 @@ int parseArgs(int argc, char** argv, Options& o) {
 int main(int argc, char** argv) {
   Options o;
   if (int const rc = parseArgs(argc, argv, o)) return rc;
-  if (o.source == "relay") ::setenv("MCAST_NO_NETLINK", "1", 1);
-  else ::unsetenv("MCAST_NO_NETLINK");
+  if (o.source == "relay")
+    ::setenv("MCAST_NO_NETLINK", "1", 1);
+  else
+    ::unsetenv("MCAST_NO_NETLINK");
 
   Kiv::EventLoop loop;
   Wirly::Pam::defaultEventLoopIs(&loop);
@@ -219,7 +226,7 @@ int main(int argc, char** argv) {
     std::cerr << "mrtmon: the upcall socket declined to start (see --source)\n";
     return 1;
   }
-  struct sigaction sa{};
+  struct sigaction sa {};
   sa.sa_handler = onSignal;
   ::sigaction(SIGINT, &sa, nullptr);
   ::sigaction(SIGTERM, &sa, nullptr);
