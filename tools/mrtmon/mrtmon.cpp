@@ -163,10 +163,10 @@ int parseArgs(int argc, char** argv, Options& o) {
       char const* v = value("--vif");
       std::string_view const s = v ? v : "";
       std::size_t const eq = s.find('=');
+      std::string const index(s.substr(0, eq == std::string_view::npos ? 0 : eq));
       char* end = nullptr;
-      unsigned long const n =
-          eq == std::string_view::npos ? 0 : std::strtoul(std::string(s.substr(0, eq)).c_str(), &end, 10);
-      if (eq == std::string_view::npos || eq == 0 || (end && *end) || n > 65535) return usageError("--vif is N=INTF");
+      unsigned long const n = std::strtoul(index.c_str(), &end, 10);
+      if (eq == std::string_view::npos || index.empty() || *end || n > 65535) return usageError("--vif is N=INTF");
       try {
         o.status->vifIntfIs(std::uint16_t(n), Wirly::IntfId(s.substr(eq + 1)));
       } catch (std::exception const& e) {
