@@ -2,7 +2,7 @@
 // shared-memory MFIB tables; an agent picks the best route per (S, G) and
 // checks its answer. The top-level README describes the run.
 //
-//   mfib-demo run                 everything, under a private table root
+//   mfib-demo run [--keep]        everything, under a private table root
 //   mfib-demo publish APP         one publisher (fds 3 and 4, see Demo.h)
 //   mfib-demo agent APP...        the agent (fds 3, 4, 5, 6, ...)
 #include <fcntl.h>
@@ -34,7 +34,7 @@ char const* const kUsage =
     "usage: mfib-demo run [--keep]\n"
     "       mfib-demo publish APP       (reports on fd 3, takes rounds from fd 4)\n"
     "       mfib-demo agent APP...      (APP i: reports on fd 3+2i, rounds to fd 4+2i)\n"
-    "APP is pim or static. run puts the tables under $VORN_ROOT when it is set,\n"
+    "APP is pim, static or igmp. run puts the tables under $VORN_ROOT when it is set,\n"
     "else under a private directory in /dev/shm that it removes at the end unless\n"
     "--keep is given; tables it leaves can be read with vornctl --root DIR.\n"
     "       mfib-demo --version\n";
@@ -122,6 +122,9 @@ int runMain(bool keep) {
   TableRoot tableRoot;
   if (!makeTableRoot(keep, tableRoot)) return 1;
   std::string const& root = tableRoot.path;
+  // The processes' ring-buffer traces go with the tables, unless the caller
+  // chose where they go.
+  ::setenv("BRISKLOG_DIR", root.c_str(), 0);
 
   struct sigaction sa = {};
   sa.sa_handler = onSignal;  // no SA_RESTART: waitpid returns to look at it

@@ -9,6 +9,7 @@
 #include "Brisklog/Brisklog.h"
 #include "Kiv/Exception.h"
 #include "Kiv/Trace.h"
+#include "Stelo/SharedDir.h"
 #include "Vorn/Registry.h"
 
 namespace KivVorn {
@@ -42,6 +43,18 @@ void Mount::handleInitialized() {
 void Mount::doMount(std::string const& url, std::string const& typeName, MountInfo const& mountInfo) {
   KIV_TRACE(th, 9, "void KivVorn::Mount::doMount(" << url << ", " << typeName << ", kind " << mountInfo.kind << ")");
   std::string const path = entityManager_->pathOfUrl(url);  // refuses unsafe URLs
+  if (mountInfo.kind == MountInfo::dirWriter || mountInfo.kind == MountInfo::dirReader) {
+    if (entityManager_->sharedDir(url)) return;
+    Kiv::Ptr<Stelo::SharedDir> dir =
+        mountInfo.kind == MountInfo::dirWriter
+            ? Stelo::SharedDir::writerIs(entityManager_, url, typeName, Kiv::Name(mountInfo.entry))
+            : Stelo::SharedDir::readerIs(entityManager_, url, typeName);
+    entityManager_->sharedDirIs(url, dir);
+    KIV_TRACE(th, 5, "doMount: shared directory " << url << " of " << typeName
+                                                  << (mountInfo.kind == MountInfo::dirWriter ? ", publishing " : "")
+                                                  << mountInfo.entry);
+    return;
+  }
   if (Kiv::Ptr<Vorn::Status> existing = entityManager_->mounted(url)) {
     if (existing->typeName() != typeName)
       KIV_TRACE(th, 2, "doMount: " << url << " is mounted already as " << existing->typeName() << ", not "
@@ -94,7 +107,9 @@ void Mount::doMount(std::string const& url, std::string const& typeName, MountIn
 }
 
 Kiv::Ptr<Kiv::Entity> Mount::getEntity(std::string const& url) const {
-  return Kiv::Ptr<Kiv::Entity>(entityManager_->mounted(url));
+  if (Kiv::Ptr<Vorn::Status> status = entityManager_->mounted(url)) return Kiv::Ptr<Kiv::Entity>(status);
+  if (Kiv::Ptr<Stelo::SharedDir> dir = entityManager_->sharedDir(url)) return Kiv::Ptr<Kiv::Entity>(dir->dir());
+  return nullptr;
 }
 
 void Mount::doUnmount(std::string const& url) {
@@ -104,6 +119,7 @@ void Mount::doUnmount(std::string const& url) {
     status->unmount();
     BRISKLOG("KivVorn::Mount", "unmounted %s", url);
   }
+  if (Kiv::Ptr<Stelo::SharedDir> dir = entityManager_->sharedDirDel(url)) dir->stop();
 }
 
 void Mount::cleanup(std::string const& url) {

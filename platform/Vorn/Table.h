@@ -56,6 +56,7 @@
 #include <functional>
 #include <map>
 #include <ostream>
+#include <sstream>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -133,6 +134,10 @@ class TableBase {
   // (hex bytes for a type without one): every record in key order as
   // lines (a record holds its key), at most `limit`; returns how many.
   virtual std::size_t printOrdered(std::ostream& os, std::size_t limit) const = 0;
+  // The same walk with the key and the record printed apart, for tools that
+  // print them as separate fields.
+  using PrintedRecord = std::function<void(std::string const& key, std::string const& record)>;
+  virtual std::size_t forEachPrinted(std::size_t limit, PrintedRecord const& fn) const = 0;
   // One key (keySize bytes): its record, or "key deleted".
   virtual void printKey(std::ostream& os, void const* key) const = 0;
 
@@ -473,6 +478,19 @@ class Table : public TableBase {
     for (bool ok = first(k, r, hint); ok && n < limit; ok = next(k, k, r, hint), ++n) {
       printValue(os, r);
       os << "\n";
+    }
+    return n;
+  }
+  std::size_t forEachPrinted(std::size_t limit, PrintedRecord const& fn) const override {
+    IterHint hint;
+    K k;
+    R r;
+    std::size_t n = 0;
+    for (bool ok = first(k, r, hint); ok && n < limit; ok = next(k, k, r, hint), ++n) {
+      std::ostringstream key, record;
+      printValue(key, k);
+      printValue(record, r);
+      fn(key.str(), record.str());
     }
     return n;
   }

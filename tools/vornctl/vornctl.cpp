@@ -25,6 +25,8 @@
 #include <vector>
 
 #include "BitMapper/BitMapperSchema.h"
+#include "Json.h"
+#include "Options.h"
 #include "Kiv/EventLoop.h"
 #include "Kiv/Exception.h"
 #include "Vorn/Registry.h"
@@ -36,6 +38,8 @@
 
 namespace {
 
+using namespace Vornctl;
+
 char const* const kUsage =
     "usage: vornctl [--root DIR] <command> [arguments]\n"
     "       vornctl --version\n"
@@ -46,54 +50,12 @@ char const* const kUsage =
     "  dump <region> <table>     a table's records in key order\n"
     "  watch <region>            changes as they happen\n"
     "  types                     the status types this tool can print\n"
+    "  dir                       the MFIB directory: applications, VRFs, table URLs\n"
+    "\n"
+    "list, show, dump and dir print JSON with --json.\n"
     "\n"
     "A region is a URL under the root (default $VORN_ROOT, else /dev/shm/vorn)\n"
     "or the path of a .vorn file. 'vornctl <command> --help' says more.\n";
-
-// A malformed command line: main prints the text and exits with status 2.
-struct UsageError : std::runtime_error {
-  using std::runtime_error::runtime_error;
-};
-
-// The value of `--name VALUE` in args, or nullptr when the option is absent.
-std::string const* optionValue(std::vector<std::string> const& args, std::string const& name) {
-  for (std::size_t i = 0; i < args.size(); ++i) {
-    if (args[i] != name) continue;
-    if (i + 1 >= args.size()) throw UsageError(name + " needs a value");
-    return &args[i + 1];
-  }
-  return nullptr;
-}
-
-// A count option: a whole number of at least 0, written in decimal.
-std::size_t countOption(std::vector<std::string> const& args, std::string const& name, std::size_t absent) {
-  std::string const* v = optionValue(args, name);
-  if (v == nullptr) return absent;
-  bool ok = !v->empty() && v->size() <= 18;
-  for (char c : *v) ok = ok && c >= '0' && c <= '9';
-  if (!ok) throw UsageError(name + " takes a whole number of 0 or more, not '" + *v + "'");
-  return std::stoull(*v);
-}
-
-// A duration option in seconds: a finite decimal number of at least 0.
-double secondsOption(std::vector<std::string> const& args, std::string const& name, double absent) {
-  std::string const* v = optionValue(args, name);
-  if (v == nullptr) return absent;
-  char* end = nullptr;
-  double const d = v->empty() ? -1 : std::strtod(v->c_str(), &end);
-  if (v->empty() || *end != '\0' || !(d >= 0) || d > 1e9)
-    throw UsageError(name + " takes a number of seconds of 0 or more, not '" + *v + "'");
-  return d;
-}
-
-std::string utcText(std::uint64_t seconds) {
-  std::time_t const t = static_cast<std::time_t>(seconds);
-  std::tm tm{};
-  gmtime_r(&t, &tm);
-  char buf[64];
-  std::strftime(buf, sizeof buf, "%Y-%m-%dT%H:%M:%SZ", &tm);
-  return buf;
-}
 
 struct Command {
   char const* name;
@@ -106,23 +68,10 @@ bool wantsHelp(std::vector<std::string> const& args) {
          args.end();
 }
 
-// A name that starts with '/' or ends in ".vorn" is a file's path (a missing
-// one is reported as missing, not looked up again as a URL); anything else
-// is a URL under the root.
-std::string pathOf(std::string const& root, std::string const& region) {
-  if (region.find('/') == 0 || (region.size() > 5 && region.compare(region.size() - 5, 5, ".vorn") == 0))
-    return region;
-  return root + "/" + Vorn::fileNameOfUrl(region);
-}
-
 std::string writerText(Vorn::Region const& r) {
   std::uint32_t const pid = r.writerPid();
   if (pid == 0) return "none";
   return std::to_string(pid) + (r.writerAlive() ? " (running)" : " (gone)");
-}
-
-std::uint32_t tableSize(Vorn::TableGeometry const& g) {
-  return std::min(g.control->size.load(std::memory_order_relaxed), g.capacity);
 }
 
 int list(std::string const& root, std::vector<std::string> const&) {
@@ -152,11 +101,9 @@ int list(std::string const& root, std::vector<std::string> const&) {
 }
 
 int show(std::string const& root, std::vector<std::string> const& args) {
-  if (args.size() != 1) {
-    std::cerr << "usage: vornctl show <region>\n";
-    return 2;
-  }
-  auto r = Vorn::Region::inspectorIs(pathOf(root, args[0]));
+  std::vector<std::string> const pos = positional(args, {}, {});
+  if (pos.size() != 1) throw UsageError("show takes one region");
+  auto r = Vorn::Region::inspectorIs(pathOf(root, pos[0]));
   Vorn::Layout::Header const* h = r->header();
   std::uint64_t const armed = h->armed.load();
   std::cout << "file         " << r->path() << "\n"
@@ -203,25 +150,6 @@ std::size_t rawDump(Vorn::Region const& r, Vorn::TableGeometry const& g, std::si
   return n;
 }
 
-// The arguments that are not options, for a command whose options all take
-// a value; an option it does not know is a usage error.
-std::vector<std::string> positional(std::vector<std::string> const& args,
-                                    std::initializer_list<char const*> options) {
-  std::vector<std::string> out;
-  for (std::size_t i = 0; i < args.size(); ++i) {
-    if (args[i].rfind("--", 0) == 0) {
-      if (std::find_if(options.begin(), options.end(), [&](char const* o) { return args[i] == o; }) ==
-          options.end())
-        throw UsageError("unknown option " + args[i]);
-      if (i + 1 >= args.size()) throw UsageError(args[i] + " needs a value");
-      ++i;
-      continue;
-    }
-    out.push_back(args[i]);
-  }
-  return out;
-}
-
 // An MFIB route table prints each outgoing-interface index as the interface
 // it stands for: through the bit mapper table given with --bitmapper, else
 // through the table's own oifIndexIntf table; "7:unmapped" where neither
@@ -248,7 +176,7 @@ void dumpMfibRoutes(Vorn::Multicast::Fib::Status const& mfib, BitMapper::VornSta
 }
 
 int dump(std::string const& root, std::vector<std::string> const& args) {
-  std::vector<std::string> const pos = positional(args, {"--limit", "--bitmapper"});
+  std::vector<std::string> const pos = positional(args, {"--limit", "--bitmapper"}, {});
   if (pos.size() != 2) throw UsageError("dump takes a region and a table");
   std::size_t const limit = countOption(args, "--limit", SIZE_MAX);
   std::string const path = pathOf(root, pos[0]);
@@ -286,7 +214,7 @@ int dump(std::string const& root, std::vector<std::string> const& args) {
 volatile sig_atomic_t stopRequested = 0;
 
 int watch(std::string const& root, std::vector<std::string> const& args) {
-  std::vector<std::string> const pos = positional(args, {"--count", "--seconds"});
+  std::vector<std::string> const pos = positional(args, {"--count", "--seconds"}, {});
   if (pos.size() != 1) throw UsageError("watch takes one region");
   std::size_t const count = countOption(args, "--count", SIZE_MAX);
   double const seconds = secondsOption(args, "--seconds", 1e9);
@@ -330,6 +258,7 @@ Command const commands[] = {
     {"dump", "usage: vornctl dump <region> <table> [--limit N] [--bitmapper <region>]\n\nPrints a table's records in key order, one line each, through the schema's\nprinters; a type unknown to this tool prints as raw hex ('key -> record').\nAn MFIB route table names its outgoing interfaces through its oifIndexIntf\ntable, or through the bit mapper table given with --bitmapper.\n", dump},
     {"watch", "usage: vornctl watch <region> [--count N] [--seconds S]\n\nFollows the region like a reader does and prints 'table: record' (or\n'table: key deleted') for every change, until N changes, S seconds, or\nSIGINT/SIGTERM.\n", watch},
     {"types", "usage: vornctl types\n\nLists the status types whose records this tool can print.\n", types},
+    {"dir", Vornctl::mfibDirHelp, Vornctl::mfibDir},
 };
 
 }  // namespace
@@ -361,6 +290,7 @@ int main(int argc, char** argv) {
       return 0;
     }
     try {
+      if (auto json = Vornctl::runJson(c.name, root, rest)) return *json;
       return c.run(root, rest);
     } catch (UsageError const& e) {
       std::cerr << "vornctl " << c.name << ": " << e.what() << "\nTry 'vornctl " << c.name << " --help'.\n";

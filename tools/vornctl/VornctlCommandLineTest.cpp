@@ -28,11 +28,11 @@ struct ToolRun {
   std::string err;
 };
 
-class VornctlTest : public ::testing::Test {
+class VornctlCommandLineTest : public ::testing::Test {
  protected:
   ToolRun vornctl(std::string const& args) {
     std::string const errFile = root.file("stderr");
-    std::string const cmd = std::string(VORNCTL) + " " + args + " 2>" + errFile;
+    std::string const cmd = std::string(VORNCTL_PATH) + " " + args + " 2>" + errFile;
     ToolRun r;
     FILE* p = ::popen(cmd.c_str(), "r");
     char buf[4096];
@@ -68,7 +68,7 @@ class VornctlTest : public ::testing::Test {
   VornTest::PrivateRoot root;
 };
 
-TEST_F(VornctlTest, DumpPrintsEachRouteOnceWithInterfaceNames) {
+TEST_F(VornctlCommandLineTest, DumpPrintsEachRouteOnceWithInterfaceNames) {
   auto table = mfibTable("mfib/default/pim");
   ToolRun r = vornctl(rooted("dump mfib/default/pim route"));
   ASSERT_EQ(r.status, 0) << r.err;
@@ -93,7 +93,7 @@ TEST_F(VornctlTest, DumpPrintsEachRouteOnceWithInterfaceNames) {
   EXPECT_EQ(r.out, "oifIndex 1 intf Ethernet1\noifIndex 2 intf Ethernet2\noifIndex 3 intf Ethernet3\n");
 }
 
-TEST_F(VornctlTest, MalformedCommandLinesNameTheirFault) {
+TEST_F(VornctlCommandLineTest, MalformedCommandLinesNameTheirFault) {
   auto table = mfibTable("mfib/default/pim");
   struct Case {
     std::string args;
@@ -124,7 +124,7 @@ TEST_F(VornctlTest, MalformedCommandLinesNameTheirFault) {
   EXPECT_EQ(r.err.find(".vorn.vorn"), std::string::npos) << r.err;
 }
 
-TEST_F(VornctlTest, ShowCountsOnlyLiveReadersAndPrintsUtc) {
+TEST_F(VornctlCommandLineTest, ShowCountsOnlyLiveReadersAndPrintsUtc) {
   auto table = mfibTable("mfib/default/pim");
   std::string const path = root.path() + "/" + Vorn::fileNameOfUrl("mfib/default/pim");
   int ready[2];
@@ -152,9 +152,9 @@ TEST_F(VornctlTest, ShowCountsOnlyLiveReadersAndPrintsUtc) {
   ::close(ready[1]);
 }
 
-TEST_F(VornctlTest, WatchGivesBackItsDoorbellOnSigterm) {
+TEST_F(VornctlCommandLineTest, WatchGivesBackItsDoorbellOnSigterm) {
   auto table = mfibTable("mfib/default/pim");
-  std::string const cmd = std::string(VORNCTL) + " " + rooted("watch mfib/default/pim");
+  std::string const cmd = std::string(VORNCTL_PATH) + " " + rooted("watch mfib/default/pim");
   pid_t const child = ::fork();
   if (child == 0) {
     ::execl("/bin/sh", "sh", "-c", ("exec " + cmd + " >/dev/null").c_str(), nullptr);
@@ -178,7 +178,7 @@ TEST_F(VornctlTest, WatchGivesBackItsDoorbellOnSigterm) {
   ::closedir(d);
 }
 
-TEST_F(VornctlTest, VersionIsPrinted) {
+TEST_F(VornctlCommandLineTest, VersionIsPrinted) {
   ToolRun const r = vornctl("--version");
   EXPECT_EQ(r.status, 0);
   EXPECT_EQ(r.out.rfind("vornctl (libmroute) ", 0), 0u) << r.out;
