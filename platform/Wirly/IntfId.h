@@ -46,6 +46,8 @@ class IntfId {
 
   constexpr std::uint64_t value() const { return value_; }
   constexpr bool empty() const { return value_ == 0; }
+  // True for any id but the empty one.
+  explicit constexpr operator bool() const { return value_ != 0; }
   // True when the raw value is the empty id or decodes to a name of a known kind.
   bool valid() const;
   std::string name() const;
