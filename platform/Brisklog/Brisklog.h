@@ -184,9 +184,7 @@ decltype(auto) resolve(T const& v) {
 template <class T>
 auto norm(T const& v) {
   using U = std::remove_cvref_t<T>;
-  if constexpr (std::is_same_v<U, bool>) {
-    return v;
-  } else if constexpr (std::is_same_v<U, char>) {
+  if constexpr (std::is_same_v<U, bool> || std::is_same_v<U, char>) {
     return v;
   } else if constexpr (std::is_enum_v<U>) {
     return norm(static_cast<std::underlying_type_t<U>>(v));

@@ -73,7 +73,8 @@ class Ptr {
   Ptr(Ptr<U>&& o) noexcept : p_(o.release()) {}
   ~Ptr() { if (p_) p_->deleteRef(); }
 
-  Ptr& operator=(Ptr const& o) { Ptr(o).swap(*this); return *this; }
+  // Copy and swap: assigning a pointer to itself takes a reference first.
+  Ptr& operator=(Ptr const& o) { Ptr(o).swap(*this); return *this; }  // NOLINT(bugprone-unhandled-self-assignment)
   Ptr& operator=(Ptr&& o) noexcept { Ptr(std::move(o)).swap(*this); return *this; }
   Ptr& operator=(T* p) { Ptr(p).swap(*this); return *this; }
   Ptr& operator=(std::nullptr_t) { Ptr().swap(*this); return *this; }
