@@ -678,10 +678,12 @@ void Reader::readRing(std::uint32_t index, std::vector<Record>& out) {
     if (w == (p ^ kRecordKey) && in(off, sizeof(RecordHeader))) {
       RecordHeader rh;
       std::memcpy(&rh, map_ + off, sizeof rh);
-      std::uint64_t span = align8(rh.bytes);
-      if (rh.bytes >= sizeof(RecordHeader) && rh.bytes <= info_.maxRecordBytes &&
-          (p & mask) + span <= ringBytes && p + span <= head && in(off, rh.bytes)) {
-        copy.assign(map_ + off, map_ + off + rh.bytes);
+      bool const checked = rh.flags & kRecordChecked;
+      std::uint64_t span = align8(rh.bytes) + (checked ? 8 : 0);
+      bool const whole = rh.bytes >= sizeof(RecordHeader) && rh.bytes <= info_.maxRecordBytes &&
+                         (p & mask) + span <= ringBytes && p + span <= head && in(off, span);
+      if (whole) {
+        copy.assign(map_ + off, map_ + off + span);
         std::atomic_thread_fence(std::memory_order_acquire);
         if (load64(base) > p + ringBytes) {
           // Overwritten while being copied: start over after the wrap next time.
@@ -689,12 +691,37 @@ void Reader::readRing(std::uint32_t index, std::vector<Record>& out) {
           c.started = false;
           return;
         }
+      }
+      // A stamped record in the shared ring whose bytes do not add up was
+      // written over by a thread that had reserved the same space a lap
+      // earlier and was preempted before it finished.
+      bool const late = index == sharedRing_ &&
+                        (!whole || !checked ||
+                         recordChecksum(p, copy.data() + 8, span - 16) !=
+                             [&] {
+                               std::uint64_t sum;
+                               std::memcpy(&sum, copy.data() + span - 8, 8);
+                               return sum;
+                             }());
+      if (whole || late) {
         GapEnd g = closeGap(false);
         if (g == kStop) return;
         if (g == kRescan) continue;
+      }
+      if (late) {
+        note(name + "a record at position " + std::to_string(p) +
+             " was written over by a thread that finished late; both are lost");
+        // Its length may be damaged too: find the next record by its stamp.
+        synced = false;
+        inGap = true;
+        gapStart = p;
+        p += 8;
+        continue;
+      }
+      if (whole) {
         synced = true;
         Record r;
-        if (decode(index, p, copy.data(), copy.size(), r)) out.push_back(std::move(r));
+        if (decode(index, p, copy.data(), rh.bytes, r)) out.push_back(std::move(r));
         p += span;
         continue;
       }

@@ -14,8 +14,9 @@
 // or loops without end. What cannot be decoded is reported in problems();
 // expected losses (an incomplete last record of a killed writer, records
 // overwritten before a follower read them, a record that a live writer
-// sharing a ring with other threads had not finished after 50 ms) go to
-// notes().
+// sharing a ring with other threads had not finished after 50 ms, a record
+// in the shared ring whose checksum shows another thread wrote into it late)
+// go to notes().
 //
 // Against a live writer: a record is taken only if its position stamp is in
 // place (the writer stores it last, with release ordering) and, after its
