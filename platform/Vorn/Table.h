@@ -866,6 +866,13 @@ class Table : public TableBase {
 template <class K, class R, auto KeyOf>
 void Table<K, R, KeyOf>::adopt() {
   genBegin();
+  // The head's counters too: a writer killed while relinking it leaves its
+  // lseq odd, and every ordered walk starts there.
+  for (Layout::EntryHead* e = head(headEntry()); auto* seq : {&e->lseq, &e->dseq}) {
+    std::uint32_t const v = seq->load(std::memory_order_relaxed);
+    if (v & 1) seq->store(v + 1, std::memory_order_relaxed);
+  }
+  head(headEntry())->op = Layout::opNone;
   std::vector<std::uint32_t> keep;
   std::vector<K> dropped;
   for (std::uint32_t i = 0; i < capacity_; ++i) {

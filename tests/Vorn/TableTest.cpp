@@ -253,6 +253,22 @@ TEST_F(VornTable, NewWriterAdoptsRecordsAndDropsOneTornByACrash) {
   EXPECT_THROW(w2->entryIs(record(5000)), Kiv::RangeException);
 }
 
+TEST_F(VornTable, AdoptionRepairsTheSkipListHeadLeftMidRelink) {
+  std::map<TestKey, TestRecord> model;
+  {
+    auto w = mounted(path, Mode::writer);
+    for (std::uint64_t n = 0; n < 50; ++n) model[record(n).key] = record(n), w->entryIs(record(n));
+    // A writer killed while relinking the head leaves the head's lseq odd.
+    headOf(*w, w->entryTable().capacity())->lseq.fetch_add(1);
+  }
+  for (int adoption = 0; adoption < 2; ++adoption) {
+    auto w = mounted(path, Mode::writer);
+    expectSame(*w, model, 60);
+    auto r = mounted(path, Mode::reader);
+    expectSame(*r, model, 60);
+  }
+}
+
 TEST_F(VornTable, CorruptSlotsAndLinksRaiseInsteadOfCrashingOrLooping) {
   auto w = mounted(path, Mode::writer);
   for (std::uint64_t n = 0; n < 50; ++n) w->entryIs(record(n));
