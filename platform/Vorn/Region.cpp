@@ -17,6 +17,8 @@
 
 namespace Vorn {
 
+StepHook stepHook = nullptr;
+
 namespace {
 
 // Mappings whose file may shrink under us. The bus-error handler replaces
@@ -374,6 +376,10 @@ std::unique_ptr<Region> Region::create(std::string const& path, std::string_view
     auto* links = reinterpret_cast<Layout::Link*>(headEntry + d.linksOffset);
     for (std::uint32_t l = 0; l < Layout::kMaxLevel; ++l) links[l].store(Layout::kNone, std::memory_order_relaxed);
   }
+  if (!r->writerLockTake()) {
+    ::unlink(tmp.c_str());
+    throw Kiv::ErrnoException("fcntl(F_OFD_SETLK " + tmp + ")", errno);
+  }
   h->writerPid.store(static_cast<std::uint32_t>(getpid()), std::memory_order_relaxed);
   h->writerEpoch.store(1, std::memory_order_relaxed);
   h->magic = Layout::kMagic;
@@ -400,7 +406,8 @@ std::unique_ptr<Region> Region::writerIs(std::string const& path, std::string_vi
       r->validate(typeName, &shapes);
       r->checkTruncated();
       std::uint32_t const other = r->writerPid();
-      if (other != 0 && other != static_cast<std::uint32_t>(getpid()) && pidAlive(other)) {
+      bool const mine = other == static_cast<std::uint32_t>(getpid());
+      if (!r->writerLockTake() && !mine) {
         r->mode_ = Mode::reader;  // leaves the running writer's pid alone
         throw Kiv::Exception(path + " is being written by pid " + std::to_string(other));
       }
@@ -452,7 +459,36 @@ std::unique_ptr<Region> Region::inspectorIs(std::string const& path) {
   return r;
 }
 
-bool Region::writerAlive() const { return pidAlive(writerPid()); }
+bool Region::writerAlive() const {
+  std::uint32_t const pid = writerPid();
+  if (pid == static_cast<std::uint32_t>(getpid())) return true;
+  return pidAlive(pid) && writerLockHeld();
+}
+
+bool Region::writerLockTake() {
+  struct flock fl;
+  std::memset(&fl, 0, sizeof fl);
+  fl.l_type = F_WRLCK;
+  fl.l_whence = SEEK_SET;
+  fl.l_start = 0;
+  fl.l_len = 1;
+  if (fcntl(fd_, F_OFD_SETLK, &fl) == 0) return true;
+  // Held by another open file; on a file system without such locks the
+  // pid check alone stands.
+  return errno != EAGAIN && errno != EACCES;
+}
+
+bool Region::writerLockHeld() const {
+  struct flock fl;
+  std::memset(&fl, 0, sizeof fl);
+  fl.l_type = F_WRLCK;
+  fl.l_whence = SEEK_SET;
+  fl.l_start = 0;
+  fl.l_len = 1;
+  // A file system without such locks cannot say; the pid alone decides.
+  if (fcntl(fd_, F_OFD_GETLK, &fl) != 0) return true;
+  return fl.l_type != F_UNLCK;
+}
 
 void Region::truncatedFail() const { fail("the file was truncated under a live mapping"); }
 

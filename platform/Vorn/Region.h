@@ -31,6 +31,16 @@
 
 namespace Vorn {
 
+// Test-only: called at each named step of the writer's write, index
+// rebuild and adoption paths ("insert.link", "adopt.head", ...), so that a
+// test can kill the writer exactly there. Null by default, which costs one
+// predicted branch per step.
+using StepHook = void (*)(char const* step);
+extern StepHook stepHook;
+inline void writerStep(char const* name) {
+  if (__builtin_expect(stepHook != nullptr, 0)) stepHook(name);
+}
+
 // What a schema says about one of its tables.
 struct TableShape {
   std::string name;
@@ -100,6 +110,10 @@ class Region {
   TableGeometry const& table(std::uint32_t i) const { return geometry_[i]; }
   std::uint32_t logCapacity() const { return logCapacity_; }
   std::uint32_t writerPid() const { return header_->writerPid.load(std::memory_order_relaxed); }
+  // The recorded writer runs and still holds the region's writer lock (an
+  // open-file-description lock on the file's first byte, gone with the
+  // writer's last descriptor): neither a zombie nor an unrelated process
+  // that got the pid passes.
   bool writerAlive() const;
 
   // Set (from the fault handler) when the file shrank under the mapping.
@@ -147,6 +161,9 @@ class Region {
   void map(int fd, std::uint64_t size, bool writable);
   void validate(std::string_view typeName, std::vector<TableShape> const* shapes);
   void ring(std::uint64_t armed);
+  // Takes the writer lock; false when another open file holds it.
+  bool writerLockTake();
+  bool writerLockHeld() const;
   static std::unique_ptr<Region> create(std::string const& path, std::string_view typeName,
                                         std::vector<TableShape> const& shapes,
                                         std::uint32_t logCapacity);
