@@ -413,6 +413,7 @@ std::unique_ptr<Region> Region::writerIs(std::string const& path, std::string_vi
       }
       r->adopted_ = true;
       r->header_->writerPid.store(static_cast<std::uint32_t>(getpid()), std::memory_order_release);
+      writerStep("adopt.claim");
       r->header_->writerEpoch.fetch_add(1, std::memory_order_acq_rel);
       return r;
     } catch (Pelto::CorruptionDetectedException const&) {
@@ -535,6 +536,7 @@ std::uint64_t Region::logChange(std::uint32_t table, void const* key, std::uint3
   auto* lh = reinterpret_cast<Layout::LogHead*>(e);
   lh->seq.store(2 * p + 1, std::memory_order_relaxed);
   std::atomic_thread_fence(std::memory_order_release);
+  writerStep("log.change");
   lh->table = table;
   lh->keySize = keySize;
   std::memcpy(e + sizeof(Layout::LogHead), key, std::min(keySize, maxKeySize_));

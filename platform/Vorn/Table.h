@@ -237,6 +237,8 @@ class TableBase {
   [[noreturn]] void linkFail(std::uint32_t from, std::uint32_t level, std::uint32_t to) const;
   [[noreturn]] void slotFail(std::uint32_t slot, std::uint64_t value) const;
   [[noreturn]] void loopFail(char const* where) const;
+  // Traces that reads now come from a private index of the entries.
+  void fallbackNoticed() const;
   void rebuildHashSlots();
   void checkUsable(bool forWrite) const {
     if (region_ == nullptr) notMounted();
@@ -302,6 +304,7 @@ class Table : public TableBase {
       if (same(cur, r)) return false;
       Layout::EntryHead* e = head(idx);
       writeBegin(e->dseq);
+      writerStep("replace.record");
       std::memcpy(recordAt(idx), &r, sizeof(R));
       e->stamp = region_->nextStamp();
       writeEnd(e->dseq);
@@ -317,6 +320,7 @@ class Table : public TableBase {
       writeBegin(e->dseq);
       e->live = 1;
       e->level = static_cast<std::uint8_t>(level);
+      writerStep("insert.entry");
       std::memcpy(keyAt(idx), &k, sizeof(K));
       mirror_[idx].key = k;
       for (std::uint32_t l = 0; l < Layout::kMaxLevel; ++l) {
@@ -342,6 +346,7 @@ class Table : public TableBase {
         Layout::EntryHead* ph = head(p);
         ph->op = Layout::opLink;
         writeBegin(ph->lseq);
+        writerStep("insert.link");
         for (; l < level && preds[l] == p; ++l) {
           links(p)[l].store(idx, std::memory_order_relaxed);
           mirror_[p].next[l] = idx;
@@ -354,6 +359,7 @@ class Table : public TableBase {
         topLevel_ = level;
         control_->topLevel.store(level, std::memory_order_release);
       }
+      writerStep("insert.slot");
       if (std::uint32_t(slots_[ins].load(std::memory_order_relaxed)) == Layout::kSlotTombstone) --tombstones_;
       slots_[ins].store((h >> 32) << 32 | (std::uint64_t(idx) + 1), std::memory_order_release);
       control_->size.store(capacity_ - std::uint32_t(free_.size()), std::memory_order_relaxed);
@@ -390,6 +396,7 @@ class Table : public TableBase {
       if (mirror_[p].next[l] != idx) continue;  // never linked this high
       ph->op = Layout::opLink;
       writeBegin(ph->lseq);
+      writerStep("delete.unlink");
       for (;; --l) {
         if (mirror_[p].next[l] == idx) {
           links(p)[l].store(mirror_[idx].next[l], std::memory_order_relaxed);
@@ -409,6 +416,7 @@ class Table : public TableBase {
     ++tombstones_;
     e->op = Layout::opDelete;
     writeBegin(e->lseq);
+    writerStep("delete.retire");
     e->live = 0;
     writeEnd(e->lseq);
     e->op = Layout::opNone;
@@ -587,6 +595,8 @@ class Table : public TableBase {
   // (when given) and its stamp.
   bool lookup(K const& k, R* out, std::uint64_t& stamp) const {
     checkUsable(false);
+    if (__builtin_expect(control_->structGen.load(std::memory_order_relaxed) & 1, 0) && fallbackReady())
+      return fallbackLookup(k, out, stamp);
     std::uint64_t const h = hash(k);
     std::uint32_t const tag = std::uint32_t(h >> 32);
     for (unsigned attempt = 0; attempt < kRetries; ++attempt) {
@@ -700,6 +710,8 @@ class Table : public TableBase {
   // the first key when target is null.
   bool seek(K const* target, bool strict, K& key, R& rec, IterHint& hint) const {
     checkUsable(false);
+    if (__builtin_expect(control_->structGen.load(std::memory_order_relaxed) & 1, 0) && fallbackReady())
+      return fallbackSeek(target, strict, key, rec, hint);
     for (unsigned attempt = 0; attempt < kRetries; ++attempt) {
       std::uint64_t const g = readBegin();
       int r = seekOnce(target, strict, key, rec, hint);
@@ -760,6 +772,66 @@ class Table : public TableBase {
     hint.entry = cand;
     hint.seq = cs;
     return 1;
+  }
+
+  // A writer killed while rebuilding the indexes (or adopting the file)
+  // leaves structGen odd for good, with the hash slots and the skip list
+  // half made; the entries themselves are whole but for at most one. Until
+  // a new writer adopts the file, readers answer lookups and ordered walks
+  // from a private index of the entries, built by one scan and kept while
+  // structGen and the writer epoch stay as they are.
+  bool fallbackReady() const {
+    std::uint64_t const g = control_->structGen.load(std::memory_order_acquire);
+    if ((g & 1) == 0) return false;
+    std::uint64_t const epoch = region_->header()->writerEpoch.load(std::memory_order_acquire);
+    if (fallbackValid_ && fallbackGen_ == g && fallbackEpoch_ == epoch) return true;
+    // A live writer gets the bounded wait: it is most likely mid-rebuild.
+    if (writer() || region_->writerAlive()) return false;
+    fallback_.clear();
+    for (std::uint32_t i = 0; i < capacity_; ++i) {
+      K k;
+      std::uint64_t stamp;
+      try {
+        if (readEntry(i, &k, nullptr, stamp)) fallback_.emplace_back(k, i);
+      } catch (Pelto::CorruptionDetectedException const& e) {
+        corruptionDetected(e.what());
+        if (region_->truncated()) throw;
+      }
+    }
+    std::sort(fallback_.begin(), fallback_.end(),
+              [](auto const& a, auto const& b) { return a.first < b.first; });
+    fallbackValid_ = true;
+    fallbackGen_ = g;
+    fallbackEpoch_ = epoch;
+    fallbackNoticed();
+    return true;
+  }
+  bool fallbackLookup(K const& k, R* out, std::uint64_t& stamp) const {
+    auto it = std::lower_bound(fallback_.begin(), fallback_.end(), k,
+                               [](auto const& a, K const& b) { return a.first < b; });
+    for (; it != fallback_.end() && !(k < it->first); ++it) {
+      K kk;
+      if (readEntry(it->second, &kk, out, stamp) && equal(kk, k)) return true;
+    }
+    return false;
+  }
+  bool fallbackSeek(K const* target, bool strict, K& key, R& rec, IterHint& hint) const {
+    auto it = fallback_.begin();
+    if (target)
+      it = strict ? std::upper_bound(fallback_.begin(), fallback_.end(), *target,
+                                     [](K const& a, auto const& b) { return a < b.first; })
+                  : std::lower_bound(fallback_.begin(), fallback_.end(), *target,
+                                     [](auto const& a, K const& b) { return a.first < b; });
+    hint.clear();
+    for (; it != fallback_.end(); ++it) {
+      std::uint64_t stamp;
+      K kk;
+      if (readEntry(it->second, &kk, &rec, stamp) && equal(kk, it->first)) {
+        key = kk;
+        return true;
+      }
+    }
+    return false;
   }
 
   // Writer: the entry holding k (or kNone), its slot, and where an insert
@@ -854,6 +926,10 @@ class Table : public TableBase {
     std::uint32_t next[Layout::kMaxLevel];
   };
   std::vector<Node> mirror_;  // the writer's: entry i's key and links, head last
+  mutable std::vector<std::pair<K, std::uint32_t>> fallback_;  // (key, entry) in key order
+  mutable bool fallbackValid_ = false;
+  mutable std::uint64_t fallbackGen_ = 0;
+  mutable std::uint64_t fallbackEpoch_ = 0;
   Hook hook_;
   bool following_ = false;
   std::map<K, std::uint64_t> seen_;
@@ -873,6 +949,7 @@ void Table<K, R, KeyOf>::adopt() {
     if (v & 1) seq->store(v + 1, std::memory_order_relaxed);
   }
   head(headEntry())->op = Layout::opNone;
+  writerStep("adopt.scan");
   std::vector<std::uint32_t> keep;
   std::vector<K> dropped;
   for (std::uint32_t i = 0; i < capacity_; ++i) {
@@ -931,6 +1008,7 @@ void Table<K, R, KeyOf>::adopt() {
   }
   hh->live = 0;
   hh->level = Layout::kMaxLevel;
+  writerStep("adopt.head");
   writeEnd(hh->lseq);
   topLevel_ = 1;
   for (std::uint32_t i : unique) {
@@ -945,6 +1023,7 @@ void Table<K, R, KeyOf>::adopt() {
     for (std::uint32_t l = 0; l < e->level; ++l) {
       Layout::EntryHead* p = head(last[l]);
       writeBegin(p->lseq);
+      writerStep("adopt.link");
       links(last[l])[l].store(i, std::memory_order_relaxed);
       mirror_[last[l]].next[l] = i;
       prevOf(i, l) = last[l];
@@ -963,6 +1042,7 @@ void Table<K, R, KeyOf>::adopt() {
     if (!used[i]) free_.push_back(i);
   control_->size.store(std::uint32_t(unique.size()), std::memory_order_relaxed);
   rebuildHashSlots();
+  writerStep("adopt.end");
   genEnd();
   for (K const& k : dropped) {
     changeLogged(&k);
