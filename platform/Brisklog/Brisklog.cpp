@@ -196,13 +196,19 @@ bool openLocked(State& s) {
   if (ftruncate(fd, off_t(bytes)) != 0) {
     int err = errno;
     ::close(fd);
+    ::unlink(path.c_str());
     fail(s, "ftruncate", path, err);
     return false;
   }
-  // Not populated: a file takes memory only for the pages records reach, so
-  // the many short-lived processes (tests, tools) that write a few records
-  // leave small files. A busy process pays one page fault per 4 KiB of
-  // records on the first lap of each ring only.
+  // Every page is allocated now (on tmpfs that is memory): on a full file
+  // system a write to a page first touched later would kill the process
+  // with SIGBUS.
+  if (int err = posix_fallocate(fd, 0, off_t(bytes)); err != 0) {
+    ::close(fd);
+    ::unlink(path.c_str());
+    fail(s, "posix_fallocate", path, err);
+    return false;
+  }
   void* m = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
   int err = errno;
   ::close(fd);

@@ -346,6 +346,13 @@ std::unique_ptr<Region> Region::create(std::string const& path, std::string_view
     ::unlink(tmp.c_str());
     throw Kiv::ErrnoException("ftruncate(" + tmp + ")", e);
   }
+  // Every page now, not when first touched: a full file system must refuse
+  // the table here, not fault a write that the writer then believes done.
+  if (int e = posix_fallocate(fd, 0, static_cast<off_t>(plan.fileSize)); e != 0) {
+    ::close(fd);
+    ::unlink(tmp.c_str());
+    throw Kiv::ErrnoException("posix_fallocate(" + tmp + ", " + std::to_string(plan.fileSize) + " bytes)", e);
+  }
   std::unique_ptr<Region> r(new Region());
   r->mode_ = Mode::writer;
   r->path_ = path;

@@ -365,6 +365,9 @@ class Table : public TableBase {
       control_->size.store(capacity_ - std::uint32_t(free_.size()), std::memory_order_relaxed);
       control_->tombstones.store(tombstones_, std::memory_order_relaxed);
     }
+    // A file cut short under the writer lost the write: say so rather than
+    // report a change nobody else can see.
+    region_->checkTruncated();
     changeLogged(&k);
     if (hook_) hook_(k);
     return true;
@@ -424,6 +427,7 @@ class Table : public TableBase {
     control_->size.store(capacity_ - std::uint32_t(free_.size()), std::memory_order_relaxed);
     if (tombstones_ > (slotMask_ + 1) / 4) rebuildHashSlots();
     control_->tombstones.store(tombstones_, std::memory_order_relaxed);
+    region_->checkTruncated();
     changeLogged(&k);
     if (hook_) hook_(k);
     return true;

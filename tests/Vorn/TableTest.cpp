@@ -355,6 +355,21 @@ TEST_F(VornTable, FileTruncatedUnderAReaderRaisesInsteadOfKillingIt) {
   EXPECT_THROW(mounted(path, Mode::reader), Pelto::CorruptionDetectedException);
 }
 
+TEST_F(VornTable, AWriterWhoseFileIsCutShortReportsItsWritesFailed) {
+  auto w = mounted(path, Mode::writer);
+  for (std::uint64_t n = 0; n < 10; ++n) w->entryIs(record(n));
+  ASSERT_EQ(truncate(path.c_str(), 4096), 0);
+  bool raised = false;
+  for (std::uint64_t n = 100; n < 200 && !raised; ++n) {
+    try {
+      w->entryIs(record(n));
+    } catch (Pelto::CorruptionDetectedException const& e) {
+      raised = std::string(e.what()).find("truncated") != std::string::npos;
+    }
+  }
+  EXPECT_TRUE(raised);
+}
+
 TEST_F(VornTable, FollowingReaderHearsEveryChangeInChangeOrderFromItsLoop) {
   auto w = mounted(path, Mode::writer);
   w->entryIs(record(99));
