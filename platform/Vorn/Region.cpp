@@ -653,6 +653,12 @@ void Region::bellDrain() {
   }
 }
 
+void Region::bellPoke() {
+  if (bellFd_ < 0) return;
+  char const c = 1;
+  [[maybe_unused]] ssize_t n = ::write(bellFd_, &c, 1);
+}
+
 void Region::bellClose() {
   if (bellSlot_ < 0) return;
   if (!truncated()) {

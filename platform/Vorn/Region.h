@@ -151,6 +151,8 @@ class Region {
   void bellClose();
   // Empties the FIFO.
   void bellDrain();
+  // Makes this reader's own doorbell readable, so that its loop wakes again.
+  void bellPoke();
   int bellSlot() const { return bellSlot_; }
 
   // Doorbell FIFO path of slot i with nonce n.

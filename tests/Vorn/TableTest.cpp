@@ -370,6 +370,35 @@ TEST_F(VornTable, AWriterWhoseFileIsCutShortReportsItsWritesFailed) {
   EXPECT_TRUE(raised);
 }
 
+// A writer that keeps pace with the reader's hooks must not hold the
+// reader's loop: each wake-up delivers a bounded batch, and the loop wakes
+// again for the rest.
+TEST_F(VornTable, ABusyWriterCannotKeepADrainFromReturning) {
+  auto w = mounted(path, Mode::writer);
+  auto r = mounted(path, Mode::reader);
+  Kiv::EventLoop loop;
+  r->followIs(&loop);
+  std::uint64_t written = 0, heard = 0;
+  r->changeHookIs([&](Vorn::TableBase const&, void const*) {
+    ++heard;
+    if (written < 5000) {
+      ++written;
+      w->entryIs(record(written % 500, written));
+    }
+  });
+  w->entryIs(record(0, 999));
+  std::size_t const first = r->drain();
+  EXPECT_GT(first, 0u);
+  EXPECT_LT(first, 2000u);
+  int wakeUps = 0;
+  while (heard < written + 1 && wakeUps < 100) {
+    loop.runOnce(0.1);
+    ++wakeUps;
+  }
+  EXPECT_EQ(heard, written + 1);
+  EXPECT_GT(wakeUps, 2);
+}
+
 TEST_F(VornTable, FollowingReaderHearsEveryChangeInChangeOrderFromItsLoop) {
   auto w = mounted(path, Mode::writer);
   w->entryIs(record(99));
