@@ -225,6 +225,7 @@ Reader::Reader(std::string path) : path_(std::move(path)) {
 }
 
 Reader::~Reader() {
+  guard_.release();
   if (map_) munmap(const_cast<char*>(map_), mappedBytes_);
 }
 
@@ -272,6 +273,7 @@ void Reader::openFile() {
   }
   map_ = static_cast<char const*>(m);
   mapBytes_ = mappedBytes_ = std::uint64_t(st.st_size);
+  guard_ = Kiv::MappingGuard(m, mappedBytes_);
 }
 
 void Reader::validateHeader() {
@@ -750,6 +752,13 @@ std::vector<Record> Reader::read() {
   refreshClock();
   readDescriptors();
   for (std::uint32_t i = 0; i < info_.ringCount; ++i) readRing(i, out);
+  if (guard_.truncated()) {
+    // What was read from the lost pages was zeros, not records: drop it all.
+    problem("file truncated while being read; reading stopped");
+    usable_ = false;
+    out.clear();
+    return out;
+  }
   std::stable_sort(out.begin(), out.end(),
                    [](Record const& a, Record const& b) { return a.ticks < b.ticks; });
   return out;

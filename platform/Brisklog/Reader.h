@@ -33,6 +33,8 @@
 #include <string_view>
 #include <vector>
 
+#include "Kiv/MappingGuard.h"
+
 namespace Brisklog {
 
 struct Descriptor {
@@ -135,6 +137,7 @@ class Reader {
   char const* map_ = nullptr;
   std::uint64_t mapBytes_ = 0;     // what decoding may touch
   std::uint64_t mappedBytes_ = 0;  // what was mapped
+  Kiv::MappingGuard guard_;        // the file may be truncated while read
   bool usable_ = false;
   FileInfo info_;
   std::uint64_t descriptorOffset_ = 0;

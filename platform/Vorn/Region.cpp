@@ -14,83 +14,13 @@
 #include <cstring>
 
 #include "Kiv/Exception.h"
+#include "Kiv/MappingGuard.h"
 
 namespace Vorn {
 
 StepHook stepHook = nullptr;
 
 namespace {
-
-// Mappings whose file may shrink under us. The bus-error handler replaces
-// the lost pages of a registered mapping with zero pages and flags it; a
-// fault anywhere else goes on to the previous handler.
-struct Guard {
-  std::atomic<std::uintptr_t> base{0};
-  std::atomic<std::size_t> length{0};
-  std::atomic<bool> truncated{false};
-};
-constexpr int kGuards = 256;
-Guard guards[kGuards];
-std::atomic<bool> handlerInstalled{false};
-struct sigaction previousBus;
-std::atomic<bool> spareTruncated{false};
-
-void onBusError(int sig, siginfo_t* info, void* context) {
-  auto const addr = reinterpret_cast<std::uintptr_t>(info->si_addr);
-  std::uintptr_t const pageMask = ~std::uintptr_t(sysconf(_SC_PAGESIZE) - 1);
-  for (Guard& g : guards) {
-    std::uintptr_t const base = g.base.load(std::memory_order_acquire);
-    std::size_t const length = g.length.load(std::memory_order_acquire);
-    if (base == 0 || addr < base || addr >= base + length) continue;
-    std::uintptr_t const page = addr & pageMask;
-    void* r = mmap(reinterpret_cast<void*>(page), base + length - page, PROT_READ | PROT_WRITE,
-                   MAP_FIXED | MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (r != MAP_FAILED) {
-      g.truncated.store(true, std::memory_order_relaxed);
-      return;
-    }
-  }
-  if ((previousBus.sa_flags & SA_SIGINFO) && previousBus.sa_sigaction != nullptr) {
-    previousBus.sa_sigaction(sig, info, context);
-    return;
-  }
-  if (previousBus.sa_handler != SIG_DFL && previousBus.sa_handler != SIG_IGN) {
-    previousBus.sa_handler(sig);
-    return;
-  }
-  signal(SIGBUS, SIG_DFL);
-  raise(SIGBUS);
-}
-
-void installHandler() {
-  bool expected = false;
-  if (!handlerInstalled.compare_exchange_strong(expected, true)) return;
-  struct sigaction sa;
-  std::memset(&sa, 0, sizeof sa);
-  sa.sa_sigaction = onBusError;
-  sa.sa_flags = SA_SIGINFO | SA_NODEFER;
-  sigemptyset(&sa.sa_mask);
-  sigaction(SIGBUS, &sa, &previousBus);
-}
-
-int guardAdd(void* base, std::size_t length) {
-  installHandler();
-  for (int i = 0; i < kGuards; ++i) {
-    std::size_t expected = 0;
-    if (guards[i].length.compare_exchange_strong(expected, length)) {
-      guards[i].truncated.store(false);
-      guards[i].base.store(reinterpret_cast<std::uintptr_t>(base), std::memory_order_release);
-      return i;
-    }
-  }
-  return -1;
-}
-
-void guardDel(int i) {
-  if (i < 0) return;
-  guards[i].base.store(0, std::memory_order_release);
-  guards[i].length.store(0, std::memory_order_release);
-}
 
 std::uint32_t pow2AtLeast(std::uint64_t v) {
   std::uint64_t p = 1;
@@ -201,7 +131,7 @@ Region::~Region() {
     std::uint32_t me = static_cast<std::uint32_t>(getpid());
     header_->writerPid.compare_exchange_strong(me, 0);
   }
-  guardDel(guardSlot_);
+  guard_.release();
   if (base_ != nullptr) munmap(base_, size_);
   if (fd_ >= 0) ::close(fd_);
 }
@@ -214,8 +144,7 @@ void Region::map(int fd, std::uint64_t size, bool writable) {
   if (p == MAP_FAILED) throw Kiv::ErrnoException("mmap", errno);
   base_ = static_cast<unsigned char*>(p);
   header_ = reinterpret_cast<Layout::Header*>(base_);
-  guardSlot_ = guardAdd(base_, size_);
-  truncated_ = guardSlot_ >= 0 ? &guards[guardSlot_].truncated : &spareTruncated;
+  guard_ = Kiv::MappingGuard(base_, size_);
 }
 
 void Region::validate(std::string_view typeName, std::vector<TableShape> const* shapes) {

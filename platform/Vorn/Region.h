@@ -9,9 +9,10 @@
 // Every geometry field is validated once at open (magic, layout version,
 // type name, table names and sizes, offsets inside the file); failures raise
 // Pelto::CorruptionDetectedException naming the file and what was wrong.
-// A file truncated under a live mapping does not kill the process: the fault
-// is caught, the lost pages read as zeros, and the next table operation
-// raises the corruption exception.
+// A file truncated under a live mapping does not kill the process (every
+// mapping is guarded, however many the process holds): the fault is caught,
+// the lost pages read as zeros, and the next table operation raises the
+// corruption exception.
 //
 // Change log: the writer appends (table, key) for every change; readers
 // follow it from a private cursor. Doorbells: a following reader owns a
@@ -27,6 +28,7 @@
 #include <string_view>
 #include <vector>
 
+#include "Kiv/MappingGuard.h"
 #include "Vorn/Layout.h"
 
 namespace Vorn {
@@ -117,7 +119,7 @@ class Region {
   bool writerAlive() const;
 
   // Set (from the fault handler) when the file shrank under the mapping.
-  bool truncated() const { return truncated_->load(std::memory_order_relaxed); }
+  bool truncated() const { return guard_.truncated(); }
   // Raises the corruption exception when the file was truncated.
   void checkTruncated() const {
     if (truncated()) truncatedFail();
@@ -183,8 +185,7 @@ class Region {
   std::uint32_t logEntrySize_ = 0;
   std::uint32_t maxKeySize_ = 0;
   unsigned char* log_ = nullptr;
-  std::atomic<bool>* truncated_ = nullptr;
-  int guardSlot_ = -1;
+  Kiv::MappingGuard guard_;
   // Reader doorbell.
   int bellSlot_ = -1;
   std::uint32_t bellNonce_ = 0;

@@ -147,6 +147,34 @@ TEST(BrisklogDamage, TruncatedFileDecodesWhatRemains) {
   EXPECT_NE(reader.problems()[0].find("file truncated"), std::string::npos);
 }
 
+// A file cut short while it is mapped, under the reader and under the
+// writer: both live on, the reader says so, the writer's later records are
+// lost.
+TEST(BrisklogDamage, TruncationUnderAMappedFileKillsNeitherReaderNorWriter) {
+  TraceDir dir(1u << 16, 1);
+  for (int i = 0; i < 100; ++i) BRISKLOG("Cut", "record %d", i);
+  std::string const path = Brisklog::path();
+  Reader reader(path);
+  ASSERT_EQ(reader.read().size(), 100u);
+  pid_t child = fork();
+  if (child == 0) {
+    // The writer's own file, cut short under its mapping.
+    BRISKLOG("Cut", "record %d", 0);
+    if (truncate(Brisklog::path().c_str(), 4096) != 0) _exit(2);
+    for (int i = 0; i < 5000; ++i) BRISKLOG("Cut", "record %d", i);
+    _exit(0);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "writer died, status " << status;
+  for (int i = 0; i < 5000; ++i) BRISKLOG("Cut", "record %d", i);
+  ASSERT_EQ(truncate(path.c_str(), 4096), 0);
+  EXPECT_TRUE(reader.read().empty());
+  ASSERT_FALSE(reader.problems().empty());
+  EXPECT_NE(reader.problems().back().find("truncated while being read"), std::string::npos);
+  EXPECT_FALSE(reader.writerAlive());
+}
+
 TEST(BrisklogDamage, HeaderDamageMakesTheFileUnusableWithAReason) {
   TraceDir dir;
   SampleFile s = sample(dir);

@@ -355,6 +355,28 @@ TEST_F(VornTable, FileTruncatedUnderAReaderRaisesInsteadOfKillingIt) {
   EXPECT_THROW(mounted(path, Mode::reader), Pelto::CorruptionDetectedException);
 }
 
+TEST_F(VornTable, EveryMappingIsGuardedAgainstTruncationHoweverManyAProcessHolds) {
+  auto w = mounted(path, Mode::writer);
+  for (std::uint64_t n = 0; n < 100; ++n) w->entryIs(record(n));
+  pid_t child = fork();
+  if (child == 0) {
+    std::vector<Kiv::Ptr<Vorn::TestStatus>> readers;
+    for (int i = 0; i < 300; ++i) readers.push_back(mounted(path, Mode::reader));
+    if (truncate(path.c_str(), 4096) != 0) _exit(2);
+    for (auto& r : readers) {
+      try {
+        for (std::uint64_t n = 0; n < 100; ++n) r->entry(TestKey(n));
+        _exit(3);  // the truncation went unnoticed
+      } catch (Pelto::CorruptionDetectedException const&) {
+      }
+    }
+    _exit(0);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
+}
+
 TEST_F(VornTable, AWriterWhoseFileIsCutShortReportsItsWritesFailed) {
   auto w = mounted(path, Mode::writer);
   for (std::uint64_t n = 0; n < 10; ++n) w->entryIs(record(n));
