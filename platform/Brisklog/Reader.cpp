@@ -579,6 +579,23 @@ bool Reader::decode(std::uint32_t ring, std::uint64_t pos, char const* bytes, st
   return true;
 }
 
+// The end of the furthest record in a ring found by its stamp alone, or 0.
+std::uint64_t Reader::lastStampedEnd(std::uint64_t data, std::uint64_t ringBytes) const {
+  std::uint64_t best = 0;
+  for (std::uint64_t off = 0; off + sizeof(RecordHeader) <= ringBytes; off += 8) {
+    if (!in(data + off, sizeof(RecordHeader))) break;
+    std::uint64_t const pos = load64(data + off) ^ kRecordKey;
+    if ((pos & (ringBytes - 1)) != off || pos > kMaxSanePosition) continue;
+    RecordHeader rh;
+    std::memcpy(&rh, map_ + data + off, sizeof rh);
+    if (rh.bytes < sizeof(RecordHeader) || rh.bytes > info_.maxRecordBytes) continue;
+    std::uint64_t const span = align8(rh.bytes) + ((rh.flags & kRecordChecked) ? 8 : 0);
+    if (off + span > ringBytes) continue;
+    best = std::max(best, pos + span);
+  }
+  return best;
+}
+
 void Reader::readRing(std::uint32_t index, std::vector<Record>& out) {
   std::uint64_t const ringBytes = info_.ringBytes;
   std::uint64_t const mask = ringBytes - 1;
@@ -594,6 +611,16 @@ void Reader::readRing(std::uint32_t index, std::vector<Record>& out) {
   if (head > kMaxSanePosition || (head & 7)) {
     problem(name + "head position " + std::to_string(head) + " is damaged; ring skipped");
     return;
+  }
+  if (!c.started) {
+    std::uint64_t const found = lastStampedEnd(data, ringBytes);
+    // Records are reserved before they are written, so none can end past
+    // the head; one that does means the head was damaged. Read up to it.
+    if (found > head && load64(base) == head) {
+      problem(name + "head position " + std::to_string(head) +
+              " is damaged: records run up to position " + std::to_string(found));
+      head = found;
+    }
   }
   std::uint64_t floor = head > ringBytes ? head - ringBytes : 0;
   std::uint64_t p;
@@ -660,6 +687,11 @@ void Reader::readRing(std::uint32_t index, std::vector<Record>& out) {
     if (atHead && !live_ && length <= info_.maxRecordBytes) {
       note(name + "the last record, at position " + std::to_string(gapStart) +
            ", is incomplete: its writer stopped while writing it");
+    } else if (index == sharedRing_ && !live_ && length <= info_.maxRecordBytes) {
+      // Threads sharing a ring finish out of order: a process killed while
+      // one of them was mid-record leaves it unfinished among whole ones.
+      note(name + "a record at position " + std::to_string(gapStart) +
+           " was never finished: its writer stopped while writing it");
     } else {
       problem(name + std::to_string(length) + " bytes at position " + std::to_string(gapStart) +
               " hold no record");

@@ -125,6 +125,7 @@ class Reader {
   void validateHeader();
   void readDescriptors();
   void readRing(std::uint32_t index, std::vector<Record>& out);
+  std::uint64_t lastStampedEnd(std::uint64_t data, std::uint64_t ringBytes) const;
   bool decode(std::uint32_t ring, std::uint64_t pos, char const* bytes, std::size_t n, Record& out);
   std::int64_t wallNs(std::uint64_t ticks) const;
   void refreshClock();
