@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
+#include <algorithm>
 #include <cstring>
 
 #include "Kiv/Exception.h"
@@ -435,8 +436,12 @@ void Region::fail(std::string const& text) const {
 
 namespace {
 template <class T>
-T waitEvenImpl(Region const& r, std::atomic<T> const& seq, std::string_view what) {
+T waitEvenImpl(Region const& r, std::atomic<T> const& seq, std::string_view what,
+               std::chrono::steady_clock::time_point deadline) {
   auto const start = std::chrono::steady_clock::now();
+  // Long enough for a writer descheduled mid-write on a busy machine,
+  // short enough not to stall the reader's event loop for long.
+  deadline = std::min(deadline, start + std::chrono::milliseconds(500));
   for (unsigned i = 0;; ++i) {
     T v = seq.load(std::memory_order_acquire);
     if ((v & 1) == 0) return v;
@@ -446,22 +451,22 @@ T waitEvenImpl(Region const& r, std::atomic<T> const& seq, std::string_view what
       if (!r.writerAlive())
         r.fail(std::string(what) + " was left mid-write by writer pid " + std::to_string(r.writerPid()) +
                ", which is gone");
-      // Long enough for a writer descheduled mid-write on a busy machine,
-      // short enough not to stall the reader's event loop for long.
-      if (std::chrono::steady_clock::now() - start > std::chrono::milliseconds(500))
-        r.fail(std::string(what) + " stayed mid-write for 0.5 s");
+      if (std::chrono::steady_clock::now() >= deadline)
+        r.fail(std::string(what) + " stayed mid-write while writer pid " + std::to_string(r.writerPid()) +
+               " runs: damaged or stuck");
     }
     sched_yield();
   }
 }
 }  // namespace
 
-std::uint32_t Region::waitEven(std::atomic<std::uint32_t> const& seq, std::string_view what) const {
-  return waitEvenImpl(*this, seq, what);
+std::uint32_t Region::waitEven(std::atomic<std::uint32_t> const& seq, std::string_view what,
+                               std::chrono::steady_clock::time_point deadline) const {
+  return waitEvenImpl(*this, seq, what, deadline);
 }
 
 std::uint64_t Region::waitEven64(std::atomic<std::uint64_t> const& seq, std::string_view what) const {
-  return waitEvenImpl(*this, seq, what);
+  return waitEvenImpl(*this, seq, what, std::chrono::steady_clock::time_point::max());
 }
 
 std::uint64_t Region::logChange(std::uint32_t table, void const* key, std::uint32_t keySize) {

@@ -22,6 +22,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -130,8 +131,11 @@ class Region {
 
   // Waits, within bounds, for a sequence counter left odd by the writer to
   // become even and returns it; raises the corruption exception when the
-  // writer is gone or the counter stays odd too long.
-  std::uint32_t waitEven(std::atomic<std::uint32_t> const& seq, std::string_view what) const;
+  // writer is gone or the counter stays odd for 0.5 s or past `deadline`
+  // (a caller that waits on many counters bounds them all together).
+  std::uint32_t waitEven(std::atomic<std::uint32_t> const& seq, std::string_view what,
+                         std::chrono::steady_clock::time_point deadline =
+                             std::chrono::steady_clock::time_point::max()) const;
   std::uint64_t waitEven64(std::atomic<std::uint64_t> const& seq, std::string_view what) const;
 
   // Writer: appends one change and rings the armed doorbells. Returns the

@@ -138,13 +138,16 @@ void TableBase::retriesExhausted() const {
 
 std::uint32_t TableBase::waitEven(std::atomic<std::uint32_t> const& seq, std::uint32_t entry) const {
   // A live writer finishes a record in well under a microsecond: spin a
-  // little before the bounded wait, whose failure text costs an allocation.
-  for (int i = 0; i < 2048; ++i) {
+  // little before the bounded wait, whose failure text costs an allocation;
+  // not once a scan's time is up.
+  bool const spin = waitDeadline_ == std::chrono::steady_clock::time_point::max() ||
+                    std::chrono::steady_clock::now() < waitDeadline_;
+  for (int i = 0; spin && i < 2048; ++i) {
     std::uint32_t const v = seq.load(std::memory_order_acquire);
     if ((v & 1) == 0) return v;
     cpuRelax();
   }
-  return region_->waitEven(seq, "table '" + name_ + "' entry " + std::to_string(entry));
+  return region_->waitEven(seq, "table '" + name_ + "' entry " + std::to_string(entry), waitDeadline_);
 }
 
 std::uint64_t TableBase::waitGen() const {

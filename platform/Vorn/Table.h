@@ -51,6 +51,7 @@
 #include <algorithm>
 #include <atomic>
 #include <bit>
+#include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <functional>
@@ -246,6 +247,17 @@ class TableBase {
   }
 
   static constexpr unsigned kRetries = 10000;
+  // While a whole-table scan runs: when its waits on entries that look
+  // mid-write give up, together, so that a damaged table costs the scan
+  // half a second, not half a second per entry.
+  mutable std::chrono::steady_clock::time_point waitDeadline_ = std::chrono::steady_clock::time_point::max();
+  struct ScanBound {
+    TableBase const& t;
+    explicit ScanBound(TableBase const& table) : t(table) {
+      t.waitDeadline_ = std::chrono::steady_clock::now() + std::chrono::milliseconds(500);
+    }
+    ~ScanBound() { t.waitDeadline_ = std::chrono::steady_clock::time_point::max(); }
+  };
 
   Status* owner_;
   std::string name_;
@@ -791,6 +803,7 @@ class Table : public TableBase {
     if (fallbackValid_ && fallbackGen_ == g && fallbackEpoch_ == epoch) return true;
     // A live writer gets the bounded wait: it is most likely mid-rebuild.
     if (writer() || region_->writerAlive()) return false;
+    ScanBound bound(*this);
     fallback_.clear();
     for (std::uint32_t i = 0; i < capacity_; ++i) {
       K k;
@@ -911,6 +924,7 @@ class Table : public TableBase {
   }
 
   std::map<K, std::uint64_t> scan() const {
+    ScanBound bound(*this);
     std::map<K, std::uint64_t> out;
     for (std::uint32_t i = 0; i < capacity_; ++i) {
       K k;

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <map>
 #include <random>
 #include <set>
@@ -336,6 +337,36 @@ TEST_F(VornTable, RecordLeftMidWriteByADeadWriterIsReportedNotWaitedForever) {
         << e.what();
   }
   EXPECT_EQ(r->entry(TestKey(4)), record(4));
+}
+
+// Every entry looks mid-write while the writer runs: a reader that starts
+// to follow the table gives up on them all within one bound, not one bound
+// per entry, and says what it thinks.
+TEST_F(VornTable, AReaderGivesUpOnATableOfStuckEntriesWithinOneBound) {
+  Vorn::MountOptions options;
+  options.capacity["entry"] = 2000;
+  auto w = mounted(path, Mode::writer, options);
+  for (std::uint64_t n = 0; n < 2000; ++n) w->entryIs(record(n));
+  for (std::uint32_t i = 0; i < 2000; ++i) headOf(*w, i)->dseq.fetch_add(1);
+  try {
+    auto r = mounted(path, Mode::reader);
+    r->entry(TestKey(1));
+    FAIL() << "read a record left mid-write";
+  } catch (Pelto::CorruptionDetectedException const& e) {
+    EXPECT_NE(std::string(e.what()).find("damaged or stuck"), std::string::npos) << e.what();
+  }
+  pid_t child = fork();
+  if (child == 0) {
+    alarm(10);
+    auto r = mounted(path, Mode::reader);
+    Kiv::EventLoop loop;
+    auto const start = std::chrono::steady_clock::now();
+    r->followIs(&loop);
+    _exit(std::chrono::steady_clock::now() - start < std::chrono::seconds(3) ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
 }
 
 TEST_F(VornTable, FileTruncatedUnderAReaderRaisesInsteadOfKillingIt) {
