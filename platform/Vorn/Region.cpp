@@ -364,7 +364,7 @@ std::unique_ptr<Region> Region::readerIs(std::string const& path, std::string_vi
                                          std::vector<TableShape> const& shapes) {
   bool writable = true;
   int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
-  if (fd < 0 && errno == EACCES) {
+  if (fd < 0 && (errno == EACCES || errno == EROFS)) {
     writable = false;
     fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   }
