@@ -40,8 +40,10 @@
 //     it followed still held; a node is unlinked (changing its predecessors'
 //     lseq) before it is marked dead or reused.
 // Failure modes: a counter that stays odd (a writer killed mid-write) is
-// waited for within a bound and then reported as corruption for that entry
-// only; every index, link and count is checked against the geometry
+// waited for within a bound (one bound for a whole-table scan) and then
+// reported as corruption for that entry only; a structGen left odd by a
+// writer that is gone makes readers answer from a private index of the
+// entries until a new writer adopts the file; every index, link and count is checked against the geometry
 // validated at mount, and every loop is bounded by the capacity, so a
 // corrupt file raises Pelto::CorruptionDetectedException, never a crash or a
 // hang. Readers copy records out; no pointer into shared memory survives a
