@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstring>
 #include <map>
 #include <string>
 #include <thread>
@@ -265,11 +266,16 @@ void holdLateWriter(int) {
   while (!gLateRelease) sched_yield();
 }
 
+// Allocates nothing: the held thread may be stopped anywhere, and another
+// thread must not wait for a lock it holds.
 void writeCheckedRecord(std::uint64_t i, std::uint64_t t) {
-  std::string text(i % 3 == 0 ? 150 : 3, char('a' + (i + t) % 26));
+  char text[151];
+  std::size_t const n = i % 3 == 0 ? 150 : 3;
+  std::memset(text, 'a' + int((i + t) % 26), n);
+  text[n] = '\0';
   BRISKLOG("Late", "%llu %llu %llu %s", static_cast<unsigned long long>(i),
            static_cast<unsigned long long>(t), static_cast<unsigned long long>(i * 7919 + t),
-           text.c_str());
+           static_cast<char const*>(text));
 }
 
 TEST(BrisklogRing, AWriterStoppedMidRecordNeverLeavesForeignBytesInAnother) {

@@ -221,8 +221,11 @@ TEST(BrisklogDamage, AKilledWritersUnfinishedSharedRecordIsANoteNotDamage) {
       [[maybe_unused]] ssize_t n = write(fds[1], p.data(), p.size());
       std::atomic<bool> going{false};
       std::thread late([&] {
+        char text[151];
+        std::memset(text, 'x', 150);
+        text[150] = '\0';
         for (int i = 0;; ++i) {
-          BRISKLOG("Shared", "late %d %s", i, std::string(150, 'x').c_str());
+          BRISKLOG("Shared", "late %d %s", i, static_cast<char const*>(text));
           going = true;
         }
       });
