@@ -3,11 +3,15 @@
 #   make test       build and run every test
 #   make bench      build and run the benchmarks (short runs)
 #   make demo       build and run the demonstration
+#   make lint       clang-format and clang-tidy over the sources
 #   make PRESET=asan test
 PRESET ?= default
 BUILD  := build/$(PRESET)
+# One compile job per core (Ninja's own default is cores + 2); JOBS=1 for a
+# machine short of memory.
+JOBS   ?= $(shell nproc 2>/dev/null || echo 2)
 
-.PHONY: all deps configure build test bench demo clean
+.PHONY: all deps configure build test bench demo lint clean
 
 all: build
 
@@ -18,7 +22,7 @@ configure: deps
 	@cmake --preset $(PRESET) >/dev/null
 
 build: configure
-	@cmake --build --preset $(PRESET)
+	@cmake --build --preset $(PRESET) -j $(JOBS)
 
 test: build
 	@ctest --preset $(PRESET)
@@ -26,9 +30,16 @@ test: build
 bench: build
 	@scripts/run-bench $(BUILD)
 
-demo: build
+# The demonstration needs only its own program and the tools its README
+# section shows.
+demo: configure
+	@cmake --build --preset $(PRESET) -j $(JOBS) --target mfib-demo vornctl brisklog-cat
 	@if [ -x scripts/demo ]; then scripts/demo $(BUILD); \
 	 else echo "make demo: no demonstration yet; it arrives with the MFIB tables" >&2; exit 1; fi
+
+lint: configure
+	@scripts/install-deps lint
+	@scripts/lint $(BUILD)
 
 clean:
 	rm -rf build

@@ -1,8 +1,10 @@
 #include "BitMapper/BitMapperSm.h"
 
+#include "Brisklog/Brisklog.h"
 #include "Kiv/Assert.h"
 #include "Kiv/Exception.h"
 #include "Kiv/Trace.h"
+#include "Wirly/BrisklogArg.h"
 
 namespace BitMapper {
 
@@ -132,8 +134,11 @@ BitIndex BitMapperSm::doAllocBitIndex(BitMapperKey const& bitMapperKey) {
     record.refCountIs(wm == WaitlistMap() ? 1 : wm.requestCount());
     vornStatus_->bitIndexMapIs(record);
     status_->bitIndexIs(bitMapperKey, index);
+    BRISKLOG("BitMapperSm", "allocated index %u to (%s, %s)", index.value(), bitMapperKey.intfId().name(),
+             bitMapperKey.addr());
     return index;
   }
+  BRISKLOG("BitMapperSm", "no free index: (%s, %s) waits", bitMapperKey.intfId().name(), bitMapperKey.addr());
   status_->bitIndexIs(bitMapperKey, BitIndex::waitlist());
   return BitIndex::waitlist();
 }
@@ -179,6 +184,7 @@ void BitMapperSm::handleDeallocRequestCount() {
   status_->bitIndexDel(key);
   vornStatus_->bitIndexMapDel(bitIndex);
   bitIndexFreePoolEnq(bitIndex);
+  BRISKLOG("BitMapperSm", "released index %u of (%s, %s)", bitIndex.value(), key.intfId().name(), key.addr());
   reviewKeyWaitlist();
 }
 

@@ -3,11 +3,15 @@
 #include <sstream>
 #include <vector>
 
+#include "Brisklog/Brisklog.h"
 #include "Kiv/CollectionAttr.h"
 #include "Kiv/Hash.h"
 #include "Kiv/Trace.h"
 #include "Kiv/ValueText.h"
+#include "Kiv/Assert.h"
 #include "Mfib/MfibVornCollRouteIteratorConst.h"
+#include "Stelo/Mount.h"
+#include "Wirly/BrisklogArg.h"
 
 namespace Vorn::Multicast::Fib {
 
@@ -57,6 +61,7 @@ Kiv::Ptr<Status const> MfibVornColl::vornPtr(Status const* key) const {
 }
 
 void MfibVornColl::vornPtrIs(Status const* key, Kiv::Ptr<Status const> const& value) {
+  if (!key) throw Kiv::nullParameter("_vornPtr", "Vorn::Multicast::Fib::MfibVornColl::vornPtr");
   if (Kiv::ptrEntryIs(vornPtr_, key, value)) vornPtrNotify(key);
 }
 
@@ -129,7 +134,7 @@ MfibVornDirRouteKey::MfibVornDirRouteKey(std::string_view text) {
 
 std::uint64_t MfibVornDirRouteKey::hash() const {
   Kiv::HashAccumulator h;
-  h.mix(&vornKey_, sizeof vornKey_);
+  h.mix(&vornKey_, sizeof vornKey_);  // NOLINT(bugprone-sizeof-expression): the key is the table's address
   h.mix32(static_cast<std::uint32_t>(Wirly::IpGenPrefixBase::hash(routeKey_.source())) ^
           static_cast<std::uint32_t>(Wirly::IpGenPrefixBase::hash(routeKey_.group())));
   return h.result();
@@ -298,6 +303,8 @@ void OrderRouteSm::KivMfibVorn::handleRouteChanged(IpGenRouteKey const& key) {
   RouteOrderedCollection& ordered = *owner_->routeOrdered();
   if (!coll || coll->route(key) == Route()) {
     KIV_TRACE(th, 2, "Route entry deleted for key " << SourceGroup{key});
+    BRISKLOG("OrderRouteSm", "(%s/%u, %s/%u): no table has the route any more", key.source().address(),
+             key.source().len(), key.group().address(), key.group().len());
     ordered.routeDel(key);
     return;
   }
@@ -305,6 +312,9 @@ void OrderRouteSm::KivMfibVorn::handleRouteChanged(IpGenRouteKey const& key) {
   Status const* const owner = coll->vornKey(key);
   if (current == owner) return;
   KIV_TRACE(th, 2, "Route entry updated for key " << SourceGroup{key} << ")");
+  BRISKLOG("OrderRouteSm", "(%s/%u, %s/%u): best route now from table %s", key.source().address(),
+           key.source().len(), key.group().address(), key.group().len(),
+           owner != nullptr ? owner->name() : Kiv::Name());
   ordered.routeIs(key, owner);
 }
 
@@ -369,11 +379,16 @@ void ModalOrderRouteSm::handleRouteChanged(IpGenRouteKey const& key) {
   }
   if (!mfibVorn_ || safeRoute(*mfibVorn_, key) == Route()) {
     KIV_TRACE(th, 2, "Route entry deleted for key " << SourceGroup{key});
+    BRISKLOG("ModalOrderRouteSm", "(%s/%u, %s/%u): route gone from table %s", key.source().address(),
+             key.source().len(), key.group().address(), key.group().len(),
+             mfibVorn_ ? mfibVorn_->name() : Kiv::Name());
     routeOrdered_->routeDel(key);
     return;
   }
   if (routeOrdered_->route(key) == std::optional<bool>(true)) return;
   KIV_TRACE(th, 2, "Route entry added for key " << SourceGroup{key} << ")");
+  BRISKLOG("ModalOrderRouteSm", "(%s/%u, %s/%u): route added from table %s", key.source().address(),
+           key.source().len(), key.group().address(), key.group().len(), mfibVorn_->name());
   routeOrdered_->routeIs(key, true);
 }
 
@@ -429,6 +444,138 @@ void VrfStatus::statusDelAll() {
   for (auto const& vrf : Kiv::keysOf(status_)) statusDel(vrf);
 }
 
+// ---- MfibDirWriter
+
+namespace {
+// "( a, b ) for app X", the tail of every operation's entry trace.
+struct OpArgs {
+  L3::VrfName const& vrf;
+  Kiv::String const& url;
+  Kiv::String const& app;
+};
+std::ostream& operator<<(std::ostream& os, OpArgs const& a) {
+  return os << "( " << a.vrf << ", " << a.url << " )" << " for app " << a.app;
+}
+}  // namespace
+
+Kiv::Ptr<MfibDirWriter> MfibDirWriter::MfibDirWriterIs(Kiv::String const& appName, Kiv::Ptr<Kiv::Dir> const& mfibDir,
+                                                       Kiv::Ptr<MfibVornDir> const& mfibVornDir,
+                                                       Kiv::Ptr<Stelo::EntityManager> const& entityManager) {
+  Kiv::Ptr<MfibDirWriter> w = new MfibDirWriter(appName, mfibDir, mfibVornDir, entityManager);
+  w->handleInitialized();
+  return w;
+}
+
+Kiv::Ptr<MfibDir> MfibDirWriter::appDir() const { return Kiv::ptrCast<MfibDir>(mfibDir_->entity(appName_)); }
+
+void MfibDirWriter::handleInitialized() {
+  KIV_TRACE(th, 9, "void Vorn::Multicast::Fib::MfibDirWriter::handleInitialized()" << " for app " << appName_);
+  Kiv::Ptr<MfibDir> dir = Kiv::ptrCast<MfibDir>(mfibDir_->entryIs(appName_, MfibDir::typeNameText));
+  KIV_ASSERT(dir);
+  dir->dirCollIs(L3::VrfName::defaultVrf());
+  KIV_TRACE(th, 4, "Created directory collection for default vrf ");
+  initialized_ = true;
+}
+
+Kiv::Ptr<Status> MfibDirWriter::mfibVorn(Kiv::String const& url) const {
+  KIV_TRACE(th, 9, "Vorn::Multicast::Fib::Status::Ptr Vorn::Multicast::Fib::MfibDirWriter::mfibVorn(Kiv::String)"
+                       << "( " << url << " )" << " for app " << appName_);
+  return Kiv::ptrCast<Status>(KivVorn::Mount(entityManager_).getEntity(url));
+}
+
+Kiv::Ptr<Status> MfibDirWriter::doAddVorn(L3::VrfName const& vrf, Kiv::String const& url) {
+  KIV_TRACE(th, 9,
+            "Vorn::Multicast::Fib::Status::Ptr Vorn::Multicast::Fib::MfibDirWriter::doAddVorn(L3::VrfName, Kiv::String)"
+                << (OpArgs{vrf, url, appName_}));
+  Kiv::String const& vornUrl = url;
+  KIV_ASSERT(vornUrl.size());
+  Kiv::Ptr<MfibDir> dir = appDir();
+  if (!dir) {
+    KIV_TRACE(th, 2, "doAddVorn: no directory entry for app " << appName_ << "; " << url << " not added");
+    return nullptr;
+  }
+  KivVorn::Mount mount(entityManager_);
+  mount.doMount(url, Status::typeNameText, KivVorn::MountInfo(KivVorn::MountInfo::writer));
+  Kiv::Ptr<Status> table = Kiv::ptrCast<Status>(mount.getEntity(url));
+  if (!table) {
+    KIV_TRACE(th, 2, "doAddVorn: could not mount " << url << " for writing; nothing announced");
+    return nullptr;
+  }
+  KIV_TRACE(th, 4, "Mounted " << url);
+  if (!mfibVornDir_->vornColl(vrf)) {
+    KIV_TRACE(th, 4, "Created Vorned directory collection for vrf " << vrf);
+    mfibVornDir_->vornCollIs(vrf);
+  }
+  if (!dir->dirColl(vrf)) {
+    KIV_TRACE(th, 4, "Created directory collection for vrf " << vrf);
+    dir->dirCollIs(vrf);
+  }
+  mfibVornDir_->vornColl(vrf)->vornPtrIs(table.ptr(), table);
+  dir->dirColl(vrf)->vornUrlIs(url);
+  KIV_TRACE(th, 4, "Added url " << url << " into mfibDir collection");
+  return table;
+}
+
+void MfibDirWriter::doDelVorn(L3::VrfName const& vrf, Kiv::String const& url) {
+  KIV_TRACE(th, 9, "void Vorn::Multicast::Fib::MfibDirWriter::doDelVorn(L3::VrfName, Kiv::String)"
+                       << (OpArgs{vrf, url, appName_}));
+  KivVorn::Mount mount(entityManager_);
+  Kiv::Ptr<Status> table = Kiv::ptrCast<Status>(mount.getEntity(url));
+  Kiv::Ptr<MfibVornColl> coll = mfibVornDir_->vornColl(vrf);
+  if (coll && table) coll->vornPtrDel(table.ptr());
+  mount.doUnmount(url);
+  mount.cleanup(url);
+  KIV_TRACE(th, 4, "Unmounted " << url);
+  if (coll && coll->vornPtrs() == 0) {
+    mfibVornDir_->vornCollDel(vrf);
+    KIV_TRACE(th, 4, "Deleted Vorned directory collection for vrf " << vrf);
+  }
+  if (vrf != L3::VrfName::defaultVrf()) {
+    if (Kiv::Ptr<MfibDir> dir = appDir()) dir->dirCollDel(vrf);
+    KIV_TRACE(th, 4, "Deleted directory collection for vrf " << vrf);
+  }
+}
+
+Kiv::Ptr<BitMapper::VornStatus> MfibDirWriter::mfibBitMapperVorn(Kiv::String const& url) const {
+  KIV_TRACE(th, 9,
+            "BitMapper::VornStatus::Ptr Vorn::Multicast::Fib::MfibDirWriter::mfibBitMapperVorn(Kiv::String)"
+                << "( " << url << " )" << " for app " << appName_);
+  return Kiv::ptrCast<BitMapper::VornStatus>(KivVorn::Mount(entityManager_).getEntity(url));
+}
+
+Kiv::Ptr<BitMapper::VornStatus> MfibDirWriter::doAddBitMapperVorn(L3::VrfName const& vrf, Kiv::String const& url) {
+  KIV_TRACE(th, 9,
+            "BitMapper::VornStatus::Ptr Vorn::Multicast::Fib::MfibDirWriter::doAddBitMapperVorn(L3::VrfName, "
+            "Kiv::String)"
+                << (OpArgs{vrf, url, appName_}));
+  KivVorn::Mount mount(entityManager_);
+  mount.doMount(url, "BitMapper::VornStatus", KivVorn::MountInfo(KivVorn::MountInfo::writer));
+  Kiv::Ptr<BitMapper::VornStatus> table = Kiv::ptrCast<BitMapper::VornStatus>(mount.getEntity(url));
+  Kiv::Ptr<MfibDir> dir = appDir();
+  if (!table || !dir) {
+    KIV_TRACE(th, 2, "doAddBitMapperVorn: could not mount " << url << " for writing; nothing announced");
+    return nullptr;
+  }
+  if (!dir->dirColl(vrf)) {
+    KIV_TRACE(th, 4, "Created directory collection for vrf " << vrf);
+    dir->dirCollIs(vrf);
+  }
+  dir->dirColl(vrf)->bitMapperVornUrlIs(url);
+  KIV_TRACE(th, 4, "Added bitmapper url " << url << " into mfibDir collection");
+  return table;
+}
+
+void MfibDirWriter::doDelBitMapperVorn(L3::VrfName const& vrf, Kiv::String const& url) {
+  KIV_TRACE(th, 9, "void Vorn::Multicast::Fib::MfibDirWriter::doDelBitMapperVorn(L3::VrfName, Kiv::String)"
+                       << (OpArgs{vrf, url, appName_}));
+  KivVorn::Mount mount(entityManager_);
+  mount.doUnmount(url);
+  if (Kiv::Ptr<MfibDir> dir = appDir()) {
+    if (Kiv::Ptr<MfibDirColl> coll = dir->dirColl(vrf)) coll->bitMapperVornUrlIs("");
+  }
+  KIV_TRACE(th, 4, "Deleted url " << url);
+}
+
 // ---- factories
 
 Kiv::Ptr<MfibVornColl> mfibVornCollFactory(L3::VrfName const& vrfName) {
@@ -443,6 +590,12 @@ Kiv::Ptr<OrderRouteSm> orderRouteSmFactory(Kiv::Ptr<MfibVornColl const> const& v
 Kiv::Ptr<ModalOrderRouteSm> modalOrderRouteSmFactory(Kiv::Ptr<Status const> const& mfibVorn,
                                                      Kiv::Ptr<ModalRouteOrderedCollection> const& routeOrdered) {
   return ModalOrderRouteSm::ModalOrderRouteSmIs(mfibVorn, routeOrdered);
+}
+
+Kiv::Ptr<MfibDirWriter> mfibDirWriterFactory(Kiv::String const& appName, Kiv::Ptr<Kiv::Dir> const& mfibDir,
+                                             Kiv::Ptr<MfibVornDir> const& mfibVornDir,
+                                             Kiv::Ptr<Stelo::EntityManager> const& entityManager) {
+  return MfibDirWriter::MfibDirWriterIs(appName, mfibDir, mfibVornDir, entityManager);
 }
 
 }  // namespace Vorn::Multicast::Fib

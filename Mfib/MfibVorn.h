@@ -4,7 +4,9 @@
 // and the queries that pick, for one route key, the table holding the best
 // route: the route of strictly greatest priority; on equal priorities the
 // table met first in the collection's iteration order; a route of priority
-// 0 is never selected.
+// 0 is never selected. The collection iterates its tables in the order they
+// were entered (a table replaced under its key keeps its place), so the
+// winner of a tie is the table entered first, the same in every run.
 //
 // OrderRouteSm keeps a RouteOrderedCollection equal to the best-route choice
 // of a whole collection as tables come and go and routes change;
@@ -22,23 +24,57 @@
 //   auto sm = orderRouteSmFactory(coll, ordered); // ordered now holds the best choice
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <map>
 #include <ostream>
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
+#include <vector>
 
+#include "Kiv/Dir.h"
 #include "Kiv/Entity.h"
+#include "Mfib/MfibDir.h"
 #include "Schema/Mfib/MfibStatus.h"
 #include "Schema/Mfib/RouteOrderedCollection.h"
 #include "Schema/VrfName.h"
+#include "Stelo/EntityManager.h"
 
 namespace Vorn::Multicast::Fib {
 
+// The tables of a collection by key, iterated in the order they were
+// entered. A collection holds one table per application, a handful, so a
+// vector searched from the front beats any hashed map and keeps the order.
+class VornPtrList {
+ public:
+  using key_type = Status const*;
+  using mapped_type = Kiv::Ptr<Status const>;
+  using value_type = std::pair<key_type, mapped_type>;
+  using iterator = std::vector<value_type>::iterator;
+  using const_iterator = std::vector<value_type>::const_iterator;
+
+  iterator begin() { return entries_.begin(); }
+  iterator end() { return entries_.end(); }
+  const_iterator begin() const { return entries_.begin(); }
+  const_iterator end() const { return entries_.end(); }
+  std::size_t size() const { return entries_.size(); }
+  bool empty() const { return entries_.empty(); }
+  iterator find(key_type k) { return std::find_if(begin(), end(), [k](value_type const& e) { return e.first == k; }); }
+  const_iterator find(key_type k) const {
+    return std::find_if(begin(), end(), [k](value_type const& e) { return e.first == k; });
+  }
+  void emplace(key_type k, mapped_type const& v) { entries_.emplace_back(k, v); }
+  void erase(iterator it) { entries_.erase(it); }
+
+ private:
+  std::vector<value_type> entries_;
+};
+
 class MfibVornColl : public Kiv::Entity {
  public:
-  using VornPtrMap = std::unordered_map<Status const*, Kiv::Ptr<Status const>>;
+  using VornPtrMap = VornPtrList;
 
   class NotifieeConst : public Kiv::NotifieeConstBase<MfibVornColl> {
    public:
@@ -54,12 +90,14 @@ class MfibVornColl : public Kiv::Entity {
 
   Kiv::Ptr<Status const> vornPtr(Status const* key) const;
   // Adds, replaces, or (value null) removes; notifies only a real change.
+  // A null key raises Kiv::RangeException.
   void vornPtrIs(Status const* key, Kiv::Ptr<Status const> const& value);
   // Returns the removed table, or null (and no notification).
   Kiv::Ptr<Status const> vornPtrDel(Status const* key);
   void vornPtrDelAll();
   void vornPtrNotify(Status const* key) const { notify(&NotifieeConst::onVornPtr, key); }
   std::size_t vornPtrs() const { return vornPtr_.size(); }
+  // The tables in the order they were entered.
   VornPtrMap const& vornPtrMap() const { return vornPtr_; }
 
   // Positions the merge iterator yields (every (table, key) whose route no
@@ -270,6 +308,62 @@ class VrfStatus : public Kiv::Entity {
   std::unordered_map<L3::VrfName, Kiv::Ptr<Status>> status_;
 };
 
+// MfibDirWriter: the publishing side of the MFIB directory. An application
+// creates (mounts for writing) one MFIB table per VRF, and a bit mapper
+// table when its outgoing interfaces are bit indices, announces their URLs
+// in its MfibDir entry of the MFIB directory and takes them back; its own
+// tables also go into its local MfibVornDir, so it reads them through the
+// same collections as everybody else's.
+//
+//   auto w = mfibDirWriterFactory("pim", mfibDir, mfibVornDir, entityManager);
+//   Kiv::Ptr<Status> red = w->doAddVorn("red", "mfib/red/pim");   // table first, then the URL
+//   red->routePublish(route);
+//   w->doDelVorn("red", "mfib/red/pim");                          // withdrawn, unmounted, file removed
+//
+// The factory creates the application's entry and the default VRF's
+// announcement (with empty URLs), which lives as long as the entry: deleting
+// the default VRF's table leaves it. Announcing comes after creating, so a
+// reader that reacts to the URL finds the table. An empty URL for doAddVorn
+// is a broken invariant (assertion "vornUrl.size()"); a table that cannot be
+// mounted makes the add operations return null and announce nothing.
+class MfibDirWriter : public Kiv::Entity {
+ public:
+  static Kiv::Ptr<MfibDirWriter> MfibDirWriterIs(Kiv::String const& appName, Kiv::Ptr<Kiv::Dir> const& mfibDir,
+                                                 Kiv::Ptr<MfibVornDir> const& mfibVornDir,
+                                                 Kiv::Ptr<Stelo::EntityManager> const& entityManager);
+  std::string_view typeName() const override { return "Vorn::Multicast::Fib::MfibDirWriter"; }
+
+  Kiv::String const& appName() const { return appName_; }
+  Kiv::Ptr<Kiv::Dir> const& mfibDir() const { return mfibDir_; }
+  Kiv::Ptr<MfibVornDir> const& mfibVornDir() const { return mfibVornDir_; }
+  Kiv::Ptr<Stelo::EntityManager> const& entityManager() const { return entityManager_; }
+  bool initialized() const { return initialized_; }
+  // The application's entry in the MFIB directory, or null.
+  Kiv::Ptr<MfibDir> appDir() const;
+
+  void handleInitialized();
+
+  // The MFIB table mounted under url, or null; mounts nothing.
+  Kiv::Ptr<Status> mfibVorn(Kiv::String const& url) const;
+  Kiv::Ptr<Status> doAddVorn(L3::VrfName const& vrf, Kiv::String const& url);
+  void doDelVorn(L3::VrfName const& vrf, Kiv::String const& url);
+  Kiv::Ptr<BitMapper::VornStatus> mfibBitMapperVorn(Kiv::String const& url) const;
+  Kiv::Ptr<BitMapper::VornStatus> doAddBitMapperVorn(L3::VrfName const& vrf, Kiv::String const& url);
+  void doDelBitMapperVorn(L3::VrfName const& vrf, Kiv::String const& url);
+
+ private:
+  MfibDirWriter(Kiv::String const& appName, Kiv::Ptr<Kiv::Dir> const& mfibDir,
+                Kiv::Ptr<MfibVornDir> const& mfibVornDir, Kiv::Ptr<Stelo::EntityManager> const& entityManager)
+      : Kiv::Entity(appName), appName_(appName), mfibDir_(mfibDir), mfibVornDir_(mfibVornDir),
+        entityManager_(entityManager) {}
+
+  Kiv::String const appName_;
+  Kiv::Ptr<Kiv::Dir> mfibDir_;
+  Kiv::Ptr<MfibVornDir> mfibVornDir_;
+  Kiv::Ptr<Stelo::EntityManager> entityManager_;
+  bool initialized_ = false;
+};
+
 Kiv::Ptr<MfibVornColl> mfibVornCollFactory(L3::VrfName const& vrfName);
 Kiv::Ptr<MfibVornDir> mfibVornDirFactory();
 Kiv::Ptr<VrfStatus> vrfStatusFactory();
@@ -277,5 +371,8 @@ Kiv::Ptr<OrderRouteSm> orderRouteSmFactory(Kiv::Ptr<MfibVornColl const> const& v
                                            Kiv::Ptr<RouteOrderedCollection> const& routeOrdered);
 Kiv::Ptr<ModalOrderRouteSm> modalOrderRouteSmFactory(Kiv::Ptr<Status const> const& mfibVorn,
                                                      Kiv::Ptr<ModalRouteOrderedCollection> const& routeOrdered);
+Kiv::Ptr<MfibDirWriter> mfibDirWriterFactory(Kiv::String const& appName, Kiv::Ptr<Kiv::Dir> const& mfibDir,
+                                             Kiv::Ptr<MfibVornDir> const& mfibVornDir,
+                                             Kiv::Ptr<Stelo::EntityManager> const& entityManager);
 
 }  // namespace Vorn::Multicast::Fib

@@ -4,6 +4,7 @@
 #include "Kiv/Assert.h"
 #include "Kiv/Exception.h"
 #include "Kiv/Trace.h"
+#include "Wirly/BrisklogArg.h"
 
 namespace Vorn::Multicast::Fib {
 
@@ -101,6 +102,17 @@ bool RouteIntfIteratorConst::resolve(OifIndex index, Wirly::IntfId& intfId) cons
 // An absent route reads as version 0, which no published route has.
 std::uint32_t RouteIntfIteratorConst::tableVersion() const {
   return findOrAbsent(status_->routeTable(), route_.key()).version();
+}
+
+void RouteIntfIteratorBase::doneIs() {
+  if (!done_)
+    BRISKLOG("RouteIntfIteratorConst", "walked route (%s/%u, %s/%u) version %u: %u interfaces%s",
+             route_.key().source().address(), route_.key().source().len(), route_.key().group().address(),
+             route_.key().group().len(), route_.version(), yielded_, mappingMissing_ ? ", mapping missing" : "");
+  done_ = true;
+  role_ = RouteIntfRole::none;
+  intfId_ = Wirly::IntfId();
+  oifIndex_ = OifIndex::end();
 }
 
 void RouteIntfIteratorConst::next() {

@@ -90,11 +90,10 @@ class RouteIntfIteratorBase {
     role_ = role;
     intfId_ = intfId;
     oifIndex_ = index;
+    ++yielded_;
   }
-  void doneIs() {
-    done_ = true;
-    itemIs(RouteIntfRole::none, Wirly::IntfId(), OifIndex::end());
-  }
+  // Ends the walk and leaves one ring-buffer record of it.
+  void doneIs();
   // Moves past `cur`, noting when the set has no more members.
   void advance(OifIndex cur) {
     nextOif_ = route_.nextOif(cur);
@@ -110,6 +109,7 @@ class RouteIntfIteratorBase {
   bool specialIntf3Visited_ = false;
   bool specialIntf4Visited_ = false;
   bool specialIntf2Visited_ = false;
+  std::uint32_t yielded_ = 0;
   bool done_ = false;
   bool mappingMissing_ = false;
   bool oifSetExhausted_;

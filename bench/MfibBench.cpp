@@ -20,19 +20,35 @@
 // tables; perRoute the time per (table, route) pair a walk or a pass
 // visits, perPosition per position the walk yields; per1MRoutes and
 // per1MPositions what a walk of 1M of either would take at that rate.
+//
+//   AnnounceToCollection   an application process calls doAddVorn for a new
+//                          VRF; the time until this process's MfibVornColl
+//                          for that VRF holds the mounted table (through the
+//                          shared directory, MfibDirSm and its mount), one
+//                          announcement at a time: median_us and p99_us
+//   PipeRoundTripBaseline  a timestamp through a plain pipe to another
+//                          process and back, read from the same kind of
+//                          event loop: the floor for any cross-process wake-up
 #include <benchmark/benchmark.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <ctime>
 #include <cstdlib>
 #include <map>
 #include <random>
 #include <string>
 #include <vector>
 
+#include "Brisklog/Brisklog.h"
+#include "Kiv/EventLoop.h"
+#include "Mfib/MfibDirSm.h"
 #include "Mfib/MfibVorn.h"
 #include "Mfib/MfibVornCollRouteIteratorConst.h"
+#include "Stelo/Mount.h"
 
 namespace {
 
@@ -260,6 +276,159 @@ void queryShapes(benchmark::internal::Benchmark* b) {
     for (long tables : {1, 2, 4, 8}) b->Args({tables, keys});
 }
 
+std::uint64_t nowNs() {
+  timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return std::uint64_t(ts.tv_sec) * 1000000000u + std::uint64_t(ts.tv_nsec);
+}
+
+void medianAndP99(benchmark::State& state, std::vector<double>& us) {
+  std::sort(us.begin(), us.end());
+  if (us.empty()) return;
+  state.counters["median_us"] = us[us.size() / 2];
+  state.counters["p99_us"] = us[us.size() * 99 / 100];
+}
+
+// A private table root, removed with everything in it when the run ends.
+struct BenchRoot {
+  BenchRoot() {
+    char t[] = "/dev/shm/mfib-bench.XXXXXX";
+    if (::mkdtemp(t) == nullptr) std::abort();
+    path = t;
+  }
+  ~BenchRoot() {
+    std::string const cmd = "rm -rf '" + path + "'";
+    if (std::system(cmd.c_str()) != 0) std::fprintf(stderr, "could not remove %s\n", path.c_str());
+  }
+  std::string path;
+};
+
+void AnnounceToCollection(benchmark::State& state) {
+  BenchRoot root;
+  // The directory machine's ring-buffer records go with the tables.
+  Brisklog::Config trace = Brisklog::config();
+  trace.dir = root.path;
+  Brisklog::configIs(trace);
+  int go[2], stamps[2];
+  if (::pipe(go) != 0 || ::pipe(stamps) != 0) std::abort();
+  pid_t const child = ::fork();
+  if (child == 0) {
+    // The application: one new VRF per byte read, its doAddVorn timed.
+    ::close(go[1]);
+    ::close(stamps[0]);
+    auto em = Stelo::EntityManager::entityManagerIs(nullptr, root.path);
+    KivVorn::Mount mount(em);
+    mount.doMount(MfibDir::sharedDirUrl, MfibDir::typeNameText, KivVorn::MountInfo::dirWriterOf("bench"));
+    auto dir = Kiv::ptrCast<Kiv::Dir>(mount.getEntity(MfibDir::sharedDirUrl));
+    auto writer = mfibDirWriterFactory("bench", dir, mfibVornDirFactory(), em);
+    for (unsigned i = 0;; ++i) {
+      char c;
+      if (::read(go[0], &c, 1) != 1) break;
+      std::string const vrf = "v" + std::to_string(i);
+      std::uint64_t stamp[2];
+      stamp[0] = nowNs();
+      writer->doAddVorn(vrf, "mfib/" + vrf + "/bench");
+      stamp[1] = nowNs();
+      if (::write(stamps[1], stamp, sizeof stamp) != sizeof stamp) break;
+    }
+    ::_exit(0);
+  }
+  ::close(go[0]);
+  ::close(stamps[1]);
+  Kiv::EventLoop loop;
+  auto em = Stelo::EntityManager::entityManagerIs(&loop, root.path);
+  KivVorn::Mount mount(em);
+  mount.doMount(MfibDir::sharedDirUrl, MfibDir::typeNameText, KivVorn::MountInfo(KivVorn::MountInfo::dirReader));
+  auto vornDir = mfibVornDirFactory();
+  auto sm = mfibDirSmFactory(Kiv::ptrCast<Kiv::Dir>(mount.getEntity(MfibDir::sharedDirUrl)), vornDir, em);
+  // Stamps the moment a collection first holds a table.
+  struct Watch : MfibVornDir::NotifieeConst {
+    using MfibVornDir::NotifieeConst::NotifieeConst;
+    struct Coll : MfibVornColl::NotifieeConst {
+      Coll(Kiv::Ptr<MfibVornColl const> const& c, std::uint64_t* t) : MfibVornColl::NotifieeConst(c), t(t) {}
+      void onVornPtr(Status const*) override {
+        if (*t == 0) *t = nowNs();
+      }
+      std::uint64_t* t;
+    };
+    void onVornColl(L3::VrfName vrf) override {
+      if (auto c = notifier()->vornColl(vrf)) colls.push_back(std::make_unique<Coll>(c, &t1));
+    }
+    std::vector<std::unique_ptr<Coll>> colls;
+    std::uint64_t t1 = 0;
+  } watch(vornDir);
+
+  std::vector<double> us, addUs, readerUs;
+  for (auto _ : state) {
+    watch.t1 = 0;
+    if (::write(go[1], "g", 1) != 1) break;
+    if (!loop.runUntil([&] { return watch.t1 != 0; }, 10.0)) {
+      state.SkipWithError("the reader never saw the table");
+      break;
+    }
+    std::uint64_t stamp[2];
+    if (::read(stamps[0], stamp, sizeof stamp) != sizeof stamp) break;
+    us.push_back(double(watch.t1 - stamp[0]) / 1000.0);
+    addUs.push_back(double(stamp[1] - stamp[0]) / 1000.0);
+    readerUs.push_back(double(watch.t1 - stamp[1]) / 1000.0);
+  }
+  ::close(go[1]);
+  ::waitpid(child, nullptr, 0);
+  ::close(stamps[0]);
+  Brisklog::close();
+  medianAndP99(state, us);
+  // Of which the writer spends this in doAddVorn itself (creating the
+  // table), and the reader this from the announcement on (waking up,
+  // mounting and following the table).
+  std::sort(addUs.begin(), addUs.end());
+  std::sort(readerUs.begin(), readerUs.end());
+  if (!addUs.empty()) state.counters["doAddVorn_median_us"] = addUs[addUs.size() / 2];
+  if (!readerUs.empty()) state.counters["reader_median_us"] = readerUs[readerUs.size() / 2];
+}
+
+void PipeRoundTripBaseline(benchmark::State& state) {
+  int there[2], back[2];
+  if (::pipe(there) != 0 || ::pipe(back) != 0) std::abort();
+  pid_t const child = ::fork();
+  if (child == 0) {
+    ::close(there[1]);
+    ::close(back[0]);
+    Kiv::EventLoop loop;
+    bool done = false;
+    loop.readableIs(there[0], [&] {
+      std::uint64_t ts;
+      if (::read(there[0], &ts, sizeof ts) != sizeof ts) {
+        done = true;
+        return;
+      }
+      if (::write(back[1], &ts, sizeof ts) != sizeof ts) done = true;
+    });
+    loop.runUntil([&] { return done; }, 120.0);
+    ::_exit(0);
+  }
+  ::close(there[0]);
+  ::close(back[1]);
+  Kiv::EventLoop loop;
+  std::uint64_t latest = 0;
+  loop.readableIs(back[0], [&] {
+    std::uint64_t ts;
+    if (::read(back[0], &ts, sizeof ts) == sizeof ts) latest = ts;
+  });
+  std::vector<double> us;
+  for (auto _ : state) {
+    std::uint64_t const t0 = nowNs();
+    if (::write(there[1], &t0, sizeof t0) != sizeof t0) break;
+    if (!loop.runUntil([&] { return latest == t0; }, 10.0)) break;
+    us.push_back(double(nowNs() - t0) / 1000.0);
+  }
+  ::close(there[1]);
+  ::waitpid(child, nullptr, 0);
+  ::close(back[0]);
+  medianAndP99(state, us);
+}
+
+BENCHMARK(AnnounceToCollection)->Iterations(100)->UseRealTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(PipeRoundTripBaseline)->Iterations(100)->UseRealTime()->Unit(benchmark::kMicrosecond);
 BENCHMARK(RouteQuery)->Apply(queryShapes);
 BENCHMARK(BaselineMapRouteQuery)->Apply(queryShapes);
 BENCHMARK(MergeWalk)->Apply(tableCounts)->Unit(benchmark::kMillisecond);

@@ -1,6 +1,16 @@
 # Helpers shared by every directory's CMakeLists.txt.
 
+include(GNUInstallDirs)
+
 set(MROUTE_WARNINGS -Wall -Wextra -Werror)
+
+# Libraries are installed as libmroute-<name>.so.<major>.<minor> so that they
+# cannot clash with other projects' libraries in a system directory; the
+# CMake targets keep their short names (Kiv, Vorn, ...) inside this tree and
+# are exported as mroute::<name>.
+set(MROUTE_SOVERSION ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR})
+# Every library target, in the order they were declared (dependencies first).
+set_property(GLOBAL PROPERTY MROUTE_LIBRARIES "")
 
 function(mroute_add_optional_subdirectory dir)
   if(EXISTS ${CMAKE_SOURCE_DIR}/${dir}/CMakeLists.txt)
@@ -9,19 +19,53 @@ function(mroute_add_optional_subdirectory dir)
 endfunction()
 
 # mroute_library(Name SOURCES a.cpp ... LIBS Dep ...)
+# The headers of the library's directory are its public headers, installed
+# under include/mroute/ with the spelling used in the tree ("Kiv/Ptr.h").
 function(mroute_library name)
   cmake_parse_arguments(ARG "" "" "SOURCES;LIBS" ${ARGN})
   add_library(${name} ${ARG_SOURCES})
+  add_library(mroute::${name} ALIAS ${name})
+  string(TOLOWER ${name} lower)
+  set_target_properties(${name} PROPERTIES
+    OUTPUT_NAME mroute-${lower}
+    VERSION ${PROJECT_VERSION}
+    SOVERSION ${MROUTE_SOVERSION}
+    EXPORT_NAME ${name})
   target_compile_options(${name} PRIVATE ${MROUTE_WARNINGS})
+  target_compile_features(${name} PUBLIC cxx_std_20)
+  target_include_directories(${name} PUBLIC
+    $<BUILD_INTERFACE:${CMAKE_SOURCE_DIR}>
+    $<BUILD_INTERFACE:${CMAKE_SOURCE_DIR}/platform>
+    $<BUILD_INTERFACE:${MROUTE_GENERATED_INCLUDE_DIR}>
+    $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/mroute>)
   target_link_libraries(${name} PUBLIC ${ARG_LIBS})
+  install(TARGETS ${name} EXPORT mrouteTargets
+          LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+          ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
+  # The directory's path below the repository or platform/ is its include
+  # spelling: platform/Schema/Mfib -> Schema/Mfib.
+  file(RELATIVE_PATH rel ${CMAKE_SOURCE_DIR} ${CMAKE_CURRENT_SOURCE_DIR})
+  string(REGEX REPLACE "^platform/" "" rel ${rel})
+  file(GLOB headers ${CMAKE_CURRENT_SOURCE_DIR}/*.h)
+  install(FILES ${headers} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/mroute/${rel})
+  if(EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/detail)
+    install(DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}/detail
+            DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/mroute/${rel} FILES_MATCHING PATTERN "*.h")
+  endif()
+  set_property(GLOBAL APPEND PROPERTY MROUTE_LIBRARIES ${name})
 endfunction()
 
-# mroute_executable(Name SOURCES ... LIBS ...)
+# mroute_executable(Name SOURCES ... LIBS ... [INSTALL])
+# INSTALL: a tool for operators, installed to bin/ (it finds the libraries
+# through a relative rpath).
 function(mroute_executable name)
-  cmake_parse_arguments(ARG "" "" "SOURCES;LIBS" ${ARGN})
+  cmake_parse_arguments(ARG "INSTALL" "" "SOURCES;LIBS" ${ARGN})
   add_executable(${name} ${ARG_SOURCES})
   target_compile_options(${name} PRIVATE ${MROUTE_WARNINGS})
   target_link_libraries(${name} PRIVATE ${ARG_LIBS})
+  if(ARG_INSTALL)
+    install(TARGETS ${name} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  endif()
 endfunction()
 
 # mroute_test(Name SOURCES ... LIBS ... [LABELS kernel] [TIMEOUT s])

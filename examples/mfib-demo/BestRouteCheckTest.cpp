@@ -2,12 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
-#include <map>
-#include <set>
 #include <string>
 
-#include "Scenario.h"
 #include "tests/Mfib/MfibTestUtil.h"
 
 using namespace MfibTest;
@@ -82,31 +78,6 @@ TEST_F(BestRouteCheckTest, InitialPassDiffersOnlyOnTiesUntilTheirNextChange) {
             (std::vector<Mismatch>{{tied, second, first}}));
   first->routePublish(route(tied, 2));  // a rewrite by either table will do
   EXPECT_TRUE(MfibDemo::mismatches(*ordered, MfibDemo::bestRoutes(*coll)).empty());
-}
-
-// A tie that the agent's initial pass meets must be written again later,
-// or the final check would (rightly) report it.
-TEST(MfibDemoScenarioTest, EveryTieOfTheFirstRoundIsWrittenAgainLater) {
-  using Slot = std::pair<std::string, IpGenRouteKey>;  // VRF, key
-  std::map<Slot, std::map<std::string, unsigned>> priorities;
-  std::set<Slot> rewritten;
-  for (MfibDemo::Step const& s : MfibDemo::steps()) {
-    Slot const slot(s.vrf, MfibDemo::keyOf(s));
-    if (s.round > 1) {
-      rewritten.insert(slot);
-      continue;
-    }
-    MfibDemo::App const* app = MfibDemo::appNamed(s.app);
-    ASSERT_NE(app, nullptr) << s.app;
-    priorities[slot][s.app] = MfibDemo::routeOf(s, *app).priority().value();
-  }
-  unsigned ties = 0;
-  for (auto const& [slot, byApp] : priorities) {
-    if (byApp.size() < 2 || byApp.begin()->second != byApp.rbegin()->second) continue;
-    ++ties;
-    EXPECT_TRUE(rewritten.count(slot)) << slot.first << " " << slot.second;
-  }
-  EXPECT_GT(ties, 0u);
 }
 
 }  // namespace

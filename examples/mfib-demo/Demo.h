@@ -7,8 +7,9 @@
 //                      its tables and exits.
 //   agent APP...       for the i-th APP (from 0), reads its reports on fd
 //                      3 + 2i and starts its rounds on fd 4 + 2i.
-//   run                makes a private table root, starts the publishers and
-//                      the agent wired that way, and removes the root.
+//   run [--keep]       makes a private table root (or uses $VORN_ROOT),
+//                      starts the publishers and the agent wired that way,
+//                      and removes the private root unless --keep.
 #pragma once
 
 #include <string>
@@ -17,6 +18,10 @@
 #include "Scenario.h"
 
 namespace MfibDemo {
+
+// Set in the publishers' environment by `run --keep` or a caller's
+// $VORN_ROOT: they leave their tables behind for inspection.
+inline constexpr char const* kKeepTablesEnv = "MFIB_DEMO_KEEP_TABLES";
 
 int publishMain(App const& app, int reportFd, int goFd);
 

@@ -2,13 +2,14 @@
 // shared-memory MFIB tables; an agent picks the best route per (S, G) and
 // checks its answer. The top-level README describes the run.
 //
-//   mfib-demo run                 everything, under a private table root
+//   mfib-demo run [--keep]        everything, under a private table root
 //   mfib-demo publish APP         one publisher (fds 3 and 4, see Demo.h)
 //   mfib-demo agent APP...        the agent (fds 3, 4, 5, 6, ...)
 #include <fcntl.h>
 #include <ftw.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -23,16 +24,20 @@
 #include <vector>
 
 #include "Demo.h"
+#include "MrouteVersion.h"
 
 namespace {
 
 using namespace MfibDemo;
 
 char const* const kUsage =
-    "usage: mfib-demo run\n"
+    "usage: mfib-demo run [--keep]\n"
     "       mfib-demo publish APP       (reports on fd 3, takes rounds from fd 4)\n"
     "       mfib-demo agent APP...      (APP i: reports on fd 3+2i, rounds to fd 4+2i)\n"
-    "APP is pim or static. Tables live under $VORN_ROOT (run makes a private one).\n";
+    "APP is pim, static or igmp. run puts the tables under $VORN_ROOT when it is set,\n"
+    "else under a private directory in /dev/shm that it removes at the end unless\n"
+    "--keep is given; tables it leaves can be read with vornctl --root DIR.\n"
+    "       mfib-demo --version\n";
 
 // Long enough for a slow machine, short enough that a stuck run ends.
 constexpr unsigned kRunTimeoutSeconds = 60;
@@ -70,19 +75,56 @@ pid_t spawn(std::vector<std::string> const& args, std::vector<int> const& fds) {
   std::vector<char*> argv;
   for (std::string const& a : args) argv.push_back(const_cast<char*>(a.c_str()));
   argv.push_back(nullptr);
+  // The program's own path rather than /proc/self/exe, so the children keep
+  // its name (ps, trace files).
+  char self[4096];
+  ssize_t const n = ::readlink("/proc/self/exe", self, sizeof self - 1);
+  if (n > 0) {
+    self[n] = '\0';
+    ::execv(self, argv.data());
+  }
   ::execv("/proc/self/exe", argv.data());
   std::fprintf(stderr, "mfib-demo: exec: %s\n", std::strerror(errno));
   ::_exit(127);
 }
 
-int runMain() {
+// The table root: $VORN_ROOT when set (the caller's: never removed), else a
+// private directory removed at the end unless `keep`.
+struct TableRoot {
+  std::string path;
+  bool remove = false;
+};
+
+bool makeTableRoot(bool keep, TableRoot& out) {
+  char const* env = std::getenv("VORN_ROOT");
+  if (env != nullptr && *env != '\0') {
+    out.path = env;
+    ::setenv(kKeepTablesEnv, "1", 1);
+    if (::mkdir(env, 0700) != 0 && errno != EEXIST) {
+      std::cerr << "mfib-demo: cannot make the table root " << out.path << ": " << std::strerror(errno) << "\n";
+      return false;
+    }
+    return true;
+  }
   char rootTemplate[] = "/dev/shm/mfib-demo.XXXXXX";
   if (::mkdtemp(rootTemplate) == nullptr) {
     std::cerr << "mfib-demo: cannot make a table root under /dev/shm: " << std::strerror(errno) << "\n";
-    return 1;
+    return false;
   }
-  std::string const root = rootTemplate;
-  ::setenv("VORN_ROOT", root.c_str(), 1);
+  out.path = rootTemplate;
+  out.remove = !keep;
+  ::setenv("VORN_ROOT", out.path.c_str(), 1);
+  if (keep) ::setenv(kKeepTablesEnv, "1", 1);
+  return true;
+}
+
+int runMain(bool keep) {
+  TableRoot tableRoot;
+  if (!makeTableRoot(keep, tableRoot)) return 1;
+  std::string const& root = tableRoot.path;
+  // The processes' ring-buffer traces go with the tables, unless the caller
+  // chose where they go.
+  ::setenv("BRISKLOG_DIR", root.c_str(), 0);
 
   struct sigaction sa = {};
   sa.sa_handler = onSignal;  // no SA_RESTART: waitpid returns to look at it
@@ -149,8 +191,13 @@ int runMain() {
     children.erase(it);
   }
   ::alarm(0);
-  removeTree(root);
-  std::cout << "mfib-demo: " << (failed ? "FAILED" : "ok") << "; removed " << root << std::endl;
+  std::cout << "mfib-demo: " << (failed ? "FAILED" : "ok");
+  if (tableRoot.remove) {
+    removeTree(root);
+    std::cout << "; removed " << root << std::endl;
+  } else {
+    std::cout << "; tables kept under " << root << " (vornctl --root " << root << " list)" << std::endl;
+  }
   return failed ? 1 : 0;
 }
 
@@ -159,7 +206,17 @@ int runMain() {
 int main(int argc, char** argv) {
   std::vector<std::string> const args(argv + 1, argv + argc);
   try {
-    if (args.size() == 1 && args[0] == "run") return runMain();
+    if (args.size() == 1 && args[0] == "--version") {
+      std::cout << "mfib-demo (libmroute) " << MROUTE_VERSION << "\n";
+      return 0;
+    }
+    if (!args.empty() && args[0] == "run" && args.size() <= 2) {
+      if (args.size() == 2 && args[1] != "--keep") {
+        std::cerr << "mfib-demo run: unknown option " << args[1] << "\n" << kUsage;
+        return 2;
+      }
+      return runMain(args.size() == 2);
+    }
     if (args.size() == 2 && args[0] == "publish") {
       App const* app = appNamed(args[1]);
       if (app == nullptr) {

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "Scenario.h"
+#include "Mfib/MfibVorn.h"
 #include "Stelo/EntityManager.h"
 #include "Stelo/Mount.h"
 #include "tests/Mfib/MfibTestUtil.h"
@@ -26,26 +27,33 @@ std::string readAll(int fd) {
   return out;
 }
 
-TEST(MfibDemoRunTest, ReportsOwnersWithEachTablesInterfacesAgreesAndLeavesNoFiles) {
+TEST(MfibDemoRunTest, ReportsDirectoryEventsAndOwnersWithEachTablesInterfacesAgreesAndLeavesNoFiles) {
   FILE* p = ::popen(MFIB_DEMO_PATH " run 2>&1", "r");
   ASSERT_NE(p, nullptr);
   std::string const out = readAll(::fileno(p));
   int const status = ::pclose(p);
   ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << out;
 
-  // static numbers its interfaces 201..208, pim 1..8: both must come out
-  // as the same names, each resolved through the owner's own table.
-  EXPECT_NE(out.find("~ default (10.0.0.1, 239.1.1.1)  pim     Vlan10 -> Ethernet1 Ethernet2 Ethernet8\n"),
-            std::string::npos) << out;
-  EXPECT_NE(out.find("~ default (10.0.0.1, 239.1.1.1)  static  Vlan10 -> Ethernet3  (was pim)\n"), std::string::npos)
-      << out;
-  EXPECT_NE(out.find("- default (10.0.0.3, 239.1.1.3)  withdrawn (was pim)\n"), std::string::npos) << out;
-  EXPECT_NE(out.find("~ red     (10.1.0.1, 239.2.2.1)  static  Vlan40 -> Ethernet2 Ethernet3  (was pim)\n"),
-            std::string::npos) << out;
-  EXPECT_NE(out.find("check default 3 keys against a brute-force pass over 2 tables: agree\n"), std::string::npos)
-      << out;
-  EXPECT_NE(out.find("check red     3 keys against a brute-force pass over 2 tables: agree\n"), std::string::npos)
-      << out;
+  auto has = [&out](std::string const& line) { return out.find(line + "\n") != std::string::npos; };
+  // static numbers its interfaces 201..208, pim 1..8, igmp with bit
+  // indices: all must come out as the same names, each resolved through
+  // the owner's own table.
+  EXPECT_TRUE(has("~ default (10.0.0.1, 239.1.1.1)  pim     Vlan10 -> Ethernet1 Ethernet2 Ethernet8")) << out;
+  EXPECT_TRUE(has("~ default (10.0.0.1, 239.1.1.1)  static  Vlan10 -> Ethernet3  (was pim)")) << out;
+  EXPECT_TRUE(has("+ default (10.0.0.6, 239.1.1.6)  igmp    Vlan80 -> Ethernet3 Ethernet4")) << out;
+  // Ties go to the table announced first, the same in every run.
+  EXPECT_TRUE(has("+ red     (10.1.0.2, 239.2.2.2)  pim     Vlan50 -> Ethernet4  [tied: pim, static]")) << out;
+  // The directory's events, each in its round.
+  for (char const* line : {"* vrf blue: + table of static (mfib/blue/static)",
+                           "* vrf red: - table of pim (mfib/red/pim)", "* directory: igmp announced",
+                           "* vrf blue: + table of igmp (mfib/blue/igmp)", "* vrf red: collection removed, no table left",
+                           "* directory: static withdrawn"})
+    EXPECT_TRUE(has(std::string("  ") + line)) << line << "\n" << out;
+  EXPECT_LT(out.find("round 4:"), out.find("directory: igmp announced")) << out;
+  EXPECT_TRUE(has("~ red     (10.1.0.2, 239.2.2.2)  static  Vlan50 -> Ethernet5  (was pim)")) << out;
+  EXPECT_TRUE(has("  check default 3 keys against a brute-force pass over 2 tables: agree")) << out;
+  EXPECT_TRUE(has("  check blue    1 keys against a brute-force pass over 1 tables: agree")) << out;
+  EXPECT_EQ(out.find("check red"), std::string::npos) << out;
   EXPECT_EQ(out.find("MISMATCH"), std::string::npos) << out;
 
   std::string const marker = "tables under ";
@@ -56,13 +64,19 @@ TEST(MfibDemoRunTest, ReportsOwnersWithEachTablesInterfacesAgreesAndLeavesNoFile
   EXPECT_NE(::access(root.c_str(), F_OK), 0) << root << " is still there";
 }
 
-// Both publishers played by the test: their four tables, and the pipes the
-// agent expects at descriptors 3 to 6.
+// Both publishers played by the test: each announces its tables in the
+// MFIB directory as an application process would, and answers the agent
+// over the pipes it expects at descriptors 3 to 6.
 class AgentTest : public ::testing::Test {
  protected:
+  struct Player {
+    char const* name;
+    Kiv::Ptr<Stelo::EntityManager> em;
+    Kiv::Ptr<Kiv::Dir> dir;
+    Kiv::Ptr<MfibDirWriter> writer;
+  };
   Tables tables;  // the private root
-  Kiv::Ptr<Stelo::EntityManager> em = Stelo::EntityManager::entityManagerIs(nullptr, tables.root.path());
-  KivVorn::Mount mount{em};
+  Player players[2] = {{"pim", nullptr, nullptr, nullptr}, {"static", nullptr, nullptr, nullptr}};
   int report[2][2] = {};
   int go[2][2] = {};
   int output = -1;
@@ -70,16 +84,14 @@ class AgentTest : public ::testing::Test {
 
   void SetUp() override {
     ::signal(SIGPIPE, SIG_IGN);
-    for (char const* vrf : MfibDemo::vrfs)
-      for (MfibDemo::App const& app : MfibDemo::apps) {
-        std::string const url = MfibDemo::tableUrl(vrf, app.name);
-        mount.doMount(url, Status::typeNameText, KivVorn::MountInfo(KivVorn::MountInfo::writer));
-        Kiv::Ptr<Status> t = table(vrf, app.name);
-        ASSERT_NE(t, nullptr);
-        for (unsigned n = 1; n <= MfibDemo::ethernets; ++n)
-          t->oifIndexIntfIs(OifIndexIntf(OifIndex(static_cast<std::uint16_t>(app.oifBase + n)),
-                                         Wirly::IntfId("Ethernet" + std::to_string(n))));
-      }
+    for (Player& p : players) {
+      p.em = Stelo::EntityManager::entityManagerIs(nullptr, tables.root.path());
+      KivVorn::Mount mount(p.em);
+      mount.doMount(MfibDir::sharedDirUrl, MfibDir::typeNameText, KivVorn::MountInfo::dirWriterOf(p.name));
+      p.dir = Kiv::ptrCast<Kiv::Dir>(mount.getEntity(MfibDir::sharedDirUrl));
+      ASSERT_TRUE(p.dir);
+      p.writer = mfibDirWriterFactory(p.name, p.dir, mfibVornDirFactory(), p.em);
+    }
   }
 
   void TearDown() override {
@@ -89,15 +101,21 @@ class AgentTest : public ::testing::Test {
     }
   }
 
-  Kiv::Ptr<Status> table(char const* vrf, char const* app) {
-    return Kiv::ptrCast<Status>(mount.getEntity(MfibDemo::tableUrl(vrf, app)));
+  // Announces the VRF's table of player i with its interface numbering.
+  Kiv::Ptr<Status> announce(int i, char const* vrf) {
+    Kiv::Ptr<Status> t = players[i].writer->doAddVorn(vrf, MfibDemo::tableUrl(vrf, players[i].name));
+    MfibDemo::App const& app = *MfibDemo::appNamed(players[i].name);
+    for (unsigned n = 1; n <= MfibDemo::ethernets; ++n)
+      t->oifIndexIntfIs(OifIndexIntf(OifIndex(static_cast<std::uint16_t>(app.oifBase + n)),
+                                     Wirly::IntfId("Ethernet" + std::to_string(n))));
+    return t;
   }
 
-  void publish(char const* vrf, char const* app, IpGenRouteKey const& k, unsigned priority, unsigned oif) {
-    MfibDemo::Step const step{0, app, vrf, "0.0.0.0", "0.0.0.0", false, priority, "Vlan10", {oif}};
-    Route r = MfibDemo::routeOf(step, *MfibDemo::appNamed(app));
+  void publish(int i, char const* vrf, IpGenRouteKey const& k, unsigned priority, unsigned oif) {
+    MfibDemo::Step const step{0, players[i].name, vrf, "0.0.0.0", "0.0.0.0", false, priority, "Vlan10", {oif}};
+    Route r = MfibDemo::routeOf(step, *MfibDemo::appNamed(players[i].name));
     r.keyIs(k);
-    table(vrf, app)->routePublish(r);
+    players[i].writer->mfibVorn(MfibDemo::tableUrl(vrf, players[i].name))->routePublish(r);
   }
 
   void startAgent() {
@@ -116,6 +134,7 @@ class AgentTest : public ::testing::Test {
       for (std::size_t i = 0; i < high.size(); ++i) ::dup2(high[i], 3 + static_cast<int>(i));
       for (int fd = 7; fd < 1024; ++fd) ::close(fd);
       ::setenv("VORN_ROOT", tables.root.path().c_str(), 1);
+      ::setenv("BRISKLOG_DIR", tables.root.path().c_str(), 1);
       ::execl(MFIB_DEMO_PATH, "mfib-demo", "agent", "pim", "static", static_cast<char*>(nullptr));
       ::_exit(127);
     }
@@ -137,7 +156,7 @@ class AgentTest : public ::testing::Test {
   // Closes our ends; the agent's output and exit code.
   int finish(std::string& out) {
     for (int i = 0; i < 2; ++i) {
-      ::close(report[i][1]);
+      if (report[i][1] >= 0) ::close(report[i][1]);
       ::close(go[i][0]);
     }
     out = readAll(output);
@@ -147,55 +166,54 @@ class AgentTest : public ::testing::Test {
     agent = -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   }
-
-  // Plays every round; `write(round)` makes the round's changes.
-  template <class F>
-  int playRounds(F write, std::string& out) {
-    say(0, "ready");
-    say(1, "ready");
-    for (unsigned round; (round = awaitRound(0)) != 0;) {
-      EXPECT_EQ(awaitRound(1), round);
-      write(round);
-      say(0, "round " + std::to_string(round));
-      say(1, "round " + std::to_string(round));
-    }
-    return finish(out);
-  }
 };
 
-TEST_F(AgentTest, FailsTheCheckWhenATieOfTheInitialPassIsNeverWrittenAgain) {
-  IpGenRouteKey const tied = key(1), plain = key(2);
-  publish("red", "pim", tied, 2, 1);
-  publish("red", "static", tied, 2, 2);
-  publish("default", "pim", plain, 2, 3);
+TEST_F(AgentTest, FindsTablesOnlyThroughTheDirectoryAndFollowsThemComingAndGoing) {
+  IpGenRouteKey const tied = key(1), blue = key(2);
+  announce(0, "red");
+  announce(1, "red");
+  publish(1, "red", tied, 2, 2);  // static's first: the order of announcing decides, not of writing
+  publish(0, "red", tied, 2, 1);
   startAgent();
+  say(0, "ready");
+  say(1, "ready");
+  bool staticStopped = false;
+  for (unsigned round; (round = awaitRound(0)) != 0;) {
+    if (!staticStopped) {
+      EXPECT_EQ(awaitRound(1), round);
+    }
+    if (round == 2) {
+      announce(1, "blue");
+      publish(1, "blue", blue, 1, 3);
+    }
+    if (round == 3) players[0].writer->doDelVorn("red", MfibDemo::tableUrl("red", "pim"));
+    if (round == 4) {
+      players[1].writer->doDelVorn("red", MfibDemo::tableUrl("red", "static"));
+      players[1].writer->doDelVorn("blue", MfibDemo::tableUrl("blue", "static"));
+      players[1].dir->entryDel("static");
+      say(1, "stopped 4");
+      ::close(report[1][1]);
+      report[1][1] = -1;
+      staticStopped = true;
+    }
+    say(0, "round " + std::to_string(round));
+    if (round < 4) say(1, "round " + std::to_string(round));
+  }
   std::string out;
-  EXPECT_EQ(playRounds([&](unsigned round) { if (round == 2) publish("default", "static", plain, 1, 4); }, out), 1)
+  EXPECT_EQ(finish(out), 0) << out;
+  std::size_t const round2 = out.find("round 2:"), round3 = out.find("round 3:"), round4 = out.find("round 4:");
+  ASSERT_TRUE(round2 != std::string::npos && round3 != std::string::npos && round4 != std::string::npos) << out;
+  EXPECT_LT(out.find("* vrf red: + table of pim (mfib/red/pim)"), out.find("* vrf red: + table of static"))
       << out;
-  EXPECT_NE(out.find("MISMATCH red     (10.0.0.1, 239.1.0.1)"), std::string::npos) << out;
-  EXPECT_NE(out.find("check red     1 keys against a brute-force pass over 2 tables: DISAGREE"), std::string::npos)
+  EXPECT_LT(out.find("+ red     (10.0.0.1, 239.1.0.1)  pim     Vlan10 -> Ethernet1  [tied: pim, static]"), round2)
       << out;
-  EXPECT_NE(out.find("check default 1 keys against a brute-force pass over 2 tables: agree"), std::string::npos)
-      << out;
-}
-
-TEST_F(AgentTest, AgreesOnceTheTieIsWrittenAgainAndShowsItsOwnerChange) {
-  IpGenRouteKey const tied = key(1);
-  publish("red", "pim", tied, 2, 1);
-  publish("red", "static", tied, 2, 2);
-  startAgent();
-  std::string out;
-  EXPECT_EQ(playRounds([&](unsigned round) { if (round == 3) publish("red", "pim", tied, 2, 5); }, out), 0) << out;
+  EXPECT_GT(out.find("* vrf blue: + table of static (mfib/blue/static)"), round2) << out;
+  EXPECT_GT(out.find("+ blue    (10.0.0.2, 239.1.0.1)  static  Vlan10 -> Ethernet3"), round2) << out;
+  EXPECT_GT(out.find("~ red     (10.0.0.1, 239.1.0.1)  static  Vlan10 -> Ethernet2  (was pim)"), round3) << out;
+  EXPECT_GT(out.find("* directory: static withdrawn"), round4) << out;
+  EXPECT_GT(out.find("- blue    (10.0.0.2, 239.1.0.1)  withdrawn (was static)"), round4) << out;
+  EXPECT_NE(out.find("* vrf red: collection removed, no table left"), std::string::npos) << out;
   EXPECT_EQ(out.find("MISMATCH"), std::string::npos) << out;
-  EXPECT_TRUE(out.find("red     (10.0.0.1, 239.1.0.1)  pim, then static") != std::string::npos ||
-              out.find("red     (10.0.0.1, 239.1.0.1)  static, then pim") != std::string::npos)
-      << out;
-  EXPECT_NE(out.find("round 3:"), std::string::npos);
-  std::string const round3 = out.substr(out.find("round 3:"));
-  // Whichever table the initial pass left it with, the rewrite hands the
-  // key to the first in the collection's order.
-  EXPECT_NE(round3.find("~ red     (10.0.0.1, 239.1.0.1)"), std::string::npos) << out;
-  EXPECT_NE(round3.find("(was "), std::string::npos) << out;
 }
 
 TEST_F(AgentTest, GivesUpAtOnceWhenAPublisherLeaves) {

@@ -1,10 +1,12 @@
 // The story the demonstration's publishers act out: which application
-// writes which route, in which VRF and in which round. The publishers write
-// it; the agent only paces the rounds and prints their titles, and learns
-// everything else from the shared tables.
+// announces which VRF and writes which route in which round, and when an
+// application starts and stops. The publishers write it; the agent only
+// paces the rounds and prints their titles, and learns everything else from
+// the MFIB directory and the shared tables.
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -19,15 +21,30 @@ struct App {
   // oifBase + n stands for Ethernet n in its oifIndexIntf table. The agent
   // must resolve an index through the table of the route that owns it.
   std::uint16_t oifBase;
+  // Numbers them with bit indices from its own bit mapper table instead.
+  bool bitMapper;
 };
 
-inline constexpr App apps[] = {{"pim", 2, 0}, {"static", 1, 200}};
+inline constexpr App apps[] = {{"pim", 2, 0, false}, {"static", 1, 200, false}, {"igmp", 1, 0, true}};
 inline constexpr char const* vrfs[] = {"default", "red"};
-// Ethernet1..ethernets are in every application's oifIndexIntf table.
+// Ethernet1..ethernets are in every application's interface numbering.
 inline constexpr unsigned ethernets = 8;
-// Round 1 is written before the agent mounts the tables; the agent asks
-// for every later round.
-inline constexpr unsigned rounds = 4;
+// Round 1 is written before the agent starts; the agent asks for every
+// later round.
+inline constexpr unsigned rounds = 5;
+
+// What an application does to the directory in a round, before its routes
+// (addVrf, start) or after them (delVrf, stop). An application starts with
+// its first addVrf; stop withdraws every VRF and its directory entry, and
+// its process ends.
+struct DirStep {
+  enum What { addVrf, delVrf, stop };
+  unsigned round;
+  char const* app;
+  What what;
+  char const* vrf;  // addVrf, delVrf
+};
+std::vector<DirStep> const& dirSteps();
 
 struct Step {
   unsigned round;
@@ -47,9 +64,13 @@ char const* roundTitle(unsigned round);
 
 App const* appNamed(std::string const& name);
 std::string tableUrl(char const* vrf, char const* app);
+std::string bitMapperUrl(char const* vrf, char const* app);
 
-// The route a step publishes, with the application's own OifIndex values.
+// The route a step publishes, with the application's own OifIndex values
+// (oifBase + n, or what `oifOf` says for Ethernet n).
 Vorn::Multicast::Fib::Route routeOf(Step const& step, App const& app);
+Vorn::Multicast::Fib::Route routeOf(Step const& step, App const& app,
+                                    std::function<Vorn::Multicast::Fib::OifIndex(unsigned)> const& oifOf);
 Vorn::Multicast::Fib::IpGenRouteKey keyOf(Step const& step);
 
 }  // namespace MfibDemo

@@ -6,10 +6,24 @@
 //   void vornPtrDelAll() { for (K k : Kiv::keysOf(vornPtr_)) vornPtrDel(k); }
 #pragma once
 
+#include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
+#include "Kiv/Exception.h"
+
 namespace Kiv {
+
+// What a collection mutator raises when given a null argument:
+// nullParameter("_appDir", "Ns::Owner::appDir") reads
+// null _appDir parameter to mutator for Ns::Owner::appDir not allowed"
+// The closing double quote belongs to the text, which agents match as it
+// stands.
+inline RangeException nullParameter(std::string_view parameter, std::string_view attribute) {
+  return RangeException("null " + std::string(parameter) + " parameter to mutator for " + std::string(attribute) +
+                        " not allowed\"");
+}
 
 // Stores a pointer value under key: the same pointer changes nothing, a null
 // pointer removes the entry, another pointer replaces it. Returns whether

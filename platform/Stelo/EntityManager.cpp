@@ -1,5 +1,6 @@
 #include "Stelo/EntityManager.h"
 
+#include "Stelo/SharedDir.h"
 #include "Vorn/Region.h"
 
 namespace Stelo {
@@ -12,6 +13,7 @@ EntityManager::EntityManager(Kiv::EventLoop* loop, std::string root)
     : loop_(loop), root_(root.empty() ? Vorn::defaultRoot() : std::move(root)) {}
 
 EntityManager::~EntityManager() {
+  for (auto& [url, dir] : sharedDirs_) dir->stop();
   // Tables outlive the manager if someone holds them, readable still, but
   // they no longer hear of changes from the manager's loop.
   for (auto& [url, status] : mounts_)
@@ -43,6 +45,27 @@ Kiv::Ptr<Vorn::Status> EntityManager::mountedDel(std::string const& url) {
   Kiv::Ptr<Vorn::Status> s = it->second;
   mounts_.erase(it);
   return s;
+}
+
+Kiv::Ptr<SharedDir> EntityManager::sharedDir(std::string const& url) const {
+  auto it = sharedDirs_.find(url);
+  return it == sharedDirs_.end() ? Kiv::Ptr<SharedDir>() : it->second;
+}
+
+void EntityManager::sharedDirIs(std::string const& url, Kiv::Ptr<SharedDir> const& dir) {
+  if (!dir) {
+    sharedDirDel(url);
+    return;
+  }
+  sharedDirs_[url] = dir;
+}
+
+Kiv::Ptr<SharedDir> EntityManager::sharedDirDel(std::string const& url) {
+  auto it = sharedDirs_.find(url);
+  if (it == sharedDirs_.end()) return {};
+  Kiv::Ptr<SharedDir> d = it->second;
+  sharedDirs_.erase(it);
+  return d;
 }
 
 }  // namespace Stelo

@@ -21,6 +21,8 @@ class EventLoop;
 
 namespace Stelo {
 
+class SharedDir;
+
 class EntityManager : public Kiv::PtrInterface {
  public:
   // root empty: Vorn::defaultRoot(). loop may be null (no reader follows
@@ -41,6 +43,12 @@ class EntityManager : public Kiv::PtrInterface {
   Kiv::Ptr<Vorn::Status> mountedDel(std::string const& url);
   std::size_t mounts() const { return mounts_.size(); }
 
+  // Shared directories mounted (KivVorn::MountInfo::dirWriter, dirReader),
+  // by directory URL.
+  Kiv::Ptr<SharedDir> sharedDir(std::string const& url) const;
+  void sharedDirIs(std::string const& url, Kiv::Ptr<SharedDir> const& dir);
+  Kiv::Ptr<SharedDir> sharedDirDel(std::string const& url);
+
  protected:
   EntityManager(Kiv::EventLoop* loop, std::string root);
   ~EntityManager() override;
@@ -49,6 +57,7 @@ class EntityManager : public Kiv::PtrInterface {
   Kiv::EventLoop* loop_;
   std::string root_;
   std::map<std::string, Kiv::Ptr<Vorn::Status>> mounts_;
+  std::map<std::string, Kiv::Ptr<SharedDir>> sharedDirs_;
 };
 
 }  // namespace Stelo

@@ -6,8 +6,10 @@
 
 #include <cerrno>
 
+#include "Brisklog/Brisklog.h"
 #include "Kiv/Exception.h"
 #include "Kiv/Trace.h"
+#include "Stelo/SharedDir.h"
 #include "Vorn/Registry.h"
 
 namespace KivVorn {
@@ -41,6 +43,18 @@ void Mount::handleInitialized() {
 void Mount::doMount(std::string const& url, std::string const& typeName, MountInfo const& mountInfo) {
   KIV_TRACE(th, 9, "void KivVorn::Mount::doMount(" << url << ", " << typeName << ", kind " << mountInfo.kind << ")");
   std::string const path = entityManager_->pathOfUrl(url);  // refuses unsafe URLs
+  if (mountInfo.kind == MountInfo::dirWriter || mountInfo.kind == MountInfo::dirReader) {
+    if (entityManager_->sharedDir(url)) return;
+    Kiv::Ptr<Stelo::SharedDir> dir =
+        mountInfo.kind == MountInfo::dirWriter
+            ? Stelo::SharedDir::writerIs(entityManager_, url, typeName, Kiv::Name(mountInfo.entry))
+            : Stelo::SharedDir::readerIs(entityManager_, url, typeName);
+    entityManager_->sharedDirIs(url, dir);
+    KIV_TRACE(th, 5, "doMount: shared directory " << url << " of " << typeName
+                                                  << (mountInfo.kind == MountInfo::dirWriter ? ", publishing " : "")
+                                                  << mountInfo.entry);
+    return;
+  }
   if (Kiv::Ptr<Vorn::Status> existing = entityManager_->mounted(url)) {
     if (existing->typeName() != typeName)
       KIV_TRACE(th, 2, "doMount: " << url << " is mounted already as " << existing->typeName() << ", not "
@@ -78,27 +92,37 @@ void Mount::doMount(std::string const& url, std::string const& typeName, MountIn
       status->followIs(entityManager_->eventLoop());
   } catch (Pelto::CorruptionDetectedException const& e) {
     KIV_TRACE(th, 2, "doMount: " << url << ": " << e.what());
+    BRISKLOG("KivVorn::Mount", "mount of %s failed: %s", url, e.what());
     return;
   } catch (Kiv::Exception const& e) {
     // No such file, no permission, no room, or a table another writer is
     // writing. A reader waits for the table to appear; a writer that cannot
     // make or take its table must not go on as if it had one.
     KIV_TRACE(th, 2, "doMount: " << url << ": " << e.what());
+    BRISKLOG("KivVorn::Mount", "mount of %s failed: %s", url, e.what());
     if (mode == Vorn::Status::Mode::writer) throw;
     return;
   }
   entityManager_->mountedIs(url, status);
   KIV_TRACE(th, 5, "doMount: mounted " << url << " at " << path);
+  BRISKLOG("KivVorn::Mount", "mounted %s (%s) as %s", url, typeName,
+           mode == Vorn::Status::Mode::writer ? "writer" : "reader");
 }
 
 Kiv::Ptr<Kiv::Entity> Mount::getEntity(std::string const& url) const {
-  return Kiv::Ptr<Kiv::Entity>(entityManager_->mounted(url));
+  if (Kiv::Ptr<Vorn::Status> status = entityManager_->mounted(url)) return Kiv::Ptr<Kiv::Entity>(status);
+  if (Kiv::Ptr<Stelo::SharedDir> dir = entityManager_->sharedDir(url)) return Kiv::Ptr<Kiv::Entity>(dir->dir());
+  return nullptr;
 }
 
 void Mount::doUnmount(std::string const& url) {
   KIV_TRACE(th, 9, "void KivVorn::Mount::doUnmount(" << url << ")");
   Kiv::Ptr<Vorn::Status> status = entityManager_->mountedDel(url);
-  if (status) status->unmount();
+  if (status) {
+    status->unmount();
+    BRISKLOG("KivVorn::Mount", "unmounted %s", url);
+  }
+  if (Kiv::Ptr<Stelo::SharedDir> dir = entityManager_->sharedDirDel(url)) dir->stop();
 }
 
 void Mount::cleanup(std::string const& url) {

@@ -1,7 +1,13 @@
 // KivVorn::Mount: mounts shared tables by URL for an entity manager.
 //
 // Kinds: 0 the writer (creates the table, or adopts the records of an
-// existing one), 2 a reader, 3 a reader of the MFIB schema. A type name is
+// existing one), 2 a reader, 3 a reader of the MFIB schema; 4 and 5 mount a
+// shared directory (Stelo/SharedDir.h) of entities of `typeName` under
+// `url`: 4 publishes the entry named in MountInfo::entry, 5 mirrors every
+// entry; getEntity(url) is then the local Kiv::Dir. Unlike a table, a
+// shared directory that cannot be mounted raises (an unknown entry type, a
+// reader without event loop, an entry another running process publishes):
+// a process that cannot publish or follow its directory has to know. A type name is
 // resolved through Vorn::StatusRegistry. A reader mount of a table that
 // does not exist (yet), holds another type or is corrupt yields no entity:
 // getEntity returns null and the reason is traced ("Vorn::Mount" handle).
@@ -32,11 +38,20 @@ struct MountInfo {
   static constexpr int writer = 0;
   static constexpr int reader = 2;
   static constexpr int mfibReader = 3;
+  static constexpr int dirWriter = 4;
+  static constexpr int dirReader = 5;
 
   MountInfo() = default;
   explicit MountInfo(int k) : kind(k) {}
+  static MountInfo dirWriterOf(std::string entryName) {
+    MountInfo m(dirWriter);
+    m.entry = std::move(entryName);
+    return m;
+  }
 
   int kind = reader;
+  // The entry a directory writer publishes.
+  std::string entry;
   // Table capacities and change-log size for a writer that creates the table.
   Vorn::MountOptions options;
 };

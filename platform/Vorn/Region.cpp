@@ -428,6 +428,12 @@ bool Region::writerLockHeld() const {
   return fl.l_type != F_UNLCK;
 }
 
+std::uint32_t Region::liveReaders() const {
+  std::uint32_t n = 0;
+  for (Layout::BellSlot const& b : header_->bells) n += pidAlive(b.pid.load(std::memory_order_acquire));
+  return n;
+}
+
 void Region::truncatedFail() const { fail("the file was truncated under a live mapping"); }
 
 void Region::fail(std::string const& text) const {

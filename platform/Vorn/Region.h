@@ -118,6 +118,9 @@ class Region {
   // writer's last descriptor): neither a zombie nor an unrelated process
   // that got the pid passes.
   bool writerAlive() const;
+  // Readers holding a doorbell whose process still runs (a reader killed
+  // before it could give its doorbell back does not count).
+  std::uint32_t liveReaders() const;
 
   // Set (from the fault handler) when the file shrank under the mapping.
   bool truncated() const { return guard_.truncated(); }

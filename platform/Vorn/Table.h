@@ -59,6 +59,7 @@
 #include <functional>
 #include <map>
 #include <ostream>
+#include <sstream>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -134,9 +135,13 @@ class TableBase {
 
   // For inspection tools, through the key's and the record's operator<<
   // (hex bytes for a type without one): every record in key order as
-  // "key -> record" lines, at most `limit`; returns how many.
+  // lines (a record holds its key), at most `limit`; returns how many.
   virtual std::size_t printOrdered(std::ostream& os, std::size_t limit) const = 0;
-  // One key (keySize bytes) as "key -> record" or "key deleted".
+  // The same walk with the key and the record printed apart, for tools that
+  // print them as separate fields.
+  using PrintedRecord = std::function<void(std::string const& key, std::string const& record)>;
+  virtual std::size_t forEachPrinted(std::size_t limit, PrintedRecord const& fn) const = 0;
+  // One key (keySize bytes): its record, or "key deleted".
   virtual void printKey(std::ostream& os, void const* key) const = 0;
 
   // Used by Status.
@@ -490,29 +495,40 @@ class Table : public TableBase {
     return false;
   }
 
+  // A record holds its own key, so each prints once: the record alone.
   std::size_t printOrdered(std::ostream& os, std::size_t limit) const override {
     IterHint hint;
     K k;
     R r;
     std::size_t n = 0;
     for (bool ok = first(k, r, hint); ok && n < limit; ok = next(k, k, r, hint), ++n) {
-      printValue(os, k);
-      os << " -> ";
       printValue(os, r);
       os << "\n";
+    }
+    return n;
+  }
+  std::size_t forEachPrinted(std::size_t limit, PrintedRecord const& fn) const override {
+    IterHint hint;
+    K k;
+    R r;
+    std::size_t n = 0;
+    for (bool ok = first(k, r, hint); ok && n < limit; ok = next(k, k, r, hint), ++n) {
+      std::ostringstream key, record;
+      printValue(key, k);
+      printValue(record, r);
+      fn(key.str(), record.str());
     }
     return n;
   }
   void printKey(std::ostream& os, void const* key) const override {
     K k;
     std::memcpy(static_cast<void*>(&k), key, sizeof(K));
-    printValue(os, k);
     alignas(R) unsigned char buf[sizeof(R)];
     std::uint64_t stamp;
     if (lookup(k, reinterpret_cast<R*>(buf), stamp)) {
-      os << " -> ";
       printValue(os, *reinterpret_cast<R const*>(buf));
     } else {
+      printValue(os, k);
       os << " deleted";
     }
   }

@@ -150,7 +150,7 @@ TEST(Ptr, CountsReferencesAndDeletesWithTheLast) {
     Kiv::PtrConst<Probe> b = a;
     EXPECT_EQ(a->references(), 2u);
     Kiv::Ptr<Probe> c = std::move(a);
-    EXPECT_FALSE(a);
+    EXPECT_FALSE(a);  // NOLINT(bugprone-use-after-move): a moved-from pointer is null
     EXPECT_EQ(c->references(), 2u);
     EXPECT_TRUE(b == c);
   }

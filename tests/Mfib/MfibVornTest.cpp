@@ -265,3 +265,36 @@ TEST(MfibVornDir, CollectionsPerVrfAreCreatedOnceAndRemovedWithNotification) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST_F(MfibVornCollTest, TablesIterateInEntryOrderSoTheFirstEnteredWinsATieInEveryRun) {
+  // Both orders, whatever the tables' addresses.
+  for (bool aFirst : {true, false}) {
+    auto c = mfibVornCollFactory(L3::VrfName("red"));
+    auto first = aFirst ? a : b, second = aFirst ? b : a;
+    c->vornPtrIs(first.ptr(), first);
+    c->vornPtrIs(second.ptr(), second);
+    first->routePublish(route(key(9), 2));
+    second->routePublish(route(key(9), 2));
+    EXPECT_EQ(c->vornKey(key(9)), first.ptr());
+    // Replacing a table under its key keeps its place.
+    c->vornPtrIs(first.ptr(), second);
+    EXPECT_EQ(c->vornPtrMap().begin()->first, first.ptr());
+    first->routeDel(key(9));
+    second->routeDel(key(9));
+  }
+}
+
+TEST_F(MfibVornCollTest, NullKeyIsRefused) {
+  try {
+    coll->vornPtrIs(nullptr, a);
+    FAIL() << "no exception";
+  } catch (Kiv::RangeException const& e) {
+    EXPECT_STREQ(e.what(),
+                 "null _vornPtr parameter to mutator for Vorn::Multicast::Fib::MfibVornColl::vornPtr not allowed\"");
+  }
+  EXPECT_EQ(coll->vornPtrs(), 0u);
+}
+
+}  // namespace

@@ -45,7 +45,7 @@ class Signal {
 };
 
 // Runs fn in a child process; its return value is the exit code.
-pid_t spawn(std::function<int()> fn) {
+pid_t spawn(std::function<int()> const& fn) {
   pid_t pid = fork();
   if (pid == 0) {
     int code = 99;

@@ -21,12 +21,12 @@ TEST(NamespaceNameTest, BoundedAndUsableAsAPathComponent) {
   EXPECT_EQ(NamespaceName(std::string(NamespaceName::maxLength, 'n')).str().size(),
             NamespaceName::maxLength);
   try {
-    NamespaceName(std::string(NamespaceName::maxLength + 1, 'n'));
+    NamespaceName const tooLong(std::string(NamespaceName::maxLength + 1, 'n'));
     FAIL() << "no exception";
   } catch (Kiv::RangeException const& e) {
     EXPECT_STREQ(e.what(), "NamespaceName::bytes > NamespaceName::maxLength not allowed");
   }
-  for (std::string bad :
+  for (std::string const& bad :
        {std::string("a/b"), std::string("."), std::string(".."), std::string("a\0b", 3)}) {
     EXPECT_THROW(NamespaceName{bad}, Kiv::RangeException);
   }

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "Brisklog/Reader.h"
+#include "MrouteVersion.h"
 
 namespace {
 
@@ -45,6 +46,7 @@ Options:
       --prune [DIR]     remove the trace files in DIR whose process has gone
                         (and files that are not readable trace files)
   -h, --help            show this text
+      --version         print the version
 
 TIME is UTC as 2026-11-21T18:22:26[.123][Z], seconds since the epoch
 (1763749346.5), or -DURATION for that long before now. DURATION is a number
@@ -242,6 +244,9 @@ int main(int argc, char** argv) {
     std::string v;
     if (a == "-h" || a == "--help") {
       std::cout << kUsage;
+      return 0;
+    } else if (a == "--version") {
+      std::cout << "brisklog-cat (libmroute) " << MROUTE_VERSION << '\n';
       return 0;
     } else if (a == "-f" || a == "--follow") {
       o.follow = true;

@@ -10,6 +10,7 @@
 // operator<< of the schema types linked into this tool; a type it does not
 // know is dumped as raw bytes.
 #include <dirent.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -20,20 +21,29 @@
 #include <ctime>
 #include <iostream>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "BitMapper/BitMapperSchema.h"
+#include "Json.h"
+#include "Options.h"
 #include "Kiv/EventLoop.h"
 #include "Kiv/Exception.h"
 #include "Vorn/Registry.h"
 #include "Vorn/Region.h"
 #include "Vorn/Table.h"
+#include "Schema/Mfib/MfibStatus.h"
 #include "Vorn/TestSchema.h"
+#include "MrouteVersion.h"
 
 namespace {
 
+using namespace Vornctl;
+
 char const* const kUsage =
     "usage: vornctl [--root DIR] <command> [arguments]\n"
+    "       vornctl --version\n"
     "\n"
     "commands:\n"
     "  list                      the regions under the root\n"
@@ -41,6 +51,9 @@ char const* const kUsage =
     "  dump <region> <table>     a table's records in key order\n"
     "  watch <region>            changes as they happen\n"
     "  types                     the status types this tool can print\n"
+    "  dir                       the MFIB directory: applications, VRFs, table URLs\n"
+    "\n"
+    "list, show, dump and dir print JSON with --json.\n"
     "\n"
     "A region is a URL under the root (default $VORN_ROOT, else /dev/shm/vorn)\n"
     "or the path of a .vorn file. 'vornctl <command> --help' says more.\n";
@@ -56,21 +69,10 @@ bool wantsHelp(std::vector<std::string> const& args) {
          args.end();
 }
 
-std::string pathOf(std::string const& root, std::string const& region) {
-  if (region.find('/') == 0 || (region.size() > 5 && region.compare(region.size() - 5, 5, ".vorn") == 0 &&
-                                access(region.c_str(), F_OK) == 0))
-    return region;
-  return root + "/" + Vorn::fileNameOfUrl(region);
-}
-
 std::string writerText(Vorn::Region const& r) {
   std::uint32_t const pid = r.writerPid();
   if (pid == 0) return "none";
   return std::to_string(pid) + (r.writerAlive() ? " (running)" : " (gone)");
-}
-
-std::uint32_t tableSize(Vorn::TableGeometry const& g) {
-  return std::min(g.control->size.load(std::memory_order_relaxed), g.capacity);
 }
 
 int list(std::string const& root, std::vector<std::string> const&) {
@@ -100,25 +102,18 @@ int list(std::string const& root, std::vector<std::string> const&) {
 }
 
 int show(std::string const& root, std::vector<std::string> const& args) {
-  if (args.size() != 1) {
-    std::cerr << "usage: vornctl show <region>\n";
-    return 2;
-  }
-  auto r = Vorn::Region::inspectorIs(pathOf(root, args[0]));
+  std::vector<std::string> const pos = positional(args, {}, {});
+  if (pos.size() != 1) throw UsageError("show takes one region");
+  auto r = Vorn::Region::inspectorIs(pathOf(root, pos[0]));
   Vorn::Layout::Header const* h = r->header();
-  std::time_t const created = static_cast<std::time_t>(h->createdTime);
-  char when[64];
-  std::strftime(when, sizeof when, "%Y-%m-%d %H:%M:%S", std::localtime(&created));
   std::uint64_t const armed = h->armed.load();
-  unsigned bells = 0;
-  for (auto const& b : h->bells) bells += b.pid.load() != 0;
   std::cout << "file         " << r->path() << "\n"
             << "type         " << r->typeName() << "\n"
             << "layout       version " << h->version << ", " << r->fileSize() << " bytes\n"
-            << "created      " << when << "\n"
+            << "created      " << utcText(h->createdTime) << "\n"
             << "writer       " << writerText(*r) << ", epoch " << h->writerEpoch.load() << "\n"
             << "change log   " << h->logHead.load() << " changes, " << r->logCapacity() << " kept\n"
-            << "readers      " << bells << " following, " << __builtin_popcountll(armed) << " waiting\n";
+            << "readers      " << r->liveReaders() << " following, " << __builtin_popcountll(armed) << " waiting\n";
   std::cout << "tables\n";
   // Counts live in the file and may hold anything: print only what is
   // possible, and say what is not.
@@ -173,30 +168,35 @@ std::size_t rawDump(Vorn::Region const& r, Vorn::TableGeometry const& g, std::si
   return n;
 }
 
-std::size_t limitOf(std::vector<std::string> const& args) {
-  for (std::size_t i = 0; i + 1 < args.size(); ++i)
-    if (args[i] == "--limit") return std::stoul(args[i + 1]);
-  return SIZE_MAX;
-}
-
-std::vector<std::string> positional(std::vector<std::string> const& args) {
-  std::vector<std::string> out;
-  for (std::size_t i = 0; i < args.size(); ++i) {
-    if (args[i].rfind("--", 0) == 0) {
-      ++i;
-      continue;
-    }
-    out.push_back(args[i]);
+// An MFIB route table prints each outgoing-interface index as the interface
+// it stands for: through a bit mapper table when it has one, else through
+// the table's own oifIndexIntf table; "7:unmapped" where that does not know
+// the index.
+void dumpMfibRoutes(Vorn::Multicast::Fib::Status const& mfib, BitMapper::VornStatus const* bitMapper,
+                    std::size_t limit) {
+  using namespace Vorn::Multicast::Fib;
+  auto printOif = [&](std::ostream& os, OifIndex i) {
+    Wirly::IntfId intf;
+    if (bitMapper != nullptr) intf = bitMapper->bitIndexMap(BitMapper::BitIndex(i.value())).bitMapperKey().intfId();
+    else intf = mfib.oifIndexIntf(i).intfId();
+    if (intf.empty()) os << i << ":unmapped";
+    else os << intf.name();
+  };
+  Vorn::IterHint hint;
+  IpGenRouteKey k;
+  Route r;
+  std::size_t n = 0;
+  for (bool ok = mfib.routeTable().first(k, r, hint); ok && n < limit;
+       ok = mfib.routeTable().next(k, k, r, hint), ++n) {
+    printRoute(std::cout, r, printOif);
+    std::cout << "\n";
   }
-  return out;
 }
 
 int dump(std::string const& root, std::vector<std::string> const& args) {
-  std::vector<std::string> const pos = positional(args);
-  if (pos.size() != 2) {
-    std::cerr << "usage: vornctl dump <region> <table> [--limit N]\n";
-    return 2;
-  }
+  std::vector<std::string> const pos = positional(args, {"--limit", "--bitmapper"}, {});
+  if (pos.size() != 2) throw UsageError("dump takes a region and a table");
+  std::size_t const limit = countOption(args, "--limit", SIZE_MAX);
   std::string const path = pathOf(root, pos[0]);
   auto r = Vorn::Region::inspectorIs(path);
   Kiv::Ptr<Vorn::Status> status = Vorn::StatusRegistry::statusNew(r->typeName(), Kiv::Name("vornctl"));
@@ -204,7 +204,7 @@ int dump(std::string const& root, std::vector<std::string> const& args) {
     for (std::uint32_t i = 0; i < r->tables(); ++i)
       if (r->table(i).name == pos[1]) {
         std::cerr << "vornctl: type " << r->typeName() << " is not known here; raw bytes follow\n";
-        rawDump(*r, r->table(i), limitOf(args));
+        rawDump(*r, r->table(i), limit);
         return 0;
       }
     std::cerr << "vornctl: no table '" << pos[1] << "' in " << path << "\n";
@@ -216,22 +216,31 @@ int dump(std::string const& root, std::vector<std::string> const& args) {
     std::cerr << "vornctl: no table '" << pos[1] << "' in " << path << "\n";
     return 1;
   }
-  t->printOrdered(std::cout, limitOf(args));
+  if (auto* mfib = dynamic_cast<Vorn::Multicast::Fib::Status*>(status.ptr()); mfib && pos[1] == "route") {
+    // The bit mapper table named on the command line, else the one the
+    // MFIB directory announces beside this table.
+    std::string bitMapperRegion;
+    if (std::string const* bm = optionValue(args, "--bitmapper")) bitMapperRegion = *bm;
+    else if (path != pos[0]) bitMapperRegion = announcedBitMapperUrl(root, pos[0]);
+    Kiv::Ptr<BitMapper::VornStatus> bitMapper;
+    if (!bitMapperRegion.empty()) {
+      bitMapper = new BitMapper::VornStatus(Kiv::Name("vornctl"));
+      bitMapper->mountIs(pathOf(root, bitMapperRegion), Vorn::Status::Mode::reader);
+    }
+    dumpMfibRoutes(*mfib, bitMapper.ptr(), limit);
+    return 0;
+  }
+  t->printOrdered(std::cout, limit);
   return 0;
 }
 
+volatile sig_atomic_t stopRequested = 0;
+
 int watch(std::string const& root, std::vector<std::string> const& args) {
-  std::vector<std::string> const pos = positional(args);
-  if (pos.size() != 1) {
-    std::cerr << "usage: vornctl watch <region> [--count N] [--seconds S]\n";
-    return 2;
-  }
-  std::size_t count = SIZE_MAX;
-  double seconds = 1e9;
-  for (std::size_t i = 0; i + 1 < args.size(); ++i) {
-    if (args[i] == "--count") count = std::stoul(args[i + 1]);
-    if (args[i] == "--seconds") seconds = std::stod(args[i + 1]);
-  }
+  std::vector<std::string> const pos = positional(args, {"--count", "--seconds"}, {});
+  if (pos.size() != 1) throw UsageError("watch takes one region");
+  std::size_t const count = countOption(args, "--count", SIZE_MAX);
+  double const seconds = secondsOption(args, "--seconds", 1e9);
   std::string const path = pathOf(root, pos[0]);
   auto r = Vorn::Region::inspectorIs(path);
   Kiv::Ptr<Vorn::Status> status = Vorn::StatusRegistry::statusNew(r->typeName(), Kiv::Name("vornctl"));
@@ -248,12 +257,21 @@ int watch(std::string const& root, std::vector<std::string> const& args) {
     std::cout << std::endl;
     ++seen;
   });
+  // SIGINT and SIGTERM end the watch normally, so the doorbell this reader
+  // holds is given back when the status unmounts.
+  struct sigaction sa = {};
+  sa.sa_handler = [](int) { stopRequested = 1; };
+  ::sigaction(SIGINT, &sa, nullptr);
+  ::sigaction(SIGTERM, &sa, nullptr);
   // --seconds counts from the start: catching up with a large or damaged
   // table (bounded, see Vorn::Status::drain) is part of the time.
   auto const start = std::chrono::steady_clock::now();
   status->followIs(&loop);
   double const spent = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  if (seen < count && spent < seconds) loop.runUntil([&] { return seen >= count; }, seconds - spent);
+  if (seen < count && spent < seconds)
+    loop.runUntil([&] { return seen >= count || stopRequested != 0; }, seconds - spent);
+  status->followIs(nullptr);
+  status->unmount();
   return 0;
 }
 
@@ -265,9 +283,10 @@ int types(std::string const&, std::vector<std::string> const&) {
 Command const commands[] = {
     {"list", "usage: vornctl list\n\nLists the regions under the root: URL, status type, writer pid, and per table\nits records in use and its capacity.\n", list},
     {"show", "usage: vornctl show <region>\n\nPrints a region's header (type, layout version, size, creation time, writer\nand its epoch, change log, following readers) and for each table its records,\ncapacity, key and record sizes, hash slots and tombstones.\n", show},
-    {"dump", "usage: vornctl dump <region> <table> [--limit N]\n\nPrints a table's records in key order, one 'key -> record' line each, through\nthe schema's printers; a type unknown to this tool prints as raw hex.\n", dump},
-    {"watch", "usage: vornctl watch <region> [--count N] [--seconds S]\n\nFollows the region like a reader does and prints 'table: key -> record' (or\n'key deleted') for every change, until N changes or S seconds.\n", watch},
+    {"dump", "usage: vornctl dump <region> <table> [--limit N] [--bitmapper <region>]\n\nPrints a table's records in key order, one line each, through the schema's\nprinters; a type unknown to this tool prints as raw hex ('key -> record').\nAn MFIB route table names its outgoing interfaces through the bit mapper\ntable given with --bitmapper, else the one the MFIB directory announces\nbeside it, else its own oifIndexIntf table.\n", dump},
+    {"watch", "usage: vornctl watch <region> [--count N] [--seconds S]\n\nFollows the region like a reader does and prints 'table: record' (or\n'table: key deleted') for every change, until N changes, S seconds, or\nSIGINT/SIGTERM.\n", watch},
     {"types", "usage: vornctl types\n\nLists the status types whose records this tool can print.\n", types},
+    {"dir", Vornctl::mfibDirHelp, Vornctl::mfibDir},
 };
 
 }  // namespace
@@ -275,9 +294,17 @@ Command const commands[] = {
 int main(int argc, char** argv) {
   std::vector<std::string> args(argv + 1, argv + argc);
   std::string root = Vorn::defaultRoot();
-  if (args.size() >= 2 && args[0] == "--root") {
+  if (!args.empty() && args[0] == "--root") {
+    if (args.size() < 2 || args[1].empty()) {
+      std::cerr << "vornctl: --root needs a directory\n";
+      return 2;
+    }
     root = args[1];
     args.erase(args.begin(), args.begin() + 2);
+  }
+  if (!args.empty() && args[0] == "--version") {
+    std::cout << "vornctl (libmroute) " << MROUTE_VERSION << "\n";
+    return 0;
   }
   if (args.empty() || args[0] == "--help" || args[0] == "-h" || args[0] == "help") {
     std::cout << kUsage;
@@ -291,7 +318,11 @@ int main(int argc, char** argv) {
       return 0;
     }
     try {
+      if (auto json = Vornctl::runJson(c.name, root, rest)) return *json;
       return c.run(root, rest);
+    } catch (UsageError const& e) {
+      std::cerr << "vornctl " << c.name << ": " << e.what() << "\nTry 'vornctl " << c.name << " --help'.\n";
+      return 2;
     } catch (std::exception const& e) {
       std::cerr << "vornctl " << c.name << ": " << e.what() << "\n";
       return 1;

@@ -87,13 +87,25 @@ std::string Route::valueToStrep() const {
 }
 
 std::ostream& operator<<(std::ostream& os, Route const& r) {
+  return printRoute(os, r, [](std::ostream& o, OifIndex i) { o << i; });
+}
+
+std::ostream& printRoute(std::ostream& os, Route const& r,
+                         std::function<void(std::ostream&, OifIndex)> const& printOif) {
   os << r.key() << " priority " << r.priority() << " version " << r.version();
   if (r.specialIntf1() != Wirly::IntfId()) os << " intf1 " << r.specialIntf1();
   if (r.specialIntf2() != Wirly::IntfId()) os << " intf2 " << r.specialIntf2();
   if (r.specialIntf3() != Wirly::IntfId()) os << " intf3 " << r.specialIntf3();
   if (r.specialIntf4() != Wirly::IntfId()) os << " intf4 " << r.specialIntf4();
   if (r.flags()) os << " flags 0x" << std::hex << r.flags() << std::dec;
-  return os << " oif " << oifText(r);
+  os << " oif {";
+  char const* sep = "";
+  for (OifIndex i = r.firstOif(); !i.isEnd(); i = r.nextOif(i)) {
+    os << sep;
+    printOif(os, i);
+    sep = ", ";
+  }
+  return os << "}";
 }
 
 }  // namespace Vorn::Multicast::Fib

@@ -9,6 +9,7 @@
 
 #include <compare>
 #include <cstdint>
+#include <functional>
 #include <ostream>
 #include <string>
 
@@ -151,5 +152,9 @@ class Route {
   std::uint64_t oifs_[8] = {};
 };
 std::ostream& operator<<(std::ostream& os, Route const& r);
+// As operator<<, with each outgoing-interface index printed by printOif (a
+// tool resolves them to interface names).
+std::ostream& printRoute(std::ostream& os, Route const& r,
+                         std::function<void(std::ostream&, OifIndex)> const& printOif);
 
 }  // namespace Vorn::Multicast::Fib

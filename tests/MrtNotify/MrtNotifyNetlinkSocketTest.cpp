@@ -1,0 +1,332 @@
+#include "MrtNotify/MrtNotifyNetlinkSocket.h"
+
+#include <gtest/gtest.h>
+#include <linux/netlink.h>
+
+#include "FakeSys.h"
+#include "Kiv/Exception.h"
+#include "Kiv/Trace.h"
+
+namespace Routing::Multicast::Notify {
+namespace {
+
+using MrtNotifyTest::Datagram;
+using MrtNotifyTest::FakeSys;
+using MrtNotifyTest::rxError;
+using Strings = std::vector<std::string>;
+
+// Key strings of the calls as FakeSys records them.
+std::string const attachFilter = "setsockopt(1,26)";
+std::string const detachFilter = "setsockopt(1,27)";
+std::string const rcvbufForce = "setsockopt(1,33)";
+std::string const addMembership = "setsockopt(270,1)";
+std::string const dropMembership = "setsockopt(270,2)";
+
+class MrtNotifyNetlinkSocketTest : public ::testing::Test {
+ protected:
+  Kiv::Ptr<MrtNotifyNetlinkSocketPam> make(Wirly::AddressFamily af) {
+    auto p = mrtNotifyNetlinkSocketPamFactory("MrtNotify", Wirly::NamespaceName());
+    p->afIs(af);
+    return p;
+  }
+  FakeSys sys;
+};
+
+// The program as the filter table reads, written out independently.
+std::vector<Wirly::IpFilter> expectedProgram(std::uint32_t family, std::uint32_t options) {
+  std::vector<Wirly::IpFilter> p = {
+      {0x28, 0, 0, 4},  {0x15, 1, 0, 24576}, {0x06, 0, 0, 0}, {0x30, 0, 0, 16},
+      {0x15, 1, 0, family}, {0x06, 0, 0, 0}, {0x00, 0, 0, 20}, {0x01, 0, 0, 1},
+      {0x20, 0, 0, 0xFFFFF00C}, {0x07, 0, 0, 0}, {0x50, 0, 0, 4},
+  };
+  if (options & 2) p.insert(p.end(), {{0x15, 0, 1, 1}, {0x06, 0, 0, 0xFFFFFFFF}});
+  if (options & 1) p.insert(p.end(), {{0x15, 0, 1, 2}, {0x06, 0, 0, 0xFFFFFFFF}});
+  if (options & 4) p.insert(p.end(), {{0x15, 0, 1, 3}, {0x06, 0, 0, 0xFFFFFFFF}});
+  p.push_back({0x06, 0, 0, 0});
+  return p;
+}
+
+TEST_F(MrtNotifyNetlinkSocketTest, FilterProgramForEveryOptionSetAndFamily) {
+  for (auto af : {Wirly::ipv4, Wirly::ipv6}) {
+    for (std::uint32_t options = 0; options < 8; ++options) {
+      SCOPED_TRACE(testing::Message() << af << " options " << options);
+      FakeSys local;
+      auto p = make(af);
+      p->optionsIs(options);
+      p->enabledIs(true);
+      auto const want = expectedProgram(af == Wirly::ipv4 ? 128 : 129, options);
+      ASSERT_EQ(p->bpfLen(), want.size());
+      ASSERT_EQ(p->rxFilter().size(), want.size());
+      ASSERT_EQ(local.attached.size(), want.size());
+      for (std::size_t i = 0; i < want.size(); ++i) {
+        EXPECT_EQ(p->rxFilter(std::uint8_t(i)), want[i]) << "instruction " << i;
+        auto const& k = local.attached[i];
+        EXPECT_EQ((Wirly::IpFilter{k.code, k.jt, k.jf, k.k}), want[i]) << "attached instruction " << i;
+      }
+    }
+  }
+}
+
+TEST_F(MrtNotifyNetlinkSocketTest, SocketKindAndGroupFollowFamilyAndEnvironment) {
+  struct Case {
+    Wirly::AddressFamily af;
+    bool relayVariable;
+    bool ipv4Native;
+    std::string socket;
+    int group;
+    bool native;
+  };
+  Case const cases[] = {
+      {Wirly::ipv6, false, false, "socket(16,2,0)", 31, true},
+      {Wirly::ipv6, true, false, "socket(16,3,2)", 31, false},
+      {Wirly::ipv4, false, false, "socket(16,3,2)", 30, false},
+      {Wirly::ipv4, true, true, "socket(16,2,0)", 30, true},
+  };
+  for (auto const& c : cases) {
+    SCOPED_TRACE(c.socket + " group " + std::to_string(c.group));
+    FakeSys local;
+    if (c.relayVariable) local.env["MCAST_NO_NETLINK"] = "";
+    auto p = make(c.af);
+    p->ipv4NativeReportsIs(c.ipv4Native);
+    p->enabledIs(true);
+    EXPECT_EQ(local.calls, (Strings{c.socket, attachFilter + "=12", "bind", rcvbufForce + "=1490",
+                                    addMembership + "=" + std::to_string(c.group)}));
+    EXPECT_EQ(p->isRtnlIpv6MrouteRSupported(), c.native);
+    EXPECT_TRUE(p->enabled());
+    std::size_t const before = local.calls.size();
+    p->enabledIs(false);
+    EXPECT_EQ(local.callsAfter(before), (Strings{dropMembership + "=" + std::to_string(c.group), "close"}));
+    EXPECT_TRUE(local.openSockets().empty());
+    EXPECT_EQ(p->sd(), -1);
+    EXPECT_FALSE(p->fileDesc());
+  }
+}
+
+TEST_F(MrtNotifyNetlinkSocketTest, SetupFailureClosesTheSocketAndRaisesTheCall) {
+  struct Case {
+    std::string failing;
+    std::string call;
+  };
+  Case const cases[] = {
+      {"socket(16,2,0)", "socket"},
+      {attachFilter, "setsockopt(SO_ATTACH_FILTER)"},
+      {"bind", "MrtNotifyNetlinkSocketPam::doSockInit: bind"},
+      {rcvbufForce, "setsocketopt(SO_RCVBUFFORCE)"},
+      {addMembership, "setsocketopt(NETLINK_ADD_MEMBERSHIP, RTNLGRP_IPV6_MROUTE_R)"},
+  };
+  for (auto const& c : cases) {
+    SCOPED_TRACE(c.failing);
+    FakeSys local;
+    local.fail[c.failing] = EPERM;
+    auto p = make(Wirly::ipv6);
+    try {
+      p->enabledIs(true);
+      ADD_FAILURE() << "no exception";
+    } catch (Kiv::ErrnoException const& e) {
+      EXPECT_EQ(e.call(), c.call);
+      EXPECT_EQ(e.error(), EPERM);
+    }
+    EXPECT_TRUE(local.openSockets().empty());
+    EXPECT_FALSE(p->enabled());
+    EXPECT_EQ(p->sd(), -1);
+    local.fail.clear();
+    p->enabledIs(true);
+    EXPECT_TRUE(p->enabled());
+  }
+}
+
+TEST_F(MrtNotifyNetlinkSocketTest, FailedLeaveClosesAndRaises) {
+  auto p = make(Wirly::ipv6);
+  p->enabledIs(true);
+  sys.fail[dropMembership] = EBADF;
+  try {
+    p->enabledIs(false);
+    ADD_FAILURE() << "no exception";
+  } catch (Kiv::ErrnoException const& e) {
+    EXPECT_EQ(e.call(), "setsocketopt(NETLINK_DROP_MEMBERSHIP, RTNLGRP_IPV6_MROUTE_R)");
+  }
+  EXPECT_TRUE(sys.openSockets().empty());
+  EXPECT_FALSE(p->enabled());
+}
+
+TEST_F(MrtNotifyNetlinkSocketTest, OptionsReplaceTheFilterInPlaceOnlyWhileEnabled) {
+  auto p = make(Wirly::ipv4);
+  p->optionsIs(nocache);
+  EXPECT_TRUE(sys.calls.empty());
+  EXPECT_EQ(p->bpfLen(), 0u) << "the filter is built when the socket opens";
+  p->enabledIs(true);
+  EXPECT_EQ(p->bpfLen(), 14u);
+  std::size_t const before = sys.calls.size();
+  p->optionsIs(nocache | wrongvif | wholepkt);
+  EXPECT_EQ(sys.callsAfter(before), (Strings{detachFilter + "=0", attachFilter + "=18"}));
+  EXPECT_EQ(p->bpfLen(), 18u);
+
+  sys.fail[detachFilter] = ENOMEM;
+  try {
+    p->optionsIs(0);
+    ADD_FAILURE() << "no exception";
+  } catch (Kiv::ErrnoException const& e) {
+    EXPECT_EQ(e.call(), "setsockopt(SO_DETACH_FILTER)");
+  }
+  EXPECT_FALSE(p->enabled());
+  EXPECT_TRUE(sys.openSockets().empty());
+}
+
+class MrtNotifyNetlinkRxTest : public MrtNotifyNetlinkSocketTest {
+ protected:
+  void SetUp() override {
+    pam = make(Wirly::ipv4);
+    pam->enabledIs(true);
+  }
+  static Datagram from(std::uint32_t portId, std::size_t len = 32) {
+    sockaddr_nl a{};
+    a.nl_family = AF_NETLINK;
+    a.nl_pid = portId;
+    Datagram d;
+    d.payload.assign(len, 0x60);
+    d.from(a);
+    return d;
+  }
+  Kiv::Ptr<MrtNotifyNetlinkSocketPam> pam;
+};
+
+TEST_F(MrtNotifyNetlinkRxTest, ReadErrorsAreCountedAndTheSocketCarriesOn) {
+  Kiv::TraceCapture cap("Mroute::MrtNotifySocket/2");
+  sys.rx.push_back(rxError(EAGAIN));
+  EXPECT_FALSE(pam->rxPkt());
+  EXPECT_EQ(pam->rxErrors(), 0u);
+  sys.rx.push_back(rxError(ENOBUFS));
+  EXPECT_FALSE(pam->rxPkt());
+  EXPECT_EQ(pam->rxErrors(), 1u);
+  EXPECT_EQ(cap.count("recvmsg failed with 105 (No buffer space available) "), 1u);
+  sys.rx.push_back(from(0, 4000).play());
+  EXPECT_FALSE(pam->rxPkt()) << "a datagram cut short is not handed on";
+  EXPECT_EQ(pam->rxErrors(), 2u);
+  sys.rx.push_back(from(0).play());
+  auto pkt = pam->rxPkt();
+  ASSERT_TRUE(pkt);
+  EXPECT_EQ(pkt->len(), 32u);
+  EXPECT_EQ(pam->rxPktCount(), 2u);
+  EXPECT_TRUE(pam->enabled());
+}
+
+TEST_F(MrtNotifyNetlinkRxTest, AcceptedSendersRestrictWhatIsQueued) {
+  sys.rx.push_back(from(4711).play());
+  ASSERT_TRUE(pam->rxPkt()) << "every sender is accepted by default";
+  EXPECT_EQ(pam->rxSenderPortId(), 4711u);
+
+  pam->acceptedSenderIs(4711);
+  sys.rx.push_back(from(666).play());
+  sys.rx.push_back(from(4711).play());
+  EXPECT_FALSE(pam->rxPkt());
+  EXPECT_EQ(pam->rxSenderRejects(), 1u);
+  EXPECT_EQ(pam->rxSenderPortId(), 666u);
+  EXPECT_TRUE(pam->rxPkt());
+}
+
+// A message of the kinds the relay sends.
+class TestMessage : public Wirly::MrtMessage {
+ public:
+  TestMessage(Wirly::MrtMessageType t, Kiv::Ptr<Wirly::Pkt> pkt = nullptr)
+      : Wirly::MrtMessage("test", t), pkt_(std::move(pkt)) {}
+  Kiv::Ptr<Wirly::Pkt> rcvdPkt() const override { return pkt_; }
+
+ private:
+  Kiv::Ptr<Wirly::Pkt> pkt_;
+};
+
+std::vector<std::uint8_t> bytes(std::initializer_list<int> b) {
+  return std::vector<std::uint8_t>(b.begin(), b.end());
+}
+
+TEST_F(MrtNotifyNetlinkSocketTest, RelayedIpv4ReportLayout) {
+  auto p = make(Wirly::ipv4);
+  p->enableTxIs(true);
+  EXPECT_TRUE(p->enableTx());
+  Kiv::Ptr<Wirly::MrtMessage> m = new TestMessage(Wirly::MrtMessageType::igmpNoCache);
+  m->sourceIs(Wirly::IpGenAddr("10.0.1.2"));
+  m->groupIs(Wirly::IpGenAddr("239.1.2.3"));
+  p->txMrtNotification(m, 0x0102);
+  ASSERT_EQ(sys.sent.size(), 1u);
+  auto const want = bytes({
+      52, 0, 0, 0, 96, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,  // nlmsghdr
+      128, 0, 0, 0,                                     // rtgenmsg
+      5, 0, 1, 0, 1, 0, 0, 0,                           // MSGTYPE
+      8, 0, 3, 0, 10, 0, 1, 2,                          // SRC_ADDR
+      8, 0, 4, 0, 239, 1, 2, 3,                         // DST_ADDR
+      8, 0, 2, 0, 2, 1, 0, 0,                           // VIF_ID
+  });
+  EXPECT_EQ(sys.sent[0], want);
+  EXPECT_EQ(p->txErrors(), 0u);
+}
+
+TEST_F(MrtNotifyNetlinkSocketTest, RelayedIpv6WholePacketWithInterfaceId) {
+  sys.env["MCAST_NO_NETLINK"] = "1";
+  auto p = make(Wirly::ipv6);
+  p->enableTxIs(true);
+  auto data = Wirly::PktManager::global().newPkt(3);
+  std::uint8_t const payload[3] = {0x60, 0xaa, 0xbb};
+  data->headDataIs(payload, 3);
+  Kiv::Ptr<Wirly::MrtMessage> m = new TestMessage(Wirly::MrtMessageType::igmpWholePkt, data);
+  m->sourceIs(Wirly::IpGenAddr("2001:db8::2"));
+  m->groupIs(Wirly::IpGenAddr("ff0e::1"));
+  std::uint64_t const intf = Wirly::IntfId("Ethernet1").value();
+  p->txMrtNotificationWithIntfId(m, intf);
+  ASSERT_EQ(sys.sent.size(), 1u);
+  auto const& s = sys.sent[0];
+  ASSERT_EQ(s.size(), 88u);
+  EXPECT_EQ(s[0], 88);
+  EXPECT_EQ(s[16], 129);
+  EXPECT_EQ(std::vector<std::uint8_t>(s.begin() + 20, s.begin() + 25), bytes({5, 0, 1, 0, 3}));
+  EXPECT_EQ(std::vector<std::uint8_t>(s.begin() + 28, s.begin() + 32), bytes({20, 0, 3, 0}));
+  EXPECT_EQ(std::vector<std::uint8_t>(s.begin() + 32, s.begin() + 34), bytes({0x20, 0x01}));
+  EXPECT_EQ(std::vector<std::uint8_t>(s.begin() + 48, s.begin() + 52), bytes({20, 0, 4, 0}));
+  EXPECT_EQ(s[52], 0xff);
+  EXPECT_EQ(std::vector<std::uint8_t>(s.begin() + 68, s.begin() + 72), bytes({12, 0, 6, 0}));
+  std::uint64_t got;
+  std::memcpy(&got, s.data() + 72, 8);
+  EXPECT_EQ(got, intf);
+  EXPECT_EQ(std::vector<std::uint8_t>(s.begin() + 80, s.begin() + 88), bytes({7, 0, 5, 0, 0x60, 0xaa, 0xbb, 0}));
+}
+
+TEST_F(MrtNotifyNetlinkSocketTest, SendFailuresAreCountedExceptNobodyListening) {
+  auto p = make(Wirly::ipv4);
+  Kiv::Ptr<Wirly::MrtMessage> m = new TestMessage(Wirly::MrtMessageType::igmpWrongVif);
+  p->txMrtNotification(m, 1);
+  EXPECT_EQ(p->txErrors(), 1u) << "sending without a send side";
+  p->enableTxIs(true);
+  sys.sendErrno = ECONNREFUSED;
+  p->txMrtNotification(m, 1);
+  EXPECT_EQ(p->txErrors(), 1u);
+  sys.sendErrno = EPERM;
+  p->txMrtNotification(m, 1);
+  EXPECT_EQ(p->txErrors(), 2u);
+  p->enableTxIs(false);
+  EXPECT_TRUE(sys.openSockets().empty());
+
+  // The send side moves with a namespace change; here into one that does
+  // not exist.
+  p->enableTxIs(true);
+  try {
+    p->netNsIs(Wirly::NamespaceName("mrtnotify-test-no-such-ns"));
+    ADD_FAILURE() << "no exception";
+  } catch (Kiv::ErrnoException const& e) {
+    EXPECT_EQ(e.error(), ENOENT);
+  }
+  EXPECT_FALSE(p->enableTx());
+  EXPECT_TRUE(sys.openSockets().empty());
+  p->netNsIs(Wirly::NamespaceName());
+
+  sys.fail["bind"] = EADDRINUSE;
+  try {
+    p->enableTxIs(true);
+    ADD_FAILURE() << "no exception";
+  } catch (Kiv::ErrnoException const& e) {
+    EXPECT_EQ(e.call(), "MrtNotifyNetlinkSocketPam::enableTxIs: bind");
+  }
+  EXPECT_FALSE(p->enableTx());
+  EXPECT_TRUE(sys.openSockets().empty());
+}
+
+}  // namespace
+}  // namespace Routing::Multicast::Notify
