@@ -8,10 +8,12 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <dirent.h>
+
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
-#include <algorithm>
 #include <cstring>
 
 #include "Kiv/Exception.h"
@@ -40,6 +42,25 @@ bool pidAlive(std::uint32_t pid) {
   if (pid == 0) return false;
   if (pid == static_cast<std::uint32_t>(getpid())) return true;
   return kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM;
+}
+
+// A writer killed while making a region leaves "<path>.tmp.<pid>" behind;
+// the next writer of the same path removes those of processes that are gone.
+void removeStaleTemporaries(std::string const& path) {
+  std::size_t const slash = path.rfind('/');
+  std::string const dir = slash == std::string::npos ? "." : path.substr(0, slash);
+  std::string const prefix = path.substr(slash == std::string::npos ? 0 : slash + 1) + ".tmp.";
+  DIR* d = ::opendir(dir.c_str());
+  if (d == nullptr) return;
+  while (dirent* e = ::readdir(d)) {
+    std::string const name = e->d_name;
+    if (name.compare(0, prefix.size(), prefix) != 0) continue;
+    char* end = nullptr;
+    unsigned long const pid = std::strtoul(name.c_str() + prefix.size(), &end, 10);
+    if (end == name.c_str() + prefix.size() || *end != '\0' || pid == 0 || pid > 0xffffffffu) continue;
+    if (!pidAlive(static_cast<std::uint32_t>(pid))) ::unlink((dir + "/" + name).c_str());
+  }
+  ::closedir(d);
 }
 
 struct Plan {
@@ -265,6 +286,7 @@ std::unique_ptr<Region> Region::create(std::string const& path, std::string_view
   plan.logOffset = Layout::roundUp(off, 64);
   plan.fileSize = Layout::roundUp(plan.logOffset + std::uint64_t(plan.logCapacity) * plan.logEntrySize, 4096);
 
+  removeStaleTemporaries(path);
   std::string const tmp = path + ".tmp." + std::to_string(getpid());
   ::unlink(tmp.c_str());
   int fd = ::open(tmp.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0664);
@@ -321,6 +343,7 @@ std::unique_ptr<Region> Region::create(std::string const& path, std::string_view
   h->writerEpoch.store(1, std::memory_order_relaxed);
   h->magic = Layout::kMagic;
   r->validate(typeName, nullptr);
+  writerStep("create.rename");
   if (::rename(tmp.c_str(), path.c_str()) != 0) {
     int e = errno;
     ::unlink(tmp.c_str());

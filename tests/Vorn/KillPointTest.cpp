@@ -165,3 +165,26 @@ TEST_F(VornKillPoint, EveryReaderOperationWorksAfterAWriterKilledAtAnyStepIsAdop
     EXPECT_TRUE(reached) << "the writer never reached step " << step;
   }
 }
+
+// Killed while making a new region: the table is not there yet, and the
+// next writer makes it and leaves nothing of the first behind.
+TEST_F(VornKillPoint, AWriterKilledWhileMakingItsRegionLeavesNothingBehind) {
+  pid_t child = fork();
+  if (child == 0) {
+    gTarget = "create.rename";
+    gAt = 1;
+    Vorn::stepHook = killAtTarget;
+    mounted(path, Mode::writer, smallTable());
+    _exit(0);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+  EXPECT_NE(access(path.c_str(), F_OK), 0);
+  std::string const leftover = path + ".tmp." + std::to_string(child);
+  EXPECT_EQ(access(leftover.c_str(), F_OK), 0);
+  auto w = mounted(path, Mode::writer, smallTable());
+  w->entryIs(record(1));
+  EXPECT_NE(access(leftover.c_str(), F_OK), 0);
+  expectServes(*w, "after a killed create");
+}
