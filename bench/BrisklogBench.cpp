@@ -77,10 +77,11 @@ void timed(benchmark::State& state, char const* name, F&& call) {
   gFigures[name] = f;
 }
 
-void useBrisklog(bool tsc) {
+void useBrisklog(bool tsc, std::uint32_t rings = 4) {
   Brisklog::Config c;
   c.dir = gDir;
   c.ringBytes = 1u << 20;
+  c.ringCount = rings;
   c.useTsc = tsc;
   Brisklog::configIs(c);
   Brisklog::open();
@@ -112,6 +113,22 @@ void Brisklog_ThreeInts_ClockGettime(benchmark::State& state) {
   useBrisklog(false);
   timed(state, "Brisklog_ThreeInts_ClockGettime",
         [](int i) { BRISKLOG("Bench", "route version %d != %d at %d", i, i + 1, 512); });
+  useBrisklog(true);
+}
+
+// The same records in a ring every thread shares: space taken by
+// compare-and-swap, the record built on the stack and checksummed first.
+void Brisklog_ThreeInts_SharedRing(benchmark::State& state) {
+  useBrisklog(true, 1);
+  timed(state, "Brisklog_ThreeInts_SharedRing",
+        [](int i) { BRISKLOG("Bench", "route version %d != %d at %d", i, i + 1, 512); });
+  useBrisklog(true);
+}
+
+void Brisklog_OneString_SharedRing(benchmark::State& state) {
+  useBrisklog(true, 1);
+  timed(state, "Brisklog_OneString_SharedRing",
+        [](int) { BRISKLOG("Bench", "WrongVifMessage on intf: %s", kIntf); });
   useBrisklog(true);
 }
 
@@ -196,6 +213,8 @@ BENCHMARK(Brisklog_NoArgs);
 BENCHMARK(Brisklog_ThreeInts);
 BENCHMARK(Brisklog_OneString);
 BENCHMARK(Brisklog_ThreeInts_ClockGettime);
+BENCHMARK(Brisklog_ThreeInts_SharedRing);
+BENCHMARK(Brisklog_OneString_SharedRing);
 BENCHMARK(Snprintf_NoArgs);
 BENCHMARK(Snprintf_ThreeInts);
 BENCHMARK(Snprintf_OneString);
@@ -238,6 +257,10 @@ void summary() {
   };
   std::printf("\nBrisklog, three integers: rdtsc %.1f ns, clock_gettime %.1f ns\n",
               p50("Brisklog_ThreeInts"), p50("Brisklog_ThreeInts_ClockGettime"));
+  std::printf("Brisklog, shared ring (checksummed) beside an exclusive one: three integers %.1f vs %.1f ns,"
+              " one string %.1f vs %.1f ns\n",
+              p50("Brisklog_ThreeInts_SharedRing"), p50("Brisklog_ThreeInts"),
+              p50("Brisklog_OneString_SharedRing"), p50("Brisklog_OneString"));
   std::printf(
       "timestamp alone: rdtsc %.1f, MONOTONIC %.1f, REALTIME %.1f, MONOTONIC_COARSE %.1f ns\n",
       p50("Clock_Rdtsc"), p50("Clock_Gettime_MONOTONIC"), p50("Clock_Gettime_REALTIME"),

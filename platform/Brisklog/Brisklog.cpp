@@ -4,6 +4,8 @@
 // Brisklog.h.
 #include "Brisklog/Brisklog.h"
 
+#include "Kiv/MappingGuard.h"
+
 #include <errno.h>
 #include <fcntl.h>
 #include <pthread.h>
@@ -50,6 +52,10 @@ struct State {
   char* base = nullptr;
   std::size_t bytes = 0;
   std::string path;
+  // Someone may truncate or remove-and-shrink the file under the writer;
+  // records then go nowhere, but the process lives.
+  Kiv::MappingGuard guard;
+  bool truncationSaid = false;
 };
 
 // Leaked on purpose: static destructors of other objects may still write.
@@ -143,6 +149,7 @@ void fail(State& s, char const* call, std::string const& what, int err) {
 }
 
 void unmapLocked(State& s) {
+  s.guard.release();
   if (s.base) munmap(s.base, s.bytes);
   s.base = nullptr;
   s.bytes = 0;
@@ -196,13 +203,19 @@ bool openLocked(State& s) {
   if (ftruncate(fd, off_t(bytes)) != 0) {
     int err = errno;
     ::close(fd);
+    ::unlink(path.c_str());
     fail(s, "ftruncate", path, err);
     return false;
   }
-  // Not populated: a file takes memory only for the pages records reach, so
-  // the many short-lived processes (tests, tools) that write a few records
-  // leave small files. A busy process pays one page fault per 4 KiB of
-  // records on the first lap of each ring only.
+  // Every page is allocated now (on tmpfs that is memory): on a full file
+  // system a write to a page first touched later would kill the process
+  // with SIGBUS.
+  if (int err = posix_fallocate(fd, 0, off_t(bytes)); err != 0) {
+    ::close(fd);
+    ::unlink(path.c_str());
+    fail(s, "posix_fallocate", path, err);
+    return false;
+  }
   void* m = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
   int err = errno;
   ::close(fd);
@@ -211,6 +224,8 @@ bool openLocked(State& s) {
     return false;
   }
   char* base = static_cast<char*>(m);
+  s.guard = Kiv::MappingGuard(m, bytes);
+  s.truncationSaid = false;
 
   bool useTsc = c.useTsc && tscInvariant();
   tSlot.useTsc = useTsc;  // readClocks reads the chosen clock through the slot
@@ -384,6 +399,12 @@ void syncClock(std::uint64_t now) {
   tSlot.nextSyncTicks = now + gTicksPerSecond.load(std::memory_order_relaxed);
   FileHeader* h = gHeader.load(std::memory_order_relaxed);
   if (!h || __atomic_exchange_n(&h->syncBusy, 1, __ATOMIC_ACQUIRE)) return;
+  State& s = state();
+  if (s.guard.truncated() && !s.truncationSaid) {
+    s.truncationSaid = true;
+    std::fprintf(stderr, "brisklog: %s was truncated under the writer; records since are lost\n",
+                 s.path.c_str());
+  }
   ClockSync c = readClocks();
   std::uint32_t seq = h->syncSeq;
   __atomic_store_n(&h->syncSeq, seq + 1, __ATOMIC_RELAXED);

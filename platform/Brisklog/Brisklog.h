@@ -26,7 +26,10 @@
 // Threads: each thread claims a ring of its own on its first record and
 // writes it without atomic read-modify-write; when every exclusive ring is
 // taken, further threads share the last ring and reserve space in it by
-// compare-and-swap. A thread's ring is freed when the thread ends.
+// compare-and-swap; their records are built on the stack and carry a
+// checksum, so that a thread preempted mid-record, which may finish in space
+// the others have reused, leaves records the decoder drops and reports
+// rather than prints mixed. A thread's ring is freed when the thread ends.
 // configIs() and close() must not run while another thread writes.
 //
 // Crash survival: a record is committed by storing its position stamp last,
@@ -283,10 +286,9 @@ inline char* put(char* o, Str s, std::uint32_t maxString) {
   return o + n;
 }
 
-// Space for `bytes` (a multiple of 8) in the thread's ring; a record never
+// Space for `bytes` (a multiple of 8) in the thread's exclusive ring; a record never
 // wraps, the tail of a lap it would not fit in gets a padding marker.
 inline std::uint64_t reserve(ThreadSlot& t, std::uint64_t need) {
-  if (__builtin_expect(t.shared != 0, 0)) return reserveShared(t, need);
   std::uint64_t pos = __atomic_load_n(&t.ring->head, __ATOMIC_RELAXED);
   std::uint64_t start = pos;
   if ((pos & t.mask) + need > t.mask + 1) start = (pos | t.mask) + 1;
@@ -301,24 +303,61 @@ inline std::uint64_t reserve(ThreadSlot& t, std::uint64_t need) {
   return start;
 }
 
-// A record longer than the ring allows keeps the arguments that fit, whole,
+// Which leading arguments fit in `limit` bytes with the record header: a
+// record longer than the ring allows keeps the arguments that fit, whole,
 // and says so in its flags; the decoder marks the rest as cut.
 template <class... N>
-[[gnu::noinline]] void writeTruncated(ThreadSlot& t, std::uint32_t id, std::uint64_t now, N... n) {
+inline std::size_t fitting([[maybe_unused]] ThreadSlot const& t, [[maybe_unused]] std::size_t limit,
+                           std::uint8_t& count, N... n) {
   std::size_t size = sizeof(RecordHeader);
-  std::uint8_t count = 0;
+  count = 0;
   [[maybe_unused]] bool fits = true;
-  ((fits = fits && size + wireBytes(n, t.maxString) <= t.maxRecord,
+  ((fits = fits && size + wireBytes(n, t.maxString) <= limit,
     fits ? void((size += wireBytes(n, t.maxString), ++count)) : void()),
    ...);
-  std::uint64_t pos = reserve(t, (size + 7) & ~std::size_t(7));
-  char* r = t.data + (pos & t.mask);
+  return size;
+}
+
+// Header (without its stamp) and the first `count` arguments at `r`.
+template <class... N>
+inline void fill([[maybe_unused]] ThreadSlot const& t, char* r, std::uint32_t id, std::uint64_t now,
+                 std::size_t size, std::uint8_t flags, std::uint8_t count, N... n) {
+  RecordHeader h{0, now, id, std::uint16_t(size), flags, count};
+  std::memcpy(r + 8, &h.ticks, sizeof h - 8);
   [[maybe_unused]] char* o = r + sizeof(RecordHeader);
   [[maybe_unused]] std::uint8_t i = 0;
   ((i < count ? void((o = put(o, n, t.maxString), ++i)) : void()), ...);
-  RecordHeader h{0, now, id, std::uint16_t(size), kRecordTruncated, count};
-  std::memcpy(r + 8, &h.ticks, sizeof h - 8);
+}
+
+template <class... N>
+[[gnu::noinline]] void writeTruncated(ThreadSlot& t, std::uint32_t id, std::uint64_t now, N... n) {
+  std::uint8_t count = 0;
+  std::size_t size = fitting(t, t.maxRecord, count, n...);
+  std::uint64_t pos = reserve(t, (size + 7) & ~std::size_t(7));
+  char* r = t.data + (pos & t.mask);
+  fill(t, r, id, now, size, kRecordTruncated, count, n...);
   __atomic_store_n(reinterpret_cast<std::uint64_t*>(r), pos ^ kRecordKey, __ATOMIC_RELEASE);
+}
+
+// A record in the shared ring is built on the stack first: its checksum
+// must cover the bytes this thread meant to write, not what is in the ring
+// when it looks, since a thread that reserved the same space a lap earlier
+// may still be writing there.
+template <class... N>
+[[gnu::noinline]] void writeShared(ThreadSlot& t, std::uint32_t id, std::uint64_t now, N... n) {
+  std::uint8_t count = 0;
+  std::size_t size = fitting(t, t.maxRecord - 8, count, n...);
+  std::uint8_t flags = kRecordChecked | (count < sizeof...(N) ? kRecordTruncated : 0);
+  std::size_t span = ((size + 7) & ~std::size_t(7)) + 8;
+  char* r = static_cast<char*>(__builtin_alloca(span));
+  std::memset(r + span - 16, 0, 16);  // the padding the checksum covers
+  fill(t, r, id, now, size, flags, count, n...);
+  std::uint64_t pos = reserveShared(t, span);
+  std::uint64_t sum = recordChecksum(pos, r + 8, span - 16);
+  std::memcpy(r + span - 8, &sum, 8);
+  char* slot = t.data + (pos & t.mask);
+  std::memcpy(slot + 8, r + 8, span - 8);
+  __atomic_store_n(reinterpret_cast<std::uint64_t*>(slot), pos ^ kRecordKey, __ATOMIC_RELEASE);
 }
 
 template <class... N>
@@ -333,7 +372,9 @@ inline void writeNormalized(CallSite& site, N... n) {
   std::uint64_t now = ticks(t);
   std::size_t bytes = sizeof(RecordHeader) + (std::size_t(0) + ... + wireBytes(n, t.maxString));
   std::uint32_t id = std::uint32_t(key);
-  if (__builtin_expect(bytes > t.maxRecord, 0)) {
+  if (__builtin_expect(t.shared != 0, 0)) {
+    writeShared(t, id, now, n...);
+  } else if (__builtin_expect(bytes > t.maxRecord, 0)) {
     writeTruncated(t, id, now, n...);
   } else {
     std::uint64_t pos = reserve(t, (bytes + 7) & ~std::size_t(7));

@@ -12,15 +12,23 @@
 // are complete, and a reader that lands in the middle of old data (after a
 // wrap, or in a damaged file) finds the next record by scanning for a stamp
 // that matches its position.
+//
+// In the shared ring a stamp alone is not enough: a thread preempted between
+// reserving space and finishing its record may write into space the other
+// threads have since reused, under a newer record's stamp. Records there
+// carry a checksum over their bytes and position, computed from the
+// writer's private copy, and the reader drops (and reports) a record whose
+// checksum does not match.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 
 namespace Brisklog {
 
 inline constexpr char kMagic[8] = {'B', 'R', 'I', 'S', 'K', 'L', 'O', 'G'};
-inline constexpr std::uint32_t kVersion = 1;
+inline constexpr std::uint32_t kVersion = 2;
 inline constexpr std::uint32_t kHeaderBytes = 4096;
 inline constexpr std::uint32_t kRingHeaderBytes = 64;
 
@@ -91,7 +99,8 @@ struct alignas(64) RingHeader {
 };
 static_assert(sizeof(RingHeader) == kRingHeaderBytes);
 
-// A record: this header, then the payload, padded to 8 bytes.
+// A record: this header, then the payload, padded to 8 bytes; in the shared
+// ring (flag kRecordChecked) then an 8-byte recordChecksum.
 struct RecordHeader {
   std::uint64_t stamp;  // position ^ kRecordKey, stored last
   std::uint64_t ticks;
@@ -102,6 +111,20 @@ struct RecordHeader {
 };
 static_assert(sizeof(RecordHeader) == 24);
 inline constexpr std::uint8_t kRecordTruncated = 1;
+inline constexpr std::uint8_t kRecordChecked = 2;
+
+// Over a record's bytes after its stamp up to its checksum (`n`, a multiple
+// of 8) and its position, so that the same bytes at another position fail.
+inline std::uint64_t recordChecksum(std::uint64_t pos, char const* body, std::size_t n) {
+  std::uint64_t h = pos ^ 0x6a09e667f3bcc909ull;
+  for (std::size_t i = 0; i < n; i += 8) {
+    std::uint64_t w;
+    std::memcpy(&w, body + i, 8);
+    h = (h ^ w) * 0x9fb21c651e98df25ull;
+    h ^= h >> 29;
+  }
+  return h;
+}
 
 // A descriptor: this header, then source, file, function, format and the
 // argument signature, each NUL-terminated, padded to 8 bytes.

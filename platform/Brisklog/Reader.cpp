@@ -225,6 +225,7 @@ Reader::Reader(std::string path) : path_(std::move(path)) {
 }
 
 Reader::~Reader() {
+  guard_.release();
   if (map_) munmap(const_cast<char*>(map_), mappedBytes_);
 }
 
@@ -272,6 +273,7 @@ void Reader::openFile() {
   }
   map_ = static_cast<char const*>(m);
   mapBytes_ = mappedBytes_ = std::uint64_t(st.st_size);
+  guard_ = Kiv::MappingGuard(m, mappedBytes_);
 }
 
 void Reader::validateHeader() {
@@ -577,6 +579,23 @@ bool Reader::decode(std::uint32_t ring, std::uint64_t pos, char const* bytes, st
   return true;
 }
 
+// The end of the furthest record in a ring found by its stamp alone, or 0.
+std::uint64_t Reader::lastStampedEnd(std::uint64_t data, std::uint64_t ringBytes) const {
+  std::uint64_t best = 0;
+  for (std::uint64_t off = 0; off + sizeof(RecordHeader) <= ringBytes; off += 8) {
+    if (!in(data + off, sizeof(RecordHeader))) break;
+    std::uint64_t const pos = load64(data + off) ^ kRecordKey;
+    if ((pos & (ringBytes - 1)) != off || pos > kMaxSanePosition) continue;
+    RecordHeader rh;
+    std::memcpy(&rh, map_ + data + off, sizeof rh);
+    if (rh.bytes < sizeof(RecordHeader) || rh.bytes > info_.maxRecordBytes) continue;
+    std::uint64_t const span = align8(rh.bytes) + ((rh.flags & kRecordChecked) ? 8 : 0);
+    if (off + span > ringBytes) continue;
+    best = std::max(best, pos + span);
+  }
+  return best;
+}
+
 void Reader::readRing(std::uint32_t index, std::vector<Record>& out) {
   std::uint64_t const ringBytes = info_.ringBytes;
   std::uint64_t const mask = ringBytes - 1;
@@ -592,6 +611,16 @@ void Reader::readRing(std::uint32_t index, std::vector<Record>& out) {
   if (head > kMaxSanePosition || (head & 7)) {
     problem(name + "head position " + std::to_string(head) + " is damaged; ring skipped");
     return;
+  }
+  if (!c.started) {
+    std::uint64_t const found = lastStampedEnd(data, ringBytes);
+    // Records are reserved before they are written, so none can end past
+    // the head; one that does means the head was damaged. Read up to it.
+    if (found > head && load64(base) == head) {
+      problem(name + "head position " + std::to_string(head) +
+              " is damaged: records run up to position " + std::to_string(found));
+      head = found;
+    }
   }
   std::uint64_t floor = head > ringBytes ? head - ringBytes : 0;
   std::uint64_t p;
@@ -658,6 +687,11 @@ void Reader::readRing(std::uint32_t index, std::vector<Record>& out) {
     if (atHead && !live_ && length <= info_.maxRecordBytes) {
       note(name + "the last record, at position " + std::to_string(gapStart) +
            ", is incomplete: its writer stopped while writing it");
+    } else if (index == sharedRing_ && !live_ && length <= info_.maxRecordBytes) {
+      // Threads sharing a ring finish out of order: a process killed while
+      // one of them was mid-record leaves it unfinished among whole ones.
+      note(name + "a record at position " + std::to_string(gapStart) +
+           " was never finished: its writer stopped while writing it");
     } else {
       problem(name + std::to_string(length) + " bytes at position " + std::to_string(gapStart) +
               " hold no record");
@@ -678,10 +712,12 @@ void Reader::readRing(std::uint32_t index, std::vector<Record>& out) {
     if (w == (p ^ kRecordKey) && in(off, sizeof(RecordHeader))) {
       RecordHeader rh;
       std::memcpy(&rh, map_ + off, sizeof rh);
-      std::uint64_t span = align8(rh.bytes);
-      if (rh.bytes >= sizeof(RecordHeader) && rh.bytes <= info_.maxRecordBytes &&
-          (p & mask) + span <= ringBytes && p + span <= head && in(off, rh.bytes)) {
-        copy.assign(map_ + off, map_ + off + rh.bytes);
+      bool const checked = rh.flags & kRecordChecked;
+      std::uint64_t span = align8(rh.bytes) + (checked ? 8 : 0);
+      bool const whole = rh.bytes >= sizeof(RecordHeader) && rh.bytes <= info_.maxRecordBytes &&
+                         (p & mask) + span <= ringBytes && p + span <= head && in(off, span);
+      if (whole) {
+        copy.assign(map_ + off, map_ + off + span);
         std::atomic_thread_fence(std::memory_order_acquire);
         if (load64(base) > p + ringBytes) {
           // Overwritten while being copied: start over after the wrap next time.
@@ -689,12 +725,37 @@ void Reader::readRing(std::uint32_t index, std::vector<Record>& out) {
           c.started = false;
           return;
         }
+      }
+      // A stamped record in the shared ring whose bytes do not add up was
+      // written over by a thread that had reserved the same space a lap
+      // earlier and was preempted before it finished.
+      bool const late = index == sharedRing_ &&
+                        (!whole || !checked ||
+                         recordChecksum(p, copy.data() + 8, span - 16) !=
+                             [&] {
+                               std::uint64_t sum;
+                               std::memcpy(&sum, copy.data() + span - 8, 8);
+                               return sum;
+                             }());
+      if (whole || late) {
         GapEnd g = closeGap(false);
         if (g == kStop) return;
         if (g == kRescan) continue;
+      }
+      if (late) {
+        note(name + "a record at position " + std::to_string(p) +
+             " was written over by a thread that finished late; both are lost");
+        // Its length may be damaged too: find the next record by its stamp.
+        synced = false;
+        inGap = true;
+        gapStart = p;
+        p += 8;
+        continue;
+      }
+      if (whole) {
         synced = true;
         Record r;
-        if (decode(index, p, copy.data(), copy.size(), r)) out.push_back(std::move(r));
+        if (decode(index, p, copy.data(), rh.bytes, r)) out.push_back(std::move(r));
         p += span;
         continue;
       }
@@ -723,6 +784,13 @@ std::vector<Record> Reader::read() {
   refreshClock();
   readDescriptors();
   for (std::uint32_t i = 0; i < info_.ringCount; ++i) readRing(i, out);
+  if (guard_.truncated()) {
+    // What was read from the lost pages was zeros, not records: drop it all.
+    problem("file truncated while being read; reading stopped");
+    usable_ = false;
+    out.clear();
+    return out;
+  }
   std::stable_sort(out.begin(), out.end(),
                    [](Record const& a, Record const& b) { return a.ticks < b.ticks; });
   return out;

@@ -14,8 +14,9 @@
 // or loops without end. What cannot be decoded is reported in problems();
 // expected losses (an incomplete last record of a killed writer, records
 // overwritten before a follower read them, a record that a live writer
-// sharing a ring with other threads had not finished after 50 ms) go to
-// notes().
+// sharing a ring with other threads had not finished after 50 ms, a record
+// in the shared ring whose checksum shows another thread wrote into it late)
+// go to notes().
 //
 // Against a live writer: a record is taken only if its position stamp is in
 // place (the writer stores it last, with release ordering) and, after its
@@ -31,6 +32,8 @@
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "Kiv/MappingGuard.h"
 
 namespace Brisklog {
 
@@ -122,6 +125,7 @@ class Reader {
   void validateHeader();
   void readDescriptors();
   void readRing(std::uint32_t index, std::vector<Record>& out);
+  std::uint64_t lastStampedEnd(std::uint64_t data, std::uint64_t ringBytes) const;
   bool decode(std::uint32_t ring, std::uint64_t pos, char const* bytes, std::size_t n, Record& out);
   std::int64_t wallNs(std::uint64_t ticks) const;
   void refreshClock();
@@ -134,6 +138,7 @@ class Reader {
   char const* map_ = nullptr;
   std::uint64_t mapBytes_ = 0;     // what decoding may touch
   std::uint64_t mappedBytes_ = 0;  // what was mapped
+  Kiv::MappingGuard guard_;        // the file may be truncated while read
   bool usable_ = false;
   FileInfo info_;
   std::uint64_t descriptorOffset_ = 0;

@@ -95,9 +95,12 @@ void Mount::doMount(std::string const& url, std::string const& typeName, MountIn
     BRISKLOG("KivVorn::Mount", "mount of %s failed: %s", url, e.what());
     return;
   } catch (Kiv::Exception const& e) {
-    // No such file, no permission, or a table another writer is writing.
+    // No such file, no permission, no room, or a table another writer is
+    // writing. A reader waits for the table to appear; a writer that cannot
+    // make or take its table must not go on as if it had one.
     KIV_TRACE(th, 2, "doMount: " << url << ": " << e.what());
     BRISKLOG("KivVorn::Mount", "mount of %s failed: %s", url, e.what());
+    if (mode == Vorn::Status::Mode::writer) throw;
     return;
   }
   entityManager_->mountedIs(url, status);

@@ -11,6 +11,9 @@
 // resolved through Vorn::StatusRegistry. A reader mount of a table that
 // does not exist (yet), holds another type or is corrupt yields no entity:
 // getEntity returns null and the reason is traced ("Vorn::Mount" handle).
+// A writer mount that cannot create or take its table (no permission, no
+// room, a read-only file system, another writer running) raises the
+// Kiv::Exception that says why.
 // Mounting a URL that the entity manager already holds returns the same
 // entity. A URL that is absolute or contains ".." is refused with
 // Kiv::ParseException.

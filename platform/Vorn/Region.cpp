@@ -8,87 +8,22 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <dirent.h>
+
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
 
 #include "Kiv/Exception.h"
+#include "Kiv/MappingGuard.h"
 
 namespace Vorn {
 
+StepHook stepHook = nullptr;
+
 namespace {
-
-// Mappings whose file may shrink under us. The bus-error handler replaces
-// the lost pages of a registered mapping with zero pages and flags it; a
-// fault anywhere else goes on to the previous handler.
-struct Guard {
-  std::atomic<std::uintptr_t> base{0};
-  std::atomic<std::size_t> length{0};
-  std::atomic<bool> truncated{false};
-};
-constexpr int kGuards = 256;
-Guard guards[kGuards];
-std::atomic<bool> handlerInstalled{false};
-struct sigaction previousBus;
-std::atomic<bool> spareTruncated{false};
-
-void onBusError(int sig, siginfo_t* info, void* context) {
-  auto const addr = reinterpret_cast<std::uintptr_t>(info->si_addr);
-  std::uintptr_t const pageMask = ~std::uintptr_t(sysconf(_SC_PAGESIZE) - 1);
-  for (Guard& g : guards) {
-    std::uintptr_t const base = g.base.load(std::memory_order_acquire);
-    std::size_t const length = g.length.load(std::memory_order_acquire);
-    if (base == 0 || addr < base || addr >= base + length) continue;
-    std::uintptr_t const page = addr & pageMask;
-    void* r = mmap(reinterpret_cast<void*>(page), base + length - page, PROT_READ | PROT_WRITE,
-                   MAP_FIXED | MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (r != MAP_FAILED) {
-      g.truncated.store(true, std::memory_order_relaxed);
-      return;
-    }
-  }
-  if ((previousBus.sa_flags & SA_SIGINFO) && previousBus.sa_sigaction != nullptr) {
-    previousBus.sa_sigaction(sig, info, context);
-    return;
-  }
-  if (previousBus.sa_handler != SIG_DFL && previousBus.sa_handler != SIG_IGN) {
-    previousBus.sa_handler(sig);
-    return;
-  }
-  signal(SIGBUS, SIG_DFL);
-  raise(SIGBUS);
-}
-
-void installHandler() {
-  bool expected = false;
-  if (!handlerInstalled.compare_exchange_strong(expected, true)) return;
-  struct sigaction sa;
-  std::memset(&sa, 0, sizeof sa);
-  sa.sa_sigaction = onBusError;
-  sa.sa_flags = SA_SIGINFO | SA_NODEFER;
-  sigemptyset(&sa.sa_mask);
-  sigaction(SIGBUS, &sa, &previousBus);
-}
-
-int guardAdd(void* base, std::size_t length) {
-  installHandler();
-  for (int i = 0; i < kGuards; ++i) {
-    std::size_t expected = 0;
-    if (guards[i].length.compare_exchange_strong(expected, length)) {
-      guards[i].truncated.store(false);
-      guards[i].base.store(reinterpret_cast<std::uintptr_t>(base), std::memory_order_release);
-      return i;
-    }
-  }
-  return -1;
-}
-
-void guardDel(int i) {
-  if (i < 0) return;
-  guards[i].base.store(0, std::memory_order_release);
-  guards[i].length.store(0, std::memory_order_release);
-}
 
 std::uint32_t pow2AtLeast(std::uint64_t v) {
   std::uint64_t p = 1;
@@ -107,6 +42,25 @@ bool pidAlive(std::uint32_t pid) {
   if (pid == 0) return false;
   if (pid == static_cast<std::uint32_t>(getpid())) return true;
   return kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM;
+}
+
+// A writer killed while making a region leaves "<path>.tmp.<pid>" behind;
+// the next writer of the same path removes those of processes that are gone.
+void removeStaleTemporaries(std::string const& path) {
+  std::size_t const slash = path.rfind('/');
+  std::string const dir = slash == std::string::npos ? "." : path.substr(0, slash);
+  std::string const prefix = path.substr(slash == std::string::npos ? 0 : slash + 1) + ".tmp.";
+  DIR* d = ::opendir(dir.c_str());
+  if (d == nullptr) return;
+  while (dirent* e = ::readdir(d)) {
+    std::string const name = e->d_name;
+    if (name.compare(0, prefix.size(), prefix) != 0) continue;
+    char* end = nullptr;
+    unsigned long const pid = std::strtoul(name.c_str() + prefix.size(), &end, 10);
+    if (end == name.c_str() + prefix.size() || *end != '\0' || pid == 0 || pid > 0xffffffffu) continue;
+    if (!pidAlive(static_cast<std::uint32_t>(pid))) ::unlink((dir + "/" + name).c_str());
+  }
+  ::closedir(d);
 }
 
 struct Plan {
@@ -199,7 +153,7 @@ Region::~Region() {
     std::uint32_t me = static_cast<std::uint32_t>(getpid());
     header_->writerPid.compare_exchange_strong(me, 0);
   }
-  guardDel(guardSlot_);
+  guard_.release();
   if (base_ != nullptr) munmap(base_, size_);
   if (fd_ >= 0) ::close(fd_);
 }
@@ -212,8 +166,7 @@ void Region::map(int fd, std::uint64_t size, bool writable) {
   if (p == MAP_FAILED) throw Kiv::ErrnoException("mmap", errno);
   base_ = static_cast<unsigned char*>(p);
   header_ = reinterpret_cast<Layout::Header*>(base_);
-  guardSlot_ = guardAdd(base_, size_);
-  truncated_ = guardSlot_ >= 0 ? &guards[guardSlot_].truncated : &spareTruncated;
+  guard_ = Kiv::MappingGuard(base_, size_);
 }
 
 void Region::validate(std::string_view typeName, std::vector<TableShape> const* shapes) {
@@ -333,6 +286,7 @@ std::unique_ptr<Region> Region::create(std::string const& path, std::string_view
   plan.logOffset = Layout::roundUp(off, 64);
   plan.fileSize = Layout::roundUp(plan.logOffset + std::uint64_t(plan.logCapacity) * plan.logEntrySize, 4096);
 
+  removeStaleTemporaries(path);
   std::string const tmp = path + ".tmp." + std::to_string(getpid());
   ::unlink(tmp.c_str());
   int fd = ::open(tmp.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0664);
@@ -343,6 +297,13 @@ std::unique_ptr<Region> Region::create(std::string const& path, std::string_view
     ::close(fd);
     ::unlink(tmp.c_str());
     throw Kiv::ErrnoException("ftruncate(" + tmp + ")", e);
+  }
+  // Every page now, not when first touched: a full file system must refuse
+  // the table here, not fault a write that the writer then believes done.
+  if (int e = posix_fallocate(fd, 0, static_cast<off_t>(plan.fileSize)); e != 0) {
+    ::close(fd);
+    ::unlink(tmp.c_str());
+    throw Kiv::ErrnoException("posix_fallocate(" + tmp + ", " + std::to_string(plan.fileSize) + " bytes)", e);
   }
   std::unique_ptr<Region> r(new Region());
   r->mode_ = Mode::writer;
@@ -374,10 +335,15 @@ std::unique_ptr<Region> Region::create(std::string const& path, std::string_view
     auto* links = reinterpret_cast<Layout::Link*>(headEntry + d.linksOffset);
     for (std::uint32_t l = 0; l < Layout::kMaxLevel; ++l) links[l].store(Layout::kNone, std::memory_order_relaxed);
   }
+  if (!r->writerLockTake()) {
+    ::unlink(tmp.c_str());
+    throw Kiv::ErrnoException("fcntl(F_OFD_SETLK " + tmp + ")", errno);
+  }
   h->writerPid.store(static_cast<std::uint32_t>(getpid()), std::memory_order_relaxed);
   h->writerEpoch.store(1, std::memory_order_relaxed);
   h->magic = Layout::kMagic;
   r->validate(typeName, nullptr);
+  writerStep("create.rename");
   if (::rename(tmp.c_str(), path.c_str()) != 0) {
     int e = errno;
     ::unlink(tmp.c_str());
@@ -400,12 +366,14 @@ std::unique_ptr<Region> Region::writerIs(std::string const& path, std::string_vi
       r->validate(typeName, &shapes);
       r->checkTruncated();
       std::uint32_t const other = r->writerPid();
-      if (other != 0 && other != static_cast<std::uint32_t>(getpid()) && pidAlive(other)) {
+      bool const mine = other == static_cast<std::uint32_t>(getpid());
+      if (!r->writerLockTake() && !mine) {
         r->mode_ = Mode::reader;  // leaves the running writer's pid alone
         throw Kiv::Exception(path + " is being written by pid " + std::to_string(other));
       }
       r->adopted_ = true;
       r->header_->writerPid.store(static_cast<std::uint32_t>(getpid()), std::memory_order_release);
+      writerStep("adopt.claim");
       r->header_->writerEpoch.fetch_add(1, std::memory_order_acq_rel);
       return r;
     } catch (Pelto::CorruptionDetectedException const&) {
@@ -419,7 +387,7 @@ std::unique_ptr<Region> Region::readerIs(std::string const& path, std::string_vi
                                          std::vector<TableShape> const& shapes) {
   bool writable = true;
   int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
-  if (fd < 0 && errno == EACCES) {
+  if (fd < 0 && (errno == EACCES || errno == EROFS)) {
     writable = false;
     fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   }
@@ -452,7 +420,36 @@ std::unique_ptr<Region> Region::inspectorIs(std::string const& path) {
   return r;
 }
 
-bool Region::writerAlive() const { return pidAlive(writerPid()); }
+bool Region::writerAlive() const {
+  std::uint32_t const pid = writerPid();
+  if (pid == static_cast<std::uint32_t>(getpid())) return true;
+  return pidAlive(pid) && writerLockHeld();
+}
+
+bool Region::writerLockTake() {
+  struct flock fl;
+  std::memset(&fl, 0, sizeof fl);
+  fl.l_type = F_WRLCK;
+  fl.l_whence = SEEK_SET;
+  fl.l_start = 0;
+  fl.l_len = 1;
+  if (fcntl(fd_, F_OFD_SETLK, &fl) == 0) return true;
+  // Held by another open file; on a file system without such locks the
+  // pid check alone stands.
+  return errno != EAGAIN && errno != EACCES;
+}
+
+bool Region::writerLockHeld() const {
+  struct flock fl;
+  std::memset(&fl, 0, sizeof fl);
+  fl.l_type = F_WRLCK;
+  fl.l_whence = SEEK_SET;
+  fl.l_start = 0;
+  fl.l_len = 1;
+  // A file system without such locks cannot say; the pid alone decides.
+  if (fcntl(fd_, F_OFD_GETLK, &fl) != 0) return true;
+  return fl.l_type != F_UNLCK;
+}
 
 std::uint32_t Region::liveReaders() const {
   std::uint32_t n = 0;
@@ -468,8 +465,12 @@ void Region::fail(std::string const& text) const {
 
 namespace {
 template <class T>
-T waitEvenImpl(Region const& r, std::atomic<T> const& seq, std::string_view what) {
+T waitEvenImpl(Region const& r, std::atomic<T> const& seq, std::string_view what,
+               std::chrono::steady_clock::time_point deadline) {
   auto const start = std::chrono::steady_clock::now();
+  // Long enough for a writer descheduled mid-write on a busy machine,
+  // short enough not to stall the reader's event loop for long.
+  deadline = std::min(deadline, start + std::chrono::milliseconds(500));
   for (unsigned i = 0;; ++i) {
     T v = seq.load(std::memory_order_acquire);
     if ((v & 1) == 0) return v;
@@ -479,22 +480,22 @@ T waitEvenImpl(Region const& r, std::atomic<T> const& seq, std::string_view what
       if (!r.writerAlive())
         r.fail(std::string(what) + " was left mid-write by writer pid " + std::to_string(r.writerPid()) +
                ", which is gone");
-      // Long enough for a writer descheduled mid-write on a busy machine,
-      // short enough not to stall the reader's event loop for long.
-      if (std::chrono::steady_clock::now() - start > std::chrono::milliseconds(500))
-        r.fail(std::string(what) + " stayed mid-write for 0.5 s");
+      if (std::chrono::steady_clock::now() >= deadline)
+        r.fail(std::string(what) + " stayed mid-write while writer pid " + std::to_string(r.writerPid()) +
+               " runs: damaged or stuck");
     }
     sched_yield();
   }
 }
 }  // namespace
 
-std::uint32_t Region::waitEven(std::atomic<std::uint32_t> const& seq, std::string_view what) const {
-  return waitEvenImpl(*this, seq, what);
+std::uint32_t Region::waitEven(std::atomic<std::uint32_t> const& seq, std::string_view what,
+                               std::chrono::steady_clock::time_point deadline) const {
+  return waitEvenImpl(*this, seq, what, deadline);
 }
 
 std::uint64_t Region::waitEven64(std::atomic<std::uint64_t> const& seq, std::string_view what) const {
-  return waitEvenImpl(*this, seq, what);
+  return waitEvenImpl(*this, seq, what, std::chrono::steady_clock::time_point::max());
 }
 
 std::uint64_t Region::logChange(std::uint32_t table, void const* key, std::uint32_t keySize) {
@@ -505,6 +506,7 @@ std::uint64_t Region::logChange(std::uint32_t table, void const* key, std::uint3
   auto* lh = reinterpret_cast<Layout::LogHead*>(e);
   lh->seq.store(2 * p + 1, std::memory_order_relaxed);
   std::atomic_thread_fence(std::memory_order_release);
+  writerStep("log.change");
   lh->table = table;
   lh->keySize = keySize;
   std::memcpy(e + sizeof(Layout::LogHead), key, std::min(keySize, maxKeySize_));
@@ -612,6 +614,12 @@ void Region::bellDrain() {
   char buf[256];
   while (::read(bellFd_, buf, sizeof buf) > 0) {
   }
+}
+
+void Region::bellPoke() {
+  if (bellFd_ < 0) return;
+  char const c = 1;
+  [[maybe_unused]] ssize_t n = ::write(bellFd_, &c, 1);
 }
 
 void Region::bellClose() {

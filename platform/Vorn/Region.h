@@ -9,9 +9,10 @@
 // Every geometry field is validated once at open (magic, layout version,
 // type name, table names and sizes, offsets inside the file); failures raise
 // Pelto::CorruptionDetectedException naming the file and what was wrong.
-// A file truncated under a live mapping does not kill the process: the fault
-// is caught, the lost pages read as zeros, and the next table operation
-// raises the corruption exception.
+// A file truncated under a live mapping does not kill the process (every
+// mapping is guarded, however many the process holds): the fault is caught,
+// the lost pages read as zeros, and the next table operation raises the
+// corruption exception.
 //
 // Change log: the writer appends (table, key) for every change; readers
 // follow it from a private cursor. Doorbells: a following reader owns a
@@ -21,15 +22,27 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "Kiv/MappingGuard.h"
 #include "Vorn/Layout.h"
 
 namespace Vorn {
+
+// Test-only: called at each named step of the writer's write, index
+// rebuild and adoption paths ("insert.link", "adopt.head", ...), so that a
+// test can kill the writer exactly there. Null by default, which costs one
+// predicted branch per step.
+using StepHook = void (*)(char const* step);
+extern StepHook stepHook;
+inline void writerStep(char const* name) {
+  if (__builtin_expect(stepHook != nullptr, 0)) stepHook(name);
+}
 
 // What a schema says about one of its tables.
 struct TableShape {
@@ -100,13 +113,17 @@ class Region {
   TableGeometry const& table(std::uint32_t i) const { return geometry_[i]; }
   std::uint32_t logCapacity() const { return logCapacity_; }
   std::uint32_t writerPid() const { return header_->writerPid.load(std::memory_order_relaxed); }
+  // The recorded writer runs and still holds the region's writer lock (an
+  // open-file-description lock on the file's first byte, gone with the
+  // writer's last descriptor): neither a zombie nor an unrelated process
+  // that got the pid passes.
   bool writerAlive() const;
   // Readers holding a doorbell whose process still runs (a reader killed
   // before it could give its doorbell back does not count).
   std::uint32_t liveReaders() const;
 
   // Set (from the fault handler) when the file shrank under the mapping.
-  bool truncated() const { return truncated_->load(std::memory_order_relaxed); }
+  bool truncated() const { return guard_.truncated(); }
   // Raises the corruption exception when the file was truncated.
   void checkTruncated() const {
     if (truncated()) truncatedFail();
@@ -117,8 +134,11 @@ class Region {
 
   // Waits, within bounds, for a sequence counter left odd by the writer to
   // become even and returns it; raises the corruption exception when the
-  // writer is gone or the counter stays odd too long.
-  std::uint32_t waitEven(std::atomic<std::uint32_t> const& seq, std::string_view what) const;
+  // writer is gone or the counter stays odd for 0.5 s or past `deadline`
+  // (a caller that waits on many counters bounds them all together).
+  std::uint32_t waitEven(std::atomic<std::uint32_t> const& seq, std::string_view what,
+                         std::chrono::steady_clock::time_point deadline =
+                             std::chrono::steady_clock::time_point::max()) const;
   std::uint64_t waitEven64(std::atomic<std::uint64_t> const& seq, std::string_view what) const;
 
   // Writer: appends one change and rings the armed doorbells. Returns the
@@ -140,6 +160,8 @@ class Region {
   void bellClose();
   // Empties the FIFO.
   void bellDrain();
+  // Makes this reader's own doorbell readable, so that its loop wakes again.
+  void bellPoke();
   int bellSlot() const { return bellSlot_; }
 
   // Doorbell FIFO path of slot i with nonce n.
@@ -150,6 +172,9 @@ class Region {
   void map(int fd, std::uint64_t size, bool writable);
   void validate(std::string_view typeName, std::vector<TableShape> const* shapes);
   void ring(std::uint64_t armed);
+  // Takes the writer lock; false when another open file holds it.
+  bool writerLockTake();
+  bool writerLockHeld() const;
   static std::unique_ptr<Region> create(std::string const& path, std::string_view typeName,
                                         std::vector<TableShape> const& shapes,
                                         std::uint32_t logCapacity);
@@ -167,8 +192,7 @@ class Region {
   std::uint32_t logEntrySize_ = 0;
   std::uint32_t maxKeySize_ = 0;
   unsigned char* log_ = nullptr;
-  std::atomic<bool>* truncated_ = nullptr;
-  int guardSlot_ = -1;
+  Kiv::MappingGuard guard_;
   // Reader doorbell.
   int bellSlot_ = -1;
   std::uint32_t bellNonce_ = 0;

@@ -121,16 +121,25 @@ std::size_t Status::drain() {
   } guard{draining_};
   draining_ = true;
   std::size_t n = 0;
+  bool resynced = false;
   keyBuffer_.resize(Layout::kMaxKeySize);
+  // Stops at the bound with changes left: the loop is woken again for them.
+  auto more = [&] {
+    if (loop_ != nullptr && region_) region_->bellPoke();
+    return n;
+  };
   for (;;) {
     std::uint64_t const head = region_->logHead();
     if (head < cursor_ || head - cursor_ > region_->logCapacity()) {
+      if (resynced) return more();
       resync();
+      resynced = true;
       if (!region_) return n;
       continue;
     }
     bool wrapped = false;
     while (cursor_ < head) {
+      if (n >= drainLimit_) return more();
       std::uint32_t table = 0;
       bool ok;
       try {
@@ -152,7 +161,11 @@ std::size_t Status::drain() {
       if (!region_) return n;
     }
     if (wrapped) {
+      // One comparison per call: an entry that stays unreadable (a writer
+      // stopped mid-write) must not make this loop compare forever.
+      if (resynced) return more();
       resync();
+      resynced = true;
       if (!region_) return n;
       continue;
     }

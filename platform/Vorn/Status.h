@@ -62,10 +62,14 @@ class Status : public Kiv::Entity {
   // hooks fire from the loop for every change made after this call.
   void followIs(Kiv::EventLoop* loop);
   Kiv::EventLoop* follow() const { return loop_; }
-  // Delivers the changes logged since the last call (the loop calls it when
-  // the doorbell rings; tests may call it directly). Returns how many keys
-  // were notified.
+  // Delivers the changes logged since the last call, at most drainLimit()
+  // keys and one catch-up comparison at a time, so that a writer faster than
+  // the hooks cannot hold the caller's loop (the loop calls it when the
+  // doorbell rings and is woken again while changes remain; tests may call
+  // it directly). Returns how many keys were notified.
   std::size_t drain();
+  std::size_t drainLimit() const { return drainLimit_; }
+  void drainLimitIs(std::size_t n) { drainLimit_ = n == 0 ? 1 : n; }
   std::uint64_t changesHeard() const { return changesHeard_; }
   std::uint64_t resyncs() const { return resyncs_; }
 
@@ -101,6 +105,7 @@ class Status : public Kiv::Entity {
   std::uint64_t changesHeard_ = 0;
   std::uint64_t resyncs_ = 0;
   bool draining_ = false;
+  std::size_t drainLimit_ = 1024;
   mutable std::uint64_t corruptions_ = 0;
   ChangeHook changeHook_;
 };

@@ -100,6 +100,7 @@ std::uint32_t TableBase::randomLevel() {
 
 void TableBase::rebuildHashSlots() {
   genBegin();
+  writerStep("rebuild.start");
   for (std::uint32_t i = 0; i <= slotMask_; ++i) slots_[i].store(Layout::kSlotEmpty, std::memory_order_relaxed);
   for (std::uint32_t i = 0; i < capacity_; ++i) {
     if (head(i)->live != 1) continue;
@@ -107,6 +108,7 @@ void TableBase::rebuildHashSlots() {
     std::uint32_t p = std::uint32_t(h) & slotMask_;
     while (slots_[p].load(std::memory_order_relaxed) != Layout::kSlotEmpty) p = (p + 1) & slotMask_;
     slots_[p].store((h >> 32) << 32 | (std::uint64_t(i) + 1), std::memory_order_relaxed);
+    writerStep("rebuild.slot");
   }
   tombstones_ = 0;
   control_->tombstones.store(0, std::memory_order_relaxed);
@@ -136,13 +138,16 @@ void TableBase::retriesExhausted() const {
 
 std::uint32_t TableBase::waitEven(std::atomic<std::uint32_t> const& seq, std::uint32_t entry) const {
   // A live writer finishes a record in well under a microsecond: spin a
-  // little before the bounded wait, whose failure text costs an allocation.
-  for (int i = 0; i < 2048; ++i) {
+  // little before the bounded wait, whose failure text costs an allocation;
+  // not once a scan's time is up.
+  bool const spin = waitDeadline_ == std::chrono::steady_clock::time_point::max() ||
+                    std::chrono::steady_clock::now() < waitDeadline_;
+  for (int i = 0; spin && i < 2048; ++i) {
     std::uint32_t const v = seq.load(std::memory_order_acquire);
     if ((v & 1) == 0) return v;
     cpuRelax();
   }
-  return region_->waitEven(seq, "table '" + name_ + "' entry " + std::to_string(entry));
+  return region_->waitEven(seq, "table '" + name_ + "' entry " + std::to_string(entry), waitDeadline_);
 }
 
 std::uint64_t TableBase::waitGen() const {
@@ -157,6 +162,12 @@ void TableBase::linkFail(std::uint32_t from, std::uint32_t level, std::uint32_t 
 void TableBase::slotFail(std::uint32_t slot, std::uint64_t value) const {
   fail("hash slot " + std::to_string(slot) + " names entry " + std::to_string(std::uint32_t(value) - 1) +
        ", beyond capacity " + std::to_string(capacity_));
+}
+
+void TableBase::fallbackNoticed() const {
+  KIV_TRACE(th, 1, "table '" << name_ << "': writer pid " << region_->writerPid()
+                              << " died while rebuilding the indexes; reads scan the entries"
+                                 " until a new writer adopts the file");
 }
 
 void TableBase::loopFail(char const* where) const {

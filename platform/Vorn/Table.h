@@ -40,8 +40,10 @@
 //     it followed still held; a node is unlinked (changing its predecessors'
 //     lseq) before it is marked dead or reused.
 // Failure modes: a counter that stays odd (a writer killed mid-write) is
-// waited for within a bound and then reported as corruption for that entry
-// only; every index, link and count is checked against the geometry
+// waited for within a bound (one bound for a whole-table scan) and then
+// reported as corruption for that entry only; a structGen left odd by a
+// writer that is gone makes readers answer from a private index of the
+// entries until a new writer adopts the file; every index, link and count is checked against the geometry
 // validated at mount, and every loop is bounded by the capacity, so a
 // corrupt file raises Pelto::CorruptionDetectedException, never a crash or a
 // hang. Readers copy records out; no pointer into shared memory survives a
@@ -51,6 +53,7 @@
 #include <algorithm>
 #include <atomic>
 #include <bit>
+#include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <functional>
@@ -242,6 +245,8 @@ class TableBase {
   [[noreturn]] void linkFail(std::uint32_t from, std::uint32_t level, std::uint32_t to) const;
   [[noreturn]] void slotFail(std::uint32_t slot, std::uint64_t value) const;
   [[noreturn]] void loopFail(char const* where) const;
+  // Traces that reads now come from a private index of the entries.
+  void fallbackNoticed() const;
   void rebuildHashSlots();
   void checkUsable(bool forWrite) const {
     if (region_ == nullptr) notMounted();
@@ -249,6 +254,17 @@ class TableBase {
   }
 
   static constexpr unsigned kRetries = 10000;
+  // While a whole-table scan runs: when its waits on entries that look
+  // mid-write give up, together, so that a damaged table costs the scan
+  // half a second, not half a second per entry.
+  mutable std::chrono::steady_clock::time_point waitDeadline_ = std::chrono::steady_clock::time_point::max();
+  struct ScanBound {
+    TableBase const& t;
+    explicit ScanBound(TableBase const& table) : t(table) {
+      t.waitDeadline_ = std::chrono::steady_clock::now() + std::chrono::milliseconds(500);
+    }
+    ~ScanBound() { t.waitDeadline_ = std::chrono::steady_clock::time_point::max(); }
+  };
 
   Status* owner_;
   std::string name_;
@@ -307,6 +323,7 @@ class Table : public TableBase {
       if (same(cur, r)) return false;
       Layout::EntryHead* e = head(idx);
       writeBegin(e->dseq);
+      writerStep("replace.record");
       std::memcpy(recordAt(idx), &r, sizeof(R));
       e->stamp = region_->nextStamp();
       writeEnd(e->dseq);
@@ -322,6 +339,7 @@ class Table : public TableBase {
       writeBegin(e->dseq);
       e->live = 1;
       e->level = static_cast<std::uint8_t>(level);
+      writerStep("insert.entry");
       std::memcpy(keyAt(idx), &k, sizeof(K));
       mirror_[idx].key = k;
       for (std::uint32_t l = 0; l < Layout::kMaxLevel; ++l) {
@@ -347,6 +365,7 @@ class Table : public TableBase {
         Layout::EntryHead* ph = head(p);
         ph->op = Layout::opLink;
         writeBegin(ph->lseq);
+        writerStep("insert.link");
         for (; l < level && preds[l] == p; ++l) {
           links(p)[l].store(idx, std::memory_order_relaxed);
           mirror_[p].next[l] = idx;
@@ -359,11 +378,15 @@ class Table : public TableBase {
         topLevel_ = level;
         control_->topLevel.store(level, std::memory_order_release);
       }
+      writerStep("insert.slot");
       if (std::uint32_t(slots_[ins].load(std::memory_order_relaxed)) == Layout::kSlotTombstone) --tombstones_;
       slots_[ins].store((h >> 32) << 32 | (std::uint64_t(idx) + 1), std::memory_order_release);
       control_->size.store(capacity_ - std::uint32_t(free_.size()), std::memory_order_relaxed);
       control_->tombstones.store(tombstones_, std::memory_order_relaxed);
     }
+    // A file cut short under the writer lost the write: say so rather than
+    // report a change nobody else can see.
+    region_->checkTruncated();
     changeLogged(&k);
     if (hook_) hook_(k);
     return true;
@@ -395,6 +418,7 @@ class Table : public TableBase {
       if (mirror_[p].next[l] != idx) continue;  // never linked this high
       ph->op = Layout::opLink;
       writeBegin(ph->lseq);
+      writerStep("delete.unlink");
       for (;; --l) {
         if (mirror_[p].next[l] == idx) {
           links(p)[l].store(mirror_[idx].next[l], std::memory_order_relaxed);
@@ -414,6 +438,7 @@ class Table : public TableBase {
     ++tombstones_;
     e->op = Layout::opDelete;
     writeBegin(e->lseq);
+    writerStep("delete.retire");
     e->live = 0;
     writeEnd(e->lseq);
     e->op = Layout::opNone;
@@ -421,6 +446,7 @@ class Table : public TableBase {
     control_->size.store(capacity_ - std::uint32_t(free_.size()), std::memory_order_relaxed);
     if (tombstones_ > (slotMask_ + 1) / 4) rebuildHashSlots();
     control_->tombstones.store(tombstones_, std::memory_order_relaxed);
+    region_->checkTruncated();
     changeLogged(&k);
     if (hook_) hook_(k);
     return true;
@@ -603,6 +629,8 @@ class Table : public TableBase {
   // (when given) and its stamp.
   bool lookup(K const& k, R* out, std::uint64_t& stamp) const {
     checkUsable(false);
+    if (__builtin_expect(control_->structGen.load(std::memory_order_relaxed) & 1, 0) && fallbackReady())
+      return fallbackLookup(k, out, stamp);
     std::uint64_t const h = hash(k);
     std::uint32_t const tag = std::uint32_t(h >> 32);
     for (unsigned attempt = 0; attempt < kRetries; ++attempt) {
@@ -716,6 +744,8 @@ class Table : public TableBase {
   // the first key when target is null.
   bool seek(K const* target, bool strict, K& key, R& rec, IterHint& hint) const {
     checkUsable(false);
+    if (__builtin_expect(control_->structGen.load(std::memory_order_relaxed) & 1, 0) && fallbackReady())
+      return fallbackSeek(target, strict, key, rec, hint);
     for (unsigned attempt = 0; attempt < kRetries; ++attempt) {
       std::uint64_t const g = readBegin();
       int r = seekOnce(target, strict, key, rec, hint);
@@ -776,6 +806,67 @@ class Table : public TableBase {
     hint.entry = cand;
     hint.seq = cs;
     return 1;
+  }
+
+  // A writer killed while rebuilding the indexes (or adopting the file)
+  // leaves structGen odd for good, with the hash slots and the skip list
+  // half made; the entries themselves are whole but for at most one. Until
+  // a new writer adopts the file, readers answer lookups and ordered walks
+  // from a private index of the entries, built by one scan and kept while
+  // structGen and the writer epoch stay as they are.
+  bool fallbackReady() const {
+    std::uint64_t const g = control_->structGen.load(std::memory_order_acquire);
+    if ((g & 1) == 0) return false;
+    std::uint64_t const epoch = region_->header()->writerEpoch.load(std::memory_order_acquire);
+    if (fallbackValid_ && fallbackGen_ == g && fallbackEpoch_ == epoch) return true;
+    // A live writer gets the bounded wait: it is most likely mid-rebuild.
+    if (writer() || region_->writerAlive()) return false;
+    ScanBound bound(*this);
+    fallback_.clear();
+    for (std::uint32_t i = 0; i < capacity_; ++i) {
+      K k;
+      std::uint64_t stamp;
+      try {
+        if (readEntry(i, &k, nullptr, stamp)) fallback_.emplace_back(k, i);
+      } catch (Pelto::CorruptionDetectedException const& e) {
+        corruptionDetected(e.what());
+        if (region_->truncated()) throw;
+      }
+    }
+    std::sort(fallback_.begin(), fallback_.end(),
+              [](auto const& a, auto const& b) { return a.first < b.first; });
+    fallbackValid_ = true;
+    fallbackGen_ = g;
+    fallbackEpoch_ = epoch;
+    fallbackNoticed();
+    return true;
+  }
+  bool fallbackLookup(K const& k, R* out, std::uint64_t& stamp) const {
+    auto it = std::lower_bound(fallback_.begin(), fallback_.end(), k,
+                               [](auto const& a, K const& b) { return a.first < b; });
+    for (; it != fallback_.end() && !(k < it->first); ++it) {
+      K kk;
+      if (readEntry(it->second, &kk, out, stamp) && equal(kk, k)) return true;
+    }
+    return false;
+  }
+  bool fallbackSeek(K const* target, bool strict, K& key, R& rec, IterHint& hint) const {
+    auto it = fallback_.begin();
+    if (target)
+      it = strict ? std::upper_bound(fallback_.begin(), fallback_.end(), *target,
+                                     [](K const& a, auto const& b) { return a < b.first; })
+                  : std::lower_bound(fallback_.begin(), fallback_.end(), *target,
+                                     [](auto const& a, K const& b) { return a.first < b; });
+    hint.clear();
+    for (; it != fallback_.end(); ++it) {
+      std::uint64_t stamp;
+      K kk;
+      if (readEntry(it->second, &kk, &rec, stamp) && equal(kk, it->first)) {
+        key = kk;
+        return true;
+      }
+    }
+    return false;
   }
 
   // Writer: the entry holding k (or kNone), its slot, and where an insert
@@ -851,6 +942,7 @@ class Table : public TableBase {
   }
 
   std::map<K, std::uint64_t> scan() const {
+    ScanBound bound(*this);
     std::map<K, std::uint64_t> out;
     for (std::uint32_t i = 0; i < capacity_; ++i) {
       K k;
@@ -870,6 +962,10 @@ class Table : public TableBase {
     std::uint32_t next[Layout::kMaxLevel];
   };
   std::vector<Node> mirror_;  // the writer's: entry i's key and links, head last
+  mutable std::vector<std::pair<K, std::uint32_t>> fallback_;  // (key, entry) in key order
+  mutable bool fallbackValid_ = false;
+  mutable std::uint64_t fallbackGen_ = 0;
+  mutable std::uint64_t fallbackEpoch_ = 0;
   Hook hook_;
   bool following_ = false;
   std::map<K, std::uint64_t> seen_;
@@ -882,6 +978,14 @@ class Table : public TableBase {
 template <class K, class R, auto KeyOf>
 void Table<K, R, KeyOf>::adopt() {
   genBegin();
+  // The head's counters too: a writer killed while relinking it leaves its
+  // lseq odd, and every ordered walk starts there.
+  for (Layout::EntryHead* e = head(headEntry()); auto* seq : {&e->lseq, &e->dseq}) {
+    std::uint32_t const v = seq->load(std::memory_order_relaxed);
+    if (v & 1) seq->store(v + 1, std::memory_order_relaxed);
+  }
+  head(headEntry())->op = Layout::opNone;
+  writerStep("adopt.scan");
   std::vector<std::uint32_t> keep;
   std::vector<K> dropped;
   for (std::uint32_t i = 0; i < capacity_; ++i) {
@@ -940,6 +1044,7 @@ void Table<K, R, KeyOf>::adopt() {
   }
   hh->live = 0;
   hh->level = Layout::kMaxLevel;
+  writerStep("adopt.head");
   writeEnd(hh->lseq);
   topLevel_ = 1;
   for (std::uint32_t i : unique) {
@@ -954,6 +1059,7 @@ void Table<K, R, KeyOf>::adopt() {
     for (std::uint32_t l = 0; l < e->level; ++l) {
       Layout::EntryHead* p = head(last[l]);
       writeBegin(p->lseq);
+      writerStep("adopt.link");
       links(last[l])[l].store(i, std::memory_order_relaxed);
       mirror_[last[l]].next[l] = i;
       prevOf(i, l) = last[l];
@@ -972,6 +1078,7 @@ void Table<K, R, KeyOf>::adopt() {
     if (!used[i]) free_.push_back(i);
   control_->size.store(std::uint32_t(unique.size()), std::memory_order_relaxed);
   rebuildHashSlots();
+  writerStep("adopt.end");
   genEnd();
   for (K const& k : dropped) {
     changeLogged(&k);

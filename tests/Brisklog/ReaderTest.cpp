@@ -1,8 +1,13 @@
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
+#include <cstring>
+#include <thread>
 #include <fstream>
 #include <iterator>
 #include <random>
@@ -145,6 +150,105 @@ TEST(BrisklogDamage, TruncatedFileDecodesWhatRemains) {
   EXPECT_EQ(seq.back(), 149);
   ASSERT_FALSE(reader.problems().empty());
   EXPECT_NE(reader.problems()[0].find("file truncated"), std::string::npos);
+}
+
+// A file cut short while it is mapped, under the reader and under the
+// writer: both live on, the reader says so, the writer's later records are
+// lost.
+TEST(BrisklogDamage, TruncationUnderAMappedFileKillsNeitherReaderNorWriter) {
+  TraceDir dir(1u << 16, 1);
+  for (int i = 0; i < 100; ++i) BRISKLOG("Cut", "record %d", i);
+  std::string const path = Brisklog::path();
+  Reader reader(path);
+  ASSERT_EQ(reader.read().size(), 100u);
+  pid_t child = fork();
+  if (child == 0) {
+    // The writer's own file, cut short under its mapping.
+    BRISKLOG("Cut", "record %d", 0);
+    if (truncate(Brisklog::path().c_str(), 4096) != 0) _exit(2);
+    for (int i = 0; i < 5000; ++i) BRISKLOG("Cut", "record %d", i);
+    _exit(0);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "writer died, status " << status;
+  for (int i = 0; i < 5000; ++i) BRISKLOG("Cut", "record %d", i);
+  ASSERT_EQ(truncate(path.c_str(), 4096), 0);
+  EXPECT_TRUE(reader.read().empty());
+  ASSERT_FALSE(reader.problems().empty());
+  EXPECT_NE(reader.problems().back().find("truncated while being read"), std::string::npos);
+  EXPECT_FALSE(reader.writerAlive());
+}
+
+TEST(BrisklogDamage, ADamagedRingHeadIsReportedAndItsRecordsStillDecode) {
+  TraceDir dir;
+  SampleFile s = sample(dir);
+  std::size_t const headAt = kFirstRecord - Brisklog::kRingHeaderBytes;
+  for (std::uint64_t damaged : {std::uint64_t(0), std::uint64_t(48 * 100)}) {
+    std::vector<char> bytes = s.bytes;
+    std::memcpy(bytes.data() + headAt, &damaged, 8);
+    rewrite(s.path, bytes);
+    Reader reader(s.path);
+    std::vector<std::int64_t> seq = sequence(reader.read());
+    ASSERT_EQ(seq.size(), 300u) << damaged;
+    EXPECT_EQ(seq.back(), 299);
+    ASSERT_FALSE(reader.problems().empty()) << damaged;
+    EXPECT_NE(reader.problems()[0].find("head position " + std::to_string(damaged) + " is damaged"),
+              std::string::npos)
+        << reader.problems()[0];
+  }
+}
+
+// A process killed while one of the threads sharing a ring was mid-record
+// leaves that record unfinished among finished ones: a note, not damage.
+std::atomic<bool> gHeld{false};
+void holdForever(int) {
+  gHeld = true;
+  for (;;) pause();
+}
+
+TEST(BrisklogDamage, AKilledWritersUnfinishedSharedRecordIsANoteNotDamage) {
+  TraceDir dir(1u << 16, 1);
+  bool noted = false;
+  for (int round = 0; round < 40 && !noted; ++round) {
+    int fds[2];
+    ASSERT_EQ(pipe(fds), 0);
+    pid_t child = fork();
+    if (child == 0) {
+      signal(SIGUSR1, holdForever);
+      BRISKLOG("Shared", "start %d", 0);
+      std::string p = Brisklog::path();
+      [[maybe_unused]] ssize_t n = write(fds[1], p.data(), p.size());
+      std::atomic<bool> going{false};
+      std::thread late([&] {
+        char text[151];
+        std::memset(text, 'x', 150);
+        text[150] = '\0';
+        for (int i = 0;; ++i) {
+          BRISKLOG("Shared", "late %d %s", i, static_cast<char const*>(text));
+          going = true;
+        }
+      });
+      while (!going) std::this_thread::yield();
+      pthread_kill(late.native_handle(), SIGUSR1);
+      while (!gHeld) std::this_thread::yield();
+      for (int i = 0; i < 50; ++i) BRISKLOG("Shared", "after %d", i);
+      raise(SIGKILL);
+    }
+    ::close(fds[1]);
+    char buf[512];
+    ssize_t n = ::read(fds[0], buf, sizeof buf);
+    ::close(fds[0]);
+    waitpid(child, nullptr, 0);
+    std::string const path(buf, n > 0 ? std::size_t(n) : 0);
+    Reader reader(path);
+    std::vector<Record> records = reader.read();
+    EXPECT_TRUE(reader.problems().empty()) << reader.problems()[0];
+    for (std::string const& note : reader.notes())
+      noted = noted || note.find("was never finished") != std::string::npos;
+    unlink(path.c_str());
+  }
+  EXPECT_TRUE(noted);
 }
 
 TEST(BrisklogDamage, HeaderDamageMakesTheFileUnusableWithAReason) {

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -101,6 +102,20 @@ TEST_F(SteloMount, ReaderMountWithoutAUsableTableYieldsNoEntityAndSaysWhy) {
   reader->doMount(url, "Vorn::TestStatus", MountInfo(1));
   EXPECT_FALSE(reader->getEntity(url));
   EXPECT_TRUE(trace.contains("doMount: mfib/default/pim: unknown mount kind 1"));
+}
+
+TEST_F(SteloMount, AWriterThatCannotMakeItsTableIsToldWhy) {
+  writer->handleInitialized();
+  // Something else, not a table, is where the table's file would go.
+  ASSERT_EQ(mkdir(writerEm->pathOfUrl(url).c_str(), 0700), 0);
+  try {
+    writer->doMount(url, "Vorn::TestStatus", MountInfo(MountInfo::writer));
+    ADD_FAILURE() << "a writer mount without its table went on";
+  } catch (Kiv::ErrnoException const& e) {
+    EXPECT_NE(std::string(e.what()).find(writerEm->pathOfUrl(url)), std::string::npos) << e.what();
+  }
+  EXPECT_FALSE(writer->getEntity(url));
+  rmdir(writerEm->pathOfUrl(url).c_str());
 }
 
 TEST_F(SteloMount, UrlsThatCouldLeaveTheRootAreRefused) {

@@ -384,3 +384,42 @@ TEST_F(VornProcesses, ASecondWriterIsRefusedWhileTheFirstRuns) {
   EXPECT_EQ(reap(writer, 5), 0);
   EXPECT_EQ(r->region()->writerPid(), 0u);
 }
+
+// A writer that died is gone even while its parent has not reaped it, and a
+// process that later got the same pid is not the writer.
+TEST_F(VornProcesses, AZombieOrAStrangerWithTheWritersPidDoesNotHoldTheTable) {
+  Signal ready;
+  pid_t writer = spawn([&] {
+    auto w = mounted(path, Mode::writer);
+    w->entryIs(record(1));
+    ready.raise();
+    pause();  // killed here, and left unreaped
+    return 0;
+  });
+  ready.wait();
+  kill(writer, SIGKILL);
+  siginfo_t info{};
+  ASSERT_EQ(waitid(P_PID, static_cast<id_t>(writer), &info, WEXITED | WNOWAIT), 0);
+  {
+    auto w = mounted(path, Mode::writer);
+    EXPECT_EQ(w->entry(TestKey(1)), record(1));
+    w->entryIs(record(2));
+  }
+  EXPECT_EQ(reap(writer, 5), -SIGKILL);
+
+  // The header names a running process that never mounted the table.
+  Signal stop;
+  pid_t stranger = spawn([&] {
+    stop.wait();
+    return 0;
+  });
+  {
+    auto r = mounted(path, Mode::reader);
+    r->region()->header()->writerPid.store(static_cast<std::uint32_t>(stranger));
+    EXPECT_FALSE(r->region()->writerAlive());
+  }
+  auto w = mounted(path, Mode::writer);
+  EXPECT_EQ(w->entry(TestKey(2)), record(2));
+  stop.raise();
+  EXPECT_EQ(reap(stranger, 5), 0);
+}

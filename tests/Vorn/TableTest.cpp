@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <map>
 #include <random>
 #include <set>
@@ -253,6 +254,22 @@ TEST_F(VornTable, NewWriterAdoptsRecordsAndDropsOneTornByACrash) {
   EXPECT_THROW(w2->entryIs(record(5000)), Kiv::RangeException);
 }
 
+TEST_F(VornTable, AdoptionRepairsTheSkipListHeadLeftMidRelink) {
+  std::map<TestKey, TestRecord> model;
+  {
+    auto w = mounted(path, Mode::writer);
+    for (std::uint64_t n = 0; n < 50; ++n) model[record(n).key] = record(n), w->entryIs(record(n));
+    // A writer killed while relinking the head leaves the head's lseq odd.
+    headOf(*w, w->entryTable().capacity())->lseq.fetch_add(1);
+  }
+  for (int adoption = 0; adoption < 2; ++adoption) {
+    auto w = mounted(path, Mode::writer);
+    expectSame(*w, model, 60);
+    auto r = mounted(path, Mode::reader);
+    expectSame(*r, model, 60);
+  }
+}
+
 TEST_F(VornTable, CorruptSlotsAndLinksRaiseInsteadOfCrashingOrLooping) {
   auto w = mounted(path, Mode::writer);
   for (std::uint64_t n = 0; n < 50; ++n) w->entryIs(record(n));
@@ -322,6 +339,36 @@ TEST_F(VornTable, RecordLeftMidWriteByADeadWriterIsReportedNotWaitedForever) {
   EXPECT_EQ(r->entry(TestKey(4)), record(4));
 }
 
+// Every entry looks mid-write while the writer runs: a reader that starts
+// to follow the table gives up on them all within one bound, not one bound
+// per entry, and says what it thinks.
+TEST_F(VornTable, AReaderGivesUpOnATableOfStuckEntriesWithinOneBound) {
+  Vorn::MountOptions options;
+  options.capacity["entry"] = 2000;
+  auto w = mounted(path, Mode::writer, options);
+  for (std::uint64_t n = 0; n < 2000; ++n) w->entryIs(record(n));
+  for (std::uint32_t i = 0; i < 2000; ++i) headOf(*w, i)->dseq.fetch_add(1);
+  try {
+    auto r = mounted(path, Mode::reader);
+    r->entry(TestKey(1));
+    FAIL() << "read a record left mid-write";
+  } catch (Pelto::CorruptionDetectedException const& e) {
+    EXPECT_NE(std::string(e.what()).find("damaged or stuck"), std::string::npos) << e.what();
+  }
+  pid_t child = fork();
+  if (child == 0) {
+    alarm(10);
+    auto r = mounted(path, Mode::reader);
+    Kiv::EventLoop loop;
+    auto const start = std::chrono::steady_clock::now();
+    r->followIs(&loop);
+    _exit(std::chrono::steady_clock::now() - start < std::chrono::seconds(3) ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
+}
+
 TEST_F(VornTable, FileTruncatedUnderAReaderRaisesInsteadOfKillingIt) {
   auto w = mounted(path, Mode::writer);
   for (std::uint64_t n = 0; n < 100; ++n) w->entryIs(record(n));
@@ -337,6 +384,72 @@ TEST_F(VornTable, FileTruncatedUnderAReaderRaisesInsteadOfKillingIt) {
   }
   EXPECT_TRUE(raised);
   EXPECT_THROW(mounted(path, Mode::reader), Pelto::CorruptionDetectedException);
+}
+
+TEST_F(VornTable, EveryMappingIsGuardedAgainstTruncationHoweverManyAProcessHolds) {
+  auto w = mounted(path, Mode::writer);
+  for (std::uint64_t n = 0; n < 100; ++n) w->entryIs(record(n));
+  pid_t child = fork();
+  if (child == 0) {
+    std::vector<Kiv::Ptr<Vorn::TestStatus>> readers;
+    for (int i = 0; i < 300; ++i) readers.push_back(mounted(path, Mode::reader));
+    if (truncate(path.c_str(), 4096) != 0) _exit(2);
+    for (auto& r : readers) {
+      try {
+        for (std::uint64_t n = 0; n < 100; ++n) r->entry(TestKey(n));
+        _exit(3);  // the truncation went unnoticed
+      } catch (Pelto::CorruptionDetectedException const&) {
+      }
+    }
+    _exit(0);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
+}
+
+TEST_F(VornTable, AWriterWhoseFileIsCutShortReportsItsWritesFailed) {
+  auto w = mounted(path, Mode::writer);
+  for (std::uint64_t n = 0; n < 10; ++n) w->entryIs(record(n));
+  ASSERT_EQ(truncate(path.c_str(), 4096), 0);
+  bool raised = false;
+  for (std::uint64_t n = 100; n < 200 && !raised; ++n) {
+    try {
+      w->entryIs(record(n));
+    } catch (Pelto::CorruptionDetectedException const& e) {
+      raised = std::string(e.what()).find("truncated") != std::string::npos;
+    }
+  }
+  EXPECT_TRUE(raised);
+}
+
+// A writer that keeps pace with the reader's hooks must not hold the
+// reader's loop: each wake-up delivers a bounded batch, and the loop wakes
+// again for the rest.
+TEST_F(VornTable, ABusyWriterCannotKeepADrainFromReturning) {
+  auto w = mounted(path, Mode::writer);
+  auto r = mounted(path, Mode::reader);
+  Kiv::EventLoop loop;
+  r->followIs(&loop);
+  std::uint64_t written = 0, heard = 0;
+  r->changeHookIs([&](Vorn::TableBase const&, void const*) {
+    ++heard;
+    if (written < 5000) {
+      ++written;
+      w->entryIs(record(written % 500, written));
+    }
+  });
+  w->entryIs(record(0, 999));
+  std::size_t const first = r->drain();
+  EXPECT_GT(first, 0u);
+  EXPECT_LT(first, 2000u);
+  int wakeUps = 0;
+  while (heard < written + 1 && wakeUps < 100) {
+    loop.runOnce(0.1);
+    ++wakeUps;
+  }
+  EXPECT_EQ(heard, written + 1);
+  EXPECT_GT(wakeUps, 2);
 }
 
 TEST_F(VornTable, FollowingReaderHearsEveryChangeInChangeOrderFromItsLoop) {

@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -114,13 +115,30 @@ int show(std::string const& root, std::vector<std::string> const& args) {
             << "change log   " << h->logHead.load() << " changes, " << r->logCapacity() << " kept\n"
             << "readers      " << r->liveReaders() << " following, " << __builtin_popcountll(armed) << " waiting\n";
   std::cout << "tables\n";
+  // Counts live in the file and may hold anything: print only what is
+  // possible, and say what is not.
+  std::vector<std::string> damage;
   for (std::uint32_t i = 0; i < r->tables(); ++i) {
     Vorn::TableGeometry const& g = r->table(i);
-    std::cout << "  " << g.name << ": " << tableSize(g) << " of " << g.capacity << " records; key " << g.keySize
-              << " bytes, record " << g.recordSize << " bytes; " << g.slotCount << " hash slots, "
-              << g.control->tombstones.load() << " tombstones\n";
+    std::uint32_t const size = g.control->size.load();
+    std::uint32_t const tombstones = g.control->tombstones.load();
+    std::uint32_t const top = g.control->topLevel.load();
+    std::cout << "  " << g.name << ": ";
+    if (size <= g.capacity) std::cout << size << " of " << g.capacity << " records; ";
+    else damage.push_back("table '" + g.name + "': size " + std::to_string(size) + " exceeds capacity " +
+                          std::to_string(g.capacity));
+    std::cout << "key " << g.keySize << " bytes, record " << g.recordSize << " bytes; " << g.slotCount
+              << " hash slots";
+    if (tombstones <= g.slotCount) std::cout << ", " << tombstones << " tombstones";
+    else damage.push_back("table '" + g.name + "': " + std::to_string(tombstones) + " tombstones in " +
+                          std::to_string(g.slotCount) + " hash slots");
+    std::cout << "\n";
+    if (top > Vorn::Layout::kMaxLevel)
+      damage.push_back("table '" + g.name + "': skip-list level " + std::to_string(top));
   }
-  return 0;
+  if (h->writerEpoch.load() == 0) damage.push_back("writer epoch 0");
+  for (std::string const& d : damage) std::cerr << "vornctl: " << r->path() << ": damaged: " << d << "\n";
+  return damage.empty() ? 0 : 1;
 }
 
 void hex(std::ostream& os, unsigned char const* p, std::size_t n) {
@@ -245,8 +263,13 @@ int watch(std::string const& root, std::vector<std::string> const& args) {
   sa.sa_handler = [](int) { stopRequested = 1; };
   ::sigaction(SIGINT, &sa, nullptr);
   ::sigaction(SIGTERM, &sa, nullptr);
+  // --seconds counts from the start: catching up with a large or damaged
+  // table (bounded, see Vorn::Status::drain) is part of the time.
+  auto const start = std::chrono::steady_clock::now();
   status->followIs(&loop);
-  loop.runUntil([&] { return seen >= count || stopRequested != 0; }, seconds);
+  double const spent = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  if (seen < count && spent < seconds)
+    loop.runUntil([&] { return seen >= count || stopRequested != 0; }, seconds - spent);
   status->followIs(nullptr);
   status->unmount();
   return 0;

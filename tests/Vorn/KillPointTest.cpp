@@ -1,0 +1,190 @@
+// A writer killed at each step of its write, index rebuild and adoption
+// paths: readers keep answering from what it left, and a fresh writer's
+// adoption restores every reader operation.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "VornTestUtil.h"
+
+using namespace VornTest;
+using Vorn::TestKey;
+using Vorn::TestRecord;
+using Mode = Vorn::Status::Mode;
+
+namespace {
+
+char const* const kSteps[] = {
+    "insert.entry",  "insert.link",   "insert.slot", "replace.record", "delete.unlink",
+    "delete.retire", "rebuild.start", "rebuild.slot", "log.change",    "adopt.claim",
+    "adopt.scan",    "adopt.head",    "adopt.link",  "adopt.end",
+};
+
+char const* gTarget = nullptr;
+int gAt = 0;
+int gHits = 0;
+
+void killAtTarget(char const* step) {
+  if (std::strcmp(step, gTarget) == 0 && ++gHits == gAt) raise(SIGKILL);
+}
+
+Vorn::MountOptions smallTable() {
+  Vorn::MountOptions options;
+  options.capacity["entry"] = 32;  // 64 hash slots: 17 deletes force a rebuild
+  return options;
+}
+
+// The child's workload, over keys 0..23 that the parent wrote: replaces,
+// inserts up to a full table, then enough deletes to rebuild the slots.
+void workload(Vorn::TestStatus& w) {
+  for (std::uint64_t n = 0; n < 4; ++n) w.entryIs(record(n, 2));
+  for (std::uint64_t n = 100; n < 108; ++n) w.entryIs(record(n));
+  for (std::uint64_t n = 4; n < 24; ++n) w.entryDel(TestKey(n));
+  w.entryIs(record(4, 3));
+}
+
+std::vector<std::uint64_t> const& keySpace() {
+  static std::vector<std::uint64_t> const keys = [] {
+    std::vector<std::uint64_t> k;
+    for (std::uint64_t n = 0; n < 24; ++n) k.push_back(n);
+    for (std::uint64_t n = 100; n < 108; ++n) k.push_back(n);
+    k.push_back(200);
+    return k;
+  }();
+  return keys;
+}
+
+// Every way of reading the table agrees, and every record is whole.
+void expectServes(Vorn::TestStatus const& s, std::string const& where) {
+  auto const& t = s.entryTable();
+  std::set<TestKey> looked;
+  for (std::uint64_t n : keySpace()) {
+    TestRecord const r = s.entry(TestKey(n));
+    if (r == TestRecord()) continue;
+    EXPECT_TRUE(r.whole()) << where << ": key " << n;
+    EXPECT_EQ(r.key, TestKey(n)) << where;
+    looked.insert(TestKey(n));
+  }
+  std::vector<TestKey> walked;
+  Vorn::IterHint hint;
+  TestKey k;
+  TestRecord r;
+  for (bool ok = t.first(k, r, hint); ok; ok = t.next(k, k, r, hint)) walked.push_back(k);
+  EXPECT_EQ(walked, std::vector<TestKey>(looked.begin(), looked.end())) << where;
+  std::set<TestKey> unordered;
+  std::uint32_t pos = 0;
+  while (t.unorderedNext(pos, k, r)) unordered.insert(k);
+  EXPECT_EQ(unordered, looked) << where;
+  EXPECT_EQ(t.size(), looked.size()) << where;
+}
+
+class VornKillPoint : public ::testing::Test {
+ protected:
+  PrivateRoot root;
+  std::string path = root.file("t.vorn");
+};
+
+}  // namespace
+
+TEST_F(VornKillPoint, EveryReaderOperationWorksAfterAWriterKilledAtAnyStepIsAdopted) {
+  for (char const* step : kSteps) {
+    bool reached = false;
+    for (int at : {1, 2, 5}) {
+      std::string const where = std::string(step) + " #" + std::to_string(at);
+      ::unlink(path.c_str());
+      {
+        auto w = mounted(path, Mode::writer, smallTable());
+        for (std::uint64_t n = 0; n < 24; ++n) w->entryIs(record(n));
+      }
+      pid_t child = fork();
+      if (child == 0) {
+        gTarget = step;
+        gAt = at;
+        Vorn::stepHook = killAtTarget;
+        try {
+          auto w = mounted(path, Mode::writer, smallTable());
+          workload(*w);
+        } catch (...) {
+          _exit(2);
+        }
+        _exit(0);
+      }
+      int status = 0;
+      ASSERT_EQ(waitpid(child, &status, 0), child);
+      if (WIFEXITED(status)) {
+        ASSERT_EQ(WEXITSTATUS(status), 0) << where;
+        continue;  // the step comes fewer times than that
+      }
+      ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << where;
+      reached = true;
+
+      // Before any adoption: lookups answer for every key but the one the
+      // writer was in the middle of, and while the indexes were being
+      // rebuilt, ordered walks answer too.
+      {
+        auto r = mounted(path, Mode::reader);
+        int failed = 0;
+        for (std::uint64_t n : keySpace()) {
+          try {
+            TestRecord const rec = r->entry(TestKey(n));
+            EXPECT_TRUE(rec == TestRecord() || rec.whole()) << where;
+          } catch (Pelto::CorruptionDetectedException const&) {
+            ++failed;
+          }
+        }
+        EXPECT_LE(failed, 1) << where;
+        if (r->entryTable().capacity() && (r->region()->table(0).control->structGen.load() & 1)) {
+          Vorn::IterHint hint;
+          TestKey k;
+          TestRecord rec;
+          std::size_t n = 0;
+          EXPECT_NO_THROW(for (bool ok = r->entryTable().first(k, rec, hint); ok;
+                               ok = r->entryTable().next(k, k, rec, hint)) ++n)
+              << where;
+        }
+      }
+
+      auto w = mounted(path, Mode::writer, smallTable());
+      expectServes(*w, where + ", writer");
+      auto r = mounted(path, Mode::reader);
+      expectServes(*r, where + ", reader");
+      // The adopted table takes writes again, and a second adoption is clean.
+      w->entryDel(TestKey(0));
+      w->entryIs(record(200));
+      expectServes(*r, where + ", after new writes");
+      w = nullptr;
+      auto w2 = mounted(path, Mode::writer, smallTable());
+      expectServes(*w2, where + ", second adoption");
+    }
+    EXPECT_TRUE(reached) << "the writer never reached step " << step;
+  }
+}
+
+// Killed while making a new region: the table is not there yet, and the
+// next writer makes it and leaves nothing of the first behind.
+TEST_F(VornKillPoint, AWriterKilledWhileMakingItsRegionLeavesNothingBehind) {
+  pid_t child = fork();
+  if (child == 0) {
+    gTarget = "create.rename";
+    gAt = 1;
+    Vorn::stepHook = killAtTarget;
+    mounted(path, Mode::writer, smallTable());
+    _exit(0);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+  EXPECT_NE(access(path.c_str(), F_OK), 0);
+  std::string const leftover = path + ".tmp." + std::to_string(child);
+  EXPECT_EQ(access(leftover.c_str(), F_OK), 0);
+  auto w = mounted(path, Mode::writer, smallTable());
+  w->entryIs(record(1));
+  EXPECT_NE(access(leftover.c_str(), F_OK), 0);
+  expectServes(*w, "after a killed create");
+}
