@@ -23,8 +23,9 @@ char const* const className = "Routing::Multicast::Notify::MrtNotifyNetlinkSocke
 // Classic BPF opcodes of the filter.
 constexpr std::uint16_t bpfLdhAbs = BPF_LD | BPF_H | BPF_ABS;    // 0x28
 constexpr std::uint16_t bpfLdbAbs = BPF_LD | BPF_B | BPF_ABS;    // 0x30
-constexpr std::uint16_t bpfLdImm = BPF_LD | BPF_W | BPF_IMM;     // 0x00
-constexpr std::uint16_t bpfLdxImm = BPF_LDX | BPF_W | BPF_IMM;   // 0x01
+// BPF_W and BPF_IMM are both 0, which the checker takes for a repeated operand.
+constexpr std::uint16_t bpfLdImm = BPF_LD | BPF_W | BPF_IMM;     // 0x00 NOLINT(misc-redundant-expression)
+constexpr std::uint16_t bpfLdxImm = BPF_LDX | BPF_W | BPF_IMM;   // 0x01 NOLINT(misc-redundant-expression)
 constexpr std::uint16_t bpfLdAbs = BPF_LD | BPF_W | BPF_ABS;     // 0x20
 constexpr std::uint16_t bpfTax = BPF_MISC | BPF_TAX;             // 0x07
 constexpr std::uint16_t bpfLdbInd = BPF_LD | BPF_B | BPF_IND;    // 0x50

@@ -107,8 +107,6 @@ class TraceCapture : public TraceSink {
 
 }  // namespace Kiv
 
-// `expr` is a chain of << operands, so it cannot be put in parentheses.
-// NOLINTBEGIN(bugprone-macro-parentheses)
 #define KIV_TRACE(handle, level, expr)                    \
   do {                                                    \
     if ((handle).enabled(level)) {                        \
@@ -116,4 +114,3 @@ class TraceCapture : public TraceSink {
       kivTraceLine_ << expr;                              \
     }                                                     \
   } while (0)
-// NOLINTEND(bugprone-macro-parentheses)
