@@ -2,6 +2,7 @@
 
 #include <cxxabi.h>
 
+#include <cctype>
 #include <cstdlib>
 #include <memory>
 
@@ -178,3 +179,16 @@ std::string entityText(Entity const* e) {
 
 }  // namespace ReflectDetail
 }  // namespace Kiv
+
+namespace Kiv::Reflect {
+
+std::string queueEntryText(std::string_view typeName, std::string_view attr, std::string_view field,
+                           std::uint32_t index, std::string const& payload) {
+  std::string entryType = std::string(typeName) + "::Kiv" + std::string(attr);
+  entryType[typeName.size() + 5] = static_cast<char>(std::toupper(static_cast<unsigned char>(entryType[typeName.size() + 5])));
+  ValueWriter w(entryType);
+  w.field("index", index).fieldRaw(field, payload);
+  return w.str();
+}
+
+}  // namespace Kiv::Reflect

@@ -274,6 +274,47 @@ Attr collection(std::string_view name, Get, Map, Count, SetF, DelF) {
   return a;
 }
 
+// A Kiv::LinkQueue, keyed by sequence number. Each entry reads as the value
+// "<Type>::Kiv<Name>" with the fields `index` and the payload's field name;
+// an absent number reads None. nIs(index, payload) and nDel(index) edit it.
+std::string queueEntryText(std::string_view typeName, std::string_view attr, std::string_view field,
+                           std::uint32_t index, std::string const& payload);
+
+template <class Self, class Names, class Queue, class SetF, class DelF>
+Attr queue(Queue, SetF, DelF) {
+  std::string_view const name = Names::attr();
+  using Q = std::decay_t<std::invoke_result_t<Queue, Self const&>>;
+  using P = std::decay_t<decltype(std::declval<typename Q::Entry>().payload)>;
+  Attr a;
+  a.name = name;
+  a.kind = AttrKind::collection;
+  a.valueType = std::string(Self::kivTypeName) + "::Kiv" + static_cast<char>(name[0] - 'a' + 'A') +
+                std::string(name.substr(1));
+  a.keyType = valueTypeName<std::uint32_t>();
+  a.count = [](Entity const& e) -> std::size_t { return Queue{}(ReflectDetail::self<Self>(e)).entries(); };
+  a.has = [](Entity const& e, std::string_view k) {
+    return Queue{}(ReflectDetail::self<Self>(e)).entry(keyFromPath<std::uint32_t>(k)) != nullptr;
+  };
+  a.lookup = [](Entity const& e, std::string_view k) {
+    auto const* entry = Queue{}(ReflectDetail::self<Self>(e)).entry(keyFromPath<std::uint32_t>(k));
+    if (entry == nullptr) return std::string("None");
+    return queueEntryText(Self::kivTypeName, Names::attr(), Names::field(), entry->index,
+                          ReflectDetail::text<P>(entry->payload));
+  };
+  a.forEach = [](Entity const& e, std::function<void(std::string const&, std::string const&)> const& f) {
+    for (auto const& entry : Queue{}(ReflectDetail::self<Self>(e)))
+      f(valueToStrep(entry.index), queueEntryText(Self::kivTypeName, Names::attr(),
+                                                  Names::field(), entry.index,
+                                                  ReflectDetail::text<P>(entry.payload)));
+  };
+  a.writable = true;
+  a.entryIs = [](Entity& e, std::string_view k, std::string_view v) {
+    SetF{}(ReflectDetail::self<Self>(e), keyFromPath<std::uint32_t>(k), ReflectDetail::parse<P>(v));
+  };
+  a.entryDel = [](Entity& e, std::string_view k) { DelF{}(ReflectDetail::self<Self>(e), keyFromPath<std::uint32_t>(k)); };
+  return a;
+}
+
 template <class Self, auto Fn>
 struct Operation;
 template <class Self, class C, class R, class... A, R (C::*Fn)(A...)>
@@ -394,6 +435,20 @@ struct Access {
 // An operation invocable by name; its arguments are read from text.
 #define KIV_REFLECT_OPERATION(n) \
   KIV_REFLECT_SLOT_ { return ::Kiv::Reflect::operation<KivSelf, &KivSelf::n>(#n); }
+
+// A Kiv::LinkQueue returned by queueFn(), with nIs(index, payload) and
+// nDel(index); payloadName names the payload in each entry's text form.
+#define KIV_REFLECT_QUEUE(n, payloadName, queueFn)                                                   \
+  KIV_REFLECT_SLOT_ {                                                                         \
+    struct Names {                                                                            \
+      static std::string_view attr() { return #n; }                                           \
+      static std::string_view field() { return #payloadName; }                                      \
+    };                                                                                        \
+    return ::Kiv::Reflect::queue<KivSelf, Names>(                                             \
+        [](KivSelf const& s) -> decltype(auto) { return s.queueFn(); },                       \
+        [](KivSelf& s, std::uint32_t i, auto&& v) { s.n##Is(i, v); },                         \
+        [](KivSelf& s, std::uint32_t i) { s.n##Del(i); });                                    \
+  }
 
 // A hand-built entry (a collection that is not a map, say): expr is an
 // expression of type Kiv::Attr.
