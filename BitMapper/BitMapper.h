@@ -97,7 +97,7 @@ class Status : public Kiv::Entity {
   void bitIndexDelAll();
   std::size_t bitIndexs() const { return bitIndex_.size(); }
   std::unordered_map<BitMapperKey, BitIndex> const& bitIndexMap() const { return bitIndex_; }
-  KIV_REFLECT_COLLECTION(bitIndex, BitMapperKey, bitIndexs, bitIndexMap)
+  KIV_REFLECT_COLLECTION(bitIndex, BitMapperKey, bitIndexs(), bitIndex_)
 
   KIV_ATTR(std::uint32_t, waitlistChangeCount, onWaitlistChangeCount, 0)
   KIV_REFLECT_END

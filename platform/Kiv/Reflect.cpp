@@ -172,6 +172,13 @@ std::string demangle(char const* mangled) {
   return status == 0 && d ? std::string(d.get()) : std::string(mangled);
 }
 
+void requireNone(std::string_view t) {
+  std::size_t b = t.find_first_not_of(" \t\n");
+  std::size_t e = t.find_last_not_of(" \t\n");
+  if (b == std::string_view::npos || t.substr(b, e - b + 1) != "None")
+    throw ParseException("an entity is not read from text; expected None, found " + std::string(t));
+}
+
 std::string entityText(Entity const* e) {
   if (e == nullptr) return "None";
   return "Entity(" + ValueTextDetail::quote(e->typeName()) + ", " + ValueTextDetail::quote(e->name().str()) + ")";

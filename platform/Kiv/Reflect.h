@@ -177,9 +177,16 @@ Ptr<Entity> entityOf(V const& v) {
   }
 }
 
+// An entity has no text form; the one pointer text reads is None, which
+// pointer setters take as "remove".
+void requireNone(std::string_view t);
+
 template <class V>
 V parse(std::string_view t) {
-  if constexpr (Parsable<V>) {
+  if constexpr (IsPtr<V>::value) {
+    requireNone(t);
+    return V();
+  } else if constexpr (Parsable<V>) {
     return valueFromStrep<V>(t);
   } else {
     throw ParseException("no text form to read a " + valueTypeName<V>() + " from");
@@ -258,9 +265,11 @@ Attr collection(std::string_view name, Get, Map, Count, SetF, DelF) {
     auto const& m = Map{}(ReflectDetail::self<Self>(e));
     return m.find(keyFromPath<K>(k)) != m.end();
   };
+  // Values are read through the getter, so a map that stores them in
+  // another form (a reactor behind a Ptr) prints what n(key) returns.
   a.forEach = [](Entity const& e, std::function<void(std::string const&, std::string const&)> const& f) {
-    for (auto const& [key, value] : Map{}(ReflectDetail::self<Self>(e)))
-      f(ReflectDetail::text<K>(key), ReflectDetail::text<V>(value));
+    Self const& s = ReflectDetail::self<Self>(e);
+    for (auto const& entry : Map{}(s)) f(ReflectDetail::text<K>(entry.first), ReflectDetail::text<V>(Get{}(s, entry.first)));
   };
   if constexpr (!std::is_same_v<SetF, std::nullptr_t>) {
     a.writable = true;
@@ -414,22 +423,26 @@ struct Access {
   KIV_REFLECT_SCALAR_KIND_(n, ::Kiv::AttrKind::counter, [](KivSelf& s, auto&& v) { s.n##Is(v); })
 #define KIV_REFLECT_COUNTER_RO(n) KIV_REFLECT_SCALAR_KIND_(n, ::Kiv::AttrKind::counter, nullptr)
 
-// A keyed collection with n(key), nIs(key, value), nDel(key), a count
-// function and a map-like container for iteration and presence.
-#define KIV_REFLECT_COLLECTION(n, K, countFn, mapFn)                                                  \
-  KIV_REFLECT_SLOT_ {                                                                                \
-    return ::Kiv::Reflect::collection<KivSelf, K>(                                                   \
-        #n, [](KivSelf const& s, K const& k) -> decltype(auto) { return s.n(k); },                   \
-        [](KivSelf const& s) -> decltype(auto) { return s.mapFn(); },                                \
-        [](KivSelf const& s) -> std::size_t { return s.countFn(); },                                 \
-        [](KivSelf& s, K const& k, auto&& v) { s.n##Is(k, v); }, [](KivSelf& s, K const& k) { s.n##Del(k); }); \
-  }
-#define KIV_REFLECT_COLLECTION_RO(n, K, countFn, mapFn)                                               \
-  KIV_REFLECT_SLOT_ {                                                                                \
-    return ::Kiv::Reflect::collection<KivSelf, K>(                                                   \
-        #n, [](KivSelf const& s, K const& k) -> decltype(auto) { return s.n(k); },                   \
-        [](KivSelf const& s) -> decltype(auto) { return s.mapFn(); },                                \
-        [](KivSelf const& s) -> std::size_t { return s.countFn(); }, nullptr, nullptr);               \
+// A keyed collection with n(key), nIs(key, value) and nDel(key); countExpr
+// and mapExpr are read on the entity (`vlans()`, `vlan_`): the count and a
+// map-like container (find, iteration of pairs) for presence and walks.
+#define KIV_REFLECT_COLLECTION(n, K, countExpr, mapExpr)                                               \
+  KIV_REFLECT_COLLECTION_WITH_(n, K, countExpr, mapExpr, [](KivSelf& s, K const& k, auto&& v) { s.n##Is(k, v); }, \
+                               [](KivSelf& s, K const& k) { s.n##Del(k); })
+#define KIV_REFLECT_COLLECTION_RO(n, K, countExpr, mapExpr) \
+  KIV_REFLECT_COLLECTION_WITH_(n, K, countExpr, mapExpr, nullptr, nullptr)
+// A collection whose entries are made from the key alone (nIs(key)): the
+// value given by name must be None.
+#define KIV_REFLECT_COLLECTION_BY_KEY(n, K, countExpr, mapExpr)                                        \
+  KIV_REFLECT_COLLECTION_WITH_(n, K, countExpr, mapExpr,                                              \
+                               [](KivSelf& s, K const& k, auto&&) { s.n##Is(k); },                     \
+                               [](KivSelf& s, K const& k) { s.n##Del(k); })
+#define KIV_REFLECT_COLLECTION_WITH_(n, K, countExpr, mapExpr, setF, delF)                               \
+  KIV_REFLECT_SLOT_ {                                                                                  \
+    return ::Kiv::Reflect::collection<KivSelf, K>(                                                     \
+        #n, [](KivSelf const& s, K const& k) -> decltype(auto) { return s.n(k); },                     \
+        [](KivSelf const& s) -> decltype(auto) { return (s.mapExpr); },                                \
+        [](KivSelf const& s) -> std::size_t { return s.countExpr; }, setF, delF);                      \
   }
 
 // An operation invocable by name; its arguments are read from text.

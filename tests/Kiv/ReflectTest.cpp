@@ -45,7 +45,7 @@ class Link : public Kiv::Entity {
   }
   std::size_t vlans() const { return vlan_.size(); }
   std::map<std::uint16_t, std::string> const& vlanMap() const { return vlan_; }
-  KIV_REFLECT_COLLECTION(vlan, std::uint16_t, vlans, vlanMap)
+  KIV_REFLECT_COLLECTION(vlan, std::uint16_t, vlans(), vlan_)
 
   Kiv::Ptr<Link> peer() const { return peer_; }
   void peerIs(Kiv::Ptr<Link> const& p) { peer_ = p; }
@@ -174,8 +174,11 @@ TEST_F(Reflect, PointersPrintTheEntityAndLeadToIt) {
   link->peerIs(other);
   EXPECT_EQ(Kiv::attrGet(*link, "peer"), "Entity('KivTest::Link', 'eth2')");
   EXPECT_EQ(Kiv::attrOf(*link, "peer").entity(*link).ptr(), other.ptr());
-  // An entity pointer has no text form to be set from.
-  EXPECT_THROW(Kiv::attrSet(*link, "peer", "None"), Kiv::ParseException);
+  // An entity has no text form; None is the one pointer text, and removes.
+  EXPECT_THROW(Kiv::attrSet(*link, "peer", "Entity('KivTest::Link', 'eth2')"), Kiv::ParseException);
+  EXPECT_EQ(link->peer().ptr(), other.ptr());
+  Kiv::attrSet(*link, "peer", "None");
+  EXPECT_EQ(link->peer().ptr(), nullptr);
 }
 
 TEST_F(Reflect, OperationsParseTheirArgumentsAndPrintTheirResult) {
