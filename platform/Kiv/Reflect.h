@@ -159,10 +159,20 @@ concept Printable = ValueTextDetail::HasTraitsTo<T> || ValueTextDetail::HasMembe
 
 std::string entityText(Entity const* e);
 
+// A counted pointer to an entity reads as the entity; one to another
+// counted object (a reactor, a manager) as its address.
+template <class V>
+inline constexpr bool isEntityPtr = [] {
+  if constexpr (IsPtr<V>::value) return std::is_base_of_v<Entity, std::remove_const_t<typename IsPtr<V>::element>>;
+  else return false;
+}();
+
 template <class V>
 std::string text(V const& v) {
-  if constexpr (IsPtr<V>::value) {
+  if constexpr (isEntityPtr<V>) {
     return entityText(v.ptr());
+  } else if constexpr (IsPtr<V>::value) {
+    return valueToStrep(static_cast<void const*>(v.ptr()));
   } else {
     return valueToStrep(v);
   }
@@ -170,7 +180,7 @@ std::string text(V const& v) {
 
 template <class V>
 Ptr<Entity> entityOf(V const& v) {
-  if constexpr (IsPtr<V>::value) {
+  if constexpr (isEntityPtr<V>) {
     return Ptr<Entity>(const_cast<std::remove_const_t<typename IsPtr<V>::element>*>(v.ptr()));
   } else {
     return Ptr<Entity>();
@@ -229,10 +239,10 @@ Attr scalar(std::string_view name, AttrKind kind, G, S) {
   using V = std::decay_t<std::invoke_result_t<G, Self const&>>;
   Attr a;
   a.name = name;
-  a.kind = ReflectDetail::IsPtr<V>::value && kind == AttrKind::scalar ? AttrKind::pointer : kind;
+  a.kind = ReflectDetail::isEntityPtr<V> && kind == AttrKind::scalar ? AttrKind::pointer : kind;
   a.valueType = valueTypeName<V>();
   a.get = [](Entity const& e) { return ReflectDetail::text<V>(G{}(ReflectDetail::self<Self>(e))); };
-  if constexpr (ReflectDetail::IsPtr<V>::value) {
+  if constexpr (ReflectDetail::isEntityPtr<V>) {
     a.entity = [](Entity const& e) { return ReflectDetail::entityOf<V>(G{}(ReflectDetail::self<Self>(e))); };
   }
   if constexpr (!std::is_same_v<S, std::nullptr_t>) {
@@ -256,7 +266,7 @@ Attr collection(std::string_view name, Get, Map, Count, SetF, DelF) {
   a.lookup = [](Entity const& e, std::string_view k) {
     return ReflectDetail::text<V>(Get{}(ReflectDetail::self<Self>(e), keyFromPath<K>(k)));
   };
-  if constexpr (ReflectDetail::IsPtr<V>::value) {
+  if constexpr (ReflectDetail::isEntityPtr<V>) {
     a.lookupEntity = [](Entity const& e, std::string_view k) {
       return ReflectDetail::entityOf<V>(Get{}(ReflectDetail::self<Self>(e), keyFromPath<K>(k)));
     };
