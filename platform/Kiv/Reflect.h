@@ -386,10 +386,18 @@ struct Access {
       if (!a.name.empty()) used.push_back(std::move(a));
     return used;
   }
+  // A derived type lists its base's entries first, then its own.
+  template <class Self>
+  static std::vector<Attr> all() {
+    std::vector<Attr> attrs;
+    if constexpr (!std::is_void_v<typename Self::KivBase>) attrs = typeInfo<typename Self::KivBase>().attrs();
+    for (Attr& a : collect<Self>(std::make_integer_sequence<int, Self::kivAttrEnd - Self::kivAttrBase - 1>{}))
+      attrs.push_back(std::move(a));
+    return attrs;
+  }
   template <class Self>
   static TypeInfo const& typeInfo() {
-    static TypeInfo const info(Self::kivTypeName,
-                               collect<Self>(std::make_integer_sequence<int, Self::kivAttrEnd - Self::kivAttrBase - 1>{}));
+    static TypeInfo const info(Self::kivTypeName, all<Self>());
     return info;
   }
 };
@@ -398,9 +406,13 @@ struct Access {
 }  // namespace Kiv
 
 // Opens a class's reflective list and defines its typeName().
-#define KIV_REFLECT_BEGIN(Self, typeNameText)                                           \
+#define KIV_REFLECT_BEGIN(Self, typeNameText) KIV_REFLECT_BEGIN_DERIVED(Self, void, typeNameText)
+// The same for a class derived from a reflective Base, whose entries come
+// first.
+#define KIV_REFLECT_BEGIN_DERIVED(Self, Base, typeNameText)                             \
  public:                                                                                \
   using KivSelf = Self;                                                                 \
+  using KivBase = Base;                                                                 \
   static constexpr std::string_view kivTypeName = typeNameText;                         \
   std::string_view typeName() const override { return kivTypeName; }                   \
   friend struct ::Kiv::Reflect::Access;                                                 \
