@@ -39,8 +39,8 @@
 #include <string_view>
 
 #include "Kiv/Entity.h"
-#include "Kiv/Reflect.h"
 #include "Kiv/Name.h"
+#include "Kiv/Reflect.h"
 #include "Schema/VrfName.h"
 #include "Vorn/Registry.h"
 #include "Vorn/Status.h"

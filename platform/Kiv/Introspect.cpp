@@ -145,7 +145,8 @@ std::string rows(std::vector<std::pair<std::string, std::string>> const& r, bool
   std::string out;
   if (json) {
     out = "{";
-    for (std::size_t i = 0; i < r.size(); ++i) out += (i ? ", " : "") + jsonString(r[i].first) + ": " + jsonString(r[i].second);
+    for (std::size_t i = 0; i < r.size(); ++i)
+      out += (i ? ", " : "") + jsonString(r[i].first) + ": " + jsonString(r[i].second);
     return out + "}\n";
   }
   for (auto const& [k, v] : r) out += k + "\t" + v + "\n";
@@ -165,7 +166,8 @@ std::string listEntity(Entity const& e, bool json) {
     first = false;
   };
   if (auto const* dir = dynamic_cast<Dir const*>(&e); dir != nullptr) {
-    for (auto const& [name, entity] : *dir) row(name.str(), "entry", entity ? std::string(entity->typeName()) : "None", false);
+    for (auto const& [name, entity] : *dir)
+      row(name.str(), "entry", entity ? std::string(entity->typeName()) : "None", false);
   } else {
     for (Attr const& a : typeInfo(e).attrs()) {
       std::string type = a.keyType.empty() ? a.valueType : a.keyType + " -> " + a.valueType;

@@ -24,7 +24,8 @@ std::string_view attrKindName(AttrKind kind) {
   return "unknown";
 }
 
-TypeInfo::TypeInfo(std::string_view typeName, std::vector<Attr> attrs) : typeName_(typeName), attrs_(std::move(attrs)) {}
+TypeInfo::TypeInfo(std::string_view typeName, std::vector<Attr> attrs)
+    : typeName_(typeName), attrs_(std::move(attrs)) {}
 
 Attr const* TypeInfo::attr(std::string_view name) const {
   for (Attr const& a : attrs_)
@@ -69,13 +70,15 @@ auto withContext(Entity const& e, Attr const& a, F&& f) {
 
 std::string attrGet(Entity const& e, std::string_view name) {
   Attr const& a = attrOf(e, name);
-  if (a.get == nullptr) throw RangeException(what(e, a) + " is a " + std::string(attrKindName(a.kind)) + ", not a value");
+  if (a.get == nullptr)
+    throw RangeException(what(e, a) + " is a " + std::string(attrKindName(a.kind)) + ", not a value");
   return a.get(e);
 }
 
 void attrSet(Entity const& e, std::string_view name, std::string_view text) {
   Attr const& a = attrOf(e, name);
-  if (a.get == nullptr) throw RangeException(what(e, a) + " is a " + std::string(attrKindName(a.kind)) + ", not a value");
+  if (a.get == nullptr)
+    throw RangeException(what(e, a) + " is a " + std::string(attrKindName(a.kind)) + ", not a value");
   if (a.set == nullptr) throw RangeException(what(e, a) + " is read-only");
   withContext(e, a, [&] {
     a.set(const_cast<Entity&>(e), text);
@@ -192,7 +195,8 @@ namespace Kiv::Reflect {
 std::string queueEntryText(std::string_view typeName, std::string_view attr, std::string_view field,
                            std::uint32_t index, std::string const& payload) {
   std::string entryType = std::string(typeName) + "::Kiv" + std::string(attr);
-  entryType[typeName.size() + 5] = static_cast<char>(std::toupper(static_cast<unsigned char>(entryType[typeName.size() + 5])));
+  entryType[typeName.size() + 5] =
+      static_cast<char>(std::toupper(static_cast<unsigned char>(entryType[typeName.size() + 5])));
   ValueWriter w(entryType);
   w.field("index", index).fieldRaw(field, payload);
   return w.str();

@@ -77,8 +77,8 @@ struct Attr {
   Ptr<Entity> (*lookupEntity)(Entity const&, std::string_view key) = nullptr;
   void (*entryIs)(Entity&, std::string_view key, std::string_view value) = nullptr;
   void (*entryDel)(Entity&, std::string_view key) = nullptr;
-  void (*forEach)(Entity const&, std::function<void(std::string const& key, std::string const& value)> const&) =
-      nullptr;
+  void (*forEach)(Entity const&,
+                  std::function<void(std::string const& key, std::string const& value)> const&) = nullptr;
 
   // operation: arguments as a comma-separated list of text forms; the
   // result's text form, empty for void
@@ -149,13 +149,13 @@ struct IsPtr<Ptr<T>> : std::true_type {
 };
 
 template <class T>
-concept Parsable = ValueTextDetail::HasTraitsFrom<T> || ValueTextDetail::HasMemberFrom<T> ||
-                   std::is_arithmetic_v<T> || std::is_same_v<T, std::string> || std::is_same_v<T, Name>;
+concept Parsable = ValueTextDetail::HasTraitsFrom<T> || ValueTextDetail::HasMemberFrom<T> || std::is_arithmetic_v<T> ||
+    std::is_same_v<T, std::string> || std::is_same_v<T, Name>;
 
 template <class T>
 concept Printable = ValueTextDetail::HasTraitsTo<T> || ValueTextDetail::HasMemberTo<T> || std::is_arithmetic_v<T> ||
-                    std::is_same_v<T, Name> || std::is_convertible_v<T const&, std::string_view> ||
-                    ValueTextDetail::IsOptional<T>::value;
+    std::is_same_v<T, Name> || std::is_convertible_v<T const&, std::string_view> ||
+    ValueTextDetail::IsOptional<T>::value;
 
 std::string entityText(Entity const* e);
 
@@ -163,8 +163,10 @@ std::string entityText(Entity const* e);
 // counted object (a reactor, a manager) as its address.
 template <class V>
 inline constexpr bool isEntityPtr = [] {
-  if constexpr (IsPtr<V>::value) return std::is_base_of_v<Entity, std::remove_const_t<typename IsPtr<V>::element>>;
-  else return false;
+  if constexpr (IsPtr<V>::value)
+    return std::is_base_of_v<Entity, std::remove_const_t<typename IsPtr<V>::element>>;
+  else
+    return false;
 }();
 
 template <class V>
@@ -216,18 +218,28 @@ Self const& self(Entity const& e) {
 
 template <class T>
 std::string valueTypeName() {
-  if constexpr (std::is_same_v<T, bool>) return "bool";
-  else if constexpr (std::is_same_v<T, std::uint8_t>) return "U8";
-  else if constexpr (std::is_same_v<T, std::uint16_t>) return "U16";
-  else if constexpr (std::is_same_v<T, std::uint32_t>) return "U32";
-  else if constexpr (std::is_same_v<T, std::uint64_t>) return "U64";
-  else if constexpr (std::is_same_v<T, std::int32_t>) return "S32";
-  else if constexpr (std::is_same_v<T, std::int64_t>) return "S64";
-  else if constexpr (std::is_same_v<T, double>) return "double";
-  else if constexpr (std::is_same_v<T, std::string>) return "string";
+  if constexpr (std::is_same_v<T, bool>)
+    return "bool";
+  else if constexpr (std::is_same_v<T, std::uint8_t>)
+    return "U8";
+  else if constexpr (std::is_same_v<T, std::uint16_t>)
+    return "U16";
+  else if constexpr (std::is_same_v<T, std::uint32_t>)
+    return "U32";
+  else if constexpr (std::is_same_v<T, std::uint64_t>)
+    return "U64";
+  else if constexpr (std::is_same_v<T, std::int32_t>)
+    return "S32";
+  else if constexpr (std::is_same_v<T, std::int64_t>)
+    return "S64";
+  else if constexpr (std::is_same_v<T, double>)
+    return "double";
+  else if constexpr (std::is_same_v<T, std::string>)
+    return "string";
   else if constexpr (ReflectDetail::IsPtr<T>::value)
     return "Ptr<" + valueTypeName<std::remove_const_t<typename ReflectDetail::IsPtr<T>::element>>() + ">";
-  else return ReflectDetail::demangle(typeid(T).name());
+  else
+    return ReflectDetail::demangle(typeid(T).name());
 }
 
 // Builders of entries; the KIV_REFLECT_* macros call them with captureless
@@ -279,7 +291,8 @@ Attr collection(std::string_view name, Get, Map, Count, SetF, DelF) {
   // another form (a reactor behind a Ptr) prints what n(key) returns.
   a.forEach = [](Entity const& e, std::function<void(std::string const&, std::string const&)> const& f) {
     Self const& s = ReflectDetail::self<Self>(e);
-    for (auto const& entry : Map{}(s)) f(ReflectDetail::text<K>(entry.first), ReflectDetail::text<V>(Get{}(s, entry.first)));
+    for (auto const& entry : Map{}(s))
+      f(ReflectDetail::text<K>(entry.first), ReflectDetail::text<V>(Get{}(s, entry.first)));
   };
   if constexpr (!std::is_same_v<SetF, std::nullptr_t>) {
     a.writable = true;
@@ -307,8 +320,8 @@ Attr queue(Queue, SetF, DelF) {
   Attr a;
   a.name = name;
   a.kind = AttrKind::collection;
-  a.valueType = std::string(Self::kivTypeName) + "::Kiv" + static_cast<char>(name[0] - 'a' + 'A') +
-                std::string(name.substr(1));
+  a.valueType =
+      std::string(Self::kivTypeName) + "::Kiv" + static_cast<char>(name[0] - 'a' + 'A') + std::string(name.substr(1));
   a.keyType = valueTypeName<std::uint32_t>();
   a.count = [](Entity const& e) -> std::size_t { return Queue{}(ReflectDetail::self<Self>(e)).entries(); };
   a.has = [](Entity const& e, std::string_view k) {
@@ -322,15 +335,16 @@ Attr queue(Queue, SetF, DelF) {
   };
   a.forEach = [](Entity const& e, std::function<void(std::string const&, std::string const&)> const& f) {
     for (auto const& entry : Queue{}(ReflectDetail::self<Self>(e)))
-      f(valueToStrep(entry.index), queueEntryText(Self::kivTypeName, Names::attr(),
-                                                  Names::field(), entry.index,
+      f(valueToStrep(entry.index), queueEntryText(Self::kivTypeName, Names::attr(), Names::field(), entry.index,
                                                   ReflectDetail::text<P>(entry.payload)));
   };
   a.writable = true;
   a.entryIs = [](Entity& e, std::string_view k, std::string_view v) {
     SetF{}(ReflectDetail::self<Self>(e), keyFromPath<std::uint32_t>(k), ReflectDetail::parse<P>(v));
   };
-  a.entryDel = [](Entity& e, std::string_view k) { DelF{}(ReflectDetail::self<Self>(e), keyFromPath<std::uint32_t>(k)); };
+  a.entryDel = [](Entity& e, std::string_view k) {
+    DelF{}(ReflectDetail::self<Self>(e), keyFromPath<std::uint32_t>(k));
+  };
   return a;
 }
 
@@ -409,31 +423,31 @@ struct Access {
 #define KIV_REFLECT_BEGIN(Self, typeNameText) KIV_REFLECT_BEGIN_DERIVED(Self, void, typeNameText)
 // The same for a class derived from a reflective Base, whose entries come
 // first.
-#define KIV_REFLECT_BEGIN_DERIVED(Self, Base, typeNameText)                             \
- public:                                                                                \
-  using KivSelf = Self;                                                                 \
-  using KivBase = Base;                                                                 \
-  static constexpr std::string_view kivTypeName = typeNameText;                         \
-  std::string_view typeName() const override { return kivTypeName; }                   \
-  friend struct ::Kiv::Reflect::Access;                                                 \
-  static constexpr int kivAttrBase = __COUNTER__;                                       \
-  template <int N>                                                                      \
-  static ::Kiv::Attr kivAttr(::Kiv::Reflect::Slot<N>) {                                 \
-    return ::Kiv::Attr();                                                               \
+#define KIV_REFLECT_BEGIN_DERIVED(Self, Base, typeNameText)          \
+ public:                                                             \
+  using KivSelf = Self;                                              \
+  using KivBase = Base;                                              \
+  static constexpr std::string_view kivTypeName = typeNameText;      \
+  std::string_view typeName() const override { return kivTypeName; } \
+  friend struct ::Kiv::Reflect::Access;                              \
+  static constexpr int kivAttrBase = __COUNTER__;                    \
+  template <int N>                                                   \
+  static ::Kiv::Attr kivAttr(::Kiv::Reflect::Slot<N>) {              \
+    return ::Kiv::Attr();                                            \
   }
 
 #define KIV_REFLECT_SLOT_ static ::Kiv::Attr kivAttr(::Kiv::Reflect::Slot<__COUNTER__ - kivAttrBase>)
 
 // Closes the list; entries are those declared between BEGIN and END.
-#define KIV_REFLECT_END                                                                 \
- public:                                                                                \
-  static constexpr int kivAttrEnd = __COUNTER__;                                        \
+#define KIV_REFLECT_END                          \
+ public:                                         \
+  static constexpr int kivAttrEnd = __COUNTER__; \
   ::Kiv::TypeInfo const* kivTypeInfo() const override { return &::Kiv::Reflect::Access::typeInfo<KivSelf>(); }
 
-#define KIV_REFLECT_SCALAR_KIND_(n, kind, setter)                                                         \
-  KIV_REFLECT_SLOT_ {                                                                                     \
-    return ::Kiv::Reflect::scalar<KivSelf>(#n, kind, [](KivSelf const& s) -> decltype(auto) { return s.n(); }, \
-                                          setter);                                                        \
+#define KIV_REFLECT_SCALAR_KIND_(n, kind, setter)                                    \
+  KIV_REFLECT_SLOT_ {                                                                \
+    return ::Kiv::Reflect::scalar<KivSelf>(                                          \
+        #n, kind, [](KivSelf const& s) -> decltype(auto) { return s.n(); }, setter); \
   }
 
 // An attribute with a getter n() and a setter nIs(v).
@@ -448,23 +462,24 @@ struct Access {
 // A keyed collection with n(key), nIs(key, value) and nDel(key); countExpr
 // and mapExpr are read on the entity (`vlans()`, `vlan_`): the count and a
 // map-like container (find, iteration of pairs) for presence and walks.
-#define KIV_REFLECT_COLLECTION(n, K, countExpr, mapExpr)                                               \
-  KIV_REFLECT_COLLECTION_WITH_(n, K, countExpr, mapExpr, [](KivSelf& s, K const& k, auto&& v) { s.n##Is(k, v); }, \
-                               [](KivSelf& s, K const& k) { s.n##Del(k); })
+#define KIV_REFLECT_COLLECTION(n, K, countExpr, mapExpr)                                 \
+  KIV_REFLECT_COLLECTION_WITH_(                                                          \
+      n, K, countExpr, mapExpr, [](KivSelf& s, K const& k, auto&& v) { s.n##Is(k, v); }, \
+      [](KivSelf& s, K const& k) { s.n##Del(k); })
 #define KIV_REFLECT_COLLECTION_RO(n, K, countExpr, mapExpr) \
   KIV_REFLECT_COLLECTION_WITH_(n, K, countExpr, mapExpr, nullptr, nullptr)
 // A collection whose entries are made from the key alone (nIs(key)): the
 // value given by name must be None.
-#define KIV_REFLECT_COLLECTION_BY_KEY(n, K, countExpr, mapExpr)                                        \
-  KIV_REFLECT_COLLECTION_WITH_(n, K, countExpr, mapExpr,                                              \
-                               [](KivSelf& s, K const& k, auto&&) { s.n##Is(k); },                     \
-                               [](KivSelf& s, K const& k) { s.n##Del(k); })
-#define KIV_REFLECT_COLLECTION_WITH_(n, K, countExpr, mapExpr, setF, delF)                               \
-  KIV_REFLECT_SLOT_ {                                                                                  \
-    return ::Kiv::Reflect::collection<KivSelf, K>(                                                     \
-        #n, [](KivSelf const& s, K const& k) -> decltype(auto) { return s.n(k); },                     \
-        [](KivSelf const& s) -> decltype(auto) { return (s.mapExpr); },                                \
-        [](KivSelf const& s) -> std::size_t { return s.countExpr; }, setF, delF);                      \
+#define KIV_REFLECT_COLLECTION_BY_KEY(n, K, countExpr, mapExpr)                     \
+  KIV_REFLECT_COLLECTION_WITH_(                                                     \
+      n, K, countExpr, mapExpr, [](KivSelf& s, K const& k, auto&&) { s.n##Is(k); }, \
+      [](KivSelf& s, K const& k) { s.n##Del(k); })
+#define KIV_REFLECT_COLLECTION_WITH_(n, K, countExpr, mapExpr, setF, delF)         \
+  KIV_REFLECT_SLOT_ {                                                              \
+    return ::Kiv::Reflect::collection<KivSelf, K>(                                 \
+        #n, [](KivSelf const& s, K const& k) -> decltype(auto) { return s.n(k); }, \
+        [](KivSelf const& s) -> decltype(auto) { return (s.mapExpr); },            \
+        [](KivSelf const& s) -> std::size_t { return s.countExpr; }, setF, delF);  \
   }
 
 // An operation invocable by name; its arguments are read from text.
@@ -473,16 +488,15 @@ struct Access {
 
 // A Kiv::LinkQueue returned by queueFn(), with nIs(index, payload) and
 // nDel(index); payloadName names the payload in each entry's text form.
-#define KIV_REFLECT_QUEUE(n, payloadName, queueFn)                                                   \
-  KIV_REFLECT_SLOT_ {                                                                         \
-    struct Names {                                                                            \
-      static std::string_view attr() { return #n; }                                           \
-      static std::string_view field() { return #payloadName; }                                      \
-    };                                                                                        \
-    return ::Kiv::Reflect::queue<KivSelf, Names>(                                             \
-        [](KivSelf const& s) -> decltype(auto) { return s.queueFn(); },                       \
-        [](KivSelf& s, std::uint32_t i, auto&& v) { s.n##Is(i, v); },                         \
-        [](KivSelf& s, std::uint32_t i) { s.n##Del(i); });                                    \
+#define KIV_REFLECT_QUEUE(n, payloadName, queueFn)                                                               \
+  KIV_REFLECT_SLOT_ {                                                                                            \
+    struct Names {                                                                                               \
+      static std::string_view attr() { return #n; }                                                              \
+      static std::string_view field() { return #payloadName; }                                                   \
+    };                                                                                                           \
+    return ::Kiv::Reflect::queue<KivSelf, Names>([](KivSelf const& s) -> decltype(auto) { return s.queueFn(); }, \
+                                                 [](KivSelf& s, std::uint32_t i, auto&& v) { s.n##Is(i, v); },   \
+                                                 [](KivSelf& s, std::uint32_t i) { s.n##Del(i); });              \
   }
 
 // A hand-built entry (a collection that is not a map, say): expr is an
@@ -492,15 +506,15 @@ struct Access {
 
 // Declares a scalar attribute once: storage n_, getter n(), a setter nIs(v)
 // that notifies NotifieeConst::hook on a real change, and its entry.
-#define KIV_ATTR(T, n, hook, init)                                  \
- public:                                                            \
-  T const& n() const { return n##_; }                               \
-  void n##Is(T const& v) {                                          \
-    if (::Kiv::changed(n##_, v)) notify(&NotifieeConst::hook);      \
-  }                                                                 \
-  KIV_REFLECT_SCALAR(n)                                             \
-                                                                    \
- private:                                                           \
-  T n##_ = init;                                                    \
-                                                                    \
+#define KIV_ATTR(T, n, hook, init)                             \
+ public:                                                       \
+  T const& n() const { return n##_; }                          \
+  void n##Is(T const& v) {                                     \
+    if (::Kiv::changed(n##_, v)) notify(&NotifieeConst::hook); \
+  }                                                            \
+  KIV_REFLECT_SCALAR(n)                                        \
+                                                               \
+ private:                                                      \
+  T n##_ = init;                                               \
+                                                               \
  public:

@@ -88,9 +88,9 @@ std::vector<std::string> attrNames(Kiv::Entity const& e) {
 
 TEST(BitMapperReflect, ConfigAndStatusListTheirAttributesInOrderAndGuardTheFixedOnes) {
   Kiv::Ptr<Config> c = configFactory(8, 1);
-  EXPECT_EQ(attrNames(*c), (std::vector<std::string>{"bitMapSize", "bitMapMinIndex", "enableRefCount",
-                                                     "allocRequestKey", "allocRequestCount", "deallocRequestKey",
-                                                     "deallocRequestCount"}));
+  EXPECT_EQ(attrNames(*c),
+            (std::vector<std::string>{"bitMapSize", "bitMapMinIndex", "enableRefCount", "allocRequestKey",
+                                      "allocRequestCount", "deallocRequestKey", "deallocRequestCount"}));
   EXPECT_THROW(Kiv::attrSet(*c, "bitMapSize", "9"), Kiv::RangeException);
   EXPECT_THROW(Kiv::attrSet(*c, "enableRefCount", "False"), Kiv::RangeException);
   EXPECT_EQ(Kiv::attrGet(*c, "enableRefCount"), "True");

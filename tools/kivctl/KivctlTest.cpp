@@ -89,13 +89,16 @@ class KivctlTest : public ::testing::Test {
 TEST_F(KivctlTest, ListsGetsSetsAndRefusesThroughALiveAgent) {
   Outcome r = kivctl("--agent agent ls /");
   EXPECT_EQ(r.status, 0) << r.out;
-  EXPECT_EQ(r.out, "bitMapperConfig\tentry\tBitMapper::Config\tro\nmfibVornDir\tentry\tVorn::Multicast::Fib::MfibVornDir\tro\n");
+  EXPECT_EQ(
+      r.out,
+      "bitMapperConfig\tentry\tBitMapper::Config\tro\nmfibVornDir\tentry\tVorn::Multicast::Fib::MfibVornDir\tro\n");
   r = kivctl("--agent agent get /mfibVornDir/vornColl/default");
   EXPECT_EQ(r.status, 0) << r.out;
   EXPECT_EQ(r.out, "vrfName\t'default'\nvornPtr\t0 entries\n");
   r = kivctl("--agent agent --json get /mfibVornDir/vornColl/red");
-  EXPECT_EQ(r.out, "{\"type\": \"Vorn::Multicast::Fib::MfibVornColl\", \"name\": \"red\", \"attributes\": "
-                   "{\"vrfName\": \"'red'\", \"vornPtr\": \"0 entries\"}}\n");
+  EXPECT_EQ(r.out,
+            "{\"type\": \"Vorn::Multicast::Fib::MfibVornColl\", \"name\": \"red\", \"attributes\": "
+            "{\"vrfName\": \"'red'\", \"vornPtr\": \"0 entries\"}}\n");
   r = kivctl("--agent agent ls /mfibVornDir/vornColl");
   EXPECT_NE(r.out.find("'red'\tEntity('Vorn::Multicast::Fib::MfibVornColl', 'red')\n"), std::string::npos) << r.out;
   EXPECT_NE(r.out.find("'default'\tEntity('Vorn::Multicast::Fib::MfibVornColl', 'default')\n"), std::string::npos);
