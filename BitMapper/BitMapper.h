@@ -14,6 +14,7 @@
 
 #include "BitMapper/BitMapperSchema.h"
 #include "Kiv/Entity.h"
+#include "Kiv/Reflect.h"
 
 template <>
 struct std::hash<BitMapper::BitMapperKey> {
@@ -37,35 +38,22 @@ class Config : public Kiv::Entity {
   static Kiv::Ptr<Config> ConfigIs(std::uint32_t bitMapSize, bool enableRefCount) {
     return new Config(bitMapSize, enableRefCount);
   }
-  std::string_view typeName() const override { return "BitMapper::Config"; }
-
+  KIV_REFLECT_BEGIN(Config, "BitMapper::Config")
   std::uint32_t bitMapSize() const { return bitMapSize_; }
+  KIV_REFLECT_SCALAR_RO(bitMapSize)
+  KIV_ATTR(std::uint32_t, bitMapMinIndex, onBitMapMinIndex, 0)
   bool enableRefCount() const { return enableRefCount_; }
+  KIV_REFLECT_SCALAR_RO(enableRefCount)
+  KIV_ATTR(BitMapperKey, allocRequestKey, onAllocRequestKey, {})
+  KIV_ATTR(std::uint32_t, allocRequestCount, onAllocRequestCount, 0)
+  KIV_ATTR(BitMapperKey, deallocRequestKey, onDeallocRequestKey, {})
+  KIV_ATTR(std::uint32_t, deallocRequestCount, onDeallocRequestCount, 0)
+  KIV_REFLECT_END
 
-  std::uint32_t bitMapMinIndex() const { return bitMapMinIndex_; }
-  void bitMapMinIndexIs(std::uint32_t v) {
-    if (Kiv::changed(bitMapMinIndex_, v)) notify(&NotifieeConst::onBitMapMinIndex);
-  }
-  BitMapperKey const& allocRequestKey() const { return allocRequestKey_; }
-  void allocRequestKeyIs(BitMapperKey const& k) {
-    if (Kiv::changed(allocRequestKey_, k)) notify(&NotifieeConst::onAllocRequestKey);
-  }
-  std::uint32_t allocRequestCount() const { return allocRequestCount_; }
-  void allocRequestCountIs(std::uint32_t n) {
-    if (Kiv::changed(allocRequestCount_, n)) notify(&NotifieeConst::onAllocRequestCount);
-  }
   // Adds with 32-bit wrap-around; returns the new count.
   std::uint32_t allocRequestCountInc(std::uint32_t delta) {
     allocRequestCountIs(allocRequestCount_ + delta);
     return allocRequestCount_;
-  }
-  BitMapperKey const& deallocRequestKey() const { return deallocRequestKey_; }
-  void deallocRequestKeyIs(BitMapperKey const& k) {
-    if (Kiv::changed(deallocRequestKey_, k)) notify(&NotifieeConst::onDeallocRequestKey);
-  }
-  std::uint32_t deallocRequestCount() const { return deallocRequestCount_; }
-  void deallocRequestCountIs(std::uint32_t n) {
-    if (Kiv::changed(deallocRequestCount_, n)) notify(&NotifieeConst::onDeallocRequestCount);
   }
   std::uint32_t deallocRequestCountInc(std::uint32_t delta) {
     deallocRequestCountIs(deallocRequestCount_ + delta);
@@ -76,12 +64,7 @@ class Config : public Kiv::Entity {
   Config(std::uint32_t bitMapSize, bool enableRefCount) : bitMapSize_(bitMapSize), enableRefCount_(enableRefCount) {}
 
   std::uint32_t const bitMapSize_;
-  std::uint32_t bitMapMinIndex_ = 0;
   bool const enableRefCount_;
-  BitMapperKey allocRequestKey_;
-  std::uint32_t allocRequestCount_ = 0;
-  BitMapperKey deallocRequestKey_;
-  std::uint32_t deallocRequestCount_ = 0;
 };
 
 class Status : public Kiv::Entity {
@@ -101,7 +84,7 @@ class Status : public Kiv::Entity {
   };
 
   static Kiv::Ptr<Status> StatusIs() { return new Status(); }
-  std::string_view typeName() const override { return "BitMapper::Status"; }
+  KIV_REFLECT_BEGIN(Status, "BitMapper::Status")
 
   // The key's index, BitIndex::waitlist() while it waits, or null.
   BitIndex bitIndex(BitMapperKey const& key) const {
@@ -114,17 +97,15 @@ class Status : public Kiv::Entity {
   void bitIndexDelAll();
   std::size_t bitIndexs() const { return bitIndex_.size(); }
   std::unordered_map<BitMapperKey, BitIndex> const& bitIndexMap() const { return bitIndex_; }
+  KIV_REFLECT_COLLECTION(bitIndex, BitMapperKey, bitIndexs(), bitIndex_)
 
-  std::uint32_t waitlistChangeCount() const { return waitlistChangeCount_; }
-  void waitlistChangeCountIs(std::uint32_t n) {
-    if (Kiv::changed(waitlistChangeCount_, n)) notify(&NotifieeConst::onWaitlistChangeCount);
-  }
+  KIV_ATTR(std::uint32_t, waitlistChangeCount, onWaitlistChangeCount, 0)
+  KIV_REFLECT_END
 
  private:
   Status() = default;
 
   std::unordered_map<BitMapperKey, BitIndex> bitIndex_;
-  std::uint32_t waitlistChangeCount_ = 0;
 };
 
 // Only the low 8 bits of enableRefCount are kept, as a bool.

@@ -20,6 +20,10 @@ std::uint64_t BitMapperKey::hash() const {
   return h.result();
 }
 
+std::string BitIndex::valueToStrep() const { return Kiv::valueToStrep(value_); }
+
+BitIndex BitIndex::fromStrep(std::string_view text) { return BitIndex(Kiv::valueFromStrep<std::uint16_t>(text)); }
+
 std::string BitMapperKey::valueToStrep() const {
   Kiv::ValueWriter w("BitMapper::BitMapperKey");
   w.fieldRaw("intfId", intfId_.valueToStrep()).fieldRaw("addr", addr_.valueToStrep());

@@ -39,6 +39,9 @@ class BitIndex {
   friend constexpr bool operator==(BitIndex, BitIndex) = default;
   friend constexpr auto operator<=>(BitIndex, BitIndex) = default;
   friend std::ostream& operator<<(std::ostream& os, BitIndex b) { return os << b.value_; }
+  // The decimal number, as printed to a stream.
+  std::string valueToStrep() const;
+  static BitIndex fromStrep(std::string_view text);
 
  private:
   std::uint16_t value_ = 0xFFFF;

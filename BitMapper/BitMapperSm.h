@@ -24,6 +24,7 @@
 #include "BitMapper/BitMapperSchema.h"
 #include "Kiv/Entity.h"
 #include "Kiv/LinkQueue.h"
+#include "Kiv/Reflect.h"
 
 namespace BitMapper {
 
@@ -58,40 +59,56 @@ class BitMapperSm : public Kiv::Entity {
   static Kiv::Ptr<BitMapperSm> BitMapperSmIs(Kiv::Ptr<Config> const& config, Kiv::Ptr<Status> const& status,
                                              Kiv::Ptr<VornStatus> const& vornStatus);
   ~BitMapperSm() override;
-  std::string_view typeName() const override { return "BitMapper::BitMapperSm"; }
-
+  KIV_REFLECT_BEGIN(BitMapperSm, "BitMapper::BitMapperSm")
   Kiv::Ptr<Config> const& config() const { return config_; }
+  KIV_REFLECT_SCALAR_RO(config)
   Kiv::Ptr<Status> const& status() const { return status_; }
+  KIV_REFLECT_SCALAR_RO(status)
   Kiv::Ptr<VornStatus> const& vornStatus() const { return vornStatus_; }
+  KIV_REFLECT_SCALAR_RO(vornStatus)
 
   void handleAllocRequestCount();
+  KIV_REFLECT_OPERATION(handleAllocRequestCount)
   void handleDeallocRequestCount();
+  KIV_REFLECT_OPERATION(handleDeallocRequestCount)
   void handleBitMapMinIndex();
-  void handleInitialized();
+  KIV_REFLECT_OPERATION(handleBitMapMinIndex)
   // Gives bitMapperKey an index, or parks it (returns BitIndex::waitlist()).
   BitIndex doAllocBitIndex(BitMapperKey const& bitMapperKey);
-  // Serves waiting keys while the pool lasts: false when it ran dry.
-  bool reviewKeyWaitlist();
+  KIV_REFLECT_OPERATION(doAllocBitIndex)
 
   std::uint32_t minBitIndex() const { return minBitIndex_; }
   void minBitIndexIs(std::uint32_t v) { minBitIndex_ = v; }
+  KIV_REFLECT_SCALAR(minBitIndex)
   std::uint32_t maxBitIndex() const { return maxBitIndex_; }
   void maxBitIndexIs(std::uint32_t v) { maxBitIndex_ = v; }
-  bool initialized() const { return initialized_; }
-  void initializedIs(bool b) { initialized_ = b; }
+  KIV_REFLECT_SCALAR(maxBitIndex)
 
   // The free pool, oldest first.
   BitIndexFreePool const& bitIndexFreePool() const { return pool_; }
   std::uint32_t bitIndexFreePools() const { return pool_.entries(); }
   BitIndexFreePoolMetadata bitIndexFreePoolMetadata() const { return pool_.metadata(); }
-  // Twice the space; reported, not enforced.
-  std::uint32_t bitIndexFreePoolLimit() const { return config_ ? 2 * config_->bitMapSize() : 0; }
   void bitIndexFreePoolEnq(BitIndex bitIndex) { pool_.enq(bitIndex); }
   // The head's index, or null when the pool is empty.
   BitIndex bitIndexFreePoolDeq();
   void bitIndexFreePoolDelAll() { pool_.entryDelAll(); }
+  // Place or remove an entry by sequence number; for reflective access.
   void bitIndexFreePoolIs(std::uint32_t index, BitIndex bitIndex) { pool_.entryIs(index, bitIndex); }
   void bitIndexFreePoolDel(std::uint32_t index) { pool_.entryDel(index); }
+  KIV_REFLECT_QUEUE(bitIndexFreePool, bitIndex, bitIndexFreePool)
+  // Twice the space; reported, not enforced.
+  std::uint32_t bitIndexFreePoolLimit() const { return config_ ? 2 * config_->bitMapSize() : 0; }
+  KIV_REFLECT_SCALAR_RO(bitIndexFreePoolLimit)
+
+  // Serves waiting keys while the pool lasts: false when it ran dry.
+  bool reviewKeyWaitlist();
+  KIV_REFLECT_OPERATION(reviewKeyWaitlist)
+  bool initialized() const { return initialized_; }
+  void initializedIs(bool b) { initialized_ = b; }
+  KIV_REFLECT_SCALAR(initialized)
+  void handleInitialized();
+  KIV_REFLECT_OPERATION(handleInitialized)
+  KIV_REFLECT_END
 
   void kivDoZombieReactors(bool zombie) override;
   void hasNotificationActiveIs(bool active) override;

@@ -40,6 +40,7 @@
 
 #include "Kiv/Entity.h"
 #include "Kiv/Name.h"
+#include "Kiv/Reflect.h"
 #include "Schema/VrfName.h"
 #include "Vorn/Registry.h"
 #include "Vorn/Status.h"
@@ -58,23 +59,16 @@ class MfibDirColl : public Kiv::Entity {
   };
 
   static Kiv::Ptr<MfibDirColl> MfibDirCollIs(L3::VrfName const& vrf) { return new MfibDirColl(vrf); }
-  std::string_view typeName() const override { return "Vorn::Multicast::Fib::MfibDirColl"; }
-
+  KIV_REFLECT_BEGIN(MfibDirColl, "Vorn::Multicast::Fib::MfibDirColl")
   L3::VrfName const& vrfName() const { return vrfName_; }
-  Kiv::String const& vornUrl() const { return vornUrl_; }
-  void vornUrlIs(Kiv::String const& url) {
-    if (Kiv::changed(vornUrl_, url)) notify(&NotifieeConst::onVornUrl);
-  }
-  Kiv::String const& bitMapperVornUrl() const { return bitMapperVornUrl_; }
-  void bitMapperVornUrlIs(Kiv::String const& url) {
-    if (Kiv::changed(bitMapperVornUrl_, url)) notify(&NotifieeConst::onBitMapperVornUrl);
-  }
+  KIV_REFLECT_SCALAR_RO(vrfName)
+  KIV_ATTR(Kiv::String, vornUrl, onVornUrl, {})
+  KIV_ATTR(Kiv::String, bitMapperVornUrl, onBitMapperVornUrl, {})
+  KIV_REFLECT_END
 
  private:
   explicit MfibDirColl(L3::VrfName const& vrf) : Kiv::Entity(vrf.str()), vrfName_(vrf) {}
   L3::VrfName const vrfName_;
-  Kiv::String vornUrl_;
-  Kiv::String bitMapperVornUrl_;
 };
 
 // One application's directory: its announcements by VRF, in VRF name order.
@@ -93,7 +87,7 @@ class MfibDir : public Kiv::Entity {
   static constexpr char const* sharedDirUrl = "mfibdir";
 
   static Kiv::Ptr<MfibDir> MfibDirIs(Kiv::Name const& appName) { return new MfibDir(appName); }
-  std::string_view typeName() const override { return typeNameText; }
+  KIV_REFLECT_BEGIN(MfibDir, typeNameText)
 
   Kiv::Ptr<MfibDirColl> dirColl(L3::VrfName const& vrf) const;
   // The VRF's announcement, created (and announced) when there is none.
@@ -103,6 +97,8 @@ class MfibDir : public Kiv::Entity {
   void dirCollDelAll();
   std::size_t dirColls() const { return dirColl_.size(); }
   DirCollMap const& dirCollMap() const { return dirColl_; }
+  KIV_REFLECT_COLLECTION_BY_KEY(dirColl, L3::VrfName, dirColls(), dirColl_)
+  KIV_REFLECT_END
 
  private:
   explicit MfibDir(Kiv::Name const& appName) : Kiv::Entity(appName) {}

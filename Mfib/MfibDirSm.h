@@ -92,12 +92,14 @@ class MfibDirSm : public Kiv::Entity {
                                          Kiv::Ptr<MfibVornDir> const& mfibVornDir,
                                          Kiv::Ptr<Stelo::EntityManager> const& entityManager);
   ~MfibDirSm() override;
-  std::string_view typeName() const override { return "Vorn::Multicast::Fib::MfibDirSm"; }
+  KIV_REFLECT_BEGIN(MfibDirSm, "Vorn::Multicast::Fib::MfibDirSm")
 
   Kiv::Ptr<Kiv::Dir const> const& mfibDir() const { return mfibDir_; }
+  KIV_REFLECT_SCALAR_RO(mfibDir)
   Kiv::Ptr<MfibVornDir> const& mfibVornDir() const { return mfibVornDir_; }
+  KIV_REFLECT_SCALAR_RO(mfibVornDir)
   Kiv::Ptr<Stelo::EntityManager> const& entityManager() const { return entityManager_; }
-  bool initialized() const { return initialized_; }
+  KIV_REFLECT_SCALAR_RO(entityManager)
 
   // Application directories seen, by application name (the entity's name).
   Kiv::Ptr<MfibDir const> mfibAppDir(Kiv::Name const& name) const;
@@ -107,16 +109,26 @@ class MfibDirSm : public Kiv::Entity {
   // Removes the directory and its reactor.
   void mfibAppDirDel(Kiv::Name const& name);
   std::size_t mfibAppDirs() const { return mfibAppDir_.size(); }
+  KIV_REFLECT_COLLECTION_WITH_(mfibAppDir, Kiv::Name, mfibAppDirs(), mfibAppDir_, nullptr,
+                               [](MfibDirSm& s, Kiv::Name const& k) { s.mfibAppDirDel(k); })
 
   Kiv::Ptr<KivAppDir> appDir(Kiv::Name const& name) const;
   void appDirIs(Kiv::Name const& name, Kiv::Ptr<KivAppDir> const& reactor);
   Kiv::Ptr<KivAppDir> appDirDel(Kiv::Name const& name);
   std::size_t appDirs() const { return appDir_.size(); }
+  KIV_REFLECT_COLLECTION_RO(appDir, Kiv::Name, appDirs(), appDir_)
 
-  void handleInitialized();
+  bool initialized() const { return initialized_; }
+  KIV_REFLECT_SCALAR_RO(initialized)
+
   void handleMfibDir(Kiv::Name const& name);
+  KIV_REFLECT_OPERATION(handleMfibDir)
   // Mounts one application's tables for one VRF.
   void handleMountPoint(Kiv::Name const& name, L3::VrfName const& vrf);
+  KIV_REFLECT_OPERATION(handleMountPoint)
+  void handleInitialized();
+  KIV_REFLECT_OPERATION(handleInitialized)
+  KIV_REFLECT_END
 
   void kivDoZombieReactors(bool zombie) override;
   void hasNotificationActiveIs(bool active) override;

@@ -36,6 +36,7 @@
 
 #include "Kiv/Dir.h"
 #include "Kiv/Entity.h"
+#include "Kiv/Reflect.h"
 #include "Mfib/MfibDir.h"
 #include "Schema/Mfib/MfibStatus.h"
 #include "Schema/Mfib/RouteOrderedCollection.h"
@@ -84,9 +85,10 @@ class MfibVornColl : public Kiv::Entity {
   };
 
   static Kiv::Ptr<MfibVornColl> MfibVornCollIs(L3::VrfName const& vrfName) { return new MfibVornColl(vrfName); }
-  std::string_view typeName() const override { return "Vorn::Multicast::Fib::MfibVornColl"; }
+  KIV_REFLECT_BEGIN(MfibVornColl, "Vorn::Multicast::Fib::MfibVornColl")
 
   L3::VrfName const& vrfName() const { return vrfName_; }
+  KIV_REFLECT_SCALAR_RO(vrfName)
 
   Kiv::Ptr<Status const> vornPtr(Status const* key) const;
   // Adds, replaces, or (value null) removes; notifies only a real change.
@@ -99,6 +101,8 @@ class MfibVornColl : public Kiv::Entity {
   std::size_t vornPtrs() const { return vornPtr_.size(); }
   // The tables in the order they were entered.
   VornPtrMap const& vornPtrMap() const { return vornPtr_; }
+  KIV_REFLECT_COLLECTION(vornPtr, Status const*, vornPtrs(), vornPtr_)
+  KIV_REFLECT_END
 
   // Positions the merge iterator yields (every (table, key) whose route no
   // other table beats), counted by walking one.
@@ -184,7 +188,7 @@ class OrderRouteSm : public Kiv::Entity {
   static Kiv::Ptr<OrderRouteSm> OrderRouteSmIs(Kiv::Ptr<MfibVornColl const> const& vornColl,
                                                Kiv::Ptr<RouteOrderedCollection> const& routeOrdered);
   ~OrderRouteSm() override;
-  std::string_view typeName() const override { return "Vorn::Multicast::Fib::OrderRouteSm"; }
+  KIV_REFLECT_BEGIN(OrderRouteSm, "Vorn::Multicast::Fib::OrderRouteSm")
 
   Kiv::Ptr<MfibVornColl const> const& vornColl() const { return vornColl_; }
   // Watches another collection (null: none) and brings the table reactors
@@ -192,18 +196,25 @@ class OrderRouteSm : public Kiv::Entity {
   void vornCollIs(Kiv::Ptr<MfibVornColl const> const& coll);
   // Stops watching the collection and returns it; the table reactors stay.
   Kiv::Ptr<MfibVornColl const> vornCollDel();
+  KIV_REFLECT_SCALAR(vornColl)
   Kiv::Ptr<RouteOrderedCollection> const& routeOrdered() const { return routeOrdered_; }
+  KIV_REFLECT_SCALAR_RO(routeOrdered)
 
   bool initialized() const { return initialized_; }
   void initializedIs(bool b) { initialized_ = b; }
-  // The initial pass: fills the output from a walk of the merge iterator.
-  void handleInitialized();
+  KIV_REFLECT_SCALAR(initialized)
 
   KivMfibVorn* mfibVorn(Status const* key) const;
   std::size_t mfibVorns() const { return mfibVorn_.size(); }
   void mfibVornIs(Status const* key, Kiv::Ptr<Status const> const& table);
   Kiv::Ptr<Status const> mfibVornDel(Status const* key);
   void mfibVornDelAll();
+  KIV_REFLECT_COLLECTION_RO(mfibVorn, Status const*, mfibVorns(), mfibVorn_)
+
+  // The initial pass: fills the output from a walk of the merge iterator.
+  void handleInitialized();
+  KIV_REFLECT_OPERATION(handleInitialized)
+  KIV_REFLECT_END
 
   void kivDoZombieReactors(bool zombie) override;
   void hasNotificationActiveIs(bool active) override;
@@ -233,18 +244,25 @@ class ModalOrderRouteSm : public Kiv::Entity {
   static Kiv::Ptr<ModalOrderRouteSm> ModalOrderRouteSmIs(Kiv::Ptr<Status const> const& mfibVorn,
                                                          Kiv::Ptr<ModalRouteOrderedCollection> const& routeOrdered);
   ~ModalOrderRouteSm() override;
-  std::string_view typeName() const override { return "Vorn::Multicast::Fib::ModalOrderRouteSm"; }
+  KIV_REFLECT_BEGIN(ModalOrderRouteSm, "Vorn::Multicast::Fib::ModalOrderRouteSm")
 
   Kiv::Ptr<Status const> const& mfibVorn() const { return mfibVorn_; }
   void mfibVornIs(Kiv::Ptr<Status const> const& table);
   Kiv::Ptr<Status const> mfibVornDel();
+  KIV_REFLECT_SCALAR(mfibVorn)
   Kiv::Ptr<ModalRouteOrderedCollection> const& routeOrdered() const { return routeOrdered_; }
+  KIV_REFLECT_SCALAR_RO(routeOrdered)
 
   bool initialized() const { return initialized_; }
   void initializedIs(bool b) { initialized_ = b; }
+  KIV_REFLECT_SCALAR(initialized)
+  void handleRouteChanged(IpGenRouteKey const& key);
+  KIV_REFLECT_OPERATION(handleRouteChanged)
+  KIV_REFLECT_OPERATION(initializedIs)
   // Lists every key of the table; until it runs, changes are dropped.
   void handleInitialized();
-  void handleRouteChanged(IpGenRouteKey const& key);
+  KIV_REFLECT_OPERATION(handleInitialized)
+  KIV_REFLECT_END
 
   void kivDoZombieReactors(bool zombie) override;
   void hasNotificationActiveIs(bool active) override;
@@ -269,7 +287,7 @@ class MfibVornDir : public Kiv::Entity {
   };
 
   static Kiv::Ptr<MfibVornDir> MfibVornDirIs() { return new MfibVornDir(); }
-  std::string_view typeName() const override { return "Vorn::Multicast::Fib::MfibVornDir"; }
+  KIV_REFLECT_BEGIN(MfibVornDir, "Vorn::Multicast::Fib::MfibVornDir")
 
   Kiv::Ptr<MfibVornColl> vornColl(L3::VrfName const& vrf) const;
   // The VRF's collection, created (and announced) when there is none.
@@ -279,6 +297,8 @@ class MfibVornDir : public Kiv::Entity {
   void vornCollNotify(L3::VrfName const& vrf) const;
   std::size_t vornColls() const { return vornColl_.size(); }
   std::unordered_map<L3::VrfName, Kiv::Ptr<MfibVornColl>> const& vornCollMap() const { return vornColl_; }
+  KIV_REFLECT_COLLECTION_BY_KEY(vornColl, L3::VrfName, vornColls(), vornColl_)
+  KIV_REFLECT_END
 
  private:
   MfibVornDir() = default;
@@ -294,7 +314,7 @@ class VrfStatus : public Kiv::Entity {
   };
 
   static Kiv::Ptr<VrfStatus> VrfStatusIs() { return new VrfStatus(); }
-  std::string_view typeName() const override { return "Vorn::Multicast::Fib::VrfStatus"; }
+  KIV_REFLECT_BEGIN(VrfStatus, "Vorn::Multicast::Fib::VrfStatus")
 
   Kiv::Ptr<Status> status(L3::VrfName const& vrf) const;
   void statusIs(L3::VrfName const& vrf, Kiv::Ptr<Status> const& status);
@@ -302,6 +322,8 @@ class VrfStatus : public Kiv::Entity {
   void statusDelAll();
   void statusNotify(L3::VrfName const&) const {}
   std::size_t statuses() const { return status_.size(); }
+  KIV_REFLECT_COLLECTION(status, L3::VrfName, statuses(), status_)
+  KIV_REFLECT_END
 
  private:
   VrfStatus() = default;

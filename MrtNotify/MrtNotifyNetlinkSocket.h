@@ -88,9 +88,8 @@ class MrtNotifyNetlinkSocketPam : public MrtNotifySocketPam {
     virtual void onRxSenderRejects() {}
   };
 
-  std::string_view typeName() const override {
-    return "Routing::Multicast::Notify::MrtNotifyNetlinkSocketPam";
-  }
+  KIV_REFLECT_BEGIN_DERIVED(MrtNotifyNetlinkSocketPam, MrtNotifySocketPam,
+                            "Routing::Multicast::Notify::MrtNotifyNetlinkSocketPam")
 
   // Whether the kernel in netNs has the native IPv4 report group; raises
   // Kiv::ErrnoException for any refusal other than an unknown group.
@@ -103,6 +102,7 @@ class MrtNotifyNetlinkSocketPam : public MrtNotifySocketPam {
   void isRtnlIpv6MrouteRSupportedIs(bool v) {
     ownAttrIs(isRtnlIpv6MrouteRSupported_, v, &NotifieeConst::onIsRtnlIpv6MrouteRSupported);
   }
+  KIV_REFLECT_SCALAR(isRtnlIpv6MrouteRSupported)
 
   bool ipv4NativeReports() const { return ipv4NativeReports_; }
   // Re-opens an enabled socket on the other group.
@@ -114,12 +114,14 @@ class MrtNotifyNetlinkSocketPam : public MrtNotifySocketPam {
   void rxFilterIs(std::uint8_t i, Wirly::IpFilter const& f);
   void rxFilterDel(std::uint8_t i);
   void rxFilterDelAll();
+  KIV_REFLECT_COLLECTION(rxFilter, std::uint8_t, rxFilter_.size(), rxFilter_)
   std::uint8_t bpfLen() const { return bpfLen_; }
   void bpfLenIs(std::uint8_t n) { ownAttrIs(bpfLen_, n, &NotifieeConst::onBpfLen); }
   std::uint8_t bpfLenInc(std::uint8_t n = 1) {
     bpfLenIs(std::uint8_t(bpfLen_ + n));
     return bpfLen_;
   }
+  KIV_REFLECT_SCALAR(bpfLen)
 
   std::uint32_t rxErrors() const { return rxErrors_; }
   std::uint32_t rxErrorsInc(std::uint32_t n = 1) {
@@ -142,7 +144,14 @@ class MrtNotifyNetlinkSocketPam : public MrtNotifySocketPam {
   // restrict themselves to.
   bool enableTx() const { return enableTx_; }
   void enableTxIs(bool e);
+  KIV_REFLECT_SCALAR(enableTx)
   std::uint32_t txPortId() const { return txPortId_; }
+  KIV_REFLECT_SCALAR(ipv4NativeReports)
+  KIV_REFLECT_COUNTER_RO(rxErrors)
+  KIV_REFLECT_COUNTER_RO(txErrors)
+  KIV_REFLECT_SCALAR_RO(rxSenderPortId)
+  KIV_REFLECT_COUNTER_RO(rxSenderRejects)
+  KIV_REFLECT_SCALAR_RO(txPortId)
   void txMrtNotification(Kiv::Ptr<Wirly::MrtMessage> const& mrtMsg, std::uint16_t mifId);
   void txMrtNotificationWithIntfId(Kiv::Ptr<Wirly::MrtMessage> const& mrtMsg, std::uint64_t const& intfId);
   void txPktIs(Kiv::Ptr<Wirly::Pkt> const& pkt);
@@ -154,6 +163,7 @@ class MrtNotifyNetlinkSocketPam : public MrtNotifySocketPam {
   void doAddFilterJmp(std::uint16_t code, std::uint32_t k, std::uint8_t jt, std::uint8_t jf);
   void doAttachBpfFilter();
   void doDetachBpfFilter();
+  KIV_REFLECT_END
 
  protected:
   explicit MrtNotifyNetlinkSocketPam(Kiv::Name name);

@@ -27,6 +27,7 @@
 
 #include <cstdint>
 
+#include "Kiv/Reflect.h"
 #include "Kiv/Trace.h"
 #include "Wirly/AddressFamily.h"
 #include "Wirly/FileDescriptor.h"
@@ -73,57 +74,71 @@ class MrtNotifySocketPam : public Wirly::Pam {
 
   static constexpr std::uint32_t defaultMaxRxPktData = 1490;
 
-  std::string_view typeName() const override {
-    return "Routing::Multicast::Notify::MrtNotifySocketPam";
-  }
+  KIV_REFLECT_BEGIN(MrtNotifySocketPam, "Routing::Multicast::Notify::MrtNotifySocketPam")
 
   Wirly::AddressFamily af() const { return af_; }
   void afIs(Wirly::AddressFamily af) { attrIs(af_, af, &NotifieeConst::onAf); }
+  KIV_REFLECT_SCALAR(af)
 
   Wirly::NamespaceName const& netNs() const { return netNs_; }
   // Re-opens an enabled socket in the new namespace (handleNetNs).
   void netNsIs(Wirly::NamespaceName const& ns);
+  KIV_REFLECT_SCALAR(netNs)
 
   std::uint32_t options() const { return options_; }
   virtual void optionsIs(std::uint32_t options);
+  KIV_REFLECT_SCALAR(options)
 
   bool enabled() const { return enabled_; }
   virtual void enabledIs(bool e);
+  KIV_REFLECT_SCALAR(enabled)
 
   std::int32_t sd() const { return sd_; }
   void sdIs(std::int32_t sd) { attrIs(sd_, sd, &NotifieeConst::onSd); }
+  KIV_REFLECT_SCALAR(sd)
 
   std::uint32_t maxRxPktData() const { return maxRxPktData_; }
   void maxRxPktDataIs(std::uint32_t n) { attrIs(maxRxPktData_, n, &NotifieeConst::onMaxRxPktData); }
+  KIV_REFLECT_SCALAR(maxRxPktData)
 
   std::uint32_t rxIfIndex() const { return rxIfIndex_; }
   void rxIfIndexIs(std::uint32_t i) { attrIs(rxIfIndex_, i, &NotifieeConst::onRxIfIndex); }
+  KIV_REFLECT_SCALAR(rxIfIndex)
   Wirly::IpGenAddr const& rxDstIpAddr() const { return rxDstIpAddr_; }
   void rxDstIpAddrIs(Wirly::IpGenAddr const& a) { attrIs(rxDstIpAddr_, a, &NotifieeConst::onRxDstIpAddr); }
+  KIV_REFLECT_SCALAR(rxDstIpAddr)
   Wirly::IpGenAddr const& rxOrigDstIpAddr() const { return rxOrigDstIpAddr_; }
   void rxOrigDstIpAddrIs(Wirly::IpGenAddr const& a) {
     attrIs(rxOrigDstIpAddr_, a, &NotifieeConst::onRxOrigDstIpAddr);
   }
+  KIV_REFLECT_SCALAR(rxOrigDstIpAddr)
   std::uint8_t rxTOS() const { return rxTOS_; }
   void rxTOSIs(std::uint8_t v) { attrIs(rxTOS_, v, &NotifieeConst::onRxTOS); }
+  KIV_REFLECT_SCALAR(rxTOS)
   std::uint8_t rxTTL() const { return rxTTL_; }
   void rxTTLIs(std::uint8_t v) { attrIs(rxTTL_, v, &NotifieeConst::onRxTTL); }
+  KIV_REFLECT_SCALAR(rxTTL)
   Wirly::IpGenAddr const& rxSrcIpAddr() const { return rxSrcIpAddr_; }
   void rxSrcIpAddrIs(Wirly::IpGenAddr const& a) { attrIs(rxSrcIpAddr_, a, &NotifieeConst::onRxSrcIpAddr); }
+  KIV_REFLECT_SCALAR(rxSrcIpAddr)
   std::uint32_t rxFlags() const { return rxFlags_; }
   void rxFlagsIs(std::uint32_t f) { attrIs(rxFlags_, f, &NotifieeConst::onRxFlags); }
+  KIV_REFLECT_SCALAR(rxFlags)
 
   std::uint32_t rxPktCount() const { return rxPktCount_; }
   std::uint32_t rxPktCountInc(std::uint32_t n = 1) {
     return counterInc(rxPktCount_, n, &NotifieeConst::onRxPktCount);
   }
+  KIV_REFLECT_COUNTER_RO(rxPktCount)
   std::uint32_t rxMrt6msgCount() const { return rxMrt6msgCount_; }
   std::uint32_t rxMrt6msgCountInc(std::uint32_t n = 1) {
     return counterInc(rxMrt6msgCount_, n, &NotifieeConst::onRxMrt6msgCount);
   }
+  KIV_REFLECT_COUNTER_RO(rxMrt6msgCount)
 
   // The registered descriptor, present while enabled.
   Kiv::Ptr<Wirly::FileDescriptor> const& fileDesc() const { return fileDesc_; }
+  KIV_REFLECT_SCALAR_RO(fileDesc)
   // Kiv::NameInUseException("fileDesc") when one exists.
   Kiv::Ptr<Wirly::FileDescriptor> fileDescNew(int fd);
   void fileDescDel();
@@ -133,6 +148,9 @@ class MrtNotifySocketPam : public Wirly::Pam {
   void handleNetNs();
   void handleCleanup();
   void doGetRxPkt() override;
+  KIV_REFLECT_OPERATION(handleNetNs)
+  KIV_REFLECT_OPERATION(handleCleanup)
+  KIV_REFLECT_END
 
  protected:
   explicit MrtNotifySocketPam(Kiv::Name name);

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <iomanip>
 #include <iostream>
@@ -21,6 +22,7 @@
 #include "BestRouteCheck.h"
 #include "Demo.h"
 #include "Kiv/EventLoop.h"
+#include "Kiv/Introspect.h"
 #include "Mfib/MfibDirSm.h"
 #include "Mfib/MfibVorn.h"
 #include "Mfib/RouteIntfIteratorConst.h"
@@ -35,6 +37,10 @@ namespace {
 
 constexpr double kRoundPause = 0.15;     // seconds between two rounds
 constexpr double kReplyTimeout = 10.0;   // for a publisher to answer
+// Set (to a number of seconds, or 0), the agent serves introspection from
+// its start and goes on serving that long after the last round.
+constexpr char const* kIntrospectEnv = "MFIB_DEMO_INTROSPECT";
+constexpr char const* kIntrospectName = "mfib-demo-agent";
 
 std::string prefixText(Wirly::IpGenPrefix const& p) {
   std::ostringstream os;
@@ -174,6 +180,10 @@ class Agent {
   std::set<std::pair<Vrf*, IpGenRouteKey>> dirty_;
   std::uint64_t orderedUpdates_ = 0;
   std::uint64_t tableChanges_ = 0;
+  // Live introspection, when MFIB_DEMO_INTROSPECT asks for it: what the
+  // agent holds, served from its loop under the name kIntrospectName.
+  Kiv::Ptr<Kiv::Dir> introspectRoot_;
+  std::unique_ptr<Kiv::Introspect> introspect_;
 };
 
 Agent::Agent(std::vector<AgentPublisher> const& publishers) : em_(Stelo::EntityManager::entityManagerIs(&loop_)) {
@@ -239,6 +249,21 @@ bool Agent::doStart() {
   appWatch_ = std::make_unique<AppWatch>(dir_, this);
   vornDirWatch_ = std::make_unique<VornDirWatch>(vornDir_, this);
   dirSm_ = mfibDirSmFactory(dir_, vornDir_, em_);
+  if (std::getenv(kIntrospectEnv) != nullptr) {
+    introspectRoot_ = Kiv::Dir::DirIs("mfib-demo-agent");
+    introspectRoot_->entryIs("mfibDir", dir_);
+    introspectRoot_->entryIs("mfibVornDir", vornDir_);
+    introspectRoot_->entryIs("mfibDirSm", dirSm_);
+    try {
+      introspect_ = std::make_unique<Kiv::Introspect>(loop_, introspectRoot_,
+                                                       Kiv::Introspect::defaultPath(kIntrospectName));
+    } catch (std::exception const& e) {
+      std::cerr << "mfib-demo agent: no introspection: " << e.what() << "\n";
+      return false;
+    }
+    std::cerr << "mfib-demo agent: introspection on " << introspect_->path() << " (kivctl --agent "
+              << kIntrospectName << " ls /)\n";
+  }
   return true;
 }
 
@@ -434,6 +459,10 @@ int Agent::run() {
   std::cout << "  heard " << tableChanges_ << " route changes in the tables, " << orderedUpdates_
             << " updates of the ordered collections\n";
   bool const ok = printCheck();
+  if (char const* linger = std::getenv(kIntrospectEnv); linger != nullptr && introspect_) {
+    std::cout.flush();
+    loop_.runUntil([] { return false; }, std::strtod(linger, nullptr));
+  }
   for (Publisher& p : publishers_) ::close(p.wiring.goFd);  // the publishers withdraw and leave
   return ok ? 0 : 1;
 }

@@ -2,6 +2,8 @@
 // alone with this test playing both publishers over the same pipes.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+
+#include <filesystem>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -118,6 +120,18 @@ class AgentTest : public ::testing::Test {
     players[i].writer->mfibVorn(MfibDemo::tableUrl(vrf, players[i].name))->routePublish(r);
   }
 
+  bool introspect = false;
+
+  // kivctl's answer (stdout and stderr) against the agent.
+  std::string kivctl(std::string const& args) {
+    std::string const cmd = "KIV_INTROSPECT_DIR=" + tables.root.path() + " " KIVCTL_PATH " --agent mfib-demo-agent " +
+                            args + " 2>&1";
+    FILE* p = ::popen(cmd.c_str(), "r");
+    std::string out = readAll(::fileno(p));
+    ::pclose(p);
+    return out;
+  }
+
   void startAgent() {
     int out[2];
     ASSERT_EQ(::pipe(out), 0);
@@ -135,6 +149,10 @@ class AgentTest : public ::testing::Test {
       for (int fd = 7; fd < 1024; ++fd) ::close(fd);
       ::setenv("VORN_ROOT", tables.root.path().c_str(), 1);
       ::setenv("BRISKLOG_DIR", tables.root.path().c_str(), 1);
+      if (introspect) {
+        ::setenv("MFIB_DEMO_INTROSPECT", "0", 1);
+        ::setenv("KIV_INTROSPECT_DIR", tables.root.path().c_str(), 1);
+      }
       ::execl(MFIB_DEMO_PATH, "mfib-demo", "agent", "pim", "static", static_cast<char*>(nullptr));
       ::_exit(127);
     }
@@ -224,6 +242,33 @@ TEST_F(AgentTest, GivesUpAtOnceWhenAPublisherLeaves) {
   std::string out;
   EXPECT_EQ(finish(out), 1) << out;
   EXPECT_NE(out.find("publisher static went away while waiting for its first routes"), std::string::npos) << out;
+}
+
+TEST_F(AgentTest, KivctlInspectsTheRunningAgent) {
+  announce(0, "red");
+  publish(0, "red", key(1), 2, 1);
+  introspect = true;
+  startAgent();
+  say(0, "ready");
+  say(1, "ready");
+  // Asked for round 2, the agent waits for answers in its loop, and serves.
+  ASSERT_EQ(awaitRound(0), 2u);
+  ASSERT_EQ(awaitRound(1), 2u);
+  EXPECT_EQ(kivctl("ls /"), "mfibDir\tentry\tKiv::Dir\tro\nmfibDirSm\tentry\tVorn::Multicast::Fib::MfibDirSm\tro\n"
+                            "mfibVornDir\tentry\tVorn::Multicast::Fib::MfibVornDir\tro\n");
+  EXPECT_EQ(kivctl("get /mfibVornDir/vornColl/red"), "vrfName\t'red'\nvornPtr\t1 entries\n");
+  EXPECT_EQ(kivctl("get /mfibDir/pim/dirColl/red/vornUrl"), "'mfib/red/pim'\n");
+  EXPECT_EQ(kivctl("get /mfibDirSm/initialized"), "True\n");
+  EXPECT_EQ(kivctl("set /mfibDirSm/initialized False"), "kivctl: Vorn::Multicast::Fib::MfibDirSm::initialized is read-only\n");
+  for (int i = 0; i < 2; ++i) {
+    say(i, "stopped 2");
+    ::close(report[i][1]);
+    report[i][1] = -1;
+  }
+  std::string out;
+  finish(out);
+  EXPECT_NE(out.find("introspection on " + tables.root.path() + "/mfib-demo-agent.sock"), std::string::npos) << out;
+  EXPECT_FALSE(std::filesystem::exists(tables.root.path() + "/mfib-demo-agent.sock"));
 }
 
 }  // namespace

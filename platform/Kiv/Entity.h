@@ -35,6 +35,7 @@
 namespace Kiv {
 
 class Entity;
+class TypeInfo;
 
 // Stores v in slot and says whether the value changed; the building block of
 // every setter.
@@ -109,6 +110,9 @@ class Entity : public PtrInterface {
   // The registered type name ("BitMapper::Status"); each entity type returns
   // its own.
   virtual std::string_view typeName() const { return "Kiv::Entity"; }
+  // The attributes reachable by name (Kiv/Reflect.h); null for a type that
+  // declares none.
+  virtual TypeInfo const* kivTypeInfo() const { return nullptr; }
 
   // Owners of reactors pass both switches on to them.
   virtual void kivDoZombieReactors(bool) {}

@@ -5,6 +5,8 @@
 
 #include <cstdint>
 #include <iosfwd>
+#include <string>
+#include <string_view>
 
 namespace Wirly {
 
@@ -15,6 +17,10 @@ struct IpFilter {
   std::uint32_t k = 0;
 
   friend bool operator==(IpFilter const&, IpFilter const&) = default;
+
+  // Value('Wirly::IpFilter', ** {'code': 21, 'jt': 1, 'jf': 0, 'k': 24576})
+  std::string valueToStrep() const;
+  static IpFilter fromStrep(std::string_view text);
 };
 
 // "{ code=0x15, jt=1, jf=0, k=0x6000 }"

@@ -260,4 +260,39 @@ TEST_F(BitMapperSmTest, ReaderProcessHearsEveryAllocationAndReadsItsRecord) {
   EXPECT_EQ(WEXITSTATUS(status), 0);
 }
 
+TEST_F(BitMapperSmTest, ReflectiveViewFollowsTheDeclarationOrderAndDrivesTheMachine) {
+  BitMapperTest::Allocator a(path, 4, false, 10);
+  std::vector<std::string> names;
+  for (Kiv::Attr const& attr : Kiv::typeInfo(*a.sm).attrs()) names.push_back(attr.name);
+  EXPECT_EQ(names, (std::vector<std::string>{"config", "status", "vornStatus", "handleAllocRequestCount",
+                                             "handleDeallocRequestCount", "handleBitMapMinIndex", "doAllocBitIndex",
+                                             "minBitIndex", "maxBitIndex", "bitIndexFreePool", "bitIndexFreePoolLimit",
+                                             "reviewKeyWaitlist", "initialized", "handleInitialized"}));
+  EXPECT_EQ(Kiv::attrGet(*a.sm, "config"), "Entity('BitMapper::Config', '')");
+  EXPECT_EQ(Kiv::attrOf(*a.sm, "status").entity(*a.sm).ptr(), a.status.ptr());
+  EXPECT_THROW(Kiv::attrSet(*a.sm, "bitIndexFreePoolLimit", "3"), Kiv::RangeException);
+  EXPECT_EQ(Kiv::attrGet(*a.sm, "bitIndexFreePoolLimit"), "8");
+
+  // An allocation by name is the typed one: the same index, the same record.
+  EXPECT_EQ(Kiv::attrInvoke(*a.sm, "doAllocBitIndex", key(1).valueToStrep()), "10");
+  EXPECT_EQ(a.status->bitIndex(key(1)), BitIndex(10));
+  EXPECT_EQ(a.vorn->bitIndexMap(BitIndex(10)).bitMapperKey(), key(1));
+  EXPECT_EQ(Kiv::attrInvoke(*a.sm, "reviewKeyWaitlist", ""), "True");
+
+  // The pool's entries carry their sequence number and their bitIndex.
+  auto entries = Kiv::attrEntries(*a.sm, "bitIndexFreePool");
+  ASSERT_EQ(entries.size(), 3u);
+  auto const* head = a.sm->bitIndexFreePool().head();
+  EXPECT_EQ(entries[0].first, std::to_string(head->index));
+  EXPECT_EQ(entries[0].second, "Value('BitMapper::BitMapperSm::KivBitIndexFreePool', ** {'index': " +
+                                   std::to_string(head->index) + ", 'bitIndex': 11})");
+  EXPECT_EQ(Kiv::attrLookup(*a.sm, "bitIndexFreePool", std::to_string(head->index)), entries[0].second);
+  EXPECT_EQ(Kiv::attrLookup(*a.sm, "bitIndexFreePool", std::to_string(head->index - 1)), "None");
+  Kiv::attrEntryDel(*a.sm, "bitIndexFreePool", std::to_string(head->index));
+  EXPECT_EQ(a.pool(), (std::vector<unsigned>{12, 13}));
+  Kiv::attrEntryIs(*a.sm, "bitIndexFreePool", "1000", "11");
+  EXPECT_EQ(a.pool(), (std::vector<unsigned>{12, 13, 11}));
+  EXPECT_TRUE(Kiv::attrHas(*a.sm, "bitIndexFreePool", "1000"));
+}
+
 }  // namespace

@@ -80,4 +80,50 @@ TEST(BitMapperValues, IndexValidityKeyOrderAndTextForms) {
   EXPECT_NE(BitIndexMap(BitIndex(1), key(1), 1, true).valueToStrep().find("'firstAlloc': True"), std::string::npos);
 }
 
+std::vector<std::string> attrNames(Kiv::Entity const& e) {
+  std::vector<std::string> out;
+  for (Kiv::Attr const& a : Kiv::typeInfo(e).attrs()) out.push_back(a.name);
+  return out;
+}
+
+TEST(BitMapperReflect, ConfigAndStatusListTheirAttributesInOrderAndGuardTheFixedOnes) {
+  Kiv::Ptr<Config> c = configFactory(8, 1);
+  EXPECT_EQ(attrNames(*c),
+            (std::vector<std::string>{"bitMapSize", "bitMapMinIndex", "enableRefCount", "allocRequestKey",
+                                      "allocRequestCount", "deallocRequestKey", "deallocRequestCount"}));
+  EXPECT_THROW(Kiv::attrSet(*c, "bitMapSize", "9"), Kiv::RangeException);
+  EXPECT_THROW(Kiv::attrSet(*c, "enableRefCount", "False"), Kiv::RangeException);
+  EXPECT_EQ(Kiv::attrGet(*c, "enableRefCount"), "True");
+
+  // A request filed by name is heard like one filed through the setters.
+  ConfigRecorder r(c);
+  std::string const k = key(3).valueToStrep();
+  Kiv::attrSet(*c, "allocRequestKey", k);
+  Kiv::attrSet(*c, "allocRequestCount", "1");
+  Kiv::attrSet(*c, "allocRequestKey", k);
+  EXPECT_EQ(c->allocRequestKey(), key(3));
+  EXPECT_EQ(r.keys, 1);
+  EXPECT_EQ(r.counts, 1);
+  EXPECT_EQ(Kiv::attrGet(*c, "allocRequestKey"), k);
+  EXPECT_THROW(Kiv::attrSet(*c, "allocRequestKey", "Value('BitMapper::BitMapperKey', ** {})"), Kiv::ParseException);
+  EXPECT_EQ(c->allocRequestKey(), key(3));
+
+  Kiv::Ptr<Status> s = statusFactory();
+  EXPECT_EQ(attrNames(*s), (std::vector<std::string>{"bitIndex", "waitlistChangeCount"}));
+}
+
+TEST(BitMapperReflect, StatusBitIndexWalkedByNameEqualsTheTypedWalk) {
+  Kiv::Ptr<Status> s = statusFactory();
+  for (unsigned i = 0; i < 5; ++i) s->bitIndexIs(key(i), BitIndex(10 + i));
+  Kiv::attrEntryIs(*s, "bitIndex", key(7).valueToStrep(), "65534");
+  EXPECT_EQ(s->bitIndex(key(7)), BitIndex::waitlist());
+  Kiv::attrEntryDel(*s, "bitIndex", key(0).valueToStrep());
+  EXPECT_EQ(Kiv::attrCount(*s, "bitIndex"), s->bitIndexs());
+  EXPECT_FALSE(Kiv::attrHas(*s, "bitIndex", key(0).valueToStrep()));
+  EXPECT_EQ(Kiv::attrLookup(*s, "bitIndex", key(0).valueToStrep()), "65535");  // null when absent
+  std::vector<std::pair<std::string, std::string>> typed;
+  for (auto const& [k, v] : s->bitIndexMap()) typed.emplace_back(k.valueToStrep(), std::to_string(v.value()));
+  EXPECT_EQ(Kiv::attrEntries(*s, "bitIndex"), typed);
+}
+
 }  // namespace

@@ -204,4 +204,33 @@ TEST_F(MfibDirSmTest, MountingForAnApplicationWithoutDirectoryIsABrokenInvariant
   EXPECT_DEATH(s->handleMountPoint(Kiv::Name(), "red"), "Need a valid name supplied");
 }
 
+TEST_F(MfibDirSmTest, DirectoryEntitiesAnswerByNameAndAMountIsReplayedByName) {
+  auto pim = writer("pim");
+  pim->doAddVorn("red", "mfib/red/pim");
+  auto s = sm();
+  auto names = [](Kiv::Entity const& e) {
+    std::vector<std::string> out;
+    for (Kiv::Attr const& a : Kiv::typeInfo(e).attrs()) out.push_back(a.name);
+    return out;
+  };
+  using V = std::vector<std::string>;
+  EXPECT_EQ(names(*s), (V{"mfibDir", "mfibVornDir", "entityManager", "mfibAppDir", "appDir", "initialized",
+                          "handleMfibDir", "handleMountPoint", "handleInitialized"}));
+  Kiv::Ptr<Kiv::Entity> app = Kiv::attrOf(*s, "mfibAppDir").lookupEntity(*s, "pim");
+  ASSERT_TRUE(app);
+  EXPECT_EQ(names(*app), (V{"dirColl"}));
+  Kiv::Ptr<Kiv::Entity> red = Kiv::attrOf(*app, "dirColl").lookupEntity(*app, "red");
+  ASSERT_TRUE(red);
+  EXPECT_EQ(names(*red), (V{"vrfName", "vornUrl", "bitMapperVornUrl"}));
+  EXPECT_EQ(Kiv::attrGet(*red, "vornUrl"), "'mfib/red/pim'");
+  EXPECT_THROW(Kiv::attrSet(*s, "initialized", "False"), Kiv::RangeException);
+
+  // Unmounted by hand, the table comes back when the mount point is run by name.
+  vornDir->vornCollDel("red");
+  Kiv::attrInvoke(*s, "handleMountPoint", "'pim', 'red'");
+  ASSERT_TRUE(vornDir->vornColl("red"));
+  EXPECT_EQ(vornDir->vornColl("red")->vornPtrs(), 1u);
+  EXPECT_THROW(Kiv::attrInvoke(*s, "handleMountPoint", "'pim'"), Kiv::RangeException);
+}
+
 }  // namespace

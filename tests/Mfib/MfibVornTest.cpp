@@ -297,4 +297,78 @@ TEST_F(MfibVornCollTest, NullKeyIsRefused) {
   EXPECT_EQ(coll->vornPtrs(), 0u);
 }
 
+std::vector<std::string> attrNames(Kiv::Entity const& e) {
+  std::vector<std::string> out;
+  for (Kiv::Attr const& a : Kiv::typeInfo(e).attrs()) out.push_back(a.name);
+  return out;
+}
+
+TEST_F(OrderRouteSmTest, EveryMfibEntityAnswersByNameInItsDeclarationOrder) {
+  add(a);
+  auto sm = orderRouteSmFactory(coll, out);
+  auto modal = modalOrderRouteSmFactory(a, ModalRouteOrderedCollection::create());
+  auto dir = mfibVornDirFactory();
+  auto vrfs = vrfStatusFactory();
+  using V = std::vector<std::string>;
+  EXPECT_EQ(attrNames(*coll), (V{"vrfName", "vornPtr"}));
+  EXPECT_EQ(attrNames(*sm), (V{"vornColl", "routeOrdered", "initialized", "mfibVorn", "handleInitialized"}));
+  EXPECT_EQ(attrNames(*modal), (V{"mfibVorn", "routeOrdered", "initialized", "handleRouteChanged", "initializedIs",
+                                  "handleInitialized"}));
+  EXPECT_EQ(attrNames(*dir), (V{"vornColl"}));
+  EXPECT_EQ(attrNames(*vrfs), (V{"status"}));
+  EXPECT_EQ(Kiv::attrGet(*coll, "vrfName"), "'red'");
+  EXPECT_THROW(Kiv::attrSet(*coll, "vrfName", "'blue'"), Kiv::RangeException);
+  EXPECT_EQ(Kiv::attrGet(*sm, "initialized"), "True");
+  EXPECT_EQ(Kiv::attrCount(*sm, "mfibVorn"), 1u);
+  EXPECT_THROW(Kiv::attrEntryDel(*sm, "mfibVorn", Kiv::valueToStrep(a.ptr())), Kiv::RangeException);
+}
+
+TEST_F(MfibVornCollTest, TablesAreFoundAndWithdrawnByNameAsByTheTypedCalls) {
+  add(a);
+  add(b);
+  CollRecorder r(coll);
+  std::string const ka = Kiv::valueToStrep(static_cast<Status const*>(a.ptr()));
+  EXPECT_TRUE(Kiv::attrHas(*coll, "vornPtr", ka));
+  EXPECT_EQ(Kiv::attrOf(*coll, "vornPtr").lookupEntity(*coll, ka).ptr(), a.ptr());
+  auto entries = Kiv::attrEntries(*coll, "vornPtr");
+  ASSERT_EQ(entries.size(), 2u);
+  EXPECT_EQ(entries[0].first, Kiv::valueToStrep(coll->vornPtrMap().begin()->first));
+  // A table cannot be made from text; None withdraws it, like a null pointer.
+  EXPECT_THROW(Kiv::attrEntryIs(*coll, "vornPtr", ka, "Entity('Vorn::Multicast::Fib::Status', 'a')"),
+               Kiv::ParseException);
+  Kiv::attrEntryIs(*coll, "vornPtr", ka, "None");
+  Kiv::attrEntryDel(*coll, "vornPtr", Kiv::valueToStrep(static_cast<Status const*>(b.ptr())));
+  EXPECT_EQ(coll->vornPtrs(), 0u);
+  EXPECT_EQ(r.keys, (std::vector<Status const*>{a.ptr(), b.ptr()}));
+  EXPECT_EQ(Kiv::attrLookup(*coll, "vornPtr", ka), "None");
+}
+
+TEST(MfibVornDir, CollectionsAreMadeAndRemovedByVrfNameThroughReflection) {
+  auto dir = mfibVornDirFactory();
+  Kiv::attrEntryIs(*dir, "vornColl", "red", "None");  // a bare word is the VRF's name
+  Kiv::attrEntryIs(*dir, "vornColl", "'blue'", "None");
+  EXPECT_EQ(dir->vornColls(), 2u);
+  Kiv::Ptr<Kiv::Entity> red = Kiv::attrOf(*dir, "vornColl").lookupEntity(*dir, "red");
+  EXPECT_EQ(red.ptr(), dir->vornColl(L3::VrfName("red")).ptr());
+  EXPECT_EQ(Kiv::attrLookup(*dir, "vornColl", "red"), "Entity('Vorn::Multicast::Fib::MfibVornColl', 'red')");
+  EXPECT_THROW(Kiv::attrEntryIs(*dir, "vornColl", std::string(200, 'x'), "None"), Kiv::Exception);
+  Kiv::attrEntryDel(*dir, "vornColl", "red");
+  EXPECT_FALSE(Kiv::attrHas(*dir, "vornColl", "red"));
+  EXPECT_EQ(Kiv::attrEntries(*dir, "vornColl").size(), 1u);
+}
+
+TEST_F(MfibVornCollTest, ModalMachineIsDrivenByNameWithARouteKeyReadFromText) {
+  auto out = ModalRouteOrderedCollection::create();
+  a->routePublish(route(key(1), 0));
+  auto sm = modalOrderRouteSmFactory(a, out);
+  Kiv::attrInvoke(*sm, "handleInitialized", "");
+  EXPECT_EQ(out->routes(), 1u);
+  out->routeIs(key(1), false);
+  Kiv::attrInvoke(*sm, "handleRouteChanged", key(1).valueToStrep());
+  EXPECT_EQ(out->route(key(1)), std::optional<bool>(true));
+  EXPECT_THROW(Kiv::attrInvoke(*sm, "handleRouteChanged", "'239.1.0.1'"), Kiv::ParseException);
+  Kiv::attrInvoke(*sm, "initializedIs", "False");
+  EXPECT_FALSE(sm->initialized());
+}
+
 }  // namespace

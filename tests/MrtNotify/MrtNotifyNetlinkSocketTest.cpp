@@ -328,5 +328,28 @@ TEST_F(MrtNotifyNetlinkSocketTest, SendFailuresAreCountedExceptNobodyListening) 
   EXPECT_TRUE(sys.openSockets().empty());
 }
 
+TEST_F(MrtNotifyNetlinkSocketTest, AnswersByNameWithTheBaseSocketsAttributesFirst) {
+  auto p = make(Wirly::ipv4);
+  std::vector<std::string> names;
+  for (Kiv::Attr const& a : Kiv::typeInfo(*p).attrs()) names.push_back(a.name);
+  EXPECT_EQ(names, (Strings{"af", "netNs", "options", "enabled", "sd", "maxRxPktData", "rxIfIndex", "rxDstIpAddr",
+                            "rxOrigDstIpAddr", "rxTOS", "rxTTL", "rxSrcIpAddr", "rxFlags", "rxPktCount",
+                            "rxMrt6msgCount", "fileDesc", "handleNetNs", "handleCleanup",
+                            "isRtnlIpv6MrouteRSupported", "rxFilter", "bpfLen", "enableTx", "ipv4NativeReports",
+                            "rxErrors", "txErrors", "rxSenderPortId", "rxSenderRejects", "txPortId"}));
+  // Enabled by name, the socket builds and attaches the same program.
+  Kiv::attrSet(*p, "options", "7");
+  Kiv::attrSet(*p, "enabled", "True");
+  ASSERT_TRUE(p->enabled());
+  auto const want = expectedProgram(128, 7);
+  EXPECT_EQ(Kiv::attrCount(*p, "rxFilter"), want.size());
+  EXPECT_EQ(Kiv::attrGet(*p, "bpfLen"), std::to_string(want.size()));
+  EXPECT_EQ(Kiv::attrLookup(*p, "rxFilter", "1"), "Value('Wirly::IpFilter', ** {'code': 21, 'jt': 1, 'jf': 0, 'k': 24576})");
+  EXPECT_EQ(Wirly::IpFilter::fromStrep(Kiv::attrLookup(*p, "rxFilter", "1")), want[1]);
+  EXPECT_THROW(Kiv::attrSet(*p, "rxErrors", "0"), Kiv::RangeException);
+  EXPECT_THROW(Kiv::attrSet(*p, "af", "3"), Kiv::Exception);
+  EXPECT_EQ(Kiv::attrGet(*p, "af"), Kiv::valueToStrep(Wirly::ipv4));
+}
+
 }  // namespace
 }  // namespace Routing::Multicast::Notify

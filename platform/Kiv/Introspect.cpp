@@ -1,0 +1,373 @@
+#include "Kiv/Introspect.h"
+
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "Kiv/Dir.h"
+#include "Kiv/Exception.h"
+#include "Kiv/Reflect.h"
+#include "Kiv/Trace.h"
+
+namespace Kiv {
+
+namespace {
+
+TraceHandle introspectTrace("Kiv::Introspect");
+
+// Where a path leads: an entity, or one of its attributes, or one key of a
+// collection attribute.
+struct Target {
+  Ptr<Entity> entity;
+  Attr const* attr = nullptr;
+  std::string key;
+  bool keyed = false;
+};
+
+std::vector<std::string> splitPath(std::string_view path) {
+  std::vector<std::string> out;
+  std::string cur;
+  bool quoted = false;
+  int depth = 0;
+  for (std::size_t i = 0; i < path.size(); ++i) {
+    char c = path[i];
+    if (quoted) {
+      if (c == '\\' && i + 1 < path.size()) {
+        cur += c;
+        cur += path[++i];
+        continue;
+      }
+      if (c == '\'') quoted = false;
+      cur += c;
+      continue;
+    }
+    if (c == '\'') quoted = true;
+    if (c == '(' || c == '{' || c == '[') ++depth;
+    if (c == ')' || c == '}' || c == ']') --depth;
+    if (c == '/' && depth == 0) {
+      if (!cur.empty()) out.push_back(cur);
+      cur.clear();
+      continue;
+    }
+    cur += c;
+  }
+  if (quoted || depth != 0) throw ParseException("unbalanced quote or bracket in path " + std::string(path));
+  if (!cur.empty()) out.push_back(cur);
+  return out;
+}
+
+// A bare quoted segment ('a/b') names a Dir entry or a string key; keys of
+// other types keep their quotes for their own parser.
+std::string entryName(std::string const& seg) {
+  if (seg.size() >= 2 && seg.front() == '\'' && seg.back() == '\'') return ValueTextDetail::unquote(seg);
+  return seg;
+}
+
+// For a write (keyLast), a path's last key stays a key even in a collection
+// of entities, so that an entry can be made or removed.
+Target resolve(Entity const& root, std::string_view path, bool keyLast) {
+  Target t;
+  t.entity = Ptr<Entity>(const_cast<Entity*>(&root));
+  std::string walked;
+  std::vector<std::string> const segs = splitPath(path);
+  for (std::size_t i = 0; i < segs.size(); ++i) {
+    std::string const& seg = segs[i];
+    walked += "/" + seg;
+    if (t.keyed) throw RangeException(walked + ": " + t.attr->name + " entries have nothing below them");
+    if (t.attr == nullptr) {
+      if (auto const* dir = dynamic_cast<Dir const*>(t.entity.ptr()); dir != nullptr) {
+        Ptr<Entity> e = dir->entity(Name(entryName(seg)));
+        if (!e) throw RangeException(walked + ": no such entry");
+        t.entity = e;
+        continue;
+      }
+      Attr const& a = attrOf(*t.entity, seg);
+      if (a.kind == AttrKind::pointer) {
+        Ptr<Entity> e = a.entity(*t.entity);
+        if (!e) throw RangeException(walked + " is None");
+        t.entity = e;
+        continue;
+      }
+      t.attr = &a;
+      continue;
+    }
+    if (t.attr->kind != AttrKind::collection)
+      throw RangeException(walked + ": " + t.attr->name + " is not a collection");
+    if (t.attr->lookupEntity != nullptr && !(keyLast && i + 1 == segs.size())) {
+      if (!t.attr->has(*t.entity, seg)) throw RangeException(walked + ": no such key");
+      t.entity = t.attr->lookupEntity(*t.entity, seg);
+      t.attr = nullptr;
+      continue;
+    }
+    t.key = seg;
+    t.keyed = true;
+  }
+  return t;
+}
+
+std::string jsonString(std::string_view s) {
+  std::string out = "\"";
+  for (char c : s) {
+    switch (c) {
+      case '"':
+        out += "\\\"";
+        break;
+      case '\\':
+        out += "\\\\";
+        break;
+      case '\n':
+        out += "\\n";
+        break;
+      case '\t':
+        out += "\\t";
+        break;
+      default:
+        if (static_cast<unsigned char>(c) < 0x20) {
+          char buf[8];
+          std::snprintf(buf, sizeof buf, "\\u%04x", static_cast<unsigned>(static_cast<unsigned char>(c)));
+          out += buf;
+        } else {
+          out += c;
+        }
+    }
+  }
+  return out + "\"";
+}
+
+// Rows of (name, value) printed as "name\tvalue" lines or one JSON object.
+std::string rows(std::vector<std::pair<std::string, std::string>> const& r, bool json) {
+  std::string out;
+  if (json) {
+    out = "{";
+    for (std::size_t i = 0; i < r.size(); ++i)
+      out += (i ? ", " : "") + jsonString(r[i].first) + ": " + jsonString(r[i].second);
+    return out + "}\n";
+  }
+  for (auto const& [k, v] : r) out += k + "\t" + v + "\n";
+  return out;
+}
+
+std::string listEntity(Entity const& e, bool json) {
+  std::string out = json ? "[" : "";
+  bool first = true;
+  auto row = [&](std::string const& name, std::string_view kind, std::string const& type, bool writable) {
+    if (json) {
+      out += std::string(first ? "" : ", ") + "{\"name\": " + jsonString(name) + ", \"kind\": " + jsonString(kind) +
+             ", \"type\": " + jsonString(type) + ", \"writable\": " + (writable ? "true" : "false") + "}";
+    } else {
+      out += name + "\t" + std::string(kind) + "\t" + type + "\t" + (writable ? "rw" : "ro") + "\n";
+    }
+    first = false;
+  };
+  if (auto const* dir = dynamic_cast<Dir const*>(&e); dir != nullptr) {
+    for (auto const& [name, entity] : *dir)
+      row(name.str(), "entry", entity ? std::string(entity->typeName()) : "None", false);
+  } else {
+    for (Attr const& a : typeInfo(e).attrs()) {
+      std::string type = a.keyType.empty() ? a.valueType : a.keyType + " -> " + a.valueType;
+      row(a.name, attrKindName(a.kind), type, a.writable);
+    }
+  }
+  return json ? out + "]\n" : out;
+}
+
+std::string getEntity(Entity const& e, bool json) {
+  std::vector<std::pair<std::string, std::string>> r;
+  if (auto const* dir = dynamic_cast<Dir const*>(&e); dir != nullptr) {
+    for (auto const& [name, entity] : *dir) r.emplace_back(name.str(), ReflectDetail::entityText(entity.ptr()));
+    return rows(r, json);
+  }
+  for (Attr const& a : typeInfo(e).attrs()) {
+    if (a.get != nullptr) r.emplace_back(a.name, a.get(e));
+    if (a.count != nullptr) r.emplace_back(a.name, std::to_string(a.count(e)) + " entries");
+  }
+  if (!json) return rows(r, false);
+  std::string body = rows(r, true);
+  return "{\"type\": " + jsonString(e.typeName()) + ", \"name\": " + jsonString(e.name().str()) +
+         ", \"attributes\": " + body.substr(0, body.size() - 1) + "}\n";
+}
+
+std::string answerOf(Entity const& root, std::string_view verb, bool json, std::string_view path,
+                     std::string_view arg) {
+  Target t = resolve(root, path, verb == "set" || verb == "del");
+  Entity const& e = *t.entity;
+  if (verb == "ls") {
+    if (t.attr == nullptr) return listEntity(e, json);
+    if (t.attr->kind == AttrKind::collection && !t.keyed) return rows(attrEntries(e, t.attr->name), json);
+    return listEntity(e, json);
+  }
+  if (verb == "get") {
+    if (t.attr == nullptr) return getEntity(e, json);
+    std::string value;
+    if (t.keyed) {
+      value = attrLookup(e, t.attr->name, t.key);
+    } else if (t.attr->kind == AttrKind::collection) {
+      return rows(attrEntries(e, t.attr->name), json);
+    } else if (t.attr->kind == AttrKind::operation) {
+      throw RangeException(t.attr->name + " is an operation: invoke it");
+    } else {
+      value = attrGet(e, t.attr->name);
+    }
+    return json ? jsonString(value) + "\n" : value + "\n";
+  }
+  if (verb == "set") {
+    if (t.attr == nullptr) throw RangeException(std::string(path) + " is an entity: name one of its attributes");
+    if (t.keyed) {
+      attrEntryIs(e, t.attr->name, t.key, arg);
+    } else {
+      attrSet(e, t.attr->name, arg);
+    }
+    return std::string();
+  }
+  if (verb == "del") {
+    if (!t.keyed) throw RangeException(std::string(path) + " is not a collection entry");
+    attrEntryDel(e, t.attr->name, t.key);
+    return std::string();
+  }
+  if (verb == "invoke") {
+    if (t.attr == nullptr || t.keyed) throw RangeException(std::string(path) + " is not an operation");
+    std::string result = attrInvoke(e, t.attr->name, arg);
+    if (result.empty()) return std::string();
+    return json ? jsonString(result) + "\n" : result + "\n";
+  }
+  throw RangeException("unknown verb " + std::string(verb) + " (ls, get, set, del, invoke)");
+}
+
+}  // namespace
+
+std::string Introspect::answer(Entity const& root, std::string_view request) {
+  std::vector<std::string_view> f;
+  std::size_t start = 0;
+  while (f.size() < 3) {
+    std::size_t tab = request.find('\t', start);
+    if (tab == std::string_view::npos) break;
+    f.push_back(request.substr(start, tab - start));
+    start = tab + 1;
+  }
+  f.push_back(request.substr(start));
+  if (f.size() < 3) return "error\nmalformed request: expected verb, format, path and argument\n";
+  if (f[1] != "text" && f[1] != "json") return "error\nunknown format " + std::string(f[1]) + " (text, json)\n";
+  try {
+    return "ok\n" + answerOf(root, f[0], f[1] == "json", f[2], f.size() > 3 ? f[3] : std::string_view());
+  } catch (Exception const& ex) {
+    return "error\n" + std::string(ex.what()) + "\n";
+  }
+}
+
+std::string Introspect::defaultPath(std::string_view agentName) {
+  std::string dir;
+  if (char const* d = std::getenv("KIV_INTROSPECT_DIR"); d != nullptr && *d != '\0') {
+    dir = d;
+  } else {
+    dir = "/tmp/kiv-" + std::to_string(::getuid());
+    if (::mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) throw ErrnoException("mkdir", errno);
+    struct stat st {};
+    // Another user may have made the directory first, to read what we serve.
+    if (::lstat(dir.c_str(), &st) != 0) throw ErrnoException("lstat", errno);
+    if (!S_ISDIR(st.st_mode) || st.st_uid != ::getuid() || (st.st_mode & 077) != 0)
+      throw RangeException(dir + " is not a private directory of this user");
+  }
+  return dir + "/" + std::string(agentName) + ".sock";
+}
+
+Introspect::Introspect(EventLoop& loop, Ptr<Entity> root, std::string path)
+    : loop_(loop), root_(std::move(root)), path_(std::move(path)) {
+  sockaddr_un addr{};
+  if (path_.size() >= sizeof addr.sun_path) throw RangeException("introspection socket path too long: " + path_);
+  addr.sun_family = AF_UNIX;
+  std::memcpy(addr.sun_path, path_.c_str(), path_.size() + 1);
+  listen_ = FileDesc(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  if (!listen_) throw ErrnoException("socket", errno);
+  ::unlink(path_.c_str());
+  // Bind with a closed mask so that no other user can connect between the
+  // bind and a chmod.
+  mode_t const old = ::umask(077);
+  int const rc = ::bind(listen_.fd(), reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+  int const err = errno;
+  ::umask(old);
+  if (rc != 0) throw ErrnoException("bind", err);
+  if (::listen(listen_.fd(), 16) != 0) throw ErrnoException("listen", errno);
+  loop_.readableIs(listen_.fd(), [this] { doAccept(); });
+  KIV_TRACE(introspectTrace, 4, "serving introspection on " << path_);
+}
+
+Introspect::~Introspect() {
+  while (!clients_.empty()) doDrop(clients_.begin()->first);
+  loop_.readableDel(listen_.fd());
+  ::unlink(path_.c_str());
+}
+
+void Introspect::doAccept() {
+  for (;;) {
+    int fd = ::accept4(listen_.fd(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    if (fd < 0) return;
+    FileDesc conn(fd);
+    ucred cred{};
+    socklen_t len = sizeof cred;
+    if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0 || cred.uid != ::getuid()) {
+      ++refused_;
+      KIV_TRACE(introspectTrace, 2, "refused an introspection client of user " << cred.uid);
+      continue;
+    }
+    Client& c = clients_[fd];
+    c.fd = std::move(conn);
+    c.timer = loop_.timerIs(requestTimeout, [this, fd] {
+      clients_[fd].timer = 0;
+      ++refused_;
+      KIV_TRACE(introspectTrace, 2, "dropped an introspection client that sent no request");
+      doDrop(fd);
+    });
+    loop_.readableIs(fd, [this, fd] { doRead(fd); });
+  }
+}
+
+void Introspect::doRead(int fd) {
+  Client& c = clients_[fd];
+  char buf[4096];
+  ssize_t n = ::read(fd, buf, sizeof buf);
+  if (n < 0 && (errno == EAGAIN || errno == EINTR)) return;
+  if (n <= 0) {
+    doDrop(fd);
+    return;
+  }
+  c.in.append(buf, static_cast<std::size_t>(n));
+  std::size_t nl = c.in.find('\n');
+  if (nl == std::string::npos) {
+    if (c.in.size() > maxRequest) {
+      ++refused_;
+      doDrop(fd);
+    }
+    return;
+  }
+  std::string out = answer(*root_, std::string_view(c.in).substr(0, nl));
+  ++requests_;
+  // The answer goes out in this turn; a client that does not read it within
+  // the send timeout loses the rest rather than stall the agent.
+  timeval tv{1, 0};
+  ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
+  c.fd.nonBlockingIs(false);
+  std::size_t sent = 0;
+  while (sent < out.size()) {
+    ssize_t w = ::send(fd, out.data() + sent, out.size() - sent, MSG_NOSIGNAL);
+    if (w < 0 && errno == EINTR) continue;
+    if (w <= 0) break;
+    sent += static_cast<std::size_t>(w);
+  }
+  doDrop(fd);
+}
+
+void Introspect::doDrop(int fd) {
+  auto it = clients_.find(fd);
+  if (it == clients_.end()) return;
+  loop_.readableDel(fd);
+  if (it->second.timer != 0) loop_.timerDel(it->second.timer);
+  clients_.erase(it);
+}
+
+}  // namespace Kiv

@@ -1,0 +1,84 @@
+// Live introspection of a running agent: a Unix socket, served from the
+// agent's own event loop, through which tools (kivctl) list, read, write and
+// invoke every reachable entity's attributes by path.
+//
+//   Kiv::Ptr<Kiv::Dir> root = Kiv::Dir::DirIs("root");
+//   root->entryIs("mfibVornDir", mfibVornDir);
+//   Kiv::Introspect introspect(loop, root, Kiv::Introspect::defaultPath("mfib-agent"));
+//   // $ kivctl --agent mfib-agent get /mfibVornDir/vornColl/default
+//
+// Nothing listens unless the agent builds an Introspect. The socket lies in
+// $KIV_INTROSPECT_DIR, or else /tmp/kiv-<uid>/, a directory only the agent's
+// user may enter; the socket itself is mode 0600 and the server also checks
+// each client's user id (SO_PEERCRED) and refuses any other user.
+//
+// Paths: "/" is the root; a segment names a Kiv::Dir entry, an attribute, or
+// a key of the collection before it (its text form, or a bare word read as a
+// string); an entity reached through a pointer or a collection of entities
+// is walked into. A segment holding '/' is quoted: /status/'a/b'.
+//
+// Protocol, one request per connection: the client sends
+// "verb \t format \t path \t argument \n" (verb ls, get, set, del or invoke;
+// format text or json) and reads until the server closes: a first line "ok"
+// or "error", then the body. A request is answered within the loop's turn
+// that completes it; a client that sends nothing is dropped after
+// requestTimeout seconds, so one stuck tool cannot hold the agent.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <string_view>
+
+#include "Kiv/Entity.h"
+#include "Kiv/EventLoop.h"
+#include "Kiv/FileDesc.h"
+#include "Kiv/Ptr.h"
+
+namespace Kiv {
+
+class Introspect {
+ public:
+  static constexpr double requestTimeout = 2.0;
+  static constexpr std::size_t maxRequest = 64 * 1024;
+
+  // Binds path (replacing a stale socket file) and serves root from loop.
+  // Throws ErrnoException naming the call that failed.
+  Introspect(EventLoop& loop, Ptr<Entity> root, std::string path);
+  ~Introspect();
+  Introspect(Introspect const&) = delete;
+  Introspect& operator=(Introspect const&) = delete;
+
+  std::string const& path() const { return path_; }
+  // Requests answered (with ok or error) and clients refused or dropped.
+  std::uint64_t requests() const { return requests_; }
+  std::uint64_t refused() const { return refused_; }
+
+  // Where an agent called agentName listens; creates the directory (0700)
+  // when it is missing.
+  static std::string defaultPath(std::string_view agentName);
+
+  // The full answer ("ok\n..." or "error\n<message>\n") to one request line
+  // (without its newline), as the socket would send it.
+  static std::string answer(Entity const& root, std::string_view request);
+
+ private:
+  struct Client {
+    FileDesc fd;
+    std::string in;
+    EventLoop::TimerId timer = 0;
+  };
+  void doAccept();
+  void doRead(int fd);
+  void doDrop(int fd);
+
+  EventLoop& loop_;
+  Ptr<Entity> root_;
+  std::string path_;
+  FileDesc listen_;
+  std::map<int, Client> clients_;
+  std::uint64_t requests_ = 0;
+  std::uint64_t refused_ = 0;
+};
+
+}  // namespace Kiv

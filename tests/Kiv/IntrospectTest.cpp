@@ -1,0 +1,82 @@
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <map>
+#include <string>
+
+#include "Kiv/Dir.h"
+#include "Kiv/Introspect.h"
+#include "Kiv/Reflect.h"
+
+namespace {
+
+// A directory of hosts, each with a collection of strings keyed by string.
+class Host : public Kiv::Entity {
+ public:
+  class NotifieeConst : public Kiv::NotifieeConstBase<Host> {
+   public:
+    virtual void onMtu() {}
+  };
+  explicit Host(Kiv::Name n) : Kiv::Entity(std::move(n)) {}
+
+  KIV_REFLECT_BEGIN(Host, "KivTest::Host")
+  KIV_ATTR(std::uint32_t, mtu, onMtu, 1500)
+  std::string route(std::string const& k) const {
+    auto it = route_.find(k);
+    return it == route_.end() ? std::string() : it->second;
+  }
+  void routeIs(std::string const& k, std::string const& v) { route_[k] = v; }
+  void routeDel(std::string const& k) { route_.erase(k); }
+  KIV_REFLECT_COLLECTION(route, std::string, route_.size(), route_)
+  Kiv::Ptr<Host> peer() const { return peer_; }
+  void peerIs(Kiv::Ptr<Host> const& p) { peer_ = p; }
+  KIV_REFLECT_SCALAR(peer)
+  KIV_REFLECT_END
+
+ private:
+  std::map<std::string, std::string> route_;
+  Kiv::Ptr<Host> peer_;
+};
+
+class IntrospectAnswer : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    root->entryIs("a/b", a);
+    root->entryIs("b", b);
+    a->peerIs(b);
+    b->routeIs("10.0.0.0/8", "eth1");
+  }
+  std::string ask(std::string const& req) { return Kiv::Introspect::answer(*root, req); }
+
+  Kiv::Ptr<Kiv::Dir> root = Kiv::Dir::DirIs("root");
+  Kiv::Ptr<Host> a = new Host("a");
+  Kiv::Ptr<Host> b = new Host("b");
+};
+
+TEST_F(IntrospectAnswer, PathsWalkDirEntriesPointersAndQuotedSegments) {
+  EXPECT_EQ(ask("ls\ttext\t/\t"), "ok\na/b\tentry\tKivTest::Host\tro\nb\tentry\tKivTest::Host\tro\n");
+  EXPECT_EQ(ask("get\ttext\t/'a/b'/mtu\t"), "ok\n1500\n");
+  EXPECT_EQ(ask("get\ttext\t/'a/b'/peer/route/'10.0.0.0/8'\t"), "ok\n'eth1'\n");
+  EXPECT_EQ(ask("get\tjson\t/b/route\t"), "ok\n{\"'10.0.0.0/8'\": \"'eth1'\"}\n");
+  EXPECT_EQ(ask("set\ttext\t/b/route/'192.168.0.0/16'\t'eth2'"), "ok\n");
+  EXPECT_EQ(b->route("192.168.0.0/16"), "eth2");
+  EXPECT_EQ(ask("del\ttext\t/b/route/'192.168.0.0/16'\t"), "ok\n");
+  EXPECT_EQ(ask("set\ttext\t/b/mtu\t9000"), "ok\n");
+  EXPECT_EQ(b->mtu(), 9000u);
+}
+
+TEST_F(IntrospectAnswer, BadRequestsAreAnsweredWithAnErrorNeverAThrow) {
+  EXPECT_EQ(ask("get\ttext\t/b/mtu/x\t"), "error\n/b/mtu/x: mtu is not a collection\n");
+  EXPECT_EQ(ask("get\ttext\t/b/peer\t"), "error\n/b/peer is None\n");
+  EXPECT_EQ(ask("get\ttext\t/c\t"), "error\n/c: no such entry\n");
+  EXPECT_EQ(ask("get\ttext\t/b/nosuch\t"), "error\nKivTest::Host has no attribute nosuch\n");
+  EXPECT_EQ(ask("get\ttext\t/'b\t"), "error\nunbalanced quote or bracket in path /'b\n");
+  EXPECT_EQ(ask("set\ttext\t/b\t1"), "error\n/b is an entity: name one of its attributes\n");
+  EXPECT_EQ(ask("set\ttext\t/b/mtu\t-1").rfind("error\nKivTest::Host::mtu: ", 0), 0u);
+  EXPECT_EQ(ask("frob\ttext\t/\t"), "error\nunknown verb frob (ls, get, set, del, invoke)\n");
+  EXPECT_EQ(ask("get\txml\t/\t"), "error\nunknown format xml (text, json)\n");
+  EXPECT_EQ(ask("get /"), "error\nmalformed request: expected verb, format, path and argument\n");
+  EXPECT_EQ(b->mtu(), 1500u);
+}
+
+}  // namespace

@@ -1,0 +1,142 @@
+// kivctl against a live agent process: the child serves a bit mapper and an
+// MFIB directory from its event loop, the test runs the real kivctl.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "BitMapper/BitMapper.h"
+#include "Kiv/Dir.h"
+#include "Kiv/EventLoop.h"
+#include "Kiv/Introspect.h"
+#include "Mfib/MfibVorn.h"
+
+namespace {
+
+struct Outcome {
+  int status;
+  std::string out;
+};
+
+Outcome kivctl(std::string const& args) {
+  std::string cmd = std::string(KIVCTL_PATH) + " " + args + " 2>&1";
+  FILE* p = ::popen(cmd.c_str(), "r");
+  Outcome r{-1, {}};
+  char buf[4096];
+  std::size_t n;
+  while ((n = std::fread(buf, 1, sizeof buf, p)) > 0) r.out.append(buf, n);
+  int st = ::pclose(p);
+  r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+  return r;
+}
+
+class KivctlTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char tmpl[] = "/tmp/kivctl-test.XXXXXX";
+    ASSERT_NE(::mkdtemp(tmpl), nullptr);
+    dir = tmpl;
+    ::setenv("KIV_INTROSPECT_DIR", dir.c_str(), 1);
+    int ready[2];
+    ASSERT_EQ(::pipe(ready), 0);
+    child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+      ::close(ready[0]);
+      serve(ready[1]);
+      ::_exit(0);
+    }
+    ::close(ready[1]);
+    char c = 0;
+    ASSERT_EQ(::read(ready[0], &c, 1), 1);
+    ::close(ready[0]);
+  }
+  void TearDown() override {
+    ::kill(child, SIGTERM);
+    int st = 0;
+    ::waitpid(child, &st, 0);
+    std::string cmd = "rm -rf " + dir;
+    ASSERT_EQ(std::system(cmd.c_str()), 0);
+  }
+
+  // The agent: runs until killed.
+  static void serve(int readyFd) {
+    Kiv::EventLoop loop;
+    auto root = Kiv::Dir::DirIs("root");
+    auto vornDir = Vorn::Multicast::Fib::mfibVornDirFactory();
+    vornDir->vornCollIs(L3::VrfName("default"));
+    vornDir->vornCollIs(L3::VrfName("red"));
+    root->entryIs("mfibVornDir", vornDir);
+    auto config = BitMapper::configFactory(4, 0);
+    root->entryIs("bitMapperConfig", config);
+    Kiv::Introspect introspect(loop, root, Kiv::Introspect::defaultPath("agent"));
+    char c = 'r';
+    if (::write(readyFd, &c, 1) != 1) ::_exit(3);
+    ::close(readyFd);
+    for (;;) loop.runOnce(-1);
+  }
+
+  std::string dir;
+  pid_t child = -1;
+};
+
+TEST_F(KivctlTest, ListsGetsSetsAndRefusesThroughALiveAgent) {
+  Outcome r = kivctl("--agent agent ls /");
+  EXPECT_EQ(r.status, 0) << r.out;
+  EXPECT_EQ(
+      r.out,
+      "bitMapperConfig\tentry\tBitMapper::Config\tro\nmfibVornDir\tentry\tVorn::Multicast::Fib::MfibVornDir\tro\n");
+  r = kivctl("--agent agent get /mfibVornDir/vornColl/default");
+  EXPECT_EQ(r.status, 0) << r.out;
+  EXPECT_EQ(r.out, "vrfName\t'default'\nvornPtr\t0 entries\n");
+  r = kivctl("--agent agent --json get /mfibVornDir/vornColl/red");
+  EXPECT_EQ(r.out,
+            "{\"type\": \"Vorn::Multicast::Fib::MfibVornColl\", \"name\": \"red\", \"attributes\": "
+            "{\"vrfName\": \"'red'\", \"vornPtr\": \"0 entries\"}}\n");
+  r = kivctl("--agent agent ls /mfibVornDir/vornColl");
+  EXPECT_NE(r.out.find("'red'\tEntity('Vorn::Multicast::Fib::MfibVornColl', 'red')\n"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("'default'\tEntity('Vorn::Multicast::Fib::MfibVornColl', 'default')\n"), std::string::npos);
+
+  // A write by name reaches the agent's entity and stays.
+  EXPECT_EQ(kivctl("--agent agent set /bitMapperConfig/bitMapMinIndex 10").status, 0);
+  EXPECT_EQ(kivctl("--agent agent get /bitMapperConfig/bitMapMinIndex").out, "10\n");
+  EXPECT_EQ(kivctl("--agent agent set /mfibVornDir/vornColl/blue None").status, 0);
+  EXPECT_EQ(kivctl("--agent agent get /mfibVornDir/vornColl/blue/vrfName").out, "'blue'\n");
+  EXPECT_EQ(kivctl("--agent agent del /mfibVornDir/vornColl/blue").status, 0);
+  EXPECT_EQ(kivctl("--agent agent get /mfibVornDir/vornColl/blue").status, 1);
+
+  r = kivctl("--agent agent set /bitMapperConfig/bitMapSize 8");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.out, "kivctl: BitMapper::Config::bitMapSize is read-only\n");
+  r = kivctl("--agent agent set /bitMapperConfig/bitMapMinIndex ten");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.out.find("BitMapper::Config::bitMapMinIndex: "), std::string::npos) << r.out;
+  r = kivctl("--agent agent get /nosuch");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.out, "kivctl: /nosuch: no such entry\n");
+  r = kivctl("--agent nobody ls /");
+  EXPECT_EQ(r.status, 2);
+  EXPECT_NE(r.out.find("cannot reach the agent"), std::string::npos);
+  EXPECT_EQ(kivctl("--help").status, 0);
+  EXPECT_EQ(kivctl("--agent agent frob /").status, 2);
+}
+
+TEST_F(KivctlTest, AClientThatSendsNothingDoesNotHoldTheAgent) {
+  int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  std::string path = dir + "/agent.sock";
+  std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
+  ASSERT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+  // The silent client is still connected; another is served meanwhile.
+  EXPECT_EQ(kivctl("--agent agent get /bitMapperConfig/bitMapSize").out, "4\n");
+  ::close(fd);
+}
+
+}  // namespace
