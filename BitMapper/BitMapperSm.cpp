@@ -198,7 +198,10 @@ bool BitMapperSm::reviewKeyWaitlist() {
     WaitlistMap record;
     for (bool more = table.first(key, record, hint); more; more = table.next(key, key, record, hint)) {
       BitIndex const bitIndex = status_->bitIndex(key);
+      // The assertion's text is what operators grep for: keep its spelling.
+      // clang-format off
       KIV_ASSERT(bitIndex >= BitIndex( maxBitIndex() ));
+      // clang-format on
       if (!doAllocBitIndex(key).isValid()) return false;
       vornStatus_->waitlistMapDel(key);
     }
