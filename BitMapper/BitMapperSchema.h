@@ -172,9 +172,8 @@ class VornStatus : public Vorn::Status {
 
   BitIndexMapTable bitIndexMap_{this, "bitIndexMap", bitIndexMapDefaultCapacity,
                                 [this](BitIndex const& i) { notify(IndexHook(&NotifieeConst::onBitIndexMap), i); }};
-  WaitlistMapTable waitlistMap_{this, "waitlistMap", waitlistMapDefaultCapacity, [this](BitMapperKey const& k) {
-                                  notify(KeyHook(&NotifieeConst::onWaitlistMap), k);
-                                }};
+  WaitlistMapTable waitlistMap_{this, "waitlistMap", waitlistMapDefaultCapacity,
+                                [this](BitMapperKey const& k) { notify(KeyHook(&NotifieeConst::onWaitlistMap), k); }};
 };
 
 // Makes the status mountable by its type name in every process that links

@@ -81,7 +81,9 @@ void BitMapperSm::doFillFreePool(std::uint32_t min, std::uint32_t max, bool skip
 }
 
 void BitMapperSm::handleInitialized() {
-  KIV_TRACE(th, 9, "handleInitialized" << "(): Initializing ");
+  KIV_TRACE(th, 9,
+            "handleInitialized"
+                << "(): Initializing ");
   if (initialized_) return;
   KIV_ASSERT(config()->bitMapSize());
   if (pool_.empty()) {
@@ -104,8 +106,12 @@ void BitMapperSm::handleInitialized() {
 }
 
 void BitMapperSm::handleBitMapMinIndex() {
-  KIV_TRACE(th, 9, "handleBitMapMinIndex" << "()");
-  KIV_TRACE(th, 8, "handleBitMapMinIndex" << "(): FreePool size: " << bitIndexFreePools());
+  KIV_TRACE(th, 9,
+            "handleBitMapMinIndex"
+                << "()");
+  KIV_TRACE(th, 8,
+            "handleBitMapMinIndex"
+                << "(): FreePool size: " << bitIndexFreePools());
   KIV_ASSERT(bitIndexFreePools() == config()->bitMapSize());
   bitIndexFreePoolDelAll();
   std::uint32_t min = config_->bitMapMinIndex();
@@ -146,7 +152,9 @@ BitIndex BitMapperSm::doAllocBitIndex(BitMapperKey const& bitMapperKey) {
 void BitMapperSm::handleAllocRequestCount() {
   BitMapperKey const key = config_->allocRequestKey();
   BitIndex const index = doAllocBitIndex(key);
-  KIV_TRACE(th, 9, "handleAllocRequestCount" << "Allocate index " << index);
+  KIV_TRACE(th, 9,
+            "handleAllocRequestCount"
+                << "Allocate index " << index);
   if (index.isValid()) return;
   WaitlistMap wm = doLookup(key);
   if (wm == WaitlistMap()) {

@@ -133,8 +133,9 @@ class DirPublisher : public Kiv::PtrInterface, public MfibDir::NotifieeConst {
 
   void write(MfibDirColl const& coll) {
     if (!MfibDirUrl::fits(coll.vornUrl()) || !MfibDirUrl::fits(coll.bitMapperVornUrl())) {
-      KIV_TRACE(th, 1, "MfibDir " << notifier()->name() << ": announcement for vrf " << coll.vrfName()
-                                  << " not shared: a URL is longer than " << MfibDirUrl::maxLength << " bytes");
+      KIV_TRACE(th, 1,
+                "MfibDir " << notifier()->name() << ": announcement for vrf " << coll.vrfName()
+                           << " not shared: a URL is longer than " << MfibDirUrl::maxLength << " bytes");
       return;
     }
     table_->dirCollIs(recordOf(coll));
@@ -197,9 +198,8 @@ Stelo::SharedDirEntryType::Binding followDir(Kiv::Ptr<Kiv::Entity> const& e, Kiv
 }  // namespace
 
 MfibDirRegistrar::MfibDirRegistrar() {
-  Kiv::Dir::typeIs(MfibDir::typeNameText, [](Kiv::Name const& name) -> Kiv::Ptr<Kiv::Entity> {
-    return MfibDir::MfibDirIs(name);
-  });
+  Kiv::Dir::typeIs(MfibDir::typeNameText,
+                   [](Kiv::Name const& name) -> Kiv::Ptr<Kiv::Entity> { return MfibDir::MfibDirIs(name); });
   Stelo::SharedDirEntryType::typeIs(
       MfibDir::typeNameText,
       Stelo::SharedDirEntryType{MfibDirStatus::typeNameText, publishDir, followDir, [](Kiv::Ptr<Kiv::Entity> const& e) {

@@ -112,8 +112,9 @@ void MfibDirSm::handleInitialized() {
 }
 
 void MfibDirSm::handleMfibDir(Kiv::Name const& name) {
-  KIV_TRACE(th, 9, "void Vorn::Multicast::Fib::MfibDirSm::handleMfibDir(Kiv::Name)"
-                       << "( " << name << " )");
+  KIV_TRACE(th, 9,
+            "void Vorn::Multicast::Fib::MfibDirSm::handleMfibDir(Kiv::Name)"
+                << "( " << name << " )");
   Kiv::Ptr<MfibDir const> appDir = Kiv::ptrCast<MfibDir const>(Kiv::Ptr<Kiv::Entity const>(mfibDir_->entity(name)));
   if (appDir) {
     KIV_TRACE(th, 8, "Created Mfib directory " << name);
@@ -130,8 +131,9 @@ void MfibDirSm::handleMfibDir(Kiv::Name const& name) {
 }
 
 void MfibDirSm::handleMountPoint(Kiv::Name const& name, L3::VrfName const& vrf) {
-  KIV_TRACE(th, 9, "void Vorn::Multicast::Fib::MfibDirSm::handleMountPoint(Kiv::Name, L3::VrfName)"
-                       << " App: " << name << " Vrf: " << vrf);
+  KIV_TRACE(th, 9,
+            "void Vorn::Multicast::Fib::MfibDirSm::handleMountPoint(Kiv::Name, L3::VrfName)"
+                << " App: " << name << " Vrf: " << vrf);
   KIV_ASSERT(name && "Need a valid name supplied");
   Kiv::Ptr<MfibDir const> appDir = Kiv::ptrCast<MfibDir const>(Kiv::Ptr<Kiv::Entity const>(mfibDir_->entity(name)));
   KIV_ASSERT(appDir);
@@ -149,12 +151,15 @@ void MfibDirSm::handleMountPoint(Kiv::Name const& name, L3::VrfName const& vrf) 
   Kiv::Ptr<MfibVornColl> vornColl = mfibVornDir_->vornCollIs(vrf);
   Kiv::Ptr<Status> table = Kiv::ptrCast<Status>(mount.getEntity(url));
   std::string const bitMapperUrl = coll->bitMapperVornUrl();
-  KIV_TRACE(th, 4, "handleMountPoint" << " bitMapperUrl " << bitMapperUrl);
+  KIV_TRACE(th, 4,
+            "handleMountPoint"
+                << " bitMapperUrl " << bitMapperUrl);
   if (!bitMapperUrl.empty()) {
     mount.doMount(bitMapperUrl, bitMapperTypeName, KivVorn::MountInfo(KivVorn::MountInfo::reader));
     Kiv::Ptr<BitMapper::VornStatus> bitMapper = Kiv::ptrCast<BitMapper::VornStatus>(mount.getEntity(bitMapperUrl));
-    KIV_TRACE(th, 4, "handleMountPoint" << " bitMapper " << bitMapperUrl << " ptr: "
-                                        << static_cast<void const*>(bitMapper.ptr()));
+    KIV_TRACE(th, 4,
+              "handleMountPoint"
+                  << " bitMapper " << bitMapperUrl << " ptr: " << static_cast<void const*>(bitMapper.ptr()));
     BRISKLOG("MfibDirSm", "handleMountPoint Mounting %s Bitmapper vorn table for VRF %s", bitMapperUrl, vrf.view());
     if (table) table->bitMapperVornStatusIs(bitMapper);
   }
@@ -228,8 +233,10 @@ void MfibDirSm::KivAppDir::KivMfibColl::onVornUrl() { owner_->handleMountPoint(a
 void MfibDirSm::KivAppDir::KivMfibColl::onBitMapperVornUrl() { owner_->handleMountPoint(appName_, vrf_); }
 
 void MfibDirSm::KivAppDir::KivMfibColl::handleDel() {
-  KIV_TRACE(th, 9, "void Vorn::Multicast::Fib::MfibDirSm::KivAppDir::KivMfibColl::handleDel()"
-                       << "( " << vrf_ << " )" << " for app " << appName_);
+  KIV_TRACE(th, 9,
+            "void Vorn::Multicast::Fib::MfibDirSm::KivAppDir::KivMfibColl::handleDel()"
+                << "( " << vrf_ << " )"
+                << " for app " << appName_);
   std::string const url = notifier()->vornUrl();
   KIV_TRACE(th, 4, "UnMounting " << url << " Mfib vorn table for VRF " << vrf_);
   KivVorn::Mount mount(owner_->entityManager());
@@ -241,8 +248,7 @@ void MfibDirSm::KivAppDir::KivMfibColl::handleDel() {
   if (vornColl && vornColl->vornPtrs() == 0) vornDir->vornCollDel(vrf_);
 }
 
-Kiv::Ptr<MfibDirSm> mfibDirSmFactory(Kiv::Ptr<Kiv::Dir const> const& mfibDir,
-                                     Kiv::Ptr<MfibVornDir> const& mfibVornDir,
+Kiv::Ptr<MfibDirSm> mfibDirSmFactory(Kiv::Ptr<Kiv::Dir const> const& mfibDir, Kiv::Ptr<MfibVornDir> const& mfibVornDir,
                                      Kiv::Ptr<Stelo::EntityManager> const& entityManager) {
   return MfibDirSm::MfibDirSmIs(mfibDir, mfibVornDir, entityManager);
 }

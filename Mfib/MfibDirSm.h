@@ -146,8 +146,7 @@ class MfibDirSm : public Kiv::Entity {
   Kiv::Ptr<KivMfibDir> kivMfibDir_;
 };
 
-Kiv::Ptr<MfibDirSm> mfibDirSmFactory(Kiv::Ptr<Kiv::Dir const> const& mfibDir,
-                                     Kiv::Ptr<MfibVornDir> const& mfibVornDir,
+Kiv::Ptr<MfibDirSm> mfibDirSmFactory(Kiv::Ptr<Kiv::Dir const> const& mfibDir, Kiv::Ptr<MfibVornDir> const& mfibVornDir,
                                      Kiv::Ptr<Stelo::EntityManager> const& entityManager);
 
 }  // namespace Vorn::Multicast::Fib

@@ -4,11 +4,11 @@
 #include <vector>
 
 #include "Brisklog/Brisklog.h"
+#include "Kiv/Assert.h"
 #include "Kiv/CollectionAttr.h"
 #include "Kiv/Hash.h"
 #include "Kiv/Trace.h"
 #include "Kiv/ValueText.h"
-#include "Kiv/Assert.h"
 #include "Mfib/MfibVornCollRouteIteratorConst.h"
 #include "Stelo/Mount.h"
 #include "Wirly/BrisklogArg.h"
@@ -163,7 +163,7 @@ std::ostream& operator<<(std::ostream& os, MfibVornDirRouteKey const& k) { retur
 // ---- OrderRouteSm
 
 Kiv::Ptr<OrderRouteSm> OrderRouteSm::OrderRouteSmIs(Kiv::Ptr<MfibVornColl const> const& vornColl,
-                                                     Kiv::Ptr<RouteOrderedCollection> const& routeOrdered) {
+                                                    Kiv::Ptr<RouteOrderedCollection> const& routeOrdered) {
   Kiv::Ptr<OrderRouteSm> sm = new OrderRouteSm(vornColl, routeOrdered);
   sm->handleInitialized();
   return sm;
@@ -312,9 +312,8 @@ void OrderRouteSm::KivMfibVorn::handleRouteChanged(IpGenRouteKey const& key) {
   Status const* const owner = coll->vornKey(key);
   if (current == owner) return;
   KIV_TRACE(th, 2, "Route entry updated for key " << SourceGroup{key} << ")");
-  BRISKLOG("OrderRouteSm", "(%s/%u, %s/%u): best route now from table %s", key.source().address(),
-           key.source().len(), key.group().address(), key.group().len(),
-           owner != nullptr ? owner->name() : Kiv::Name());
+  BRISKLOG("OrderRouteSm", "(%s/%u, %s/%u): best route now from table %s", key.source().address(), key.source().len(),
+           key.group().address(), key.group().len(), owner != nullptr ? owner->name() : Kiv::Name());
   ordered.routeIs(key, owner);
 }
 
@@ -380,15 +379,14 @@ void ModalOrderRouteSm::handleRouteChanged(IpGenRouteKey const& key) {
   if (!mfibVorn_ || safeRoute(*mfibVorn_, key) == Route()) {
     KIV_TRACE(th, 2, "Route entry deleted for key " << SourceGroup{key});
     BRISKLOG("ModalOrderRouteSm", "(%s/%u, %s/%u): route gone from table %s", key.source().address(),
-             key.source().len(), key.group().address(), key.group().len(),
-             mfibVorn_ ? mfibVorn_->name() : Kiv::Name());
+             key.source().len(), key.group().address(), key.group().len(), mfibVorn_ ? mfibVorn_->name() : Kiv::Name());
     routeOrdered_->routeDel(key);
     return;
   }
   if (routeOrdered_->route(key) == std::optional<bool>(true)) return;
   KIV_TRACE(th, 2, "Route entry added for key " << SourceGroup{key} << ")");
-  BRISKLOG("ModalOrderRouteSm", "(%s/%u, %s/%u): route added from table %s", key.source().address(),
-           key.source().len(), key.group().address(), key.group().len(), mfibVorn_->name());
+  BRISKLOG("ModalOrderRouteSm", "(%s/%u, %s/%u): route added from table %s", key.source().address(), key.source().len(),
+           key.group().address(), key.group().len(), mfibVorn_->name());
   routeOrdered_->routeIs(key, true);
 }
 
@@ -454,7 +452,8 @@ struct OpArgs {
   Kiv::String const& app;
 };
 std::ostream& operator<<(std::ostream& os, OpArgs const& a) {
-  return os << "( " << a.vrf << ", " << a.url << " )" << " for app " << a.app;
+  return os << "( " << a.vrf << ", " << a.url << " )"
+            << " for app " << a.app;
 }
 }  // namespace
 
@@ -469,7 +468,9 @@ Kiv::Ptr<MfibDirWriter> MfibDirWriter::MfibDirWriterIs(Kiv::String const& appNam
 Kiv::Ptr<MfibDir> MfibDirWriter::appDir() const { return Kiv::ptrCast<MfibDir>(mfibDir_->entity(appName_)); }
 
 void MfibDirWriter::handleInitialized() {
-  KIV_TRACE(th, 9, "void Vorn::Multicast::Fib::MfibDirWriter::handleInitialized()" << " for app " << appName_);
+  KIV_TRACE(th, 9,
+            "void Vorn::Multicast::Fib::MfibDirWriter::handleInitialized()"
+                << " for app " << appName_);
   Kiv::Ptr<MfibDir> dir = Kiv::ptrCast<MfibDir>(mfibDir_->entryIs(appName_, MfibDir::typeNameText));
   KIV_ASSERT(dir);
   dir->dirCollIs(L3::VrfName::defaultVrf());
@@ -478,8 +479,10 @@ void MfibDirWriter::handleInitialized() {
 }
 
 Kiv::Ptr<Status> MfibDirWriter::mfibVorn(Kiv::String const& url) const {
-  KIV_TRACE(th, 9, "Vorn::Multicast::Fib::Status::Ptr Vorn::Multicast::Fib::MfibDirWriter::mfibVorn(Kiv::String)"
-                       << "( " << url << " )" << " for app " << appName_);
+  KIV_TRACE(th, 9,
+            "Vorn::Multicast::Fib::Status::Ptr Vorn::Multicast::Fib::MfibDirWriter::mfibVorn(Kiv::String)"
+                << "( " << url << " )"
+                << " for app " << appName_);
   return Kiv::ptrCast<Status>(KivVorn::Mount(entityManager_).getEntity(url));
 }
 
@@ -517,8 +520,9 @@ Kiv::Ptr<Status> MfibDirWriter::doAddVorn(L3::VrfName const& vrf, Kiv::String co
 }
 
 void MfibDirWriter::doDelVorn(L3::VrfName const& vrf, Kiv::String const& url) {
-  KIV_TRACE(th, 9, "void Vorn::Multicast::Fib::MfibDirWriter::doDelVorn(L3::VrfName, Kiv::String)"
-                       << (OpArgs{vrf, url, appName_}));
+  KIV_TRACE(
+      th, 9,
+      "void Vorn::Multicast::Fib::MfibDirWriter::doDelVorn(L3::VrfName, Kiv::String)" << (OpArgs{vrf, url, appName_}));
   KivVorn::Mount mount(entityManager_);
   Kiv::Ptr<Status> table = Kiv::ptrCast<Status>(mount.getEntity(url));
   Kiv::Ptr<MfibVornColl> coll = mfibVornDir_->vornColl(vrf);
@@ -539,7 +543,8 @@ void MfibDirWriter::doDelVorn(L3::VrfName const& vrf, Kiv::String const& url) {
 Kiv::Ptr<BitMapper::VornStatus> MfibDirWriter::mfibBitMapperVorn(Kiv::String const& url) const {
   KIV_TRACE(th, 9,
             "BitMapper::VornStatus::Ptr Vorn::Multicast::Fib::MfibDirWriter::mfibBitMapperVorn(Kiv::String)"
-                << "( " << url << " )" << " for app " << appName_);
+                << "( " << url << " )"
+                << " for app " << appName_);
   return Kiv::ptrCast<BitMapper::VornStatus>(KivVorn::Mount(entityManager_).getEntity(url));
 }
 
@@ -566,8 +571,9 @@ Kiv::Ptr<BitMapper::VornStatus> MfibDirWriter::doAddBitMapperVorn(L3::VrfName co
 }
 
 void MfibDirWriter::doDelBitMapperVorn(L3::VrfName const& vrf, Kiv::String const& url) {
-  KIV_TRACE(th, 9, "void Vorn::Multicast::Fib::MfibDirWriter::doDelBitMapperVorn(L3::VrfName, Kiv::String)"
-                       << (OpArgs{vrf, url, appName_}));
+  KIV_TRACE(th, 9,
+            "void Vorn::Multicast::Fib::MfibDirWriter::doDelBitMapperVorn(L3::VrfName, Kiv::String)"
+                << (OpArgs{vrf, url, appName_}));
   KivVorn::Mount mount(entityManager_);
   mount.doUnmount(url);
   if (Kiv::Ptr<MfibDir> dir = appDir()) {
@@ -578,9 +584,7 @@ void MfibDirWriter::doDelBitMapperVorn(L3::VrfName const& vrf, Kiv::String const
 
 // ---- factories
 
-Kiv::Ptr<MfibVornColl> mfibVornCollFactory(L3::VrfName const& vrfName) {
-  return MfibVornColl::MfibVornCollIs(vrfName);
-}
+Kiv::Ptr<MfibVornColl> mfibVornCollFactory(L3::VrfName const& vrfName) { return MfibVornColl::MfibVornCollIs(vrfName); }
 Kiv::Ptr<MfibVornDir> mfibVornDirFactory() { return MfibVornDir::MfibVornDirIs(); }
 Kiv::Ptr<VrfStatus> vrfStatusFactory() { return VrfStatus::VrfStatusIs(); }
 Kiv::Ptr<OrderRouteSm> orderRouteSmFactory(Kiv::Ptr<MfibVornColl const> const& vornColl,

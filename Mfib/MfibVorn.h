@@ -62,7 +62,9 @@ class VornPtrList {
   const_iterator end() const { return entries_.end(); }
   std::size_t size() const { return entries_.size(); }
   bool empty() const { return entries_.empty(); }
-  iterator find(key_type k) { return std::find_if(begin(), end(), [k](value_type const& e) { return e.first == k; }); }
+  iterator find(key_type k) {
+    return std::find_if(begin(), end(), [k](value_type const& e) { return e.first == k; });
+  }
   const_iterator find(key_type k) const {
     return std::find_if(begin(), end(), [k](value_type const& e) { return e.first == k; });
   }
@@ -374,9 +376,12 @@ class MfibDirWriter : public Kiv::Entity {
   void doDelBitMapperVorn(L3::VrfName const& vrf, Kiv::String const& url);
 
  private:
-  MfibDirWriter(Kiv::String const& appName, Kiv::Ptr<Kiv::Dir> const& mfibDir,
-                Kiv::Ptr<MfibVornDir> const& mfibVornDir, Kiv::Ptr<Stelo::EntityManager> const& entityManager)
-      : Kiv::Entity(appName), appName_(appName), mfibDir_(mfibDir), mfibVornDir_(mfibVornDir),
+  MfibDirWriter(Kiv::String const& appName, Kiv::Ptr<Kiv::Dir> const& mfibDir, Kiv::Ptr<MfibVornDir> const& mfibVornDir,
+                Kiv::Ptr<Stelo::EntityManager> const& entityManager)
+      : Kiv::Entity(appName),
+        appName_(appName),
+        mfibDir_(mfibDir),
+        mfibVornDir_(mfibVornDir),
         entityManager_(entityManager) {}
 
   Kiv::String const appName_;

@@ -32,13 +32,20 @@ typename Table::Record findOrAbsent(Table const& table, typename Table::Key cons
 
 std::ostream& operator<<(std::ostream& os, RouteIntfRole r) {
   switch (r) {
-    case RouteIntfRole::none: return os << "none";
-    case RouteIntfRole::specialIntf1: return os << "specialIntf1";
-    case RouteIntfRole::specialIntf3: return os << "specialIntf3";
-    case RouteIntfRole::oif: return os << "oif";
-    case RouteIntfRole::specialIntf1Alt: return os << "specialIntf1Alt";
-    case RouteIntfRole::specialIntf4: return os << "specialIntf4";
-    case RouteIntfRole::specialIntf2: return os << "specialIntf2";
+    case RouteIntfRole::none:
+      return os << "none";
+    case RouteIntfRole::specialIntf1:
+      return os << "specialIntf1";
+    case RouteIntfRole::specialIntf3:
+      return os << "specialIntf3";
+    case RouteIntfRole::oif:
+      return os << "oif";
+    case RouteIntfRole::specialIntf1Alt:
+      return os << "specialIntf1Alt";
+    case RouteIntfRole::specialIntf4:
+      return os << "specialIntf4";
+    case RouteIntfRole::specialIntf2:
+      return os << "specialIntf2";
   }
   return os << "RouteIntfRole(" << unsigned(r) << ")";
 }
@@ -47,9 +54,8 @@ bool RouteIntfIteratorBase::nextSpecial() {
   if (!specialIntf1Visited_) {
     specialIntf1Visited_ = true;
     if (!route_.specialIntf1().empty()) {
-      RouteIntfRole const role = (route_.flags() & Route::flagSpecialIntf1Alt)
-                                     ? RouteIntfRole::specialIntf1Alt
-                                     : RouteIntfRole::specialIntf1;
+      RouteIntfRole const role =
+          (route_.flags() & Route::flagSpecialIntf1Alt) ? RouteIntfRole::specialIntf1Alt : RouteIntfRole::specialIntf1;
       itemIs(role, route_.specialIntf1(), OifIndex::end());
       return true;
     }
@@ -133,7 +139,8 @@ void RouteIntfIteratorConst::next() {
     if (version != route_.version()) {
       BRISKLOG("RouteIntfIteratorConst", "next(): route version mismatch %u!=%u", version, route_.version());
       KIV_TRACE(th, kAnomalyLevel,
-                "next" << "(): route version mismatch " << version << "!=" << route_.version());
+                "next"
+                    << "(): route version mismatch " << version << "!=" << route_.version());
       mappingMissing_ = true;
       doneIs();
       return;
@@ -164,8 +171,7 @@ void CachedMapRouteIntfIteratorConst::next() {
       itemIs(RouteIntfRole::oif, found->second, cur);
       return;
     }
-    BRISKLOG("RouteIntfIteratorConst", "CachedMapRouteIntfIterator: missing intf mapping from cache: %u",
-             cur.value());
+    BRISKLOG("RouteIntfIteratorConst", "CachedMapRouteIntfIterator: missing intf mapping from cache: %u", cur.value());
     KIV_TRACE(th, kAnomalyLevel, "CachedMapRouteIntfIterator: missing intf mapping from cache: " << cur);
     mappingMissing_ = true;
   }

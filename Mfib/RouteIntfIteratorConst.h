@@ -56,7 +56,7 @@ enum class RouteIntfRole : std::uint8_t {
   none = 0,  // no current item: before the first next(), and once done
   specialIntf1 = 2,
   specialIntf3 = 4,
-  oif = 5,  // an outgoing interface resolved from an OifIndex
+  oif = 5,               // an outgoing interface resolved from an OifIndex
   specialIntf1Alt = 10,  // special interface 1 of a route with flag bit 0 set
   specialIntf4 = 16,
   specialIntf2 = 32,
@@ -122,8 +122,7 @@ class RouteIntfIteratorConst : public RouteIntfIteratorBase {
   // mapper table (status->bitMapperVornStatus(), which the directory reader
   // sets for an application that announced one), else entries of the
   // table's oifIndexIntf table. `status` must not be null.
-  RouteIntfIteratorConst(Status const* status, Route const& route,
-                         BitMapper::VornStatus const* bitMapper = nullptr);
+  RouteIntfIteratorConst(Status const* status, Route const& route, BitMapper::VornStatus const* bitMapper = nullptr);
 
   void next();
 

@@ -21,16 +21,16 @@ namespace {
 char const* const className = "Routing::Multicast::Notify::MrtNotifyNetlinkSocketPam";
 
 // Classic BPF opcodes of the filter.
-constexpr std::uint16_t bpfLdhAbs = BPF_LD | BPF_H | BPF_ABS;    // 0x28
-constexpr std::uint16_t bpfLdbAbs = BPF_LD | BPF_B | BPF_ABS;    // 0x30
+constexpr std::uint16_t bpfLdhAbs = BPF_LD | BPF_H | BPF_ABS;  // 0x28
+constexpr std::uint16_t bpfLdbAbs = BPF_LD | BPF_B | BPF_ABS;  // 0x30
 // BPF_W and BPF_IMM are both 0, which the checker takes for a repeated operand.
-constexpr std::uint16_t bpfLdImm = BPF_LD | BPF_W | BPF_IMM;     // 0x00 NOLINT(misc-redundant-expression)
-constexpr std::uint16_t bpfLdxImm = BPF_LDX | BPF_W | BPF_IMM;   // 0x01 NOLINT(misc-redundant-expression)
-constexpr std::uint16_t bpfLdAbs = BPF_LD | BPF_W | BPF_ABS;     // 0x20
-constexpr std::uint16_t bpfTax = BPF_MISC | BPF_TAX;             // 0x07
-constexpr std::uint16_t bpfLdbInd = BPF_LD | BPF_B | BPF_IND;    // 0x50
-constexpr std::uint16_t bpfJeqK = BPF_JMP | BPF_JEQ | BPF_K;     // 0x15
-constexpr std::uint16_t bpfRetK = BPF_RET | BPF_K;               // 0x06
+constexpr std::uint16_t bpfLdImm = BPF_LD | BPF_W | BPF_IMM;    // 0x00 NOLINT(misc-redundant-expression)
+constexpr std::uint16_t bpfLdxImm = BPF_LDX | BPF_W | BPF_IMM;  // 0x01 NOLINT(misc-redundant-expression)
+constexpr std::uint16_t bpfLdAbs = BPF_LD | BPF_W | BPF_ABS;    // 0x20
+constexpr std::uint16_t bpfTax = BPF_MISC | BPF_TAX;            // 0x07
+constexpr std::uint16_t bpfLdbInd = BPF_LD | BPF_B | BPF_IND;   // 0x50
+constexpr std::uint16_t bpfJeqK = BPF_JMP | BPF_JEQ | BPF_K;    // 0x15
+constexpr std::uint16_t bpfRetK = BPF_RET | BPF_K;              // 0x06
 constexpr std::uint32_t bpfAccept = 0xFFFFFFFF;
 constexpr std::uint32_t bpfDrop = 0;
 // The kernel loads packet half-words big-endian; nlmsg_type is host
@@ -160,8 +160,9 @@ void MrtNotifyNetlinkSocketPam::doSockInit() {
 }
 
 void MrtNotifyNetlinkSocketPam::enabledIs(bool e) {
-  KIV_TRACE(trace(), 9, "virtual void " << className << "::enabledIs(bool)"
-                                        << "(" << e << ")" << nsText());
+  KIV_TRACE(trace(), 9,
+            "virtual void " << className << "::enabledIs(bool)"
+                            << "(" << e << ")" << nsText());
   if (e == enabled()) return;
   if (e) {
     if (sd() == -1) doSockInit();
@@ -178,8 +179,9 @@ void MrtNotifyNetlinkSocketPam::enabledIs(bool e) {
 }
 
 void MrtNotifyNetlinkSocketPam::optionsIs(std::uint32_t options) {
-  KIV_TRACE(trace(), 9, "virtual void " << className << "::optionsIs(U32)"
-                                        << "(" << options << ")" << nsText());
+  KIV_TRACE(trace(), 9,
+            "virtual void " << className << "::optionsIs(U32)"
+                            << "(" << options << ")" << nsText());
   // The base class's optionsIs would talk to the kernel; here the options
   // only shape the filter.
   optionsStore(options);
@@ -209,18 +211,18 @@ void MrtNotifyNetlinkSocketPam::rxFilterDelAll() {
 }
 
 void MrtNotifyNetlinkSocketPam::doAddFilterStmt(std::uint16_t code, std::uint32_t k) {
-  KIV_TRACE(trace(), 9, "void " << className << "::doAddFilterStmt(U16, U32)" << std::hex << "( code=" << code
-                                << ", k=" << k << " )");
+  KIV_TRACE(
+      trace(), 9,
+      "void " << className << "::doAddFilterStmt(U16, U32)" << std::hex << "( code=" << code << ", k=" << k << " )");
   rxFilterIs(bpfLen_, Wirly::IpFilter{code, 0, 0, k});
   bpfLenInc(1);
 }
 
-void MrtNotifyNetlinkSocketPam::doAddFilterJmp(std::uint16_t code, std::uint32_t k, std::uint8_t jt,
-                                               std::uint8_t jf) {
-  KIV_TRACE(trace(), 9, "void " << className << "::doAddFilterJmp(U16, U32, U8, U8)" << std::hex
-                                << "( code=" << code << ", jump " << unsigned(jt)
-                                << " statements if true else jump " << unsigned(jf) << " statements"
-                                << ", k=" << k << " )");
+void MrtNotifyNetlinkSocketPam::doAddFilterJmp(std::uint16_t code, std::uint32_t k, std::uint8_t jt, std::uint8_t jf) {
+  KIV_TRACE(trace(), 9,
+            "void " << className << "::doAddFilterJmp(U16, U32, U8, U8)" << std::hex << "( code=" << code << ", jump "
+                    << unsigned(jt) << " statements if true else jump " << unsigned(jf) << " statements"
+                    << ", k=" << k << " )");
   rxFilterIs(bpfLen_, Wirly::IpFilter{code, jt, jf, k});
   bpfLenInc(1);
 }
@@ -254,9 +256,8 @@ void MrtNotifyNetlinkSocketPam::doGenerateAndApplyFilter() {
     std::uint32_t type;
     char const* trace;
   };
-  static constexpr Kind kinds[] = {{nocache, 1, "Filtering No Cache"},
-                                   {wrongvif, 2, "Filtering WrongVif"},
-                                   {wholepkt, 3, "Filtering WholePkt"}};
+  static constexpr Kind kinds[] = {
+      {nocache, 1, "Filtering No Cache"}, {wrongvif, 2, "Filtering WrongVif"}, {wholepkt, 3, "Filtering WholePkt"}};
   for (auto const& kind : kinds) {
     if (!(options() & kind.bit)) continue;
     KIV_TRACE(trace(), 5, kind.trace);
@@ -330,8 +331,7 @@ void MrtNotifyNetlinkSocketPam::doGetRxPkt() {
     return;
   }
   if ((msg.msg_flags & MSG_TRUNC) || std::size_t(n) > pkt->len()) {
-    KIV_TRACE(trace(), 2, "Discarding truncated packet of size " << n << " (maxRxPktData " << maxRxPktData()
-                                                                 << ")");
+    KIV_TRACE(trace(), 2, "Discarding truncated packet of size " << n << " (maxRxPktData " << maxRxPktData() << ")");
     rxErrorsInc(1);
     return;
   }
@@ -349,11 +349,13 @@ void MrtNotifyNetlinkSocketPam::doGetRxPkt() {
 }
 
 void MrtNotifyNetlinkSocketPam::enableTxIs(bool e) {
-  KIV_TRACE(trace(), 9, "void " << className << "::enableTxIs(bool)"
-                                << "(" << e << ")" << nsText());
+  KIV_TRACE(trace(), 9,
+            "void " << className << "::enableTxIs(bool)"
+                    << "(" << e << ")" << nsText());
   if (af() == Wirly::ipv6 && !Wirly::Sys::sys().getenv("MCAST_NO_NETLINK")) {
-    KIV_TRACE(trace(), 3, "void " << className << "::enableTxIs(bool)"
-                                  << " Environment supports native netlink notifications. Ignoring");
+    KIV_TRACE(trace(), 3,
+              "void " << className << "::enableTxIs(bool)"
+                      << " Environment supports native netlink notifications. Ignoring");
     return;
   }
   if (!ipv4NativeReports_) isRtnlIpv6MrouteRSupportedIs(false);
@@ -397,21 +399,20 @@ void MrtNotifyNetlinkSocketPam::doCloseTx() {
   txPortId_ = 0;
 }
 
-void MrtNotifyNetlinkSocketPam::txMrtNotification(Kiv::Ptr<Wirly::MrtMessage> const& mrtMsg,
-                                                  std::uint16_t mifId) {
+void MrtNotifyNetlinkSocketPam::txMrtNotification(Kiv::Ptr<Wirly::MrtMessage> const& mrtMsg, std::uint16_t mifId) {
   KIV_TRACE(trace(), 8, "void " << className << "::txMrtNotification(MrtMessage, U16)(" << mifId << ")");
   doTxMrtNotification(mrtMsg, attrVifId, mifId);
 }
 
 void MrtNotifyNetlinkSocketPam::txMrtNotificationWithIntfId(Kiv::Ptr<Wirly::MrtMessage> const& mrtMsg,
                                                             std::uint64_t const& intfId) {
-  KIV_TRACE(trace(), 8, "void " << className << "::txMrtNotificationWithIntfId(MrtMessage, U64)("
-                                << Wirly::IntfId(intfId) << ")");
+  KIV_TRACE(trace(), 8,
+            "void " << className << "::txMrtNotificationWithIntfId(MrtMessage, U64)(" << Wirly::IntfId(intfId) << ")");
   doTxMrtNotification(mrtMsg, attrIntfId, intfId);
 }
 
-void MrtNotifyNetlinkSocketPam::doTxMrtNotification(Kiv::Ptr<Wirly::MrtMessage> const& mrtMsg,
-                                                    std::uint16_t idType, std::uint64_t id) {
+void MrtNotifyNetlinkSocketPam::doTxMrtNotification(Kiv::Ptr<Wirly::MrtMessage> const& mrtMsg, std::uint16_t idType,
+                                                    std::uint64_t id) {
   KIV_ASSERT(mrtMsg);
   std::uint8_t family = 0;
   std::size_t addrLen = 0;

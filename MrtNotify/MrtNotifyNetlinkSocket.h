@@ -61,8 +61,7 @@
 namespace Routing::Multicast::Notify {
 
 class MrtNotifyNetlinkSocketPam;
-Kiv::Ptr<MrtNotifyNetlinkSocketPam> mrtNotifyNetlinkSocketPamFactory(Kiv::Name name,
-                                                                     Wirly::NamespaceName const& netNs);
+Kiv::Ptr<MrtNotifyNetlinkSocketPam> mrtNotifyNetlinkSocketPamFactory(Kiv::Name name, Wirly::NamespaceName const& netNs);
 
 // Netlink multicast groups of cache reports, native (NETLINK_ROUTE) and
 // relayed (NETLINK_USERSOCK) alike.
@@ -124,13 +123,9 @@ class MrtNotifyNetlinkSocketPam : public MrtNotifySocketPam {
   KIV_REFLECT_SCALAR(bpfLen)
 
   std::uint32_t rxErrors() const { return rxErrors_; }
-  std::uint32_t rxErrorsInc(std::uint32_t n = 1) {
-    return ownCounterInc(rxErrors_, n, &NotifieeConst::onRxErrors);
-  }
+  std::uint32_t rxErrorsInc(std::uint32_t n = 1) { return ownCounterInc(rxErrors_, n, &NotifieeConst::onRxErrors); }
   std::uint32_t txErrors() const { return txErrors_; }
-  std::uint32_t txErrorsInc(std::uint32_t n = 1) {
-    return ownCounterInc(txErrors_, n, &NotifieeConst::onTxErrors);
-  }
+  std::uint32_t txErrorsInc(std::uint32_t n = 1) { return ownCounterInc(txErrors_, n, &NotifieeConst::onTxErrors); }
 
   std::uint32_t rxSenderPortId() const { return rxSenderPortId_; }
   std::uint32_t rxSenderRejects() const { return rxSenderRejects_; }
@@ -187,8 +182,7 @@ class MrtNotifyNetlinkSocketPam : public MrtNotifySocketPam {
   }
   int group() const;
   bool native() const;
-  void doTxMrtNotification(Kiv::Ptr<Wirly::MrtMessage> const& mrtMsg, std::uint16_t idType,
-                           std::uint64_t id);
+  void doTxMrtNotification(Kiv::Ptr<Wirly::MrtMessage> const& mrtMsg, std::uint16_t idType, std::uint64_t id);
   void doCloseTx();
 
   bool isRtnlIpv6MrouteRSupported_ = false;

@@ -126,8 +126,9 @@ void MrtNotifySocketPam::doAbort(char const* call, int error) {
 }
 
 void MrtNotifySocketPam::enabledIs(bool e) {
-  KIV_TRACE(trace(), 9, "virtual void " << className << "::enabledIs(bool)"
-                                        << "(" << e << ")" << nsText());
+  KIV_TRACE(trace(), 9,
+            "virtual void " << className << "::enabledIs(bool)"
+                            << "(" << e << ")" << nsText());
   if (e == enabled_) return;
   if (af_ != Wirly::ipv4 && af_ != Wirly::ipv6) KIV_ASSERT(0 && "Unsupported Address Family");
   if (e) {
@@ -169,30 +170,35 @@ void MrtNotifySocketPam::doEnableIpv4() {
 
 bool MrtNotifySocketPam::doEnableIpv6() {
   if (!Wirly::Sys::sys().getenv("MCAST_NO_NETLINK")) {
-    KIV_TRACE(trace(), 3, "virtual void " << className << "::enabledIs(bool)"
-                                          << " Environment supports native netlink notifications. Ignoring");
+    KIV_TRACE(trace(), 3,
+              "virtual void " << className << "::enabledIs(bool)"
+                              << " Environment supports native netlink notifications. Ignoring");
     sdIs(-1);
     return false;
   }
   {
     // -1 is as absent as 0: the agent never handed a descriptor over.
     bool const sd_ = this->sd_ > 0;
-    KIV_ASSERT(sd_ && "MrtNotifyPam for IPV6 currently " "supports setup only with file descriptors set");
+    KIV_ASSERT(sd_ &&
+               "MrtNotifyPam for IPV6 currently "
+               "supports setup only with file descriptors set");
   }
   ownsSd_ = false;
   return true;
 }
 
 void MrtNotifySocketPam::optionsIs(std::uint32_t options) {
-  KIV_TRACE(trace(), 9, "virtual void " << className << "::optionsIs(U32)"
-                                        << "(" << options << ")" << nsText());
+  KIV_TRACE(trace(), 9,
+            "virtual void " << className << "::optionsIs(U32)"
+                            << "(" << options << ")" << nsText());
   if (!enabled_) {
     attrIs(options_, options, &NotifieeConst::onOptions);
     return;
   }
   std::uint32_t const changedOptions = options_ ^ options;
-  KIV_TRACE(trace(), 9, std::hex << "oldOptions=0x" << options_ << " newOptions=0x" << options
-                                 << " changedOptions=0x" << changedOptions);
+  KIV_TRACE(
+      trace(), 9,
+      std::hex << "oldOptions=0x" << options_ << " newOptions=0x" << options << " changedOptions=0x" << changedOptions);
   if (changedOptions == 0) return;
   if (af_ == Wirly::ipv4) {
     for (auto const& step : optionSteps) {
@@ -200,8 +206,7 @@ void MrtNotifySocketPam::optionsIs(std::uint32_t options) {
       int const option = (options_ & step.bit) ? mrtNotifyDel : mrtNotifyAdd;
       // A refused change leaves the socket as it was, so it is raised
       // without closing anything.
-      if (setIntOption(sd_, IPPROTO_IP, option, step.kernelType) < 0)
-        throw Kiv::ErrnoException(step.changeCall, errno);
+      if (setIntOption(sd_, IPPROTO_IP, option, step.kernelType) < 0) throw Kiv::ErrnoException(step.changeCall, errno);
     }
   }
   attrIs(options_, options, &NotifieeConst::onOptions);
@@ -254,8 +259,7 @@ void MrtNotifySocketPam::doGetRxPkt() {
   }
   // With MSG_TRUNC in rxFlags, n is the datagram's real length.
   if ((msg.msg_flags & MSG_TRUNC) || std::size_t(n) > pkt->len()) {
-    KIV_TRACE(trace(), 2, "Discarding truncated packet of size " << n << " (maxRxPktData " << maxRxPktData_
-                                                                 << ")");
+    KIV_TRACE(trace(), 2, "Discarding truncated packet of size " << n << " (maxRxPktData " << maxRxPktData_ << ")");
     return;
   }
   if (af_ == Wirly::ipv6) {
@@ -295,8 +299,8 @@ void MrtNotifySocketPam::doRxControl(msghdr const& msg) {
           haveIfIndex = true;
           rxIfIndexIs(std::uint32_t(info.ipi_ifindex));
           rxDstIpAddrIs(Wirly::IpGenAddr(info.ipi_addr));
-          KIV_TRACE(trace(), 9, "Packet arrived on interface index " << rxIfIndex_ << " with destination IP of "
-                                                                     << rxDstIpAddr_);
+          KIV_TRACE(trace(), 9,
+                    "Packet arrived on interface index " << rxIfIndex_ << " with destination IP of " << rxDstIpAddr_);
           break;
         }
         case IP_ORIGDSTADDR: {
@@ -320,7 +324,8 @@ void MrtNotifySocketPam::doRxControl(msghdr const& msg) {
           KIV_TRACE(trace(), 9, "TTL of received packet is 0x" << std::hex << unsigned(ttl));
           break;
         }
-        default: break;
+        default:
+          break;
       }
     } else if (af_ == Wirly::ipv6 && c->cmsg_level == IPPROTO_IPV6) {
       switch (c->cmsg_type) {
@@ -330,8 +335,8 @@ void MrtNotifySocketPam::doRxControl(msghdr const& msg) {
           haveIfIndex = true;
           rxIfIndexIs(info.ipi6_ifindex);
           rxDstIpAddrIs(Wirly::IpGenAddr(info.ipi6_addr));
-          KIV_TRACE(trace(), 9, "Packet arrived on interface index " << rxIfIndex_ << " with destination IP of "
-                                                                     << rxDstIpAddr_);
+          KIV_TRACE(trace(), 9,
+                    "Packet arrived on interface index " << rxIfIndex_ << " with destination IP of " << rxDstIpAddr_);
           break;
         }
         case IPV6_TCLASS: {
@@ -348,7 +353,8 @@ void MrtNotifySocketPam::doRxControl(msghdr const& msg) {
           KIV_TRACE(trace(), 9, "TTL of received packet is 0x" << std::hex << unsigned(hops));
           break;
         }
-        default: break;
+        default:
+          break;
       }
     }
   }

@@ -108,9 +108,7 @@ class MrtNotifySocketPam : public Wirly::Pam {
   void rxDstIpAddrIs(Wirly::IpGenAddr const& a) { attrIs(rxDstIpAddr_, a, &NotifieeConst::onRxDstIpAddr); }
   KIV_REFLECT_SCALAR(rxDstIpAddr)
   Wirly::IpGenAddr const& rxOrigDstIpAddr() const { return rxOrigDstIpAddr_; }
-  void rxOrigDstIpAddrIs(Wirly::IpGenAddr const& a) {
-    attrIs(rxOrigDstIpAddr_, a, &NotifieeConst::onRxOrigDstIpAddr);
-  }
+  void rxOrigDstIpAddrIs(Wirly::IpGenAddr const& a) { attrIs(rxOrigDstIpAddr_, a, &NotifieeConst::onRxOrigDstIpAddr); }
   KIV_REFLECT_SCALAR(rxOrigDstIpAddr)
   std::uint8_t rxTOS() const { return rxTOS_; }
   void rxTOSIs(std::uint8_t v) { attrIs(rxTOS_, v, &NotifieeConst::onRxTOS); }
@@ -126,9 +124,7 @@ class MrtNotifySocketPam : public Wirly::Pam {
   KIV_REFLECT_SCALAR(rxFlags)
 
   std::uint32_t rxPktCount() const { return rxPktCount_; }
-  std::uint32_t rxPktCountInc(std::uint32_t n = 1) {
-    return counterInc(rxPktCount_, n, &NotifieeConst::onRxPktCount);
-  }
+  std::uint32_t rxPktCountInc(std::uint32_t n = 1) { return counterInc(rxPktCount_, n, &NotifieeConst::onRxPktCount); }
   KIV_REFLECT_COUNTER_RO(rxPktCount)
   std::uint32_t rxMrt6msgCount() const { return rxMrt6msgCount_; }
   std::uint32_t rxMrt6msgCountInc(std::uint32_t n = 1) {

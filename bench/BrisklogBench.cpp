@@ -98,14 +98,12 @@ void Brisklog_NoArgs(benchmark::State& state) {
 
 void Brisklog_ThreeInts(benchmark::State& state) {
   useBrisklog(true);
-  timed(state, "Brisklog_ThreeInts",
-        [](int i) { BRISKLOG("Bench", "route version %d != %d at %d", i, i + 1, 512); });
+  timed(state, "Brisklog_ThreeInts", [](int i) { BRISKLOG("Bench", "route version %d != %d at %d", i, i + 1, 512); });
 }
 
 void Brisklog_OneString(benchmark::State& state) {
   useBrisklog(true);
-  timed(state, "Brisklog_OneString",
-        [](int) { BRISKLOG("Bench", "WrongVifMessage on intf: %s", kIntf); });
+  timed(state, "Brisklog_OneString", [](int) { BRISKLOG("Bench", "WrongVifMessage on intf: %s", kIntf); });
 }
 
 // The same record with CLOCK_MONOTONIC read through the vDSO for its time.
@@ -127,8 +125,7 @@ void Brisklog_ThreeInts_SharedRing(benchmark::State& state) {
 
 void Brisklog_OneString_SharedRing(benchmark::State& state) {
   useBrisklog(true, 1);
-  timed(state, "Brisklog_OneString_SharedRing",
-        [](int) { BRISKLOG("Bench", "WrongVifMessage on intf: %s", kIntf); });
+  timed(state, "Brisklog_OneString_SharedRing", [](int) { BRISKLOG("Bench", "WrongVifMessage on intf: %s", kIntf); });
   useBrisklog(true);
 }
 
@@ -165,18 +162,15 @@ void Spdlog_NoArgs(benchmark::State& state) {
 }
 
 void Spdlog_ThreeInts(benchmark::State& state) {
-  timed(state, "Spdlog_ThreeInts",
-        [](int i) { gSpdlog->info("route version {} != {} at {}", i, i + 1, 512); });
+  timed(state, "Spdlog_ThreeInts", [](int i) { gSpdlog->info("route version {} != {} at {}", i, i + 1, 512); });
 }
 
 void Spdlog_OneString(benchmark::State& state) {
-  timed(state, "Spdlog_OneString",
-        [](int) { gSpdlog->info("WrongVifMessage on intf: {}", kIntf); });
+  timed(state, "Spdlog_OneString", [](int) { gSpdlog->info("WrongVifMessage on intf: {}", kIntf); });
 }
 
 void SpdlogBlock_NoArgs(benchmark::State& state) {
-  timed(state, "SpdlogBlock_NoArgs",
-        [](int) { gSpdlogBlock->info("Start review of kernel upcalls"); });
+  timed(state, "SpdlogBlock_NoArgs", [](int) { gSpdlogBlock->info("Start review of kernel upcalls"); });
 }
 
 void SpdlogBlock_ThreeInts(benchmark::State& state) {
@@ -185,8 +179,7 @@ void SpdlogBlock_ThreeInts(benchmark::State& state) {
 }
 
 void SpdlogBlock_OneString(benchmark::State& state) {
-  timed(state, "SpdlogBlock_OneString",
-        [](int) { gSpdlogBlock->info("WrongVifMessage on intf: {}", kIntf); });
+  timed(state, "SpdlogBlock_OneString", [](int) { gSpdlogBlock->info("WrongVifMessage on intf: {}", kIntf); });
 }
 
 // -- timestamp sources ---------------------------------------------------
@@ -233,8 +226,8 @@ BENCHMARK(Clock_Gettime<CLOCK_MONOTONIC_COARSE>)->Name("Clock_Gettime_MONOTONIC_
 
 void summary() {
   std::printf("\nns per call (p50 / p99 over batches of %d)\n", kBatch);
-  std::printf("%-10s %16s %16s %16s %16s %9s %9s\n", "record", "Brisklog", "snprintf",
-              "spdlog drop", "spdlog block", "drop/B", "block/B");
+  std::printf("%-10s %16s %16s %16s %16s %9s %9s\n", "record", "Brisklog", "snprintf", "spdlog drop", "spdlog block",
+              "drop/B", "block/B");
   for (char const* kind : {"NoArgs", "ThreeInts", "OneString"}) {
     auto get = [&](std::string const& lib) {
       auto found = gFigures.find(lib + "_" + kind);
@@ -248,23 +241,23 @@ void summary() {
       std::snprintf(out, 32, "%.1f / %.1f", f.p50, f.p99);
       return out;
     };
-    std::printf("%-10s %16s %16s %16s %16s %8.1fx %8.1fx\n", kind, cell(b), cell(s), cell(l),
-                cell(k), b.p50 > 0 ? l.p50 / b.p50 : 0.0, b.p50 > 0 ? k.p50 / b.p50 : 0.0);
+    std::printf("%-10s %16s %16s %16s %16s %8.1fx %8.1fx\n", kind, cell(b), cell(s), cell(l), cell(k),
+                b.p50 > 0 ? l.p50 / b.p50 : 0.0, b.p50 > 0 ? k.p50 / b.p50 : 0.0);
   }
   auto p50 = [](char const* name) {
     auto found = gFigures.find(name);
     return found == gFigures.end() ? 0.0 : found->second.p50;
   };
-  std::printf("\nBrisklog, three integers: rdtsc %.1f ns, clock_gettime %.1f ns\n",
-              p50("Brisklog_ThreeInts"), p50("Brisklog_ThreeInts_ClockGettime"));
-  std::printf("Brisklog, shared ring (checksummed) beside an exclusive one: three integers %.1f vs %.1f ns,"
-              " one string %.1f vs %.1f ns\n",
-              p50("Brisklog_ThreeInts_SharedRing"), p50("Brisklog_ThreeInts"),
-              p50("Brisklog_OneString_SharedRing"), p50("Brisklog_OneString"));
+  std::printf("\nBrisklog, three integers: rdtsc %.1f ns, clock_gettime %.1f ns\n", p50("Brisklog_ThreeInts"),
+              p50("Brisklog_ThreeInts_ClockGettime"));
   std::printf(
-      "timestamp alone: rdtsc %.1f, MONOTONIC %.1f, REALTIME %.1f, MONOTONIC_COARSE %.1f ns\n",
-      p50("Clock_Rdtsc"), p50("Clock_Gettime_MONOTONIC"), p50("Clock_Gettime_REALTIME"),
-      p50("Clock_Gettime_MONOTONIC_COARSE"));
+      "Brisklog, shared ring (checksummed) beside an exclusive one: three integers %.1f vs %.1f ns,"
+      " one string %.1f vs %.1f ns\n",
+      p50("Brisklog_ThreeInts_SharedRing"), p50("Brisklog_ThreeInts"), p50("Brisklog_OneString_SharedRing"),
+      p50("Brisklog_OneString"));
+  std::printf("timestamp alone: rdtsc %.1f, MONOTONIC %.1f, REALTIME %.1f, MONOTONIC_COARSE %.1f ns\n",
+              p50("Clock_Rdtsc"), p50("Clock_Gettime_MONOTONIC"), p50("Clock_Gettime_REALTIME"),
+              p50("Clock_Gettime_MONOTONIC_COARSE"));
 }
 
 }  // namespace

@@ -36,8 +36,8 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <ctime>
 #include <cstdlib>
+#include <ctime>
 #include <map>
 #include <random>
 #include <string>

@@ -383,8 +383,8 @@ std::uint64_t nowNs() {
 // Lookups in this process while another process rewrites records.
 void lookupVornWhileWriting(benchmark::State& st) {
   Fixture& f = fixture(st.range(0));
-  auto* stop = static_cast<std::atomic<int>*>(
-      mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  auto* stop =
+      static_cast<std::atomic<int>*>(mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
   stop->store(0);
   std::uint64_t* writes = reinterpret_cast<std::uint64_t*>(stop + 16);
   *writes = 0;

@@ -35,8 +35,8 @@ using namespace Vorn::Multicast::Fib;
 
 namespace {
 
-constexpr double kRoundPause = 0.15;     // seconds between two rounds
-constexpr double kReplyTimeout = 10.0;   // for a publisher to answer
+constexpr double kRoundPause = 0.15;    // seconds between two rounds
+constexpr double kReplyTimeout = 10.0;  // for a publisher to answer
 // Set (to a number of seconds, or 0), the agent serves introspection from
 // its start and goes on serving that long after the last round.
 constexpr char const* kIntrospectEnv = "MFIB_DEMO_INTROSPECT";
@@ -228,8 +228,8 @@ bool Agent::waitFor(char const* what, std::function<bool(Publisher const&)> cons
   loop_.runUntil(all, kReplyTimeout);
   for (Publisher const& p : publishers_) {
     if (done(p)) continue;
-    std::cerr << "mfib-demo agent: publisher " << p.wiring.app->name
-              << (p.gone ? " went away" : " did not answer") << " while waiting for " << what << "\n";
+    std::cerr << "mfib-demo agent: publisher " << p.wiring.app->name << (p.gone ? " went away" : " did not answer")
+              << " while waiting for " << what << "\n";
     return false;
   }
   return true;
@@ -255,14 +255,14 @@ bool Agent::doStart() {
     introspectRoot_->entryIs("mfibVornDir", vornDir_);
     introspectRoot_->entryIs("mfibDirSm", dirSm_);
     try {
-      introspect_ = std::make_unique<Kiv::Introspect>(loop_, introspectRoot_,
-                                                       Kiv::Introspect::defaultPath(kIntrospectName));
+      introspect_ =
+          std::make_unique<Kiv::Introspect>(loop_, introspectRoot_, Kiv::Introspect::defaultPath(kIntrospectName));
     } catch (std::exception const& e) {
       std::cerr << "mfib-demo agent: no introspection: " << e.what() << "\n";
       return false;
     }
-    std::cerr << "mfib-demo agent: introspection on " << introspect_->path() << " (kivctl --agent "
-              << kIntrospectName << " ls /)\n";
+    std::cerr << "mfib-demo agent: introspection on " << introspect_->path() << " (kivctl --agent " << kIntrospectName
+              << " ls /)\n";
   }
   return true;
 }
@@ -334,8 +334,10 @@ void Agent::handleTable(Vrf& vrf, Status const* key) {
   for (auto const& [k, owner] : vrf.ordered->routeMap())
     if (owner == key) owned.push_back(k);
   for (IpGenRouteKey const& k : owned) {
-    if (Status const* best = vrf.coll->vornKey(k)) vrf.ordered->routeIs(k, best);
-    else vrf.ordered->routeDel(k);
+    if (Status const* best = vrf.coll->vornKey(k))
+      vrf.ordered->routeIs(k, best);
+    else
+      vrf.ordered->routeDel(k);
   }
 }
 std::string Agent::interfacesOf(Status const* table, IpGenRouteKey const& key) const {
@@ -414,8 +416,8 @@ bool Agent::printCheck() {
                 << ", tables: " << (m.expected ? vrf->appOf.at(m.expected) : "none") << "\n";
     }
     std::cout << "  check " << std::left << std::setw(8) << vrf->name << vrf->ordered->routes()
-              << " keys against a brute-force pass over " << vrf->coll->vornPtrs() << " tables: "
-              << (wrong.empty() ? "agree" : "DISAGREE") << "\n";
+              << " keys against a brute-force pass over " << vrf->coll->vornPtrs()
+              << " tables: " << (wrong.empty() ? "agree" : "DISAGREE") << "\n";
   }
   return ok;
 }

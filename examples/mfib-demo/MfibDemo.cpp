@@ -156,8 +156,10 @@ int runMain(bool keep) {
     std::vector<std::string> args = {"mfib-demo", "agent"};
     for (App const& app : apps) args.push_back(app.name);
     pid_t const pid = spawn(args, agentFds);
-    if (pid > 0) children[pid] = "agent";
-    else started = false;
+    if (pid > 0)
+      children[pid] = "agent";
+    else
+      started = false;
   }
   for (int fd : toClose) ::close(fd);
 

@@ -3,17 +3,17 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <filesystem>
 
 #include <cstdio>
 #include <string>
 #include <vector>
 
-#include "Scenario.h"
 #include "Mfib/MfibVorn.h"
+#include "Scenario.h"
 #include "Stelo/EntityManager.h"
 #include "Stelo/Mount.h"
 #include "tests/Mfib/MfibTestUtil.h"
@@ -46,10 +46,10 @@ TEST(MfibDemoRunTest, ReportsDirectoryEventsAndOwnersWithEachTablesInterfacesAgr
   // Ties go to the table announced first, the same in every run.
   EXPECT_TRUE(has("+ red     (10.1.0.2, 239.2.2.2)  pim     Vlan50 -> Ethernet4  [tied: pim, static]")) << out;
   // The directory's events, each in its round.
-  for (char const* line : {"* vrf blue: + table of static (mfib/blue/static)",
-                           "* vrf red: - table of pim (mfib/red/pim)", "* directory: igmp announced",
-                           "* vrf blue: + table of igmp (mfib/blue/igmp)", "* vrf red: collection removed, no table left",
-                           "* directory: static withdrawn"})
+  for (char const* line :
+       {"* vrf blue: + table of static (mfib/blue/static)", "* vrf red: - table of pim (mfib/red/pim)",
+        "* directory: igmp announced", "* vrf blue: + table of igmp (mfib/blue/igmp)",
+        "* vrf red: collection removed, no table left", "* directory: static withdrawn"})
     EXPECT_TRUE(has(std::string("  ") + line)) << line << "\n" << out;
   EXPECT_LT(out.find("round 4:"), out.find("directory: igmp announced")) << out;
   EXPECT_TRUE(has("~ red     (10.1.0.2, 239.2.2.2)  static  Vlan50 -> Ethernet5  (was pim)")) << out;
@@ -124,8 +124,8 @@ class AgentTest : public ::testing::Test {
 
   // kivctl's answer (stdout and stderr) against the agent.
   std::string kivctl(std::string const& args) {
-    std::string const cmd = "KIV_INTROSPECT_DIR=" + tables.root.path() + " " KIVCTL_PATH " --agent mfib-demo-agent " +
-                            args + " 2>&1";
+    std::string const cmd =
+        "KIV_INTROSPECT_DIR=" + tables.root.path() + " " KIVCTL_PATH " --agent mfib-demo-agent " + args + " 2>&1";
     FILE* p = ::popen(cmd.c_str(), "r");
     std::string out = readAll(::fileno(p));
     ::pclose(p);
@@ -221,8 +221,7 @@ TEST_F(AgentTest, FindsTablesOnlyThroughTheDirectoryAndFollowsThemComingAndGoing
   EXPECT_EQ(finish(out), 0) << out;
   std::size_t const round2 = out.find("round 2:"), round3 = out.find("round 3:"), round4 = out.find("round 4:");
   ASSERT_TRUE(round2 != std::string::npos && round3 != std::string::npos && round4 != std::string::npos) << out;
-  EXPECT_LT(out.find("* vrf red: + table of pim (mfib/red/pim)"), out.find("* vrf red: + table of static"))
-      << out;
+  EXPECT_LT(out.find("* vrf red: + table of pim (mfib/red/pim)"), out.find("* vrf red: + table of static")) << out;
   EXPECT_LT(out.find("+ red     (10.0.0.1, 239.1.0.1)  pim     Vlan10 -> Ethernet1  [tied: pim, static]"), round2)
       << out;
   EXPECT_GT(out.find("* vrf blue: + table of static (mfib/blue/static)"), round2) << out;
@@ -254,12 +253,14 @@ TEST_F(AgentTest, KivctlInspectsTheRunningAgent) {
   // Asked for round 2, the agent waits for answers in its loop, and serves.
   ASSERT_EQ(awaitRound(0), 2u);
   ASSERT_EQ(awaitRound(1), 2u);
-  EXPECT_EQ(kivctl("ls /"), "mfibDir\tentry\tKiv::Dir\tro\nmfibDirSm\tentry\tVorn::Multicast::Fib::MfibDirSm\tro\n"
-                            "mfibVornDir\tentry\tVorn::Multicast::Fib::MfibVornDir\tro\n");
+  EXPECT_EQ(kivctl("ls /"),
+            "mfibDir\tentry\tKiv::Dir\tro\nmfibDirSm\tentry\tVorn::Multicast::Fib::MfibDirSm\tro\n"
+            "mfibVornDir\tentry\tVorn::Multicast::Fib::MfibVornDir\tro\n");
   EXPECT_EQ(kivctl("get /mfibVornDir/vornColl/red"), "vrfName\t'red'\nvornPtr\t1 entries\n");
   EXPECT_EQ(kivctl("get /mfibDir/pim/dirColl/red/vornUrl"), "'mfib/red/pim'\n");
   EXPECT_EQ(kivctl("get /mfibDirSm/initialized"), "True\n");
-  EXPECT_EQ(kivctl("set /mfibDirSm/initialized False"), "kivctl: Vorn::Multicast::Fib::MfibDirSm::initialized is read-only\n");
+  EXPECT_EQ(kivctl("set /mfibDirSm/initialized False"),
+            "kivctl: Vorn::Multicast::Fib::MfibDirSm::initialized is read-only\n");
   for (int i = 0; i < 2; ++i) {
     say(i, "stopped 2");
     ::close(report[i][1]);

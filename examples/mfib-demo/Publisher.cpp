@@ -149,8 +149,10 @@ bool Publisher::play(unsigned round) {
     if (!first) ::usleep(kWritePauseUs);
     first = false;
     Vrf const& vrf = vrfs_.at(s.vrf);
-    if (s.withdraw) vrf.table->routeDel(keyOf(s));
-    else vrf.table->routePublish(routeOf(s, app_, [&](unsigned n) { return oifOf(vrf, n); }));
+    if (s.withdraw)
+      vrf.table->routeDel(keyOf(s));
+    else
+      vrf.table->routePublish(routeOf(s, app_, [&](unsigned n) { return oifOf(vrf, n); }));
   }
   for (DirStep const& d : dirSteps()) {
     if (d.round != round || app_.name != std::string(d.app)) continue;

@@ -46,14 +46,10 @@ std::vector<Step> const& steps() {
 
 std::vector<DirStep> const& dirSteps() {
   static std::vector<DirStep> const list = {
-      {1, "pim", DirStep::addVrf, "default"},
-      {1, "pim", DirStep::addVrf, "red"},
-      {1, "static", DirStep::addVrf, "default"},
-      {1, "static", DirStep::addVrf, "red"},
-      {2, "static", DirStep::addVrf, "blue"},
-      {3, "pim", DirStep::delVrf, "red"},
-      {4, "igmp", DirStep::addVrf, "default"},
-      {4, "igmp", DirStep::addVrf, "blue"},
+      {1, "pim", DirStep::addVrf, "default"},    {1, "pim", DirStep::addVrf, "red"},
+      {1, "static", DirStep::addVrf, "default"}, {1, "static", DirStep::addVrf, "red"},
+      {2, "static", DirStep::addVrf, "blue"},    {3, "pim", DirStep::delVrf, "red"},
+      {4, "igmp", DirStep::addVrf, "default"},   {4, "igmp", DirStep::addVrf, "blue"},
       {5, "static", DirStep::stop, nullptr},
   };
   return list;
@@ -61,11 +57,16 @@ std::vector<DirStep> const& dirSteps() {
 
 char const* roundTitle(unsigned round) {
   switch (round) {
-    case 1: return "pim (priority 2) and static (priority 1) announce default and red and publish routes";
-    case 2: return "pim adds an interface and withdraws a route; static raises one to 3 and announces blue";
-    case 3: return "pim withdraws a route static also holds, outbids static on another, and withdraws red";
-    case 4: return "igmp starts (bit indices, priority 1) and outbids static in blue; pim rewrites a tie";
-    case 5: return "static stops";
+    case 1:
+      return "pim (priority 2) and static (priority 1) announce default and red and publish routes";
+    case 2:
+      return "pim adds an interface and withdraws a route; static raises one to 3 and announces blue";
+    case 3:
+      return "pim withdraws a route static also holds, outbids static on another, and withdraws red";
+    case 4:
+      return "igmp starts (bit indices, priority 1) and outbids static in blue; pim rewrites a tie";
+    case 5:
+      return "static stops";
   }
   return "";
 }

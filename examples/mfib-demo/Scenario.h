@@ -53,9 +53,9 @@ struct Step {
   char const* source;
   char const* group;
   bool withdraw;
-  unsigned priority;          // 0: the application's own
-  char const* incoming;       // special interface 1
-  std::vector<unsigned> oifs; // Ethernet numbers
+  unsigned priority;           // 0: the application's own
+  char const* incoming;        // special interface 1
+  std::vector<unsigned> oifs;  // Ethernet numbers
 };
 
 std::vector<Step> const& steps();

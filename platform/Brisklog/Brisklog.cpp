@@ -98,8 +98,8 @@ std::string processName() {
   std::getline(comm, name);
   if (name.empty()) name = program_invocation_short_name;
   for (char& ch : name) {
-    bool ok = (ch >= 'a' && ch <= 'z') || (ch >= 'A' && ch <= 'Z') || (ch >= '0' && ch <= '9') ||
-              ch == '.' || ch == '_' || ch == '-';
+    bool ok = (ch >= 'a' && ch <= 'z') || (ch >= 'A' && ch <= 'Z') || (ch >= '0' && ch <= '9') || ch == '.' ||
+              ch == '_' || ch == '-';
     if (!ok) ch = '_';
   }
   return name.empty() ? "process" : name;
@@ -115,8 +115,7 @@ bool tscInvariant() {
     while (std::getline(info, line)) {
       if (line.rfind("flags", 0) == 0) {
         line += ' ';
-        return line.find(" constant_tsc ") != std::string::npos &&
-               line.find(" nonstop_tsc ") != std::string::npos;
+        return line.find(" constant_tsc ") != std::string::npos && line.find(" nonstop_tsc ") != std::string::npos;
       }
     }
     return false;
@@ -142,8 +141,7 @@ ClockSync readClocks() {
 }
 
 void fail(State& s, char const* call, std::string const& what, int err) {
-  std::fprintf(stderr, "brisklog: %s %s: %s; trace records are off\n", call, what.c_str(),
-               std::strerror(err));
+  std::fprintf(stderr, "brisklog: %s %s: %s; trace records are off\n", call, what.c_str(), std::strerror(err));
   gOff.store(true);
   (void)s;
 }
@@ -177,11 +175,10 @@ bool openLocked(State& s) {
   }
   std::uint32_t ringBytes = roundUpPow2(c.ringBytes);
   std::uint32_t ringCount = std::clamp<std::uint32_t>(c.ringCount, 1, kMaxRings);
-  std::uint32_t descBytes =
-      (std::clamp<std::uint32_t>(c.descriptorBytes, 4096, kMaxDescriptorBytes) + 7) & ~7u;
+  std::uint32_t descBytes = (std::clamp<std::uint32_t>(c.descriptorBytes, 4096, kMaxDescriptorBytes) + 7) & ~7u;
   std::uint32_t maxRecord = std::min<std::uint32_t>(ringBytes / 4, 65528) & ~7u;
-  std::uint32_t maxString = std::min<std::uint32_t>(
-      {c.maxStringBytes, kMaxStringLimit, maxRecord - std::uint32_t(sizeof(RecordHeader)) - 2});
+  std::uint32_t maxString =
+      std::min<std::uint32_t>({c.maxStringBytes, kMaxStringLimit, maxRecord - std::uint32_t(sizeof(RecordHeader)) - 2});
 
   std::string dir = c.dir;
   if (dir.empty()) {
@@ -193,8 +190,7 @@ bool openLocked(State& s) {
   pid_t pid = getpid();
   std::string path = dir + "/" + name + "-" + std::to_string(pid) + ".brisklog";
 
-  std::size_t bytes = kHeaderBytes + std::size_t(descBytes) +
-                      std::size_t(ringCount) * (kRingHeaderBytes + ringBytes);
+  std::size_t bytes = kHeaderBytes + std::size_t(descBytes) + std::size_t(ringCount) * (kRingHeaderBytes + ringBytes);
   int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (fd < 0) {
     fail(s, "open", path, errno);
@@ -263,13 +259,12 @@ bool openLocked(State& s) {
   h->latest = second;
   h->syncSeq = 0;
   for (std::uint32_t i = 0; i < ringCount; ++i) {
-    auto* ring = reinterpret_cast<RingHeader*>(base + l.ringOffset +
-                                               std::uint64_t(i) * (kRingHeaderBytes + ringBytes));
+    auto* ring = reinterpret_cast<RingHeader*>(base + l.ringOffset + std::uint64_t(i) * (kRingHeaderBytes + ringBytes));
     ring->shared = i == l.sharedRing ? 1 : 0;
   }
   // The magic goes last: a reader never sees a header that is half made.
-  std::memcpy(reinterpret_cast<char*>(&h->layout) + sizeof l.magic,
-              reinterpret_cast<char const*>(&l) + sizeof l.magic, sizeof l - sizeof l.magic);
+  std::memcpy(reinterpret_cast<char*>(&h->layout) + sizeof l.magic, reinterpret_cast<char const*>(&l) + sizeof l.magic,
+              sizeof l - sizeof l.magic);
   std::atomic_thread_fence(std::memory_order_release);
   std::memcpy(h->layout.magic, kMagic, sizeof kMagic);
 
@@ -312,8 +307,7 @@ std::uint32_t registerLocked(State& s, CallSite const& site, char const* signatu
     std::memcpy(o, t, n);
     o += n;
   }
-  __atomic_store_n(reinterpret_cast<std::uint32_t*>(entry), used ^ kDescriptorKey,
-                   __ATOMIC_RELEASE);
+  __atomic_store_n(reinterpret_cast<std::uint32_t*>(entry), used ^ kDescriptorKey, __ATOMIC_RELEASE);
   __atomic_store_n(&h->descriptorCount, id, __ATOMIC_RELEASE);
   __atomic_store_n(&h->descriptorUsed, used + std::uint32_t(need), __ATOMIC_RELEASE);
   return id;
@@ -342,8 +336,7 @@ struct RingRelease {
     std::lock_guard<std::mutex> lock(s.mutex);
     if (generation == 0 || generation != s.generation) return;
     std::uint32_t expected = tid;
-    __atomic_compare_exchange_n(&ringAt(s, index)->owner, &expected, 0, false, __ATOMIC_RELEASE,
-                                __ATOMIC_RELAXED);
+    __atomic_compare_exchange_n(&ringAt(s, index)->owner, &expected, 0, false, __ATOMIC_RELEASE, __ATOMIC_RELAXED);
   }
 };
 
@@ -353,8 +346,7 @@ void claimLocked(State& s) {
   std::uint32_t index = h->layout.sharedRing;
   for (std::uint32_t i = 0; i < h->layout.sharedRing && !tRingFreed; ++i) {
     std::uint32_t expected = 0;
-    if (__atomic_compare_exchange_n(&ringAt(s, i)->owner, &expected, tid, false, __ATOMIC_ACQUIRE,
-                                    __ATOMIC_RELAXED)) {
+    if (__atomic_compare_exchange_n(&ringAt(s, i)->owner, &expected, tid, false, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED)) {
       index = i;
       break;
     }
@@ -402,8 +394,7 @@ void syncClock(std::uint64_t now) {
   State& s = state();
   if (s.guard.truncated() && !s.truncationSaid) {
     s.truncationSaid = true;
-    std::fprintf(stderr, "brisklog: %s was truncated under the writer; records since are lost\n",
-                 s.path.c_str());
+    std::fprintf(stderr, "brisklog: %s was truncated under the writer; records since are lost\n", s.path.c_str());
   }
   ClockSync c = readClocks();
   std::uint32_t seq = h->syncSeq;
@@ -422,11 +413,9 @@ std::uint64_t reserveShared(ThreadSlot& t, std::uint64_t need) {
   do {
     start = pos;
     if ((pos & t.mask) + need > t.mask + 1) start = (pos | t.mask) + 1;
-  } while (!__atomic_compare_exchange_n(&t.ring->head, &pos, start + need, true, __ATOMIC_ACQ_REL,
-                                        __ATOMIC_RELAXED));
+  } while (!__atomic_compare_exchange_n(&t.ring->head, &pos, start + need, true, __ATOMIC_ACQ_REL, __ATOMIC_RELAXED));
   if (start != pos) {
-    __atomic_store_n(reinterpret_cast<std::uint64_t*>(t.data + (pos & t.mask)), pos ^ kPadKey,
-                     __ATOMIC_RELEASE);
+    __atomic_store_n(reinterpret_cast<std::uint64_t*>(t.data + (pos & t.mask)), pos ^ kPadKey, __ATOMIC_RELEASE);
   }
   return start;
 }

@@ -159,9 +159,8 @@ inline std::uint64_t ticks(ThreadSlot const& t) {
 
 // Arguments reduced to the wire kinds.
 template <class T>
-concept Native = std::is_arithmetic_v<T> || std::is_enum_v<T> || std::is_pointer_v<T> ||
-    std::is_null_pointer_v<T> || std::is_same_v<T, Addr> || std::is_same_v<T, Kiv::Name> ||
-    std::is_convertible_v<T const&, std::string_view>;
+concept Native = std::is_arithmetic_v<T> || std::is_enum_v<T> || std::is_pointer_v<T> || std::is_null_pointer_v<T> ||
+    std::is_same_v<T, Addr> || std::is_same_v<T, Kiv::Name> || std::is_convertible_v<T const&, std::string_view>;
 
 template <class T>
 concept HasArgHook = requires(T const& v) {
@@ -242,9 +241,7 @@ inline std::size_t wireBytes(Ptr, std::uint32_t) { return 8; }
 inline std::size_t wireBytes(bool, std::uint32_t) { return 1; }
 inline std::size_t wireBytes(char, std::uint32_t) { return 1; }
 inline std::size_t wireBytes(AddrRef a, std::uint32_t) { return 1u + (a.a->len == 16 ? 16u : 4u); }
-inline std::size_t wireBytes(Str s, std::uint32_t maxString) {
-  return 2 + std::min<std::size_t>(s.n, maxString);
-}
+inline std::size_t wireBytes(Str s, std::uint32_t maxString) { return 2 + std::min<std::size_t>(s.n, maxString); }
 
 template <class V>
 inline char* putRaw(char* o, V v) {
@@ -297,8 +294,7 @@ inline std::uint64_t reserve(ThreadSlot& t, std::uint64_t need) {
   // knows the older record that lay here is gone.
   std::atomic_thread_fence(std::memory_order_release);
   if (start != pos) {
-    __atomic_store_n(reinterpret_cast<std::uint64_t*>(t.data + (pos & t.mask)), pos ^ kPadKey,
-                     __ATOMIC_RELEASE);
+    __atomic_store_n(reinterpret_cast<std::uint64_t*>(t.data + (pos & t.mask)), pos ^ kPadKey, __ATOMIC_RELEASE);
   }
   return start;
 }
@@ -320,8 +316,8 @@ inline std::size_t fitting([[maybe_unused]] ThreadSlot const& t, [[maybe_unused]
 
 // Header (without its stamp) and the first `count` arguments at `r`.
 template <class... N>
-inline void fill([[maybe_unused]] ThreadSlot const& t, char* r, std::uint32_t id, std::uint64_t now,
-                 std::size_t size, std::uint8_t flags, std::uint8_t count, N... n) {
+inline void fill([[maybe_unused]] ThreadSlot const& t, char* r, std::uint32_t id, std::uint64_t now, std::size_t size,
+                 std::uint8_t flags, std::uint8_t count, N... n) {
   RecordHeader h{0, now, id, std::uint16_t(size), flags, count};
   std::memcpy(r + 8, &h.ticks, sizeof h - 8);
   [[maybe_unused]] char* o = r + sizeof(RecordHeader);

@@ -46,8 +46,8 @@ bool integerKind(char k) { return k == 'd' || k == 'u' || k == 'b' || k == 'c' |
 // One printf conversion applied to one recorded argument. The argument's own
 // kind decides how it is read, so a format that disagrees with the argument
 // prints the argument sensibly instead of reinterpreting its bytes.
-std::string convert(std::string const& flags, std::string const& width, std::string const& prec,
-                    char conv, Arg const& a) {
+std::string convert(std::string const& flags, std::string const& width, std::string const& prec, char conv,
+                    Arg const& a) {
   std::string head = "%" + flags + width + prec;
   auto asText = [&] { return printfText(head + "s", a.text().c_str()); };
   switch (conv) {
@@ -152,8 +152,7 @@ std::string formatText(std::string_view format, std::vector<Arg> const& args, bo
     }
     std::size_t j = i + 1;
     std::string flags;
-    while (j < format.size() && std::strchr("-+ #0", format[j]) && format[j] != '\0')
-      flags += format[j++];
+    while (j < format.size() && std::strchr("-+ #0", format[j]) && format[j] != '\0') flags += format[j++];
     std::size_t w = j;
     while (j < format.size() && format[j] >= '0' && format[j] <= '9') ++j;
     std::string width = clampedNumber(format.substr(w, j - w));
@@ -230,18 +229,14 @@ Reader::~Reader() {
 }
 
 void Reader::problem(std::string text) {
-  if (std::find(problems_.begin(), problems_.end(), text) == problems_.end())
-    problems_.push_back(std::move(text));
+  if (std::find(problems_.begin(), problems_.end(), text) == problems_.end()) problems_.push_back(std::move(text));
 }
 
 void Reader::note(std::string text) {
-  if (std::find(notes_.begin(), notes_.end(), text) == notes_.end())
-    notes_.push_back(std::move(text));
+  if (std::find(notes_.begin(), notes_.end(), text) == notes_.end()) notes_.push_back(std::move(text));
 }
 
-bool Reader::in(std::uint64_t offset, std::uint64_t n) const {
-  return offset <= mapBytes_ && n <= mapBytes_ - offset;
-}
+bool Reader::in(std::uint64_t offset, std::uint64_t n) const { return offset <= mapBytes_ && n <= mapBytes_ - offset; }
 
 std::uint64_t Reader::load64(std::uint64_t offset) const {
   return __atomic_load_n(reinterpret_cast<std::uint64_t const*>(map_ + offset), __ATOMIC_ACQUIRE);
@@ -284,14 +279,12 @@ void Reader::validateHeader() {
     return;
   }
   if (l.version != kVersion) {
-    problem("file version " + std::to_string(l.version) + "; this decoder reads version " +
-            std::to_string(kVersion));
+    problem("file version " + std::to_string(l.version) + "; this decoder reads version " + std::to_string(kVersion));
     return;
   }
   std::uint64_t storedChecksum;
   std::memcpy(&storedChecksum, map_ + offsetof(FileHeader, layoutChecksum), sizeof storedChecksum);
-  if (storedChecksum != layoutChecksum(l))
-    problem("header checksum mismatch: the header is damaged");
+  if (storedChecksum != layoutChecksum(l)) problem("header checksum mismatch: the header is damaged");
 
   bool sane = true;
   auto bad = [&](char const* field, auto value) {
@@ -300,30 +293,26 @@ void Reader::validateHeader() {
   };
   std::uint64_t ringSpan = std::uint64_t(kRingHeaderBytes) + l.ringBytes;
   if (l.headerBytes != kHeaderBytes) bad("headerBytes", l.headerBytes);
-  if (l.ringBytes < kMinRingBytes || l.ringBytes > kMaxRingBytes ||
-      (l.ringBytes & (l.ringBytes - 1)))
+  if (l.ringBytes < kMinRingBytes || l.ringBytes > kMaxRingBytes || (l.ringBytes & (l.ringBytes - 1)))
     bad("ringBytes", l.ringBytes);
   if (l.ringCount < 1 || l.ringCount > kMaxRings) bad("ringCount", l.ringCount);
-  if (l.descriptorBytes < 4096 || l.descriptorBytes > kMaxDescriptorBytes ||
-      (l.descriptorBytes & 7))
+  if (l.descriptorBytes < 4096 || l.descriptorBytes > kMaxDescriptorBytes || (l.descriptorBytes & 7))
     bad("descriptorBytes", l.descriptorBytes);
   if (l.descriptorOffset != kHeaderBytes) bad("descriptorOffset", l.descriptorOffset);
   if (l.ringOffset != l.descriptorOffset + l.descriptorBytes) bad("ringOffset", l.ringOffset);
   if (sane && l.fileBytes != l.ringOffset + l.ringCount * ringSpan) bad("fileBytes", l.fileBytes);
-  if (l.maxRecordBytes < sizeof(RecordHeader) + 8 || l.maxRecordBytes > 65528 ||
-      (l.maxRecordBytes & 7) || l.maxRecordBytes > l.ringBytes)
+  if (l.maxRecordBytes < sizeof(RecordHeader) + 8 || l.maxRecordBytes > 65528 || (l.maxRecordBytes & 7) ||
+      l.maxRecordBytes > l.ringBytes)
     bad("maxRecordBytes", l.maxRecordBytes);
   if (l.maxStringBytes > kMaxStringLimit) bad("maxStringBytes", l.maxStringBytes);
   if (l.sharedRing >= l.ringCount) bad("sharedRing", l.sharedRing);
-  if (l.clockKind != std::uint32_t(ClockKind::tsc) &&
-      l.clockKind != std::uint32_t(ClockKind::monotonicNs))
+  if (l.clockKind != std::uint32_t(ClockKind::tsc) && l.clockKind != std::uint32_t(ClockKind::monotonicNs))
     bad("clockKind", l.clockKind);
   if (!(l.ticksPerSecond > 1e3 && l.ticksPerSecond < 1e11)) bad("ticksPerSecond", l.ticksPerSecond);
   if (!sane) return;
 
   if (mapBytes_ < l.fileBytes) {
-    problem("file truncated: " + std::to_string(mapBytes_) + " of " + std::to_string(l.fileBytes) +
-            " bytes present");
+    problem("file truncated: " + std::to_string(mapBytes_) + " of " + std::to_string(l.fileBytes) + " bytes present");
   } else if (mapBytes_ > l.fileBytes) {
     note(std::to_string(mapBytes_ - l.fileBytes) + " bytes after the last ring ignored");
     mapBytes_ = l.fileBytes;
@@ -409,8 +398,7 @@ std::int64_t Reader::wallNs(std::uint64_t ticks) const {
   // Damaged ticks must not overflow: times are kept within some 126 years.
   delta = std::clamp(delta, -4e18, 4e18);
   std::int64_t ns;
-  if (__builtin_add_overflow(anchorRealNs_, std::int64_t(delta), &ns))
-    ns = delta < 0 ? INT64_MIN : INT64_MAX;
+  if (__builtin_add_overflow(anchorRealNs_, std::int64_t(delta), &ns)) ns = delta < 0 ? INT64_MIN : INT64_MAX;
   return ns;
 }
 
@@ -434,10 +422,9 @@ void Reader::readDescriptors() {
     }
     DescriptorHeader dh;
     std::memcpy(&dh, map_ + at, sizeof dh);
-    dh.commit =
-        __atomic_load_n(reinterpret_cast<std::uint32_t const*>(map_ + at), __ATOMIC_ACQUIRE);
-    bool ok = dh.commit == (std::uint32_t(off) ^ kDescriptorKey) && dh.bytes >= 24 &&
-              (dh.bytes & 7) == 0 && off + dh.bytes <= used && in(at, dh.bytes) && dh.id != 0;
+    dh.commit = __atomic_load_n(reinterpret_cast<std::uint32_t const*>(map_ + at), __ATOMIC_ACQUIRE);
+    bool ok = dh.commit == (std::uint32_t(off) ^ kDescriptorKey) && dh.bytes >= 24 && (dh.bytes & 7) == 0 &&
+              off + dh.bytes <= used && in(at, dh.bytes) && dh.id != 0;
     std::string texts[5];
     if (ok) {
       char const* p = map_ + at + sizeof dh;
@@ -485,8 +472,7 @@ void Reader::readDescriptors() {
          " call sites found the descriptor table full; their records have no text");
 }
 
-bool Reader::decode(std::uint32_t ring, std::uint64_t pos, char const* bytes, std::size_t n,
-                    Record& out) {
+bool Reader::decode(std::uint32_t ring, std::uint64_t pos, char const* bytes, std::size_t n, Record& out) {
   RecordHeader rh;
   std::memcpy(&rh, bytes, sizeof rh);
   out.ticks = rh.ticks;
@@ -503,8 +489,7 @@ bool Reader::decode(std::uint32_t ring, std::uint64_t pos, char const* bytes, st
     found = descriptors_.find(rh.descriptorId);
   }
   if (found == descriptors_.end()) {
-    problem("records name call site " + std::to_string(rh.descriptorId) +
-            ", which the descriptor table lacks");
+    problem("records name call site " + std::to_string(rh.descriptorId) + ", which the descriptor table lacks");
     return false;
   }
   Descriptor const& d = *found->second;
@@ -617,8 +602,8 @@ void Reader::readRing(std::uint32_t index, std::vector<Record>& out) {
     // Records are reserved before they are written, so none can end past
     // the head; one that does means the head was damaged. Read up to it.
     if (found > head && load64(base) == head) {
-      problem(name + "head position " + std::to_string(head) +
-              " is damaged: records run up to position " + std::to_string(found));
+      problem(name + "head position " + std::to_string(head) + " is damaged: records run up to position " +
+              std::to_string(found));
       head = found;
     }
   }
@@ -693,8 +678,7 @@ void Reader::readRing(std::uint32_t index, std::vector<Record>& out) {
       note(name + "a record at position " + std::to_string(gapStart) +
            " was never finished: its writer stopped while writing it");
     } else {
-      problem(name + std::to_string(length) + " bytes at position " + std::to_string(gapStart) +
-              " hold no record");
+      problem(name + std::to_string(length) + " bytes at position " + std::to_string(gapStart) + " hold no record");
     }
     return kGo;
   };
@@ -729,14 +713,12 @@ void Reader::readRing(std::uint32_t index, std::vector<Record>& out) {
       // A stamped record in the shared ring whose bytes do not add up was
       // written over by a thread that had reserved the same space a lap
       // earlier and was preempted before it finished.
-      bool const late = index == sharedRing_ &&
-                        (!whole || !checked ||
-                         recordChecksum(p, copy.data() + 8, span - 16) !=
-                             [&] {
-                               std::uint64_t sum;
-                               std::memcpy(&sum, copy.data() + span - 8, 8);
-                               return sum;
-                             }());
+      bool const late =
+          index == sharedRing_ && (!whole || !checked || recordChecksum(p, copy.data() + 8, span - 16) != [&] {
+            std::uint64_t sum;
+            std::memcpy(&sum, copy.data() + span - 8, 8);
+            return sum;
+          }());
       if (whole || late) {
         GapEnd g = closeGap(false);
         if (g == kStop) return;
@@ -791,8 +773,7 @@ std::vector<Record> Reader::read() {
     out.clear();
     return out;
   }
-  std::stable_sort(out.begin(), out.end(),
-                   [](Record const& a, Record const& b) { return a.ticks < b.ticks; });
+  std::stable_sort(out.begin(), out.end(), [](Record const& a, Record const& b) { return a.ticks < b.ticks; });
   return out;
 }
 

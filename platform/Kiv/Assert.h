@@ -9,9 +9,7 @@
 #pragma once
 
 namespace Kiv {
-[[noreturn]] void assertionFailed(char const* expression, char const* file, int line,
-                                  char const* function);
+[[noreturn]] void assertionFailed(char const* expression, char const* file, int line, char const* function);
 }
 
-#define KIV_ASSERT(expr) \
-  ((expr) ? static_cast<void>(0) : ::Kiv::assertionFailed(#expr, __FILE__, __LINE__, __func__))
+#define KIV_ASSERT(expr) ((expr) ? static_cast<void>(0) : ::Kiv::assertionFailed(#expr, __FILE__, __LINE__, __func__))

@@ -55,14 +55,14 @@ Kiv::Ptr<Entity> Dir::entryIs(Name const& name, std::string_view typeName) {
   Registry const& r = registry();
   auto type = r.find(typeName);
   if (type == r.end()) {
-    throw RangeException("no entity type '" + std::string(typeName) + "' registered for Kiv::Dir entry '" +
-                         name.str() + "'");
+    throw RangeException("no entity type '" + std::string(typeName) + "' registered for Kiv::Dir entry '" + name.str() +
+                         "'");
   }
   auto it = entries_.find(name);
   if (it != entries_.end() && it->second) {
     if (it->second->typeName() == typeName) return it->second;
-    throw NameInUseException("Kiv::Dir entry '" + name.str() + "' holds a " +
-                             std::string(it->second->typeName()) + ", not a " + std::string(typeName));
+    throw NameInUseException("Kiv::Dir entry '" + name.str() + "' holds a " + std::string(it->second->typeName()) +
+                             ", not a " + std::string(typeName));
   }
   // The factory may itself edit this directory or the registry, so nothing
   // found above is used after it runs.

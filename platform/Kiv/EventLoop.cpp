@@ -46,8 +46,7 @@ void EventLoop::readableDel(int fd) {
 
 EventLoop::TimerId EventLoop::timerIs(double delaySeconds, Callback cb) {
   TimerId id = nextTimer_++;
-  auto it = timers_.emplace(System::currentTime() + delaySeconds,
-                            Timer{id, std::make_shared<Callback>(std::move(cb))});
+  auto it = timers_.emplace(System::currentTime() + delaySeconds, Timer{id, std::make_shared<Callback>(std::move(cb))});
   timerIndex_[id] = it;
   return id;
 }

@@ -64,20 +64,40 @@ class Ptr {
  public:
   Ptr() = default;
   Ptr(std::nullptr_t) {}
-  Ptr(T* p) : p_(p) { if (p_) p_->newRef(); }
-  Ptr(Ptr const& o) : p_(o.p_) { if (p_) p_->newRef(); }
+  Ptr(T* p) : p_(p) {
+    if (p_) p_->newRef();
+  }
+  Ptr(Ptr const& o) : p_(o.p_) {
+    if (p_) p_->newRef();
+  }
   Ptr(Ptr&& o) noexcept : p_(o.p_) { o.p_ = nullptr; }
   template <class U>
-  Ptr(Ptr<U> const& o) : p_(o.ptr()) { if (p_) p_->newRef(); }
+  Ptr(Ptr<U> const& o) : p_(o.ptr()) {
+    if (p_) p_->newRef();
+  }
   template <class U>
   Ptr(Ptr<U>&& o) noexcept : p_(o.release()) {}
-  ~Ptr() { if (p_) p_->deleteRef(); }
+  ~Ptr() {
+    if (p_) p_->deleteRef();
+  }
 
   // Copy and swap: assigning a pointer to itself takes a reference first.
-  Ptr& operator=(Ptr const& o) { Ptr(o).swap(*this); return *this; }  // NOLINT(bugprone-unhandled-self-assignment)
-  Ptr& operator=(Ptr&& o) noexcept { Ptr(std::move(o)).swap(*this); return *this; }
-  Ptr& operator=(T* p) { Ptr(p).swap(*this); return *this; }
-  Ptr& operator=(std::nullptr_t) { Ptr().swap(*this); return *this; }
+  Ptr& operator=(Ptr const& o) {
+    Ptr(o).swap(*this);
+    return *this;
+  }  // NOLINT(bugprone-unhandled-self-assignment)
+  Ptr& operator=(Ptr&& o) noexcept {
+    Ptr(std::move(o)).swap(*this);
+    return *this;
+  }
+  Ptr& operator=(T* p) {
+    Ptr(p).swap(*this);
+    return *this;
+  }
+  Ptr& operator=(std::nullptr_t) {
+    Ptr().swap(*this);
+    return *this;
+  }
 
   T* ptr() const { return p_; }
   T* operator->() const { return p_; }
@@ -85,11 +105,21 @@ class Ptr {
   explicit operator bool() const { return p_ != nullptr; }
 
   // Gives up the count without dropping it; the caller owns it now.
-  T* release() { T* p = p_; p_ = nullptr; return p; }
+  T* release() {
+    T* p = p_;
+    p_ = nullptr;
+    return p;
+  }
   void swap(Ptr& o) noexcept { std::swap(p_, o.p_); }
 
-  template <class U> bool operator==(Ptr<U> const& o) const { return p_ == o.ptr(); }
-  template <class U> bool operator==(U* o) const { return p_ == o; }
+  template <class U>
+  bool operator==(Ptr<U> const& o) const {
+    return p_ == o.ptr();
+  }
+  template <class U>
+  bool operator==(U* o) const {
+    return p_ == o;
+  }
   bool operator==(std::nullptr_t) const { return p_ == nullptr; }
 
  private:

@@ -105,8 +105,8 @@ class StderrSink : public TraceSink {
     localtime_r(&ts.tv_sec, &t);
     char when[32];
     std::strftime(when, sizeof when, "%Y-%m-%d %H:%M:%S", &t);
-    std::fprintf(stderr, "%s.%06ld %d %s %d %.*s\n", when, ts.tv_nsec / 1000, int(getpid()), h.name().c_str(),
-                 level, int(text.size()), text.data());
+    std::fprintf(stderr, "%s.%06ld %d %s %d %.*s\n", when, ts.tv_nsec / 1000, int(getpid()), h.name().c_str(), level,
+                 int(text.size()), text.data());
   }
 };
 
@@ -158,8 +158,7 @@ void Trace::emit(TraceHandle const& handle, int level, std::string_view text) {
   (s ? *s : static_cast<TraceSink&>(stderrSink)).line(handle, level, text);
 }
 
-TraceCapture::TraceCapture(std::string_view config)
-    : previous_(Trace::sinkIs(this)), previousConfig_(Trace::config()) {
+TraceCapture::TraceCapture(std::string_view config) : previous_(Trace::sinkIs(this)), previousConfig_(Trace::config()) {
   Trace::configIs(config);
 }
 

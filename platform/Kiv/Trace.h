@@ -107,10 +107,10 @@ class TraceCapture : public TraceSink {
 
 }  // namespace Kiv
 
-#define KIV_TRACE(handle, level, expr)                    \
-  do {                                                    \
-    if ((handle).enabled(level)) {                        \
-      ::Kiv::TraceLine kivTraceLine_((handle), (level));  \
-      kivTraceLine_ << expr;                              \
-    }                                                     \
+#define KIV_TRACE(handle, level, expr)                   \
+  do {                                                   \
+    if ((handle).enabled(level)) {                       \
+      ::Kiv::TraceLine kivTraceLine_((handle), (level)); \
+      kivTraceLine_ << expr;                             \
+    }                                                    \
   } while (0)

@@ -63,8 +63,7 @@ std::string doubleText(double v) {
 
 std::string pointerText(void const* p) {
   char buf[2 + 2 * sizeof(std::uintptr_t) + 1];
-  std::snprintf(buf, sizeof buf, "0x%llx",
-                static_cast<unsigned long long>(reinterpret_cast<std::uintptr_t>(p)));
+  std::snprintf(buf, sizeof buf, "0x%llx", static_cast<unsigned long long>(reinterpret_cast<std::uintptr_t>(p)));
   return buf;
 }
 
@@ -109,8 +108,7 @@ long long parseSigned(std::string_view text, long long lo, long long hi) {
     throw ParseException("expected an integer, found " + shown(t));
   }
   if (res.ec == std::errc::result_out_of_range || v < lo || v > hi) {
-    throw ParseException(std::string(t) + " is out of range " + std::to_string(lo) + ".." +
-                         std::to_string(hi));
+    throw ParseException(std::string(t) + " is out of range " + std::to_string(lo) + ".." + std::to_string(hi));
   }
   return v;
 }
@@ -151,8 +149,7 @@ std::uintptr_t parsePointer(std::string_view text) {
 
 }  // namespace ValueTextDetail
 
-ValueWriter::ValueWriter(std::string_view typeName)
-    : text_("Value(" + ValueTextDetail::quote(typeName) + ", ** {") {}
+ValueWriter::ValueWriter(std::string_view typeName) : text_("Value(" + ValueTextDetail::quote(typeName) + ", ** {") {}
 
 ValueWriter& ValueWriter::fieldRaw(std::string_view name, std::string_view text) {
   if (!first_) text_ += ", ";
@@ -174,13 +171,11 @@ class OuterParser {
 
   [[noreturn]] void fail(std::size_t at, std::string const& what) const {
     std::string near = at >= s_.size() ? std::string("end of text") : shown(s_.substr(at));
-    throw ParseException(context_ + what + " at offset " + std::to_string(at) + " (at " + near +
-                         ")");
+    throw ParseException(context_ + what + " at offset " + std::to_string(at) + " (at " + near + ")");
   }
 
   void skipBlanks() {
-    while (pos_ < s_.size() &&
-           (s_[pos_] == ' ' || s_[pos_] == '\t' || s_[pos_] == '\n' || s_[pos_] == '\r')) {
+    while (pos_ < s_.size() && (s_[pos_] == ' ' || s_[pos_] == '\t' || s_[pos_] == '\n' || s_[pos_] == '\r')) {
       ++pos_;
     }
   }
@@ -254,8 +249,7 @@ class OuterParser {
     } else {
       while (pos_ < s_.size()) {
         char d = s_[pos_];
-        if (d == ',' || d == '}' || d == ']' || d == ')' || d == ' ' || d == '\t' || d == '\n' ||
-            d == '\r') {
+        if (d == ',' || d == '}' || d == ']' || d == ')' || d == ' ' || d == '\t' || d == '\n' || d == '\r') {
           break;
         }
         if (d == '(') {  // a call such as Value(...)
@@ -284,8 +278,7 @@ class OuterParser {
 };
 
 std::string contextFor(std::string_view typeName) {
-  return typeName.empty() ? std::string("value text: ")
-                          : "value text of " + std::string(typeName) + ": ";
+  return typeName.empty() ? std::string("value text: ") : "value text of " + std::string(typeName) + ": ";
 }
 
 }  // namespace
@@ -349,8 +342,7 @@ ValueReader::Field const& ValueReader::require(std::string_view name) const {
 }
 
 std::string ValueReader::where(Field const& f) const {
-  return contextFor(typeName_) + "field '" + f.name + "' at offset " + std::to_string(f.offset) +
-         ": ";
+  return contextFor(typeName_) + "field '" + f.name + "' at offset " + std::to_string(f.offset) + ": ";
 }
 
 void ValueReader::done() const {

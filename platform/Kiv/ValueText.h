@@ -122,8 +122,7 @@ std::string valueToStrep(T const& x) {
   } else if constexpr (std::is_pointer_v<T>) {
     return pointerText(static_cast<void const*>(x));
   } else {
-    static_assert(alwaysFalse<T>,
-                  "no value text form: add valueToStrep() or specialise Kiv::ValueText");
+    static_assert(alwaysFalse<T>, "no value text form: add valueToStrep() or specialise Kiv::ValueText");
   }
 }
 
@@ -138,8 +137,7 @@ T valueFromStrep(std::string_view text) {
   } else if constexpr (std::is_same_v<T, bool>) {
     return parseBool(text);
   } else if constexpr (std::is_integral_v<T> && std::is_signed_v<T>) {
-    return static_cast<T>(
-        parseSigned(text, std::numeric_limits<T>::min(), std::numeric_limits<T>::max()));
+    return static_cast<T>(parseSigned(text, std::numeric_limits<T>::min(), std::numeric_limits<T>::max()));
   } else if constexpr (std::is_integral_v<T>) {
     return static_cast<T>(parseUnsigned(text, std::numeric_limits<T>::max()));
   } else if constexpr (std::is_floating_point_v<T>) {
@@ -150,17 +148,14 @@ T valueFromStrep(std::string_view text) {
     return Name(unquote(text));
   } else if constexpr (IsOptional<T>::value) {
     std::string_view t = text;
-    while (!t.empty() && (t.front() == ' ' || t.front() == '\t' || t.front() == '\n'))
-      t.remove_prefix(1);
-    while (!t.empty() && (t.back() == ' ' || t.back() == '\t' || t.back() == '\n'))
-      t.remove_suffix(1);
+    while (!t.empty() && (t.front() == ' ' || t.front() == '\t' || t.front() == '\n')) t.remove_prefix(1);
+    while (!t.empty() && (t.back() == ' ' || t.back() == '\t' || t.back() == '\n')) t.remove_suffix(1);
     if (t == "None") return T();
     return T(valueFromStrep<typename T::value_type>(t));
   } else if constexpr (std::is_pointer_v<T>) {
     return reinterpret_cast<T>(parsePointer(text));
   } else {
-    static_assert(alwaysFalse<T>,
-                  "no constructor from text: add fromStrep() or specialise Kiv::ValueText");
+    static_assert(alwaysFalse<T>, "no constructor from text: add fromStrep() or specialise Kiv::ValueText");
   }
 }
 
@@ -217,9 +212,7 @@ class ValueReader {
     std::size_t length;
     mutable bool read = false;
   };
-  std::string_view textOf(Field const& f) const {
-    return std::string_view(text_).substr(f.offset, f.length);
-  }
+  std::string_view textOf(Field const& f) const { return std::string_view(text_).substr(f.offset, f.length); }
   Field const* find(std::string_view name) const;
   Field const& require(std::string_view name) const;
   std::string where(Field const& f) const;

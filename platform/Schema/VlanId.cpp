@@ -27,9 +27,7 @@ std::uint64_t VlanId::hash() const {
   return h.result();
 }
 
-VlanId VlanId::fromStrep(std::string_view text) {
-  return VlanId(Kiv::valueFromStrep<std::uint64_t>(text));
-}
+VlanId VlanId::fromStrep(std::string_view text) { return VlanId(Kiv::valueFromStrep<std::uint64_t>(text)); }
 
 VlanId VlanIdOrNone::vlanId() const {
   KIV_ASSERT(hasValue());
@@ -42,9 +40,7 @@ std::uint64_t VlanIdOrNone::hash() const {
   return h.result();
 }
 
-std::string VlanIdOrNone::valueToStrep() const {
-  return isNone() ? std::string("None") : vlanId().valueToStrep();
-}
+std::string VlanIdOrNone::valueToStrep() const { return isNone() ? std::string("None") : vlanId().valueToStrep(); }
 
 VlanIdOrNone VlanIdOrNone::fromStrep(std::string_view text) {
   auto v = Kiv::valueFromStrep<std::optional<std::uint64_t>>(text);

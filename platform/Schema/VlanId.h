@@ -30,8 +30,7 @@ class VlanId {
 
   constexpr VlanId() = default;
   template <std::integral I>
-  explicit VlanId(I value)
-      : value_(checked(static_cast<long long>(value), std::cmp_less(value, 0))) {}
+  explicit VlanId(I value) : value_(checked(static_cast<long long>(value), std::cmp_less(value, 0))) {}
 
   constexpr std::uint16_t value() const { return value_; }
   constexpr bool isValid() const { return value_ >= 1 && value_ <= 4094; }

@@ -28,9 +28,7 @@ std::uint64_t VrfName::hash() const {
 
 std::string VrfName::valueToStrep() const { return Kiv::valueToStrep(view()); }
 
-VrfName VrfName::fromStrep(std::string_view text) {
-  return VrfName(Kiv::valueFromStrep<std::string>(text));
-}
+VrfName VrfName::fromStrep(std::string_view text) { return VrfName(Kiv::valueFromStrep<std::string>(text)); }
 
 std::ostream& operator<<(std::ostream& os, VrfName const& n) { return os << n.view(); }
 

@@ -22,9 +22,7 @@ EntityManager::~EntityManager() {
 
 void EntityManager::rootIs(std::string root) { root_ = root.empty() ? Vorn::defaultRoot() : std::move(root); }
 
-std::string EntityManager::pathOfUrl(std::string const& url) const {
-  return root_ + "/" + Vorn::fileNameOfUrl(url);
-}
+std::string EntityManager::pathOfUrl(std::string const& url) const { return root_ + "/" + Vorn::fileNameOfUrl(url); }
 
 Kiv::Ptr<Vorn::Status> EntityManager::mounted(std::string const& url) const {
   auto it = mounts_.find(url);

@@ -50,15 +50,15 @@ void Mount::doMount(std::string const& url, std::string const& typeName, MountIn
             ? Stelo::SharedDir::writerIs(entityManager_, url, typeName, Kiv::Name(mountInfo.entry))
             : Stelo::SharedDir::readerIs(entityManager_, url, typeName);
     entityManager_->sharedDirIs(url, dir);
-    KIV_TRACE(th, 5, "doMount: shared directory " << url << " of " << typeName
-                                                  << (mountInfo.kind == MountInfo::dirWriter ? ", publishing " : "")
-                                                  << mountInfo.entry);
+    KIV_TRACE(th, 5,
+              "doMount: shared directory " << url << " of " << typeName
+                                           << (mountInfo.kind == MountInfo::dirWriter ? ", publishing " : "")
+                                           << mountInfo.entry);
     return;
   }
   if (Kiv::Ptr<Vorn::Status> existing = entityManager_->mounted(url)) {
     if (existing->typeName() != typeName)
-      KIV_TRACE(th, 2, "doMount: " << url << " is mounted already as " << existing->typeName() << ", not "
-                                   << typeName);
+      KIV_TRACE(th, 2, "doMount: " << url << " is mounted already as " << existing->typeName() << ", not " << typeName);
     return;
   }
   Vorn::Status::Mode mode;
@@ -80,8 +80,7 @@ void Mount::doMount(std::string const& url, std::string const& typeName, MountIn
     return;
   }
   if (mode == Vorn::Status::Mode::writer) {
-    if (!makeDirs(entityManager_->root()))
-      throw Kiv::ErrnoException("mkdir(" + entityManager_->root() + ")", errno);
+    if (!makeDirs(entityManager_->root())) throw Kiv::ErrnoException("mkdir(" + entityManager_->root() + ")", errno);
   } else if (::access(path.c_str(), F_OK) != 0) {
     KIV_TRACE(th, 4, "doMount: " << url << ": no table at " << path << " (yet)");
     return;

@@ -137,8 +137,9 @@ void SharedDir::withdraw(Kiv::Name const& name) {
 
 void SharedDir::handleEntry(Kiv::Name const& name) {
   if (name != writerEntry_) {
-    KIV_TRACE(th, 4, "entry " << name << " of " << dirUrl_ << " stays local: this process publishes "
-                             << writerEntry_ << " only");
+    KIV_TRACE(
+        th, 4,
+        "entry " << name << " of " << dirUrl_ << " stays local: this process publishes " << writerEntry_ << " only");
     return;
   }
   Kiv::Ptr<Kiv::Entity> entity = dir_->entity(name);

@@ -36,8 +36,8 @@ struct TableDesc {
   std::uint32_t entrySize;  // EntryHead + key + record, rounded up to 8
   std::uint32_t keyOffset;  // within an entry
   std::uint32_t recordOffset;
-  std::uint32_t capacity;   // records; entry `capacity` is the skip-list head
-  std::uint32_t slotCount;  // hash slots, a power of two >= 2 * capacity
+  std::uint32_t capacity;     // records; entry `capacity` is the skip-list head
+  std::uint32_t slotCount;    // hash slots, a power of two >= 2 * capacity
   std::uint32_t linksOffset;  // within an entry: the skip-list tower
   std::uint64_t controlOffset;
   std::uint64_t slotsOffset;

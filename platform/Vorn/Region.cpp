@@ -1,8 +1,8 @@
 #include "Vorn/Region.h"
 
 #include <fcntl.h>
-#include <signal.h>
 #include <sched.h>
+#include <signal.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <time.h>
@@ -75,8 +75,8 @@ struct Plan {
 void shapeEntry(Layout::TableDesc& d) {
   d.keyOffset = sizeof(Layout::EntryHead);
   d.linksOffset = d.keyOffset + static_cast<std::uint32_t>(Layout::roundUp(d.keySize, 4));
-  d.recordOffset = static_cast<std::uint32_t>(
-      Layout::roundUp(d.linksOffset + sizeof(Layout::Link) * Layout::kMaxLevel, 8));
+  d.recordOffset =
+      static_cast<std::uint32_t>(Layout::roundUp(d.linksOffset + sizeof(Layout::Link) * Layout::kMaxLevel, 8));
   d.entrySize = static_cast<std::uint32_t>(Layout::roundUp(d.recordOffset + d.recordSize, 64));
 }
 
@@ -100,8 +100,8 @@ std::string fileNameOfUrl(std::string_view url) {
   static char const hex[] = "0123456789ABCDEF";
   std::string out;
   for (unsigned char c : url) {
-    bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' ||
-                 c == '_' || c == '-';
+    bool plain =
+        (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' || c == '_' || c == '-';
     if (plain) {
       out += static_cast<char>(c);
     } else {
@@ -181,8 +181,7 @@ void Region::validate(std::string_view typeName, std::vector<TableShape> const* 
   typeName_ = fixedString(h->typeName, Layout::kTypeLen);
   if (!typeName.empty() && typeName_ != typeName)
     fail("holds type '" + typeName_ + "', not '" + std::string(typeName) + "'");
-  if (h->tableCount == 0 || h->tableCount > Layout::kMaxTables)
-    fail("table count " + std::to_string(h->tableCount));
+  if (h->tableCount == 0 || h->tableCount > Layout::kMaxTables) fail("table count " + std::to_string(h->tableCount));
   if (shapes != nullptr && shapes->size() != h->tableCount)
     fail("holds " + std::to_string(h->tableCount) + " tables, the type has " + std::to_string(shapes->size()));
   std::uint64_t previousEnd = Layout::kHeaderSize;
@@ -207,8 +206,8 @@ void Region::validate(std::string_view typeName, std::vector<TableShape> const* 
       fail(tw + "record size " + std::to_string(d.recordSize));
     Layout::TableDesc expect = d;
     shapeEntry(expect);
-    if (expect.entrySize != d.entrySize || expect.keyOffset != d.keyOffset ||
-        expect.recordOffset != d.recordOffset || expect.linksOffset != d.linksOffset)
+    if (expect.entrySize != d.entrySize || expect.keyOffset != d.keyOffset || expect.recordOffset != d.recordOffset ||
+        expect.linksOffset != d.linksOffset)
       fail(tw + "entry layout does not match its key and record sizes");
     if (d.capacity == 0 || d.capacity > Layout::kMaxCapacity) fail(tw + "capacity " + std::to_string(d.capacity));
     if (!isPow2(d.slotCount) || d.slotCount < 2ull * d.capacity || d.slotCount > 4ull * Layout::kMaxCapacity)
@@ -459,9 +458,7 @@ std::uint32_t Region::liveReaders() const {
 
 void Region::truncatedFail() const { fail("the file was truncated under a live mapping"); }
 
-void Region::fail(std::string const& text) const {
-  throw Pelto::CorruptionDetectedException(path_ + ": " + text);
-}
+void Region::fail(std::string const& text) const { throw Pelto::CorruptionDetectedException(path_ + ": " + text); }
 
 namespace {
 template <class T>
@@ -514,8 +511,7 @@ std::uint64_t Region::logChange(std::uint32_t table, void const* key, std::uint3
   // Sequentially consistent store then load, against the reader's arm
   // (fetch_or) then logHead load: one of the two sees the other.
   header_->logHead.store(p + 1, std::memory_order_seq_cst);
-  if (header_->armed.load(std::memory_order_seq_cst) != 0)
-    ring(header_->armed.exchange(0, std::memory_order_seq_cst));
+  if (header_->armed.load(std::memory_order_seq_cst) != 0) ring(header_->armed.exchange(0, std::memory_order_seq_cst));
   return p + 1;
 }
 

@@ -89,8 +89,7 @@ class Region {
   // file are the file's own. A file whose writer is still running is not
   // taken over: Kiv::Exception names that writer.
   static std::unique_ptr<Region> writerIs(std::string const& path, std::string_view typeName,
-                                          std::vector<TableShape> const& shapes,
-                                          std::uint32_t logCapacity);
+                                          std::vector<TableShape> const& shapes, std::uint32_t logCapacity);
   // Opens an existing region for reading: Kiv::ErrnoException("open") when
   // there is none, Pelto::CorruptionDetectedException when it is not a valid
   // region of this type and shape (capacities are taken from the file).
@@ -136,9 +135,9 @@ class Region {
   // become even and returns it; raises the corruption exception when the
   // writer is gone or the counter stays odd for 0.5 s or past `deadline`
   // (a caller that waits on many counters bounds them all together).
-  std::uint32_t waitEven(std::atomic<std::uint32_t> const& seq, std::string_view what,
-                         std::chrono::steady_clock::time_point deadline =
-                             std::chrono::steady_clock::time_point::max()) const;
+  std::uint32_t waitEven(
+      std::atomic<std::uint32_t> const& seq, std::string_view what,
+      std::chrono::steady_clock::time_point deadline = std::chrono::steady_clock::time_point::max()) const;
   std::uint64_t waitEven64(std::atomic<std::uint64_t> const& seq, std::string_view what) const;
 
   // Writer: appends one change and rings the armed doorbells. Returns the
@@ -176,8 +175,7 @@ class Region {
   bool writerLockTake();
   bool writerLockHeld() const;
   static std::unique_ptr<Region> create(std::string const& path, std::string_view typeName,
-                                        std::vector<TableShape> const& shapes,
-                                        std::uint32_t logCapacity);
+                                        std::vector<TableShape> const& shapes, std::uint32_t logCapacity);
 
   Mode mode_ = Mode::reader;
   std::string path_;

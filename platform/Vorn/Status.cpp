@@ -40,8 +40,8 @@ void Status::mountIs(std::string const& path, Mode mode, MountOptions const& opt
   std::vector<TableShape> shapes;
   for (TableBase* t : tables_) {
     auto it = options.capacity.find(t->name());
-    shapes.push_back({t->name(), t->keySize(), t->recordSize(),
-                      it != options.capacity.end() ? it->second : t->defaultCapacity()});
+    shapes.push_back(
+        {t->name(), t->keySize(), t->recordSize(), it != options.capacity.end() ? it->second : t->defaultCapacity()});
   }
   std::unique_ptr<Region> region = mode == Mode::writer
                                        ? Region::writerIs(path, typeName(), shapes, options.logCapacity)
@@ -51,8 +51,8 @@ void Status::mountIs(std::string const& path, Mode mode, MountOptions const& opt
   path_ = path;
   for (std::uint32_t i = 0; i < tables_.size(); ++i) tables_[i]->attach(region_.get(), i);
   if (mode == Mode::writer && region_->adopted()) {
-    KIV_TRACE(th, 4, "mountIs: adopting " << path << " from writer epoch "
-                                          << region_->header()->writerEpoch.load() - 1);
+    KIV_TRACE(th, 4,
+              "mountIs: adopting " << path << " from writer epoch " << region_->header()->writerEpoch.load() - 1);
     try {
       for (TableBase* t : tables_) t->adopt();
     } catch (...) {

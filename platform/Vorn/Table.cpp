@@ -128,8 +128,7 @@ void TableBase::readOnly() const {
 }
 
 void TableBase::full() const {
-  throw Kiv::RangeException("Vorn table '" + name_ + "' is full: capacity " + std::to_string(capacity_) +
-                            " records");
+  throw Kiv::RangeException("Vorn table '" + name_ + "' is full: capacity " + std::to_string(capacity_) + " records");
 }
 
 void TableBase::retriesExhausted() const {
@@ -140,8 +139,8 @@ std::uint32_t TableBase::waitEven(std::atomic<std::uint32_t> const& seq, std::ui
   // A live writer finishes a record in well under a microsecond: spin a
   // little before the bounded wait, whose failure text costs an allocation;
   // not once a scan's time is up.
-  bool const spin = waitDeadline_ == std::chrono::steady_clock::time_point::max() ||
-                    std::chrono::steady_clock::now() < waitDeadline_;
+  bool const spin =
+      waitDeadline_ == std::chrono::steady_clock::time_point::max() || std::chrono::steady_clock::now() < waitDeadline_;
   for (int i = 0; spin && i < 2048; ++i) {
     std::uint32_t const v = seq.load(std::memory_order_acquire);
     if ((v & 1) == 0) return v;
@@ -165,9 +164,10 @@ void TableBase::slotFail(std::uint32_t slot, std::uint64_t value) const {
 }
 
 void TableBase::fallbackNoticed() const {
-  KIV_TRACE(th, 1, "table '" << name_ << "': writer pid " << region_->writerPid()
-                              << " died while rebuilding the indexes; reads scan the entries"
-                                 " until a new writer adopts the file");
+  KIV_TRACE(th, 1,
+            "table '" << name_ << "': writer pid " << region_->writerPid()
+                      << " died while rebuilding the indexes; reads scan the entries"
+                         " until a new writer adopts the file");
 }
 
 void TableBase::loopFail(char const* where) const {

@@ -194,9 +194,7 @@ class TableBase {
   Layout::Link* links(std::uint32_t i) const {
     return reinterpret_cast<Layout::Link*>(entries_ + std::size_t(i) * entrySize_ + linksOffset_);
   }
-  unsigned char* recordAt(std::uint32_t i) const {
-    return entries_ + std::size_t(i) * entrySize_ + recordOffset_;
-  }
+  unsigned char* recordAt(std::uint32_t i) const { return entries_ + std::size_t(i) * entrySize_ + recordOffset_; }
   std::uint32_t headEntry() const { return capacity_; }
   std::uint32_t& prevOf(std::uint32_t i, std::uint32_t level) {
     return prev_[std::size_t(i) * Layout::kMaxLevel + level];
@@ -212,13 +210,11 @@ class TableBase {
     seq.store(seq.load(std::memory_order_relaxed) + 1, std::memory_order_release);
   }
   void genBegin() {
-    control_->structGen.store(control_->structGen.load(std::memory_order_relaxed) | 1,
-                              std::memory_order_relaxed);
+    control_->structGen.store(control_->structGen.load(std::memory_order_relaxed) | 1, std::memory_order_relaxed);
     std::atomic_thread_fence(std::memory_order_release);
   }
   void genEnd() {
-    control_->structGen.store((control_->structGen.load(std::memory_order_relaxed) | 1) + 1,
-                              std::memory_order_release);
+    control_->structGen.store((control_->structGen.load(std::memory_order_relaxed) | 1) + 1, std::memory_order_release);
   }
   // Reader bracket.
   std::uint64_t readBegin() const {
@@ -401,13 +397,13 @@ class Table : public TableBase {
     if (idx == Layout::kNone) return false;
     Layout::EntryHead* e = head(idx);
     std::uint32_t level = e->level;
-    if (level == 0 || level > Layout::kMaxLevel) fail("entry " + std::to_string(idx) + " has level " + std::to_string(level));
+    if (level == 0 || level > Layout::kMaxLevel)
+      fail("entry " + std::to_string(idx) + " has level " + std::to_string(level));
     std::uint32_t preds[Layout::kMaxLevel];
     bool known = true;
     for (std::uint32_t l = 0; l < level && known; ++l) {
       preds[l] = prevOf(idx, l);
-      known = (preds[l] < capacity_ || preds[l] == headEntry()) &&
-              mirror_[preds[l]].next[l] == idx;
+      known = (preds[l] < capacity_ || preds[l] == headEntry()) && mirror_[preds[l]].next[l] == idx;
     }
     if (!known) findPreds(k, preds);
     // Unlink top-down, then retire the entry: a reader standing on it sees
@@ -555,8 +551,10 @@ class Table : public TableBase {
     if (following_) {
       try {
         std::uint64_t stamp = 0;
-        if (lookup(k, nullptr, stamp)) seen_[k] = stamp;
-        else seen_.erase(k);
+        if (lookup(k, nullptr, stamp))
+          seen_[k] = stamp;
+        else
+          seen_.erase(k);
       } catch (Pelto::CorruptionDetectedException const& e) {
         // Forget it: the next resync announces it again if it differs.
         seen_.erase(k);
@@ -607,12 +605,16 @@ class Table : public TableBase {
  private:
   static std::uint64_t hash(K const& k) { return KeyHash<K>()(k); }
   static bool same(R const& a, R const& b) {
-    if constexpr (std::equality_comparable<R>) return a == b;
-    else return std::memcmp(&a, &b, sizeof(R)) == 0;
+    if constexpr (std::equality_comparable<R>)
+      return a == b;
+    else
+      return std::memcmp(&a, &b, sizeof(R)) == 0;
   }
   static bool equal(K const& a, K const& b) {
-    if constexpr (std::equality_comparable<K>) return a == b;
-    else return !(a < b) && !(b < a);
+    if constexpr (std::equality_comparable<K>)
+      return a == b;
+    else
+      return !(a < b) && !(b < a);
   }
   template <class T>
   static void printValue(std::ostream& os, T const& v) {
@@ -665,8 +667,7 @@ class Table : public TableBase {
       if (out) std::memcpy(static_cast<void*>(out), recordAt(idx), sizeof(R));
       stamp = e->stamp;
       std::atomic_thread_fence(std::memory_order_acquire);
-      if (e->dseq.load(std::memory_order_relaxed) != d1 || e->lseq.load(std::memory_order_relaxed) != l1)
-        return -1;
+      if (e->dseq.load(std::memory_order_relaxed) != d1 || e->lseq.load(std::memory_order_relaxed) != l1) return -1;
       return 1;
     }
     loopFail("hash probe");
@@ -733,7 +734,8 @@ class Table : public TableBase {
       unsigned char const* p = entries_ + std::size_t(ahead) * entrySize_;
       for (std::uint32_t off = 0; off < entrySize_; off += 64) __builtin_prefetch(p + off);
     }
-    if (!(after < nk)) fail("entry " + std::to_string(x) + " links to entry " + std::to_string(n) + ", whose key is not after its own");
+    if (!(after < nk))
+      fail("entry " + std::to_string(x) + " links to entry " + std::to_string(n) + ", whose key is not after its own");
     key = nk;
     hint.entry = n;
     hint.seq = l1;
@@ -775,8 +777,7 @@ class Table : public TableBase {
         K nk;
         std::memcpy(static_cast<void*>(&nk), keyAt(n), sizeof(K));
         std::atomic_thread_fence(std::memory_order_acquire);
-        if (head(n)->lseq.load(std::memory_order_relaxed) != ns ||
-            head(x)->lseq.load(std::memory_order_relaxed) != xs)
+        if (head(n)->lseq.load(std::memory_order_relaxed) != ns || head(x)->lseq.load(std::memory_order_relaxed) != xs)
           return -1;
         bool const advance = target && (strict ? !(*target < nk) : (nk < *target));
         if (!advance) {
@@ -833,8 +834,7 @@ class Table : public TableBase {
         if (region_->truncated()) throw;
       }
     }
-    std::sort(fallback_.begin(), fallback_.end(),
-              [](auto const& a, auto const& b) { return a.first < b.first; });
+    std::sort(fallback_.begin(), fallback_.end(), [](auto const& a, auto const& b) { return a.first < b.first; });
     fallbackValid_ = true;
     fallbackGen_ = g;
     fallbackEpoch_ = epoch;
@@ -842,8 +842,8 @@ class Table : public TableBase {
     return true;
   }
   bool fallbackLookup(K const& k, R* out, std::uint64_t& stamp) const {
-    auto it = std::lower_bound(fallback_.begin(), fallback_.end(), k,
-                               [](auto const& a, K const& b) { return a.first < b; });
+    auto it =
+        std::lower_bound(fallback_.begin(), fallback_.end(), k, [](auto const& a, K const& b) { return a.first < b; });
     for (; it != fallback_.end() && !(k < it->first); ++it) {
       K kk;
       if (readEntry(it->second, &kk, out, stamp) && equal(kk, k)) return true;
@@ -961,7 +961,7 @@ class Table : public TableBase {
     K key{};
     std::uint32_t next[Layout::kMaxLevel];
   };
-  std::vector<Node> mirror_;  // the writer's: entry i's key and links, head last
+  std::vector<Node> mirror_;                                   // the writer's: entry i's key and links, head last
   mutable std::vector<std::pair<K, std::uint32_t>> fallback_;  // (key, entry) in key order
   mutable bool fallbackValid_ = false;
   mutable std::uint64_t fallbackGen_ = 0;
@@ -999,8 +999,7 @@ void Table<K, R, KeyOf>::adopt() {
       e->live = 0;
       continue;
     }
-    bool const intact = !dodd && (!lodd || e->op == Layout::opLink) && e->level >= 1 &&
-                        e->level <= Layout::kMaxLevel;
+    bool const intact = !dodd && (!lodd || e->op == Layout::opLink) && e->level >= 1 && e->level <= Layout::kMaxLevel;
     e->op = Layout::opNone;
     if (!intact) {
       K k;
@@ -1018,8 +1017,7 @@ void Table<K, R, KeyOf>::adopt() {
     std::memcpy(static_cast<void*>(&k), keyAt(i), sizeof(K));
     return k;
   };
-  std::sort(keep.begin(), keep.end(),
-            [&](std::uint32_t a, std::uint32_t b) { return keyOfEntry(a) < keyOfEntry(b); });
+  std::sort(keep.begin(), keep.end(), [&](std::uint32_t a, std::uint32_t b) { return keyOfEntry(a) < keyOfEntry(b); });
   // Two live entries with one key cannot come from a crash; keep the newer.
   std::vector<std::uint32_t> unique;
   for (std::uint32_t i : keep) {
@@ -1092,17 +1090,17 @@ void Table<K, R, KeyOf>::adopt() {
 // name(key) (the record or Record()), nameIs(record), nameDel(key),
 // nameTable() (ordered and unordered iteration, size, corruptionDetected),
 // and the hook NotifieeConst::onName(key) fired on every change.
-#define VORN_TABLE(StatusClass, name, Name, KeyType, RecordType, keyOfRecord, defaultCapacity)          \
- public:                                                                                                 \
-  using Name##Table = ::Vorn::Table<KeyType, RecordType, keyOfRecord>;                                   \
-  RecordType name(KeyType const& k) const { return name##_.find(k); }                                    \
-  bool name##Is(RecordType const& r) { return name##_.is(r); }                                           \
-  bool name##Del(KeyType const& k) { return name##_.del(k); }                                            \
-  Name##Table& name##Table() { return name##_; }                                                         \
-  Name##Table const& name##Table() const { return name##_; }                                             \
-                                                                                                         \
- private:                                                                                                \
-  Name##Table name##_{this, #name, defaultCapacity,                                                      \
+#define VORN_TABLE(StatusClass, name, Name, KeyType, RecordType, keyOfRecord, defaultCapacity)               \
+ public:                                                                                                     \
+  using Name##Table = ::Vorn::Table<KeyType, RecordType, keyOfRecord>;                                       \
+  RecordType name(KeyType const& k) const { return name##_.find(k); }                                        \
+  bool name##Is(RecordType const& r) { return name##_.is(r); }                                               \
+  bool name##Del(KeyType const& k) { return name##_.del(k); }                                                \
+  Name##Table& name##Table() { return name##_; }                                                             \
+  Name##Table const& name##Table() const { return name##_; }                                                 \
+                                                                                                             \
+ private:                                                                                                    \
+  Name##Table name##_{this, #name, defaultCapacity,                                                          \
                       [this](KeyType const& k) { this->notify(&StatusClass::NotifieeConst::on##Name, k); }}; \
-                                                                                                         \
+                                                                                                             \
  public:

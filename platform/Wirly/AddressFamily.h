@@ -26,9 +26,7 @@ std::ostream& operator<<(std::ostream& os, AddressFamily af);
 
 template <>
 struct Kiv::ValueText<Wirly::AddressFamily> {
-  static std::string toStrep(Wirly::AddressFamily af) {
-    return ValueTextDetail::quote(Wirly::addressFamilyName(af));
-  }
+  static std::string toStrep(Wirly::AddressFamily af) { return ValueTextDetail::quote(Wirly::addressFamilyName(af)); }
   static Wirly::AddressFamily fromStrep(std::string_view text) {
     return Wirly::addressFamilyFromName(valueFromStrep<std::string>(text));
   }

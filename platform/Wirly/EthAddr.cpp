@@ -33,8 +33,7 @@ EthAddr::EthAddr(std::string_view text) {
   }
   if (!ok) {
     bytes_ = {};
-    throw Kiv::ParseException("EthAddr: '" + std::string(text) +
-                              "' is not an Ethernet address (xx:xx:xx:xx:xx:xx)");
+    throw Kiv::ParseException("EthAddr: '" + std::string(text) + "' is not an Ethernet address (xx:xx:xx:xx:xx:xx)");
   }
 }
 
@@ -47,8 +46,8 @@ bool EthAddr::isBroadcast() const {
 
 std::string EthAddr::str() const {
   char buf[18];
-  std::snprintf(buf, sizeof buf, "%02x:%02x:%02x:%02x:%02x:%02x", bytes_[0], bytes_[1], bytes_[2],
-                bytes_[3], bytes_[4], bytes_[5]);
+  std::snprintf(buf, sizeof buf, "%02x:%02x:%02x:%02x:%02x:%02x", bytes_[0], bytes_[1], bytes_[2], bytes_[3], bytes_[4],
+                bytes_[5]);
   return buf;
 }
 
@@ -58,9 +57,7 @@ std::uint64_t EthAddr::hash() const {
   return h.result();
 }
 
-std::string EthAddr::valueToStrep() const {
-  return Kiv::ValueWriter("Wirly::EthAddr").field("addr", str()).str();
-}
+std::string EthAddr::valueToStrep() const { return Kiv::ValueWriter("Wirly::EthAddr").field("addr", str()).str(); }
 
 EthAddr EthAddr::fromStrep(std::string_view text) {
   Kiv::ValueReader r(text, "Wirly::EthAddr");

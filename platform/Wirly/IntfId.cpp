@@ -81,13 +81,11 @@ std::uint64_t encode(std::string_view name) {
 
   std::uint64_t value = std::uint64_t(kind->code) << kindShift;
   unsigned count = 0;
-  std::string_view rest =
-      digitsAt == std::string_view::npos ? std::string_view() : name.substr(digitsAt);
+  std::string_view rest = digitsAt == std::string_view::npos ? std::string_view() : name.substr(digitsAt);
   while (!rest.empty()) {
     std::size_t slash = rest.find('/');
     std::string_view digits = rest.substr(0, slash);
-    bool allDigits =
-        !digits.empty() && digits.find_first_not_of("0123456789") == std::string_view::npos;
+    bool allDigits = !digits.empty() && digits.find_first_not_of("0123456789") == std::string_view::npos;
     if (!allDigits || (digits.size() > 1 && digits[0] == '0') ||
         (slash != std::string_view::npos && slash + 1 == rest.size())) {
       notAName(name, "is not an interface name");
@@ -100,8 +98,8 @@ std::uint64_t encode(std::string_view name) {
     std::uint64_t n = 0;
     auto res = std::from_chars(digits.data(), digits.data() + digits.size(), n);
     if (res.ec != std::errc() || n < lo || n > hi) {
-      notAName(name, "has number " + std::string(digits) + " out of range " + std::to_string(lo) +
-                         ".." + std::to_string(hi));
+      notAName(name,
+               "has number " + std::string(digits) + " out of range " + std::to_string(lo) + ".." + std::to_string(hi));
     }
     value |= n << numberShift(count);
     ++count;
@@ -152,9 +150,7 @@ std::uint64_t IntfId::hash() const {
   return h.result();
 }
 
-std::string IntfId::valueToStrep() const {
-  return Kiv::ValueWriter("Wirly::IntfId").field("intfId", name()).str();
-}
+std::string IntfId::valueToStrep() const { return Kiv::ValueWriter("Wirly::IntfId").field("intfId", name()).str(); }
 
 IntfId IntfId::fromStrep(std::string_view text) {
   Kiv::ValueReader r(text, "Wirly::IntfId");

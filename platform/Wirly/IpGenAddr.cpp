@@ -30,8 +30,7 @@ IpGenAddr::IpGenAddr(std::string_view text) {
     }
   }
   std::memset(addr_, 0, sizeof addr_);
-  throw Kiv::ParseException("IpGenAddr: '" + std::string(text) +
-                            "' is not an IPv4 or IPv6 address");
+  throw Kiv::ParseException("IpGenAddr: '" + std::string(text) + "' is not an IPv4 or IPv6 address");
 }
 
 IpGenAddr::IpGenAddr(in_addr a) : af_(ipv4) { std::memcpy(addr_, &a, 4); }
@@ -98,8 +97,8 @@ in6_addr IpGenAddr::in6Addr() const {
 IpGenAddr IpGenAddr::masked(unsigned length) const {
   std::size_t bits = 8 * byteLength();
   if (length > bits) {
-    throw Kiv::RangeException("IpGenAddr: mask length " + std::to_string(length) + " > " +
-                              std::to_string(bits) + " not allowed for " + str());
+    throw Kiv::RangeException("IpGenAddr: mask length " + std::to_string(length) + " > " + std::to_string(bits) +
+                              " not allowed for " + str());
   }
   IpGenAddr out = *this;
   for (std::size_t i = 0; i < sizeof addr_; ++i) {
@@ -128,9 +127,7 @@ std::strong_ordering operator<=>(IpGenAddr const& a, IpGenAddr const& b) {
   return std::memcmp(a.addr_, b.addr_, sizeof a.addr_) <=> 0;
 }
 
-std::string IpGenAddr::valueToStrep() const {
-  return Kiv::ValueWriter("Wirly::IpGenAddr").field("addr", str()).str();
-}
+std::string IpGenAddr::valueToStrep() const { return Kiv::ValueWriter("Wirly::IpGenAddr").field("addr", str()).str(); }
 
 IpGenAddr IpGenAddr::fromStrep(std::string_view text) {
   Kiv::ValueReader r(text, "Wirly::IpGenAddr");

@@ -28,8 +28,7 @@ namespace {
 
 [[noreturn]] void tooLong(unsigned len, IpGenAddr const& addr, std::string_view text) {
   throw Kiv::RangeException("IpGenPrefix: length " + std::to_string(len) + " > " +
-                            std::to_string(8 * addr.byteLength()) + " not allowed in '" +
-                            std::string(text) + "'");
+                            std::to_string(8 * addr.byteLength()) + " not allowed in '" + std::string(text) + "'");
 }
 
 }  // namespace
@@ -47,8 +46,7 @@ IpGenPrefix::IpGenPrefix(IpGenAddr const& addr) {
 
 IpGenPrefix::IpGenPrefix(std::string_view text) {
   std::size_t slash = text.find('/');
-  std::string_view digits =
-      slash == std::string_view::npos ? std::string_view() : text.substr(slash + 1);
+  std::string_view digits = slash == std::string_view::npos ? std::string_view() : text.substr(slash + 1);
   IpGenAddr addr;
   unsigned len = 0;
   bool ok = true;
@@ -61,12 +59,11 @@ IpGenPrefix::IpGenPrefix(std::string_view text) {
     len = unsigned(8 * addr.byteLength());
   } else {
     auto res = std::from_chars(digits.data(), digits.data() + digits.size(), len);
-    ok = ok && !addr.isUnspecified() && !digits.empty() && digits.size() <= 3 &&
-         res.ec == std::errc() && res.ptr == digits.data() + digits.size();
+    ok = ok && !addr.isUnspecified() && !digits.empty() && digits.size() <= 3 && res.ec == std::errc() &&
+         res.ptr == digits.data() + digits.size();
   }
   if (!ok) {
-    throw Kiv::ParseException("IpGenPrefix: '" + std::string(text) +
-                              "' is not an IPv4 or IPv6 prefix");
+    throw Kiv::ParseException("IpGenPrefix: '" + std::string(text) + "' is not an IPv4 or IPv6 prefix");
   }
   if (len > 8 * addr.byteLength()) tooLong(len, addr, text);
   addr_ = addr.masked(len);

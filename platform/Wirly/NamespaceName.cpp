@@ -13,8 +13,7 @@ NamespaceName::NamespaceName(std::string_view name) {
     throw Kiv::RangeException("NamespaceName::bytes > NamespaceName::maxLength not allowed");
   }
   // The name becomes a path component under /run/netns.
-  if (name.find_first_of(std::string_view("/\0", 2)) != std::string_view::npos || name == "." ||
-      name == "..") {
+  if (name.find_first_of(std::string_view("/\0", 2)) != std::string_view::npos || name == "." || name == "..") {
     throw Kiv::RangeException("NamespaceName: '" + std::string(name) + "' is not a namespace name");
   }
   name_ = name;

@@ -65,7 +65,10 @@ class Pam : public Kiv::Entity {
   // nothing reads the socket until the user calls rxPkt(). The loop must
   // outlive every socket registered with it.
   Kiv::EventLoop* eventLoop() const;
-  void eventLoopIs(Kiv::EventLoop* loop) { loop_ = loop; loopSet_ = true; }
+  void eventLoopIs(Kiv::EventLoop* loop) {
+    loop_ = loop;
+    loopSet_ = true;
+  }
   static Kiv::EventLoop* defaultEventLoop();
   static void defaultEventLoopIs(Kiv::EventLoop* loop);
 
@@ -86,8 +89,9 @@ class Pam : public Kiv::Entity {
       if (auto* d = dynamic_cast<N*>(n)) (d->*hook)(args...);
     };
     using Bound = decltype(bound);
-    notify(&NotifieeConst::kivDispatch, static_cast<void*>(&bound),
-           +[](void* ctx, NotifieeConst* n) { (*static_cast<Bound*>(ctx))(n); });
+    notify(
+        &NotifieeConst::kivDispatch, static_cast<void*>(&bound),
+        +[](void* ctx, NotifieeConst* n) { (*static_cast<Bound*>(ctx))(n); });
   }
 
  private:

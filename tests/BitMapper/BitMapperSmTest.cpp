@@ -162,7 +162,7 @@ TEST_F(BitMapperSmDeathTest, SpaceReachingTheWaitlistMarkerMistakesAWaitingKeyFo
   EXPECT_DEATH(
       {
         Allocator a(path, 5, false, 65530);  // maxBitIndex 65535
-        a.sm->bitIndexFreePoolDel(4);           // 65534 never goes out
+        a.sm->bitIndexFreePoolDel(4);        // 65534 never goes out
         for (unsigned n = 0; n < 4; ++n) a.alloc(key(n));
         a.alloc(key(5));  // waits: 65534
         a.alloc(key(5));

@@ -62,8 +62,7 @@ TEST(BrisklogCat, HelpDescribesTheTool) {
 TEST(BrisklogCat, PrintsRecordsInOrderFilteredBySourceAndTime) {
   TraceDir dir;
   BRISKLOG("MrtNotifySm", "Start review of kernel upcalls");
-  BRISKLOG("MfibDirSm", "handleMountPoint Mounting %s Mfib vorn table for VRF %s", "mfib-red",
-           "red");
+  BRISKLOG("MfibDirSm", "handleMountPoint Mounting %s Mfib vorn table for VRF %s", "mfib-red", "red");
   BRISKLOG("MrtNotifySm", "Finished review of %d kernel upcalls in %g seconds", 3, 0.5);
   std::string const file = Brisklog::path();
   std::string const err = dir.dir() + "/err";
@@ -73,8 +72,7 @@ TEST(BrisklogCat, PrintsRecordsInOrderFilteredBySourceAndTime) {
   std::vector<std::string> got = lines(all.out);
   ASSERT_EQ(got.size(), 3u);
   EXPECT_EQ(afterTime(got[0]), "MrtNotifySm Start review of kernel upcalls");
-  EXPECT_EQ(afterTime(got[1]),
-            "MfibDirSm handleMountPoint Mounting mfib-red Mfib vorn table for VRF red");
+  EXPECT_EQ(afterTime(got[1]), "MfibDirSm handleMountPoint Mounting mfib-red Mfib vorn table for VRF red");
   EXPECT_EQ(afterTime(got[2]), "MrtNotifySm Finished review of 3 kernel upcalls in 0.5 seconds");
 
   ToolRun one = brisklogCat("-s 'Mrt*' -l " + file, err);
@@ -110,9 +108,7 @@ TEST(BrisklogCat, ListShowsEachFilesProcessAndWhetherItRuns) {
   std::vector<std::string> got = lines(r.out);
   ASSERT_EQ(got.size(), 2u) << r.out;
   // Sorted by name: "BrisklogTest-<pid>" before "junk".
-  EXPECT_EQ(got[0].rfind(mine + "  BrisklogTest pid " + std::to_string(getpid()) + "  running", 0),
-            0u)
-      << got[0];
+  EXPECT_EQ(got[0].rfind(mine + "  BrisklogTest pid " + std::to_string(getpid()) + "  running", 0), 0u) << got[0];
   EXPECT_NE(got[1].find("junk.brisklog  unreadable: "), std::string::npos) << got[1];
 }
 

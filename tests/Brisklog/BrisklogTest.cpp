@@ -1,8 +1,8 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <pthread.h>
 #include <sched.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -42,8 +42,7 @@ std::vector<std::string> texts(std::vector<Record> const& records) {
 std::vector<std::uint64_t> sequence(std::vector<Record> const& records) {
   std::vector<std::uint64_t> out;
   for (Record const& r : records)
-    if (!r.args.empty())
-      out.push_back(r.args[0].kind == 'd' ? std::uint64_t(r.args[0].i) : r.args[0].u);
+    if (!r.args.empty()) out.push_back(r.args[0].kind == 'd' ? std::uint64_t(r.args[0].i) : r.args[0].u);
   return out;
 }
 
@@ -78,16 +77,13 @@ TEST(BrisklogRoundTrip, EveryArgumentKindDecodesWithItsCallSite) {
   Kiv::Name name("default");
   std::int64_t const before = realNs();
   int const line = __LINE__ + 1;
-  BRISKLOG(
-      "RouteIntfIteratorConst",
-      "i8=%d u16=%u min=%lld max=%llu b=%s c=%c f=%.3f p=%p v4=%s raw=%s v6=%s s=%s sv=%s cs=%s "
-      "name=%s role=%d",
-      std::int8_t(-5), std::uint16_t(65535), INT64_MIN, UINT64_MAX, true, 'x', 0.25,
-      reinterpret_cast<void*>(0x1234), Brisklog::Addr::v4(0x0a010203),
-      Brisklog::Addr(std::span<std::uint8_t const, 4>(raw4)), Brisklog::Addr(v6), intf, vrf, app,
-      name, Role::oif);
-  BRISKLOG("MfibDirSm", "handleInitialized, Initializing... grp %s",
-           Elsewhere::GroupAddr{0xe0000001});
+  BRISKLOG("RouteIntfIteratorConst",
+           "i8=%d u16=%u min=%lld max=%llu b=%s c=%c f=%.3f p=%p v4=%s raw=%s v6=%s s=%s sv=%s cs=%s "
+           "name=%s role=%d",
+           std::int8_t(-5), std::uint16_t(65535), INT64_MIN, UINT64_MAX, true, 'x', 0.25,
+           reinterpret_cast<void*>(0x1234), Brisklog::Addr::v4(0x0a010203),
+           Brisklog::Addr(std::span<std::uint8_t const, 4>(raw4)), Brisklog::Addr(v6), intf, vrf, app, name, Role::oif);
+  BRISKLOG("MfibDirSm", "handleInitialized, Initializing... grp %s", Elsewhere::GroupAddr{0xe0000001});
   std::int64_t const after = realNs();
 
   Reader reader(Brisklog::path());
@@ -148,8 +144,7 @@ TEST(BrisklogRoundTrip, OversizedStringsAndRecordsAreCutVisibly) {
   // Four strings of 202 bytes fit in 1 KiB beside the header; the rest do not.
   EXPECT_TRUE(records[1].truncated);
   EXPECT_EQ(records[1].args.size(), 4u);
-  EXPECT_EQ(records[1].text(),
-            piece + "|" + piece + "|" + piece + "|" + piece + "|[truncated]|[truncated]");
+  EXPECT_EQ(records[1].text(), piece + "|" + piece + "|" + piece + "|" + piece + "|[truncated]|[truncated]");
   EXPECT_EQ(records[2].text(), "after 7");
   EXPECT_TRUE(reader.problems().empty());
 }
@@ -158,8 +153,7 @@ TEST(BrisklogRing, WrapAroundKeepsTheNewestRecordsInOrder) {
   TraceDir dir(4096, 1);
   // Records of varying size, so that laps end in padding at varying places.
   std::string const filler(60, 'z');
-  for (std::uint32_t i = 0; i < 5000; ++i)
-    BRISKLOG("Wrap", "seq %u %s", i, std::string_view(filler).substr(0, i % 61));
+  for (std::uint32_t i = 0; i < 5000; ++i) BRISKLOG("Wrap", "seq %u %s", i, std::string_view(filler).substr(0, i % 61));
 
   Reader reader(Brisklog::path());
   std::vector<Record> records = reader.read();
@@ -204,8 +198,7 @@ TEST(BrisklogRing, ThreadsBeyondTheExclusiveRingsShareOneWithoutLoss) {
 
   Reader reader(Brisklog::path());
   std::map<std::int64_t, std::vector<std::uint64_t>> perThread;
-  for (Record const& r : reader.read())
-    perThread[r.args[1].i].push_back(std::uint64_t(r.args[0].i));
+  for (Record const& r : reader.read()) perThread[r.args[1].i].push_back(std::uint64_t(r.args[0].i));
   ASSERT_EQ(perThread.size(), std::size_t(kThreads));
   for (auto const& [t, seq] : perThread) {
     EXPECT_EQ(seq.size(), std::size_t(kPerThread)) << "thread " << t;
@@ -226,9 +219,8 @@ TEST(BrisklogRing, ReaderRacingWritersGetsOnlyWholeRecords) {
         // Bursts of about half a ring, so that the reader sometimes keeps up.
         if (i % 48 == 0) usleep(20);
         std::uint64_t check = i * 7919 + t;
-        BRISKLOG("Race", "%llu %llu %llu %s", static_cast<unsigned long long>(i),
-                 static_cast<unsigned long long>(t), static_cast<unsigned long long>(check),
-                 i % 2 ? "odd" : "even-numbered");
+        BRISKLOG("Race", "%llu %llu %llu %s", static_cast<unsigned long long>(i), static_cast<unsigned long long>(t),
+                 static_cast<unsigned long long>(check), i % 2 ? "odd" : "even-numbered");
       }
       done = true;
     });
@@ -273,9 +265,8 @@ void writeCheckedRecord(std::uint64_t i, std::uint64_t t) {
   std::size_t const n = i % 3 == 0 ? 150 : 3;
   std::memset(text, 'a' + int((i + t) % 26), n);
   text[n] = '\0';
-  BRISKLOG("Late", "%llu %llu %llu %s", static_cast<unsigned long long>(i),
-           static_cast<unsigned long long>(t), static_cast<unsigned long long>(i * 7919 + t),
-           static_cast<char const*>(text));
+  BRISKLOG("Late", "%llu %llu %llu %s", static_cast<unsigned long long>(i), static_cast<unsigned long long>(t),
+           static_cast<unsigned long long>(i * 7919 + t), static_cast<char const*>(text));
 }
 
 TEST(BrisklogRing, AWriterStoppedMidRecordNeverLeavesForeignBytesInAnother) {
@@ -346,8 +337,7 @@ TEST(BrisklogRing, CallSitesBeyondTheDescriptorTableStillLeaveVisibleRecords) {
   Reader reader(Brisklog::path());
   std::vector<Record> records = reader.read();
   ASSERT_EQ(records.size(), 80u);
-  EXPECT_EQ(records.front().text(),
-            "call site number 0 with a format long enough to fill the table");
+  EXPECT_EQ(records.front().text(), "call site number 0 with a format long enough to fill the table");
   EXPECT_EQ(records.back().text(), "<record of a call site that found the descriptor table full>");
   EXPECT_GT(reader.info().descriptorOverflows, 0u);
   EXPECT_FALSE(reader.notes().empty());

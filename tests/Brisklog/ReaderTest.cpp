@@ -7,11 +7,11 @@
 #include <atomic>
 #include <chrono>
 #include <cstring>
-#include <thread>
 #include <fstream>
 #include <iterator>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "Brisklog/Brisklog.h"
@@ -103,8 +103,7 @@ std::vector<std::int64_t> sequence(std::vector<Record> const& records) {
   return out;
 }
 
-constexpr std::size_t kFirstRecord =
-    Brisklog::kHeaderBytes + (64u << 10) + Brisklog::kRingHeaderBytes;
+constexpr std::size_t kFirstRecord = Brisklog::kHeaderBytes + (64u << 10) + Brisklog::kRingHeaderBytes;
 
 TEST(BrisklogDamage, GarbageInsideTheRingIsReportedAndTheRestDecodes) {
   TraceDir dir;
@@ -193,8 +192,7 @@ TEST(BrisklogDamage, ADamagedRingHeadIsReportedAndItsRecordsStillDecode) {
     ASSERT_EQ(seq.size(), 300u) << damaged;
     EXPECT_EQ(seq.back(), 299);
     ASSERT_FALSE(reader.problems().empty()) << damaged;
-    EXPECT_NE(reader.problems()[0].find("head position " + std::to_string(damaged) + " is damaged"),
-              std::string::npos)
+    EXPECT_NE(reader.problems()[0].find("head position " + std::to_string(damaged) + " is damaged"), std::string::npos)
         << reader.problems()[0];
   }
 }
@@ -295,8 +293,7 @@ TEST(BrisklogDamage, RandomDamageAndTruncationNeverCrashOrHang) {
     rewrite(s.path, bytes);
     Reader reader(s.path);
     std::vector<Record> records = reader.read();
-    for (std::size_t i = 1; i < records.size(); ++i)
-      ASSERT_LE(records[i - 1].ticks, records[i].ticks);
+    for (std::size_t i = 1; i < records.size(); ++i) ASSERT_LE(records[i - 1].ticks, records[i].ticks);
     for (Record const& r : records) (void)r.text();
     if (!reader.usable()) {
       EXPECT_FALSE(reader.problems().empty());

@@ -14,8 +14,8 @@ namespace Brisklog::Test {
 
 class TraceDir {
  public:
-  explicit TraceDir(std::uint32_t ringBytes = 1u << 16, std::uint32_t ringCount = 2,
-                    std::uint32_t maxString = 200, std::uint32_t descriptorBytes = 64u << 10) {
+  explicit TraceDir(std::uint32_t ringBytes = 1u << 16, std::uint32_t ringCount = 2, std::uint32_t maxString = 200,
+                    std::uint32_t descriptorBytes = 64u << 10) {
     char tmpl[] = "/tmp/brisklog-test-XXXXXX";
     dir_ = mkdtemp(tmpl);
     Config c;

@@ -14,8 +14,7 @@ TEST(AssertDeathTest, PrintsTheExpressionExactlyAsWrittenAndAborts) {
                "Assertion failed: maxBitIndex >= int\\( maxBitIndex \\+ 1 \\)");
   // clang-format on
   char const* name = nullptr;
-  EXPECT_DEATH(KIV_ASSERT(name && "Need a valid name supplied"),
-               "name && \"Need a valid name supplied\"");
+  EXPECT_DEATH(KIV_ASSERT(name && "Need a valid name supplied"), "name && \"Need a valid name supplied\"");
 }
 
 TEST(Assert, HoldingAssertionHasNoEffect) {

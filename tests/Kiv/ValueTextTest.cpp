@@ -140,9 +140,7 @@ TEST(ValueTextTest, NestedValuesKeepTheirOwnText) {
 
 TEST(ValueTextTest, MalformedOuterFormSaysWhatAndWhere) {
   std::string const good = "Value('Ns::T', ** {'a': 1, 's': 'x'})";
-  auto error = [](std::string const& text) {
-    return parseError([&] { ValueReader(text, "Ns::T"); });
-  };
+  auto error = [](std::string const& text) { return parseError([&] { ValueReader(text, "Ns::T"); }); };
   EXPECT_EQ(error(good), "");
 
   EXPECT_EQ(error("Value('Ns::T', ** {'a': 1, 's': 'x})"),
@@ -152,25 +150,20 @@ TEST(ValueTextTest, MalformedOuterFormSaysWhatAndWhere) {
   EXPECT_EQ(error("Value('Ns::U', ** {'a': 1})"),
             "value text of Ns::T: type is 'Ns::U', not 'Ns::T' at offset 6 (at \"'Ns::U', ** {'a': "
             "1})\")");
-  EXPECT_EQ(error(good + "x"),
-            "value text of Ns::T: trailing text after the value at offset 37 (at \"x\")");
+  EXPECT_EQ(error(good + "x"), "value text of Ns::T: trailing text after the value at offset 37 (at \"x\")");
   EXPECT_EQ(error("Value('Ns::T', ** {'a': 1, 'a': 2})"),
             "value text of Ns::T: duplicate field 'a' at offset 27 (at \"'a': 2})\")");
-  EXPECT_EQ(error("Value('Ns::T', ** {'a': })"),
-            "value text of Ns::T: expected a value at offset 24 (at \"})\")");
+  EXPECT_EQ(error("Value('Ns::T', ** {'a': })"), "value text of Ns::T: expected a value at offset 24 (at \"})\")");
   EXPECT_EQ(error("Value('Ns::T', ** {'a': Value('X', ** {'b': [1, 2)})})"),
             "value text of Ns::T: mismatched ')' at offset 49 (at \")})})\")");
-  EXPECT_EQ(error("Value('Ns::T', ** {'a': (1, 2"),
-            "value text of Ns::T: unbalanced '(' at offset 24 (at \"(1, 2\")");
-  EXPECT_EQ(error("Value('Ns::T', ** {'q': x'y'})"),
-            "value text of Ns::T: unexpected ''' at offset 25 (at \"'y'})\")");
+  EXPECT_EQ(error("Value('Ns::T', ** {'a': (1, 2"), "value text of Ns::T: unbalanced '(' at offset 24 (at \"(1, 2\")");
+  EXPECT_EQ(error("Value('Ns::T', ** {'q': x'y'})"), "value text of Ns::T: unexpected ''' at offset 25 (at \"'y'})\")");
   EXPECT_EQ(error("Value('Ns::T', ** {a: 1})"),
             "value text of Ns::T: expected a quoted name at offset 19 (at \"a: 1})\")");
   EXPECT_EQ(error(""), "value text of Ns::T: expected 'Value' at offset 0 (at end of text)");
   std::string const longText = "Value('Ns::T', ** {'a': 1})" + std::string(100, '!');
   EXPECT_EQ(error(longText),
-            "value text of Ns::T: trailing text after the value at offset 27 (at \"" +
-                std::string(40, '!') + "...\")");
+            "value text of Ns::T: trailing text after the value at offset 27 (at \"" + std::string(40, '!') + "...\")");
 }
 
 TEST(ValueTextTest, BadFieldsNameTheFieldAndWhatWasFound) {
@@ -179,26 +172,22 @@ TEST(ValueTextTest, BadFieldsNameTheFieldAndWhatWasFound) {
             "value text of Ns::T: field 'b' at offset 24: expected True or False, found \"maybe\"");
   EXPECT_EQ(parseError([&] { r.get<std::uint8_t>("n"); }),
             "value text of Ns::T: field 'n' at offset 36: 300 is out of range 0..255");
-  EXPECT_EQ(
-      parseError([&] { r.get<std::uint32_t>("e"); }),
-      "value text of Ns::T: field 'e' at offset 58: expected an unsigned integer, found \"-1\"");
+  EXPECT_EQ(parseError([&] { r.get<std::uint32_t>("e"); }),
+            "value text of Ns::T: field 'e' at offset 58: expected an unsigned integer, found \"-1\"");
   EXPECT_EQ(parseError([&] { r.get<std::string>("s"); }),
             "value text of Ns::T: field 's' at offset 46: unknown escape \\q in string \"'a\\q'\"");
   EXPECT_EQ(parseError([&] { r.get<int>("s"); }),
             "value text of Ns::T: field 's' at offset 46: expected an integer, found \"'a\\q'\"");
-  EXPECT_EQ(parseError([&] { r.get<int>("missing"); }),
-            "value text of Ns::T: missing field 'missing'");
-  EXPECT_EQ(
-      parseError([&] { r.get<Inner>("n"); }),
-      "value text of Ns::T: field 'n' at offset 36: value text of Ns::Inner: expected 'Value' at "
-      "offset 0 (at \"300\")");
+  EXPECT_EQ(parseError([&] { r.get<int>("missing"); }), "value text of Ns::T: missing field 'missing'");
+  EXPECT_EQ(parseError([&] { r.get<Inner>("n"); }),
+            "value text of Ns::T: field 'n' at offset 36: value text of Ns::Inner: expected 'Value' at "
+            "offset 0 (at \"300\")");
 }
 
 TEST(ValueTextTest, DoneReportsFieldsNobodyRead) {
   ValueReader r("Value('Ns::T', ** {'a': 1, 'extra': 2})", "Ns::T");
   r.get<int>("a");
-  EXPECT_EQ(parseError([&] { r.done(); }),
-            "value text of Ns::T: unknown field 'extra' at offset 36");
+  EXPECT_EQ(parseError([&] { r.done(); }), "value text of Ns::T: unknown field 'extra' at offset 36");
   EXPECT_FALSE(r.isNone("extra"));
   EXPECT_NO_THROW(r.done());
 }

@@ -341,8 +341,7 @@ TEST_F(MfibDirAcrossProcesses, ACorruptDirectoryTableIsReportedAndTheOthersCarry
   garbage("worse");
   App pim(root.path(), "pim");
   pim("add red mfib/red/pim");
-  ASSERT_TRUE(settle("pim: default=, red=mfib/red/pim,;static: default=, red=mfib/red/static,;"))
-      << snapshot(*dir);
+  ASSERT_TRUE(settle("pim: default=, red=mfib/red/pim,;static: default=, red=mfib/red/static,;")) << snapshot(*dir);
   EXPECT_EQ(shared().corruptions(), 2u);
   EXPECT_EQ(vornDir->vornColl("red")->vornPtrs(), 2u);
 }

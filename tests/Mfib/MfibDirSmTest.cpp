@@ -68,8 +68,8 @@ TEST_F(MfibDirSmTest, FactoryMountsEveryVrfAnnouncedBeforeIt) {
   EXPECT_TRUE(cap.contains("void Vorn::Multicast::Fib::MfibDirSm::handleInitialized()"));
   EXPECT_TRUE(cap.contains("void Vorn::Multicast::Fib::MfibDirSm::handleMfibDir(Kiv::Name)( pim )"));
   EXPECT_TRUE(cap.contains("Created Mfib directory pim"));
-  EXPECT_TRUE(cap.contains(
-      "void Vorn::Multicast::Fib::MfibDirSm::handleMountPoint(Kiv::Name, L3::VrfName) App: pim Vrf: red"));
+  EXPECT_TRUE(
+      cap.contains("void Vorn::Multicast::Fib::MfibDirSm::handleMountPoint(Kiv::Name, L3::VrfName) App: pim Vrf: red"));
   EXPECT_TRUE(cap.contains("Mounting mfib/red/pim Mfib vorn table for VRF red"));
   EXPECT_EQ(records(), (std::vector<std::string>{
                            "handleInitialized, Initializing... ",
@@ -98,8 +98,8 @@ TEST_F(MfibDirSmTest, LiveAnnouncementsMountAndTheLastWithdrawalOfAVrfDeletesIts
   EXPECT_EQ(vornDir->vornColl("red"), coll);
   EXPECT_EQ(coll->vornPtrs(), 1u);
   EXPECT_FALSE(readerEm->mounted("mfib/red/pim"));
-  EXPECT_TRUE(cap.contains(
-      "void Vorn::Multicast::Fib::MfibDirSm::KivAppDir::KivMfibColl::handleDel()( red ) for app pim"));
+  EXPECT_TRUE(
+      cap.contains("void Vorn::Multicast::Fib::MfibDirSm::KivAppDir::KivMfibColl::handleDel()( red ) for app pim"));
   EXPECT_TRUE(cap.contains("UnMounting mfib/red/pim Mfib vorn table for VRF red"));
 
   stat->doDelVorn("red", "mfib/red/static");

@@ -1,8 +1,8 @@
 #include <gtest/gtest.h>
 
 #include "Kiv/Trace.h"
-#include "MfibTestUtil.h"
 #include "Mfib/MfibVornCollRouteIteratorConst.h"
+#include "MfibTestUtil.h"
 
 using namespace MfibTest;
 
@@ -312,8 +312,8 @@ TEST_F(OrderRouteSmTest, EveryMfibEntityAnswersByNameInItsDeclarationOrder) {
   using V = std::vector<std::string>;
   EXPECT_EQ(attrNames(*coll), (V{"vrfName", "vornPtr"}));
   EXPECT_EQ(attrNames(*sm), (V{"vornColl", "routeOrdered", "initialized", "mfibVorn", "handleInitialized"}));
-  EXPECT_EQ(attrNames(*modal), (V{"mfibVorn", "routeOrdered", "initialized", "handleRouteChanged", "initializedIs",
-                                  "handleInitialized"}));
+  EXPECT_EQ(attrNames(*modal),
+            (V{"mfibVorn", "routeOrdered", "initialized", "handleRouteChanged", "initializedIs", "handleInitialized"}));
   EXPECT_EQ(attrNames(*dir), (V{"vornColl"}));
   EXPECT_EQ(attrNames(*vrfs), (V{"status"}));
   EXPECT_EQ(Kiv::attrGet(*coll, "vrfName"), "'red'");

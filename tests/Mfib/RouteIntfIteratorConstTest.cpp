@@ -92,8 +92,9 @@ TEST_F(RouteIntfIteratorConstTest, SpecialInterfacesComeInSlotOrderOneThreeFourT
   r.specialIntf3Is(eth(3));
   r.specialIntf4Is(eth(4));
   RouteIntfIteratorConst it(status.ptr(), r);
-  EXPECT_EQ(walk(it), "2:Ethernet1 4:Ethernet3 16:Ethernet4 32:Ethernet2 "
-                      "5:Ethernet103@3 5:Ethernet107@7 5:Ethernet400@300 done");
+  EXPECT_EQ(walk(it),
+            "2:Ethernet1 4:Ethernet3 16:Ethernet4 32:Ethernet2 "
+            "5:Ethernet103@3 5:Ethernet107@7 5:Ethernet400@300 done");
 
   r.flagsIs(Route::flagSpecialIntf1Alt);
   r.specialIntf3Is(IntfId());
@@ -120,12 +121,12 @@ TEST_F(RouteIntfIteratorConstTest, UnmappedIndexIsSkippedTracedAndRecordedAndThe
   for (Brisklog::Record const& rec : reader.read()) records.push_back(rec.source() + ": " + rec.text());
   // Each walk also leaves one record of itself when it ends.
   std::string const walked = "RouteIntfIteratorConst: walked route (10.0.0.1/32, 239.1.1.1/32) version 1: ";
-  EXPECT_EQ(records, (std::vector<std::string>{
-                         "RouteIntfIteratorConst: RouteIntfIterator: missing intf mapping index 3",
-                         walked + "3 interfaces, mapping missing",
-                         "RouteIntfIteratorConst: RouteIntfIterator: missing intf mapping index 3",
-                         "RouteIntfIteratorConst: RouteIntfIterator: missing intf mapping index 300",
-                         walked + "2 interfaces, mapping missing"}));
+  EXPECT_EQ(records,
+            (std::vector<std::string>{"RouteIntfIteratorConst: RouteIntfIterator: missing intf mapping index 3",
+                                      walked + "3 interfaces, mapping missing",
+                                      "RouteIntfIteratorConst: RouteIntfIterator: missing intf mapping index 3",
+                                      "RouteIntfIteratorConst: RouteIntfIterator: missing intf mapping index 300",
+                                      walked + "2 interfaces, mapping missing"}));
 }
 
 TEST_F(RouteIntfIteratorConstTest, RouteRepublishedOrDeletedMidWalkEndsItBeforeTheNextIndexIsYielded) {

@@ -48,8 +48,8 @@ class FakeSys : public Wirly::Sys {
   }
 
   int socket(int domain, int type, int protocol) override {
-    std::string key = "socket(" + std::to_string(domain) + "," + std::to_string(type) + "," +
-                      std::to_string(protocol) + ")";
+    std::string key =
+        "socket(" + std::to_string(domain) + "," + std::to_string(type) + "," + std::to_string(protocol) + ")";
     calls.push_back(key);
     if (failed(key, "")) return -1;
     int fd = ::socket(AF_UNIX, SOCK_DGRAM, 0);

@@ -35,9 +35,9 @@ class MrtNotifyNetlinkSocketTest : public ::testing::Test {
 // The program as the filter table reads, written out independently.
 std::vector<Wirly::IpFilter> expectedProgram(std::uint32_t family, std::uint32_t options) {
   std::vector<Wirly::IpFilter> p = {
-      {0x28, 0, 0, 4},  {0x15, 1, 0, 24576}, {0x06, 0, 0, 0}, {0x30, 0, 0, 16},
-      {0x15, 1, 0, family}, {0x06, 0, 0, 0}, {0x00, 0, 0, 20}, {0x01, 0, 0, 1},
-      {0x20, 0, 0, 0xFFFFF00C}, {0x07, 0, 0, 0}, {0x50, 0, 0, 4},
+      {0x28, 0, 0, 4},          {0x15, 1, 0, 24576}, {0x06, 0, 0, 0},  {0x30, 0, 0, 16},
+      {0x15, 1, 0, family},     {0x06, 0, 0, 0},     {0x00, 0, 0, 20}, {0x01, 0, 0, 1},
+      {0x20, 0, 0, 0xFFFFF00C}, {0x07, 0, 0, 0},     {0x50, 0, 0, 4},
   };
   if (options & 2) p.insert(p.end(), {{0x15, 0, 1, 1}, {0x06, 0, 0, 0xFFFFFFFF}});
   if (options & 1) p.insert(p.end(), {{0x15, 0, 1, 2}, {0x06, 0, 0, 0xFFFFFFFF}});
@@ -235,9 +235,7 @@ class TestMessage : public Wirly::MrtMessage {
   Kiv::Ptr<Wirly::Pkt> pkt_;
 };
 
-std::vector<std::uint8_t> bytes(std::initializer_list<int> b) {
-  return std::vector<std::uint8_t>(b.begin(), b.end());
-}
+std::vector<std::uint8_t> bytes(std::initializer_list<int> b) { return std::vector<std::uint8_t>(b.begin(), b.end()); }
 
 TEST_F(MrtNotifyNetlinkSocketTest, RelayedIpv4ReportLayout) {
   auto p = make(Wirly::ipv4);
@@ -249,12 +247,12 @@ TEST_F(MrtNotifyNetlinkSocketTest, RelayedIpv4ReportLayout) {
   p->txMrtNotification(m, 0x0102);
   ASSERT_EQ(sys.sent.size(), 1u);
   auto const want = bytes({
-      52, 0, 0, 0, 96, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,  // nlmsghdr
-      128, 0, 0, 0,                                     // rtgenmsg
-      5, 0, 1, 0, 1, 0, 0, 0,                           // MSGTYPE
-      8, 0, 3, 0, 10, 0, 1, 2,                          // SRC_ADDR
-      8, 0, 4, 0, 239, 1, 2, 3,                         // DST_ADDR
-      8, 0, 2, 0, 2, 1, 0, 0,                           // VIF_ID
+      52,  0, 0, 0, 96,  0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,  // nlmsghdr
+      128, 0, 0, 0,                                        // rtgenmsg
+      5,   0, 1, 0, 1,   0, 0, 0,                          // MSGTYPE
+      8,   0, 3, 0, 10,  0, 1, 2,                          // SRC_ADDR
+      8,   0, 4, 0, 239, 1, 2, 3,                          // DST_ADDR
+      8,   0, 2, 0, 2,   1, 0, 0,                          // VIF_ID
   });
   EXPECT_EQ(sys.sent[0], want);
   EXPECT_EQ(p->txErrors(), 0u);
@@ -332,11 +330,34 @@ TEST_F(MrtNotifyNetlinkSocketTest, AnswersByNameWithTheBaseSocketsAttributesFirs
   auto p = make(Wirly::ipv4);
   std::vector<std::string> names;
   for (Kiv::Attr const& a : Kiv::typeInfo(*p).attrs()) names.push_back(a.name);
-  EXPECT_EQ(names, (Strings{"af", "netNs", "options", "enabled", "sd", "maxRxPktData", "rxIfIndex", "rxDstIpAddr",
-                            "rxOrigDstIpAddr", "rxTOS", "rxTTL", "rxSrcIpAddr", "rxFlags", "rxPktCount",
-                            "rxMrt6msgCount", "fileDesc", "handleNetNs", "handleCleanup",
-                            "isRtnlIpv6MrouteRSupported", "rxFilter", "bpfLen", "enableTx", "ipv4NativeReports",
-                            "rxErrors", "txErrors", "rxSenderPortId", "rxSenderRejects", "txPortId"}));
+  EXPECT_EQ(names, (Strings{"af",
+                            "netNs",
+                            "options",
+                            "enabled",
+                            "sd",
+                            "maxRxPktData",
+                            "rxIfIndex",
+                            "rxDstIpAddr",
+                            "rxOrigDstIpAddr",
+                            "rxTOS",
+                            "rxTTL",
+                            "rxSrcIpAddr",
+                            "rxFlags",
+                            "rxPktCount",
+                            "rxMrt6msgCount",
+                            "fileDesc",
+                            "handleNetNs",
+                            "handleCleanup",
+                            "isRtnlIpv6MrouteRSupported",
+                            "rxFilter",
+                            "bpfLen",
+                            "enableTx",
+                            "ipv4NativeReports",
+                            "rxErrors",
+                            "txErrors",
+                            "rxSenderPortId",
+                            "rxSenderRejects",
+                            "txPortId"}));
   // Enabled by name, the socket builds and attaches the same program.
   Kiv::attrSet(*p, "options", "7");
   Kiv::attrSet(*p, "enabled", "True");
@@ -344,7 +365,8 @@ TEST_F(MrtNotifyNetlinkSocketTest, AnswersByNameWithTheBaseSocketsAttributesFirs
   auto const want = expectedProgram(128, 7);
   EXPECT_EQ(Kiv::attrCount(*p, "rxFilter"), want.size());
   EXPECT_EQ(Kiv::attrGet(*p, "bpfLen"), std::to_string(want.size()));
-  EXPECT_EQ(Kiv::attrLookup(*p, "rxFilter", "1"), "Value('Wirly::IpFilter', ** {'code': 21, 'jt': 1, 'jf': 0, 'k': 24576})");
+  EXPECT_EQ(Kiv::attrLookup(*p, "rxFilter", "1"),
+            "Value('Wirly::IpFilter', ** {'code': 21, 'jt': 1, 'jf': 0, 'k': 24576})");
   EXPECT_EQ(Wirly::IpFilter::fromStrep(Kiv::attrLookup(*p, "rxFilter", "1")), want[1]);
   EXPECT_THROW(Kiv::attrSet(*p, "rxErrors", "0"), Kiv::RangeException);
   EXPECT_THROW(Kiv::attrSet(*p, "af", "3"), Kiv::Exception);

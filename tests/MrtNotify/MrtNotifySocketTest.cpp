@@ -27,8 +27,8 @@ TEST_F(MrtNotifySocketTest, Ipv4EnableSubscribesEachKindInOrder) {
   pam->optionsIs(wholepkt | nocache | wrongvif);
   EXPECT_TRUE(sys.calls.empty()) << "options of a disabled socket are only stored";
   pam->enabledIs(true);
-  EXPECT_EQ(sys.calls, (Strings{"socket(2,3,255)", "setsockopt(0,211)=1", "setsockopt(0,213)=2",
-                                "setsockopt(0,213)=1", "setsockopt(0,213)=3"}));
+  EXPECT_EQ(sys.calls, (Strings{"socket(2,3,255)", "setsockopt(0,211)=1", "setsockopt(0,213)=2", "setsockopt(0,213)=1",
+                                "setsockopt(0,213)=3"}));
   EXPECT_TRUE(pam->enabled());
   ASSERT_TRUE(pam->fileDesc());
   EXPECT_EQ(pam->fileDesc()->fd(), pam->sd());
@@ -218,8 +218,11 @@ TEST_F(MrtNotifySocketRxTest, Ipv4ControlMessagesFillTheReceiveAttributes) {
   int const ttl = 63;
   Datagram d;
   d.payload.assign(28, 0x11);
-  d.from(src).cmsg(IPPROTO_IP, IP_PKTINFO, info).cmsg(IPPROTO_IP, IP_ORIGDSTADDR, orig)
-      .cmsg(IPPROTO_IP, IP_TOS, tos).cmsg(IPPROTO_IP, IP_TTL, ttl);
+  d.from(src)
+      .cmsg(IPPROTO_IP, IP_PKTINFO, info)
+      .cmsg(IPPROTO_IP, IP_ORIGDSTADDR, orig)
+      .cmsg(IPPROTO_IP, IP_TOS, tos)
+      .cmsg(IPPROTO_IP, IP_TTL, ttl);
   sys.rx.push_back(d.play());
 
   auto pkt = pam->rxPkt();
@@ -263,7 +266,9 @@ TEST_F(MrtNotifySocketRxTest, Ipv6KeepsOnlyUpcallsAndDecodesItsControlMessages) 
   Datagram upcall;
   upcall.payload.assign(80, 0);
   upcall.payload[1] = 1;
-  upcall.from(src).cmsg(IPPROTO_IPV6, IPV6_PKTINFO, info).cmsg(IPPROTO_IPV6, IPV6_TCLASS, tclass)
+  upcall.from(src)
+      .cmsg(IPPROTO_IPV6, IPV6_PKTINFO, info)
+      .cmsg(IPPROTO_IPV6, IPV6_TCLASS, tclass)
       .cmsg(IPPROTO_IPV6, IPV6_HOPLIMIT, hops);
   Datagram icmp = upcall;
   icmp.payload[0] = 135;  // a neighbour solicitation, not an upcall

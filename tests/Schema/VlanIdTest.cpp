@@ -85,8 +85,6 @@ TEST(VlanIdOrNoneTest, TextFormIsNoneOrTheNumber) {
   EXPECT_THROW(Kiv::valueFromStrep<VlanIdOrNone>("5000"), Kiv::RangeException);
 }
 
-TEST(VlanIdOrNoneDeathTest, VlanIdOfNoneAsserts) {
-  EXPECT_DEATH(VlanIdOrNone().vlanId(), "hasValue\\(\\)");
-}
+TEST(VlanIdOrNoneDeathTest, VlanIdOfNoneAsserts) { EXPECT_DEATH(VlanIdOrNone().vlanId(), "hasValue\\(\\)"); }
 
 }  // namespace

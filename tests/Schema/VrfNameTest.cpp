@@ -52,8 +52,7 @@ TEST(VrfNameTest, PrintsAndHasTextForm) {
   EXPECT_EQ(os.str(), "red");
   EXPECT_EQ(Kiv::valueToStrep(VrfName("it's")), "'it\\'s'");
   EXPECT_EQ(Kiv::valueFromStrep<VrfName>("'it\\'s'"), VrfName("it's"));
-  EXPECT_THROW(Kiv::valueFromStrep<VrfName>("'" + std::string(101, 'x') + "'"),
-               Kiv::RangeException);
+  EXPECT_THROW(Kiv::valueFromStrep<VrfName>("'" + std::string(101, 'x') + "'"), Kiv::RangeException);
   EXPECT_THROW(Kiv::valueFromStrep<VrfName>("red"), Kiv::ParseException);
 }
 

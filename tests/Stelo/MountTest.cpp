@@ -1,12 +1,12 @@
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include "../Vorn/VornTestUtil.h"
 #include "Kiv/EventLoop.h"
 #include "Kiv/Trace.h"
 #include "Stelo/Mount.h"
-#include "../Vorn/VornTestUtil.h"
 
 using namespace VornTest;
 using KivVorn::MountInfo;

@@ -1,7 +1,7 @@
 // Tables and traces on a file system with no room: refused when they are
 // made, never a write that reports success and reaches nobody.
-#include <gtest/gtest.h>
 #include <dirent.h>
+#include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/wait.h>

@@ -21,9 +21,8 @@ using Mode = Vorn::Status::Mode;
 namespace {
 
 char const* const kSteps[] = {
-    "insert.entry",  "insert.link",   "insert.slot", "replace.record", "delete.unlink",
-    "delete.retire", "rebuild.start", "rebuild.slot", "log.change",    "adopt.claim",
-    "adopt.scan",    "adopt.head",    "adopt.link",  "adopt.end",
+    "insert.entry", "insert.link", "insert.slot", "replace.record", "delete.unlink", "delete.retire", "rebuild.start",
+    "rebuild.slot", "log.change",  "adopt.claim", "adopt.scan",     "adopt.head",    "adopt.link",    "adopt.end",
 };
 
 char const* gTarget = nullptr;
@@ -144,8 +143,8 @@ TEST_F(VornKillPoint, EveryReaderOperationWorksAfterAWriterKilledAtAnyStepIsAdop
           TestKey k;
           TestRecord rec;
           std::size_t n = 0;
-          EXPECT_NO_THROW(for (bool ok = r->entryTable().first(k, rec, hint); ok;
-                               ok = r->entryTable().next(k, k, rec, hint)) ++n)
+          EXPECT_NO_THROW(
+              for (bool ok = r->entryTable().first(k, rec, hint); ok; ok = r->entryTable().next(k, k, rec, hint))++ n)
               << where;
         }
       }

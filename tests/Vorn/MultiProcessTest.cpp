@@ -172,8 +172,10 @@ TEST_F(VornProcesses, ReaderPastAWrappedLogHearsEveryKeyAnotherProcessChanged) {
   std::set<TestKey> present;
   for (std::uint64_t n = 0; n < 300; n += 2) present.insert(TestKey(n));
   for (auto [k, v] : ops) {
-    if (v) changed.insert(TestKey(k)), present.insert(TestKey(k));
-    else if (present.erase(TestKey(k))) changed.insert(TestKey(k));
+    if (v)
+      changed.insert(TestKey(k)), present.insert(TestKey(k));
+    else if (present.erase(TestKey(k)))
+      changed.insert(TestKey(k));
   }
   loop.runUntil([&] { return false; }, 0.3);
   EXPECT_GE(r->resyncs(), 1u);
@@ -223,8 +225,10 @@ TEST_F(VornProcesses, ReadersInAnotherProcessNeverSeeATornRecord) {
   while (Clock::now() < end) {
     for (int i = 0; i < 200; ++i, ++writes) {
       std::uint64_t n = rng() % 256;
-      if (rng() % 8 == 0) w->entryDel(TestKey(n));
-      else w->entryIs(record(n, ++version));
+      if (rng() % 8 == 0)
+        w->entryDel(TestKey(n));
+      else
+        w->entryIs(record(n, ++version));
     }
   }
   EXPECT_GT(writes, 1000u);
@@ -242,8 +246,10 @@ TEST_F(VornProcesses, WriterKilledMidStreamLeavesATableReadersReadAndANewWriterA
     std::mt19937_64 rng(3);
     for (std::uint64_t v = 2;; ++v) {
       std::uint64_t n = rng() % 800;
-      if (rng() % 4 == 0) w->entryDel(TestKey(n));
-      else w->entryIs(record(n, v));
+      if (rng() % 4 == 0)
+        w->entryDel(TestKey(n));
+      else
+        w->entryIs(record(n, v));
     }
     return 0;
   });
@@ -324,8 +330,7 @@ TEST_F(VornProcesses, ByteFlipsAndTruncationOfALiveFileOnlyRaiseInAReaderProcess
         ++raised;
       }
     }
-    fprintf(stderr, "corruption: %llu operations, %llu raised\n", (unsigned long long)ops,
-            (unsigned long long)raised);
+    fprintf(stderr, "corruption: %llu operations, %llu raised\n", (unsigned long long)ops, (unsigned long long)raised);
     return raised > 0 ? 0 : 1;
   });
   ready.wait();

@@ -143,7 +143,8 @@ TEST_F(VornTable, RandomOperationsMatchAnOrderedMapFromASecondMapping) {
   Vorn::TableGeometry const& g = r->region()->table(0);
   std::vector<std::uint32_t> chain;
   auto next0 = [&](std::uint32_t i) {
-    return reinterpret_cast<Vorn::Layout::Link const*>(g.entries + std::size_t(i) * g.entrySize + g.linksOffset)->load();
+    return reinterpret_cast<Vorn::Layout::Link const*>(g.entries + std::size_t(i) * g.entrySize + g.linksOffset)
+        ->load();
   };
   for (std::uint32_t x = next0(g.capacity); x != Vorn::Layout::kNone; x = next0(x)) chain.push_back(x);
   ASSERT_EQ(chain.size(), model.size());
@@ -331,9 +332,9 @@ TEST_F(VornTable, RecordLeftMidWriteByADeadWriterIsReportedNotWaitedForever) {
     r->entry(TestKey(3));
     FAIL() << "read a torn record";
   } catch (Pelto::CorruptionDetectedException const& e) {
-    EXPECT_NE(std::string(e.what()).find("was left mid-write by writer pid " + std::to_string(child) +
-                                         ", which is gone"),
-              std::string::npos)
+    EXPECT_NE(
+        std::string(e.what()).find("was left mid-write by writer pid " + std::to_string(child) + ", which is gone"),
+        std::string::npos)
         << e.what();
   }
   EXPECT_EQ(r->entry(TestKey(4)), record(4));

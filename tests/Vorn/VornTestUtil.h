@@ -29,8 +29,10 @@ class PrivateRoot {
         if (n == "." || n == "..") continue;
         std::string const p = dir + "/" + n;
         struct stat st;
-        if (::lstat(p.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) removeAll(p);
-        else ::unlink(p.c_str());
+        if (::lstat(p.c_str(), &st) == 0 && S_ISDIR(st.st_mode))
+          removeAll(p);
+        else
+          ::unlink(p.c_str());
       }
       ::closedir(d);
     }

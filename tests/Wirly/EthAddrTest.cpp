@@ -15,8 +15,7 @@ using Wirly::EthAddr;
 TEST(EthAddrTest, ParsesEitherCaseAndPrintsLowerCase) {
   EXPECT_EQ(EthAddr("00:11:22:33:44:55").str(), "00:11:22:33:44:55");
   EXPECT_EQ(EthAddr("0A:bB:Cc:dD:eE:FF").str(), "0a:bb:cc:dd:ee:ff");
-  EXPECT_EQ(EthAddr("01:00:5e:7f:00:01").bytes(),
-            (std::array<std::uint8_t, 6>{1, 0, 0x5e, 0x7f, 0, 1}));
+  EXPECT_EQ(EthAddr("01:00:5e:7f:00:01").bytes(), (std::array<std::uint8_t, 6>{1, 0, 0x5e, 0x7f, 0, 1}));
   EXPECT_EQ(EthAddr().str(), "00:00:00:00:00:00");
   EXPECT_TRUE(EthAddr().isZero());
 }
@@ -26,11 +25,10 @@ TEST(EthAddrTest, RefusesMalformedText) {
     EthAddr("00-11-22-33-44-55");
     FAIL() << "no exception";
   } catch (Kiv::ParseException const& e) {
-    EXPECT_STREQ(e.what(),
-                 "EthAddr: '00-11-22-33-44-55' is not an Ethernet address (xx:xx:xx:xx:xx:xx)");
+    EXPECT_STREQ(e.what(), "EthAddr: '00-11-22-33-44-55' is not an Ethernet address (xx:xx:xx:xx:xx:xx)");
   }
-  for (char const* text : {"", "00:11:22:33:44", "00:11:22:33:44:55:", "00:11:22:33:44:5g",
-                           "0:11:22:33:44:555", "00:11:22:33:44:55 ", "0x:11:22:33:44:55"}) {
+  for (char const* text : {"", "00:11:22:33:44", "00:11:22:33:44:55:", "00:11:22:33:44:5g", "0:11:22:33:44:555",
+                           "00:11:22:33:44:55 ", "0x:11:22:33:44:55"}) {
     EXPECT_THROW(EthAddr{text}, Kiv::ParseException) << text;
   }
 }
@@ -47,8 +45,7 @@ TEST(EthAddrTest, ClassifiesGroupAddresses) {
 TEST(EthAddrTest, OrdersAsNumberAndHashFollowsEquality) {
   EXPECT_LT(EthAddr("00:00:00:00:00:ff"), EthAddr("00:00:00:00:01:00"));
   EXPECT_LT(EthAddr("01:00:00:00:00:00"), EthAddr("02:00:00:00:00:00"));
-  std::unordered_set<EthAddr> set{EthAddr(), EthAddr("00:00:00:00:00:01"),
-                                  EthAddr("01:00:00:00:00:00")};
+  std::unordered_set<EthAddr> set{EthAddr(), EthAddr("00:00:00:00:00:01"), EthAddr("01:00:00:00:00:00")};
   EXPECT_EQ(set.size(), 3u);
   EXPECT_EQ(set.count(EthAddr("00:00:00:00:00:01")), 1u);
   EXPECT_EQ(EthAddr("AA:BB:CC:DD:EE:FF").hash(), EthAddr("aa:bb:cc:dd:ee:ff").hash());

@@ -84,8 +84,7 @@ TEST(IntfIdTest, SameIdsInAnotherProcess) {
   std::vector<std::uint64_t> child(names.size());
   std::size_t got = 0;
   while (got < child.size() * sizeof child[0]) {
-    ssize_t n = read(fds[0], reinterpret_cast<char*>(child.data()) + got,
-                     child.size() * sizeof child[0] - got);
+    ssize_t n = read(fds[0], reinterpret_cast<char*>(child.data()) + got, child.size() * sizeof child[0] - got);
     if (n <= 0) break;
     got += std::size_t(n);
   }
@@ -109,31 +108,27 @@ TEST(IntfIdTest, OrdersByKindThenNumerically) {
 
 TEST(IntfIdTest, RefusesUnknownAndMalformedNames) {
   EXPECT_EQ(rangeError("Foo1"), "IntfId: 'Foo1' is not an interface name: unknown kind 'Foo'");
-  EXPECT_EQ(rangeError("ethernet1"),
-            "IntfId: 'ethernet1' is not an interface name: unknown kind 'ethernet'");
+  EXPECT_EQ(rangeError("ethernet1"), "IntfId: 'ethernet1' is not an interface name: unknown kind 'ethernet'");
   EXPECT_EQ(rangeError("Ethernet"), "IntfId: 'Ethernet' is not an interface name: number missing");
   EXPECT_EQ(rangeError("Cpu1"), "IntfId: 'Cpu1' has more than 0 numbers");
   EXPECT_EQ(rangeError("Ethernet1/2/3/4"), "IntfId: 'Ethernet1/2/3/4' has more than 3 numbers");
   EXPECT_EQ(rangeError("Vlan2/1"), "IntfId: 'Vlan2/1' has more than 1 numbers");
-  EXPECT_EQ(rangeError("Ethernet65536"),
-            "IntfId: 'Ethernet65536' has number 65536 out of range 0..65535");
+  EXPECT_EQ(rangeError("Ethernet65536"), "IntfId: 'Ethernet65536' has number 65536 out of range 0..65535");
   EXPECT_EQ(rangeError("Ethernet1/99999999999999999999"),
             "IntfId: 'Ethernet1/99999999999999999999' has number 99999999999999999999 out of range "
             "0..65535");
   EXPECT_EQ(rangeError("Vlan0"), "IntfId: 'Vlan0' has number 0 out of range 1..4094");
   EXPECT_EQ(rangeError("Vlan4095"), "IntfId: 'Vlan4095' has number 4095 out of range 1..4094");
-  for (char const* bad : {"Ethernet01", "Ethernet1/", "Ethernet1//2", "Ethernet1a", "Ethernet1 ",
-                          "Ethernet1-2", "Ethernet1/02", "IntfId(0x)", "IntfId(0xzz)"}) {
-    EXPECT_EQ(rangeError(bad), "IntfId: '" + std::string(bad) + "' is not an interface name")
-        << bad;
+  for (char const* bad : {"Ethernet01", "Ethernet1/", "Ethernet1//2", "Ethernet1a", "Ethernet1 ", "Ethernet1-2",
+                          "Ethernet1/02", "IntfId(0x)", "IntfId(0xzz)"}) {
+    EXPECT_EQ(rangeError(bad), "IntfId: '" + std::string(bad) + "' is not an interface name") << bad;
   }
 }
 
 TEST(IntfIdTest, UndecodableRawValuesKeepTheirValue) {
   for (std::uint64_t raw :
-       {0xff00000000000000ull, 0x0100000100000000ull /* no count */,
-        0x0101000100000005ull /* number past count */, 0x0201000000000000ull /* Vlan0 */,
-        0x0141000100000000ull /* reserved bit */}) {
+       {0xff00000000000000ull, 0x0100000100000000ull /* no count */, 0x0101000100000005ull /* number past count */,
+        0x0201000000000000ull /* Vlan0 */, 0x0141000100000000ull /* reserved bit */}) {
     IntfId id(raw);
     EXPECT_FALSE(id.valid()) << std::hex << raw;
     EXPECT_EQ(IntfId(id.name()), id) << id.name();
@@ -145,16 +140,13 @@ TEST(IntfIdTest, PrintsAndHasTextForm) {
   std::ostringstream os;
   os << IntfId("Port-Channel10") << "|" << IntfId();
   EXPECT_EQ(os.str(), "Port-Channel10|");
-  EXPECT_EQ(Kiv::valueToStrep(IntfId("Ethernet3/1")),
-            "Value('Wirly::IntfId', ** {'intfId': 'Ethernet3/1'})");
+  EXPECT_EQ(Kiv::valueToStrep(IntfId("Ethernet3/1")), "Value('Wirly::IntfId', ** {'intfId': 'Ethernet3/1'})");
   for (auto const& n : names) {
     EXPECT_EQ(Kiv::valueFromStrep<IntfId>(Kiv::valueToStrep(IntfId(n))), IntfId(n));
   }
   EXPECT_EQ(Kiv::valueFromStrep<IntfId>(Kiv::valueToStrep(IntfId())), IntfId());
-  EXPECT_THROW(Kiv::valueFromStrep<IntfId>("Value('Wirly::IntfId', ** {'intfId': 'Bogus1'})"),
-               Kiv::RangeException);
-  EXPECT_THROW(Kiv::valueFromStrep<IntfId>("Value('Wirly::IntfId', ** {'name': 'Ethernet1'})"),
-               Kiv::ParseException);
+  EXPECT_THROW(Kiv::valueFromStrep<IntfId>("Value('Wirly::IntfId', ** {'intfId': 'Bogus1'})"), Kiv::RangeException);
+  EXPECT_THROW(Kiv::valueFromStrep<IntfId>("Value('Wirly::IntfId', ** {'name': 'Ethernet1'})"), Kiv::ParseException);
 }
 
 }  // namespace

@@ -13,8 +13,8 @@ namespace {
 using Wirly::IpGenAddr;
 
 TEST(IpGenAddrTest, ParsesAndPrintsBothFamilies) {
-  for (char const* text : {"10.0.0.1", "0.0.0.0", "255.255.255.255", "::", "::1", "2001:db8::1",
-                           "ff02::16", "::ffff:1.2.3.4", "2001:db8:1:2:3:4:5:6"}) {
+  for (char const* text : {"10.0.0.1", "0.0.0.0", "255.255.255.255", "::", "::1", "2001:db8::1", "ff02::16",
+                           "::ffff:1.2.3.4", "2001:db8:1:2:3:4:5:6"}) {
     EXPECT_EQ(IpGenAddr(text).str(), text);
   }
   EXPECT_EQ(IpGenAddr("2001:0DB8:0:0:0:0:0:1").str(), "2001:db8::1");
@@ -43,8 +43,8 @@ TEST(IpGenAddrTest, RefusesWhatIsNotAnAddress) {
   } catch (Kiv::ParseException const& e) {
     EXPECT_STREQ(e.what(), "IpGenAddr: '1.2.3' is not an IPv4 or IPv6 address");
   }
-  for (char const* text : {"256.1.1.1", "1.2.3.4 ", " 1.2.3.4", "10.0.0.1/8", "::g",
-                           "1:2:3:4:5:6:7:8:9", "host", "2001:db8::1%eth0"}) {
+  for (char const* text :
+       {"256.1.1.1", "1.2.3.4 ", " 1.2.3.4", "10.0.0.1/8", "::g", "1:2:3:4:5:6:7:8:9", "host", "2001:db8::1%eth0"}) {
     EXPECT_THROW(IpGenAddr{text}, Kiv::ParseException) << text;
   }
   EXPECT_THROW(IpGenAddr(std::string(100, '1')), Kiv::ParseException);
@@ -98,8 +98,7 @@ TEST(IpGenAddrTest, MaskingClearsHostBits) {
 }
 
 TEST(IpGenAddrTest, HashFollowsEquality) {
-  std::unordered_set<IpGenAddr> set{IpGenAddr(), IpGenAddr("0.0.0.0"), IpGenAddr("::"),
-                                    IpGenAddr("10.0.0.1")};
+  std::unordered_set<IpGenAddr> set{IpGenAddr(), IpGenAddr("0.0.0.0"), IpGenAddr("::"), IpGenAddr("10.0.0.1")};
   EXPECT_EQ(set.size(), 4u);
   EXPECT_EQ(set.count(IpGenAddr::v4(0x0a000001)), 1u);
   EXPECT_EQ(IpGenAddr("2001:db8::1").hash(), IpGenAddr("2001:0db8:0::0:1").hash());
@@ -110,14 +109,11 @@ TEST(IpGenAddrTest, PrintsAndHasTextForm) {
   std::ostringstream os;
   os << IpGenAddr("10.0.0.1") << "|" << IpGenAddr() << "|" << Wirly::ipv6;
   EXPECT_EQ(os.str(), "10.0.0.1||ipv6");
-  EXPECT_EQ(Kiv::valueToStrep(IpGenAddr("ff02::1")),
-            "Value('Wirly::IpGenAddr', ** {'addr': 'ff02::1'})");
-  for (IpGenAddr a :
-       {IpGenAddr(), IpGenAddr("0.0.0.0"), IpGenAddr("239.1.2.3"), IpGenAddr("fe80::1")}) {
+  EXPECT_EQ(Kiv::valueToStrep(IpGenAddr("ff02::1")), "Value('Wirly::IpGenAddr', ** {'addr': 'ff02::1'})");
+  for (IpGenAddr a : {IpGenAddr(), IpGenAddr("0.0.0.0"), IpGenAddr("239.1.2.3"), IpGenAddr("fe80::1")}) {
     EXPECT_EQ(Kiv::valueFromStrep<IpGenAddr>(Kiv::valueToStrep(a)), a) << a;
   }
-  EXPECT_THROW(Kiv::valueFromStrep<IpGenAddr>("Value('Wirly::IpGenAddr', ** {'addr': '1.2.3'})"),
-               Kiv::ParseException);
+  EXPECT_THROW(Kiv::valueFromStrep<IpGenAddr>("Value('Wirly::IpGenAddr', ** {'addr': '1.2.3'})"), Kiv::ParseException);
   EXPECT_EQ(Kiv::valueToStrep(Wirly::ipv4), "'ipv4'");
   EXPECT_EQ(Kiv::valueFromStrep<Wirly::AddressFamily>("'ipv6'"), Wirly::ipv6);
   EXPECT_THROW(Kiv::valueFromStrep<Wirly::AddressFamily>("'ipv5'"), Kiv::ParseException);

@@ -44,8 +44,8 @@ TEST(IpGenPrefixTest, RefusesMalformedTextAndOverlongLengths) {
   } catch (Kiv::ParseException const& e) {
     EXPECT_STREQ(e.what(), "IpGenPrefix: '10.0.0.0/' is not an IPv4 or IPv6 prefix");
   }
-  for (char const* text : {"/8", "10.0.0.0/x", "10.0.0.0/-1", "10.0.0.0/ 8", "10.0.0.0/8/8",
-                           "10.0.0/8", "10.0.0.0/0008", "x"}) {
+  for (char const* text :
+       {"/8", "10.0.0.0/x", "10.0.0.0/-1", "10.0.0.0/ 8", "10.0.0.0/8/8", "10.0.0/8", "10.0.0.0/0008", "x"}) {
     EXPECT_THROW(IpGenPrefix{text}, Kiv::ParseException) << text;
   }
 }
@@ -74,12 +74,9 @@ TEST(IpGenPrefixTest, MulticastOnlyWhenWhollyInside) {
 }
 
 TEST(IpGenPrefixTest, OrdersByFamilyAddressThenLength) {
-  std::set<IpGenPrefix> s{IpGenPrefix("::/0"),
-                          IpGenPrefix("11.0.0.0/8"),
-                          IpGenPrefix("10.0.0.0/16"),
-                          IpGenPrefix("10.0.0.0/8"),
-                          IpGenPrefix(),
-                          IpGenPrefix("2.0.0.1/32")};
+  std::set<IpGenPrefix> s{
+      IpGenPrefix("::/0"), IpGenPrefix("11.0.0.0/8"), IpGenPrefix("10.0.0.0/16"), IpGenPrefix("10.0.0.0/8"),
+      IpGenPrefix(),       IpGenPrefix("2.0.0.1/32")};
   std::string order;
   for (auto const& p : s) order += "[" + p.str() + "]";
   EXPECT_EQ(order, "[][2.0.0.1/32][10.0.0.0/8][10.0.0.0/16][11.0.0.0/8][::/0]");
@@ -88,10 +85,9 @@ TEST(IpGenPrefixTest, OrdersByFamilyAddressThenLength) {
 TEST(IpGenPrefixTest, HashFollowsEqualityAfterMasking) {
   EXPECT_EQ(IpGenPrefix("10.1.2.3/8"), IpGenPrefix("10.0.0.0/8"));
   EXPECT_EQ(IpGenPrefix("10.1.2.3/8").hash(), IpGenPrefix("10.0.0.0/8").hash());
-  EXPECT_EQ(Wirly::IpGenPrefixBase::hash(IpGenPrefix("10.0.0.0/8")),
-            IpGenPrefix("10.0.0.0/8").hash());
-  std::unordered_set<IpGenPrefix> set{IpGenPrefix("10.0.0.0/8"), IpGenPrefix("10.0.0.0/16"),
-                                      IpGenPrefix("0.0.0.0/0"), IpGenPrefix("::/0"), IpGenPrefix()};
+  EXPECT_EQ(Wirly::IpGenPrefixBase::hash(IpGenPrefix("10.0.0.0/8")), IpGenPrefix("10.0.0.0/8").hash());
+  std::unordered_set<IpGenPrefix> set{IpGenPrefix("10.0.0.0/8"), IpGenPrefix("10.0.0.0/16"), IpGenPrefix("0.0.0.0/0"),
+                                      IpGenPrefix("::/0"), IpGenPrefix()};
   EXPECT_EQ(set.size(), 5u);
   EXPECT_EQ(set.count(IpGenPrefix("10.9.9.9/8")), 1u);
 }
@@ -100,8 +96,7 @@ TEST(IpGenPrefixTest, PrintsAndHasTextForm) {
   std::ostringstream os;
   os << IpGenPrefix("232.0.0.0/8");
   EXPECT_EQ(os.str(), "232.0.0.0/8");
-  EXPECT_EQ(Kiv::valueToStrep(IpGenPrefix("10.0.0.0/8")),
-            "Value('Wirly::IpGenPrefix', ** {'prefix': '10.0.0.0/8'})");
+  EXPECT_EQ(Kiv::valueToStrep(IpGenPrefix("10.0.0.0/8")), "Value('Wirly::IpGenPrefix', ** {'prefix': '10.0.0.0/8'})");
   for (auto const& p : {IpGenPrefix(), IpGenPrefix("0.0.0.0/0"), IpGenPrefix("ff3e::/32")}) {
     EXPECT_EQ(Kiv::valueFromStrep<IpGenPrefix>(Kiv::valueToStrep(p)), p) << p;
   }

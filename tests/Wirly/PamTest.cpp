@@ -1,10 +1,10 @@
 #include "Wirly/Pam.h"
 
 #include <gtest/gtest.h>
-#include <cstring>
-#include <algorithm>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <algorithm>
+#include <cstring>
 
 #include "Kiv/EventLoop.h"
 #include "Wirly/PamFdSm.h"

@@ -120,8 +120,7 @@ std::optional<std::int64_t> parseTime(std::string const& s) {
   }
   char* end = nullptr;
   double secs = std::strtod(s.c_str(), &end);
-  if (end == s.c_str() || *end || !std::isfinite(secs) || std::fabs(secs) > 9e9)
-    return std::nullopt;
+  if (end == s.c_str() || *end || !std::isfinite(secs) || std::fabs(secs) > 9e9) return std::nullopt;
   return std::int64_t(secs * 1e9);
 }
 
@@ -175,12 +174,12 @@ bool report(Input& in, std::string const& path) {
 }
 
 void describe(Brisklog::FileInfo const& i) {
-  std::cout << "# file " << i.path << "\n# process " << i.processName << " pid " << i.pid
-            << "\n# opened " << Brisklog::wallTimeText(i.openedNs) << "\n# clock "
-            << (i.tsc ? "tsc" : "monotonic") << ", " << i.ticksPerSecond << " ticks/s"
-            << "\n# rings " << i.ringCount << " x " << i.ringBytes << " bytes, records up to "
-            << i.maxRecordBytes << " bytes, strings up to " << i.maxStringBytes
-            << " bytes\n# descriptor table " << i.descriptorBytes << " bytes\n";
+  std::cout << "# file " << i.path << "\n# process " << i.processName << " pid " << i.pid << "\n# opened "
+            << Brisklog::wallTimeText(i.openedNs) << "\n# clock " << (i.tsc ? "tsc" : "monotonic") << ", "
+            << i.ticksPerSecond << " ticks/s"
+            << "\n# rings " << i.ringCount << " x " << i.ringBytes << " bytes, records up to " << i.maxRecordBytes
+            << " bytes, strings up to " << i.maxStringBytes << " bytes\n# descriptor table " << i.descriptorBytes
+            << " bytes\n";
 }
 
 int listFiles(std::string dir, bool prune) {
@@ -213,13 +212,12 @@ int listFiles(std::string dir, bool prune) {
       continue;
     }
     if (!r.usable()) {
-      std::cout << path << "  unreadable: " << (r.problems().empty() ? "?" : r.problems().front())
-                << '\n';
+      std::cout << path << "  unreadable: " << (r.problems().empty() ? "?" : r.problems().front()) << '\n';
       continue;
     }
     std::cout << path << "  " << r.info().processName << " pid " << r.info().pid << "  "
-              << (r.writerAlive() ? "running" : "gone") << "  opened "
-              << Brisklog::wallTimeText(r.info().openedNs) << '\n';
+              << (r.writerAlive() ? "running" : "gone") << "  opened " << Brisklog::wallTimeText(r.info().openedNs)
+              << '\n';
   }
   return 0;
 }
@@ -292,8 +290,7 @@ int main(int argc, char** argv) {
     Input in;
     in.reader = std::make_unique<Brisklog::Reader>(f);
     auto const& info = in.reader->info();
-    if (o.files.size() > 1)
-      in.label = "[" + info.processName + ":" + std::to_string(info.pid) + "] ";
+    if (o.files.size() > 1) in.label = "[" + info.processName + ":" + std::to_string(info.pid) + "] ";
     if (o.header && in.reader->usable()) describe(info);
     inputs.push_back(std::move(in));
   }
@@ -308,22 +305,19 @@ int main(int argc, char** argv) {
         if (!sourceMatches(o, r.source())) continue;
         if (o.since && r.wallNs < *o.since) continue;
         if (o.until && r.wallNs >= *o.until) continue;
-        std::string text =
-            Brisklog::wallTimeText(r.wallNs) + ' ' + in.label + r.source() + ' ' + r.text();
+        std::string text = Brisklog::wallTimeText(r.wallNs) + ' ' + in.label + r.source() + ' ' + r.text();
         if (o.location && r.descriptor) {
-          text += "  [" + r.descriptor->file + ':' + std::to_string(r.descriptor->line) + ' ' +
-                  r.descriptor->function + ']';
+          text += "  [" + r.descriptor->file + ':' + std::to_string(r.descriptor->line) + ' ' + r.descriptor->function +
+                  ']';
         }
         lines.push_back({r.wallNs, std::move(text)});
       }
       damaged = report(in, o.files[k]) || damaged;
       anyAlive = anyAlive || in.reader->writerAlive();
     }
-    std::stable_sort(lines.begin(), lines.end(),
-                     [](Line const& a, Line const& b) { return a.wallNs < b.wallNs; });
+    std::stable_sort(lines.begin(), lines.end(), [](Line const& a, Line const& b) { return a.wallNs < b.wallNs; });
     std::int64_t cut = INT64_MIN;
-    if (first && o.last && !lines.empty() &&
-        __builtin_sub_overflow(lines.back().wallNs, *o.last, &cut))
+    if (first && o.last && !lines.empty() && __builtin_sub_overflow(lines.back().wallNs, *o.last, &cut))
       cut = INT64_MIN;
     for (Line const& l : lines) {
       if (l.wallNs >= cut) std::cout << l.text << '\n';

@@ -13,10 +13,10 @@
 #include <iostream>
 #include <sstream>
 
-#include "Options.h"
 #include "Kiv/Exception.h"
-#include "Vorn/Registry.h"
+#include "Options.h"
 #include "Vorn/Region.h"
+#include "Vorn/Registry.h"
 #include "Vorn/Table.h"
 
 namespace Vornctl {
@@ -25,11 +25,21 @@ std::string jsonString(std::string_view s) {
   std::string out = "\"";
   for (unsigned char c : s) {
     switch (c) {
-      case '"': out += "\\\""; break;
-      case '\\': out += "\\\\"; break;
-      case '\n': out += "\\n"; break;
-      case '\r': out += "\\r"; break;
-      case '\t': out += "\\t"; break;
+      case '"':
+        out += "\\\"";
+        break;
+      case '\\':
+        out += "\\\\";
+        break;
+      case '\n':
+        out += "\\n";
+        break;
+      case '\r':
+        out += "\\r";
+        break;
+      case '\t':
+        out += "\\t";
+        break;
       default:
         if (c < 0x20) {
           char buf[8];
@@ -59,8 +69,8 @@ std::string tablesJson(Vorn::Region const& r, bool detail) {
     os << (i ? ", " : "") << "{\"name\": " << jsonString(g.name) << ", \"records\": " << tableSize(g)
        << ", \"capacity\": " << g.capacity;
     if (detail)
-      os << ", \"keyBytes\": " << g.keySize << ", \"recordBytes\": " << g.recordSize << ", \"hashSlots\": "
-         << g.slotCount << ", \"tombstones\": " << g.control->tombstones.load();
+      os << ", \"keyBytes\": " << g.keySize << ", \"recordBytes\": " << g.recordSize
+         << ", \"hashSlots\": " << g.slotCount << ", \"tombstones\": " << g.control->tombstones.load();
     os << "}";
   }
   os << "]";

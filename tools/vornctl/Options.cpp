@@ -62,8 +62,7 @@ std::vector<std::string> positional(std::vector<std::string> const& args, std::i
 }
 
 std::string pathOf(std::string const& root, std::string const& region) {
-  if (region.find('/') == 0 || (region.size() > 5 && region.compare(region.size() - 5, 5, ".vorn") == 0))
-    return region;
+  if (region.find('/') == 0 || (region.size() > 5 && region.compare(region.size() - 5, 5, ".vorn") == 0)) return region;
   return root + "/" + Vorn::fileNameOfUrl(region);
 }
 

@@ -81,9 +81,8 @@ TEST_F(VornctlCommandLineTest, DumpPrintsEachRouteOnceWithInterfaceNames) {
   // Through a bit mapper table instead: index 9 is named there.
   Kiv::Ptr<BitMapper::VornStatus> bm = new BitMapper::VornStatus(Kiv::Name("bm"));
   bm->mountIs(root.file("bm.vorn"), Vorn::Status::Mode::writer);
-  bm->bitIndexMapIs(BitMapper::BitIndexMap(BitMapper::BitIndex(9),
-                                           BitMapper::BitMapperKey(Wirly::IntfId("Vlan9"), Wirly::IpGenAddr()),
-                                           1, true));
+  bm->bitIndexMapIs(BitMapper::BitIndexMap(
+      BitMapper::BitIndex(9), BitMapper::BitMapperKey(Wirly::IntfId("Vlan9"), Wirly::IpGenAddr()), 1, true));
   r = vornctl(rooted("dump mfib/default/pim route --bitmapper " + root.file("bm.vorn")));
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_NE(r.out.find("oif {1:unmapped, 3:unmapped, Vlan9}"), std::string::npos) << r.out;

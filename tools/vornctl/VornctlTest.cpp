@@ -54,9 +54,11 @@ TEST_F(VornctlTest, DirShowsApplicationsVrfsUrlsAndWhetherEachTableReads) {
   std::string const text = run("dir", &code);
   EXPECT_EQ(code, 0) << text;
   EXPECT_NE(text.find("bad  unreadable: "), std::string::npos) << text;
-  EXPECT_NE(text.find("pim  writer " + pid + " (running)\n  default\n    mfib       -\n    bitmapper  -\n"
-                      "  red\n    mfib       mfib/red/pim (readable)\n    bitmapper  bitmapper/red/pim (not readable: "),
-            std::string::npos)
+  EXPECT_NE(
+      text.find("pim  writer " + pid +
+                " (running)\n  default\n    mfib       -\n    bitmapper  -\n"
+                "  red\n    mfib       mfib/red/pim (readable)\n    bitmapper  bitmapper/red/pim (not readable: "),
+      std::string::npos)
       << text;
 
   std::string const json = run("dir --json", &code);
@@ -97,8 +99,9 @@ TEST_F(VornctlTest, ListShowAndDumpSpeakJsonToo) {
             "bitMapperVornUrl '')\"},\n  {\"key\": \"red\", \"record\": \"MfibDirRecord(vrf red, vornUrl "
             "'mfib/red/pim', bitMapperVornUrl '')\"}]}\n");
   // Without --json each record prints once (it holds its key).
-  EXPECT_EQ(run("dump mfibdir/pim dirColl --limit 1"), "MfibDirRecord(vrf default, vornUrl '', "
-                                                       "bitMapperVornUrl '')\n");
+  EXPECT_EQ(run("dump mfibdir/pim dirColl --limit 1"),
+            "MfibDirRecord(vrf default, vornUrl '', "
+            "bitMapperVornUrl '')\n");
 }
 
 TEST_F(VornctlTest, DumpNamesInterfacesThroughTheAnnouncedBitMapperTable) {
@@ -114,8 +117,6 @@ TEST_F(VornctlTest, DumpNamesInterfacesThroughTheAnnouncedBitMapperTable) {
   EXPECT_EQ(run("dump mfib/red/pim route"), "(s: 10.0.0.1/32 g: 239.1.1.1/32) priority 0 version 1 oif {Ethernet9}\n");
 }
 
-TEST(VornctlJson, StringsAreEscaped) {
-  EXPECT_EQ(Vornctl::jsonString("a\"b\\c\nd\x01"), "\"a\\\"b\\\\c\\nd\\u0001\"");
-}
+TEST(VornctlJson, StringsAreEscaped) { EXPECT_EQ(Vornctl::jsonString("a\"b\\c\nd\x01"), "\"a\\\"b\\\\c\\nd\\u0001\""); }
 
 }  // namespace

@@ -27,15 +27,15 @@
 
 #include "BitMapper/BitMapperSchema.h"
 #include "Json.h"
-#include "Options.h"
 #include "Kiv/EventLoop.h"
 #include "Kiv/Exception.h"
-#include "Vorn/Registry.h"
-#include "Vorn/Region.h"
-#include "Vorn/Table.h"
-#include "Schema/Mfib/MfibStatus.h"
-#include "Vorn/TestSchema.h"
 #include "MrouteVersion.h"
+#include "Options.h"
+#include "Schema/Mfib/MfibStatus.h"
+#include "Vorn/Region.h"
+#include "Vorn/Registry.h"
+#include "Vorn/Table.h"
+#include "Vorn/TestSchema.h"
 
 namespace {
 
@@ -124,14 +124,17 @@ int show(std::string const& root, std::vector<std::string> const& args) {
     std::uint32_t const tombstones = g.control->tombstones.load();
     std::uint32_t const top = g.control->topLevel.load();
     std::cout << "  " << g.name << ": ";
-    if (size <= g.capacity) std::cout << size << " of " << g.capacity << " records; ";
-    else damage.push_back("table '" + g.name + "': size " + std::to_string(size) + " exceeds capacity " +
-                          std::to_string(g.capacity));
-    std::cout << "key " << g.keySize << " bytes, record " << g.recordSize << " bytes; " << g.slotCount
-              << " hash slots";
-    if (tombstones <= g.slotCount) std::cout << ", " << tombstones << " tombstones";
-    else damage.push_back("table '" + g.name + "': " + std::to_string(tombstones) + " tombstones in " +
-                          std::to_string(g.slotCount) + " hash slots");
+    if (size <= g.capacity)
+      std::cout << size << " of " << g.capacity << " records; ";
+    else
+      damage.push_back("table '" + g.name + "': size " + std::to_string(size) + " exceeds capacity " +
+                       std::to_string(g.capacity));
+    std::cout << "key " << g.keySize << " bytes, record " << g.recordSize << " bytes; " << g.slotCount << " hash slots";
+    if (tombstones <= g.slotCount)
+      std::cout << ", " << tombstones << " tombstones";
+    else
+      damage.push_back("table '" + g.name + "': " + std::to_string(tombstones) + " tombstones in " +
+                       std::to_string(g.slotCount) + " hash slots");
     std::cout << "\n";
     if (top > Vorn::Layout::kMaxLevel)
       damage.push_back("table '" + g.name + "': skip-list level " + std::to_string(top));
@@ -177,10 +180,14 @@ void dumpMfibRoutes(Vorn::Multicast::Fib::Status const& mfib, BitMapper::VornSta
   using namespace Vorn::Multicast::Fib;
   auto printOif = [&](std::ostream& os, OifIndex i) {
     Wirly::IntfId intf;
-    if (bitMapper != nullptr) intf = bitMapper->bitIndexMap(BitMapper::BitIndex(i.value())).bitMapperKey().intfId();
-    else intf = mfib.oifIndexIntf(i).intfId();
-    if (intf.empty()) os << i << ":unmapped";
-    else os << intf.name();
+    if (bitMapper != nullptr)
+      intf = bitMapper->bitIndexMap(BitMapper::BitIndex(i.value())).bitMapperKey().intfId();
+    else
+      intf = mfib.oifIndexIntf(i).intfId();
+    if (intf.empty())
+      os << i << ":unmapped";
+    else
+      os << intf.name();
   };
   Vorn::IterHint hint;
   IpGenRouteKey k;
@@ -220,8 +227,10 @@ int dump(std::string const& root, std::vector<std::string> const& args) {
     // The bit mapper table named on the command line, else the one the
     // MFIB directory announces beside this table.
     std::string bitMapperRegion;
-    if (std::string const* bm = optionValue(args, "--bitmapper")) bitMapperRegion = *bm;
-    else if (path != pos[0]) bitMapperRegion = announcedBitMapperUrl(root, pos[0]);
+    if (std::string const* bm = optionValue(args, "--bitmapper"))
+      bitMapperRegion = *bm;
+    else if (path != pos[0])
+      bitMapperRegion = announcedBitMapperUrl(root, pos[0]);
     Kiv::Ptr<BitMapper::VornStatus> bitMapper;
     if (!bitMapperRegion.empty()) {
       bitMapper = new BitMapper::VornStatus(Kiv::Name("vornctl"));
@@ -281,10 +290,25 @@ int types(std::string const&, std::vector<std::string> const&) {
 }
 
 Command const commands[] = {
-    {"list", "usage: vornctl list\n\nLists the regions under the root: URL, status type, writer pid, and per table\nits records in use and its capacity.\n", list},
-    {"show", "usage: vornctl show <region>\n\nPrints a region's header (type, layout version, size, creation time, writer\nand its epoch, change log, following readers) and for each table its records,\ncapacity, key and record sizes, hash slots and tombstones.\n", show},
-    {"dump", "usage: vornctl dump <region> <table> [--limit N] [--bitmapper <region>]\n\nPrints a table's records in key order, one line each, through the schema's\nprinters; a type unknown to this tool prints as raw hex ('key -> record').\nAn MFIB route table names its outgoing interfaces through the bit mapper\ntable given with --bitmapper, else the one the MFIB directory announces\nbeside it, else its own oifIndexIntf table.\n", dump},
-    {"watch", "usage: vornctl watch <region> [--count N] [--seconds S]\n\nFollows the region like a reader does and prints 'table: record' (or\n'table: key deleted') for every change, until N changes, S seconds, or\nSIGINT/SIGTERM.\n", watch},
+    {"list",
+     "usage: vornctl list\n\nLists the regions under the root: URL, status type, writer pid, and per table\nits "
+     "records in use and its capacity.\n",
+     list},
+    {"show",
+     "usage: vornctl show <region>\n\nPrints a region's header (type, layout version, size, creation time, writer\nand "
+     "its epoch, change log, following readers) and for each table its records,\ncapacity, key and record sizes, hash "
+     "slots and tombstones.\n",
+     show},
+    {"dump",
+     "usage: vornctl dump <region> <table> [--limit N] [--bitmapper <region>]\n\nPrints a table's records in key "
+     "order, one line each, through the schema's\nprinters; a type unknown to this tool prints as raw hex ('key -> "
+     "record').\nAn MFIB route table names its outgoing interfaces through the bit mapper\ntable given with "
+     "--bitmapper, else the one the MFIB directory announces\nbeside it, else its own oifIndexIntf table.\n",
+     dump},
+    {"watch",
+     "usage: vornctl watch <region> [--count N] [--seconds S]\n\nFollows the region like a reader does and prints "
+     "'table: record' (or\n'table: key deleted') for every change, until N changes, S seconds, or\nSIGINT/SIGTERM.\n",
+     watch},
     {"types", "usage: vornctl types\n\nLists the status types whose records this tool can print.\n", types},
     {"dir", Vornctl::mfibDirHelp, Vornctl::mfibDir},
 };

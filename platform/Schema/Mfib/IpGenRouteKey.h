@@ -23,8 +23,7 @@ namespace Routing::Multicast::Fib {
 class IpGenRouteKey {
  public:
   constexpr IpGenRouteKey() = default;
-  IpGenRouteKey(Wirly::IpGenPrefix const& source, Wirly::IpGenPrefix const& group)
-      : source_(source), group_(group) {}
+  IpGenRouteKey(Wirly::IpGenPrefix const& source, Wirly::IpGenPrefix const& group) : source_(source), group_(group) {}
   // Full-length prefixes of two addresses, from text: ("10.0.0.1", "239.1.1.1").
   IpGenRouteKey(std::string_view source, std::string_view group);
 

@@ -126,7 +126,9 @@ class Route {
   // The least member, or OifIndex::end().
   OifIndex firstOif() const { return nextMember(0); }
   // The least member after i, or OifIndex::end() when there is none.
-  OifIndex nextOif(OifIndex i) const { return i.value() >= OifIndex::endValue - 1 ? OifIndex::end() : nextMember(i.value() + 1u); }
+  OifIndex nextOif(OifIndex i) const {
+    return i.value() >= OifIndex::endValue - 1 ? OifIndex::end() : nextMember(i.value() + 1u);
+  }
   // The greatest member, or OifIndex::end() for an empty set.
   OifIndex lastOif() const { return lastOif_; }
 

@@ -27,8 +27,7 @@ TEST(IpGenRouteKey, OrdersBySourceThenGroupHashesWithEqualityAndReadsBackItsText
   std::ostringstream os;
   os << c;
   EXPECT_EQ(os.str(), "(s: 10.0.0.1/32 g: 239.1.1.1/32)");
-  EXPECT_THROW(IpGenRouteKey::fromStrep("Value('Routing::Multicast::Fib::IpGenRouteKey', ** {})"),
-               Kiv::ParseException);
+  EXPECT_THROW(IpGenRouteKey::fromStrep("Value('Routing::Multicast::Fib::IpGenRouteKey', ** {})"), Kiv::ParseException);
 }
 
 TEST(Route, OutgoingInterfaceSetWalksInIndexOrderAndKeepsItsLastMember) {
