@@ -223,4 +223,8 @@ class ValueReader {
   std::vector<Field> fields_;
 };
 
+// A JSON string literal for s, quotes included (RFC 8259 escapes: quote,
+// backslash, and control characters), for tools that print JSON.
+std::string jsonString(std::string_view s);
+
 }  // namespace Kiv

@@ -8,10 +8,11 @@
 #include <string_view>
 #include <vector>
 
+#include "Kiv/ValueText.h"
+
 namespace Vornctl {
 
-// A JSON string literal for s (quotes included).
-std::string jsonString(std::string_view s);
+using Kiv::jsonString;
 
 // Runs the JSON form of command `name` when args ask for it ("--json");
 // nothing when they do not or the command has no JSON form.
