@@ -383,5 +383,4 @@ std::string jsonString(std::string_view s) {
   return out + "\"";
 }
 
-
 }  // namespace Kiv
