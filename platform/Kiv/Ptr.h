@@ -82,10 +82,10 @@ class Ptr {
   }
 
   // Copy and swap: assigning a pointer to itself takes a reference first.
-  Ptr& operator=(Ptr const& o) {
+  Ptr& operator=(Ptr const& o) {  // NOLINT(bugprone-unhandled-self-assignment)
     Ptr(o).swap(*this);
     return *this;
-  }  // NOLINT(bugprone-unhandled-self-assignment)
+  }
   Ptr& operator=(Ptr&& o) noexcept {
     Ptr(std::move(o)).swap(*this);
     return *this;
