@@ -117,17 +117,8 @@ Kiv::Ptr<OifSet> Mroute::fastdrop(VlanId v) const {
 }
 
 void Mroute::fastdropIs(VlanId v, Kiv::Ptr<OifSet> const& oifSet) {
-  if (Kiv::Ptr<OifSet>* p = fastdrop_.find(v)) {
-    if (*p == oifSet) return;
-    if (oifSet) {
-      *p = oifSet;
-    } else {
-      fastdrop_.erase(v);
-    }
-  } else {
-    if (!oifSet) return;
-    fastdrop_.set(v, oifSet);
-  }
+  // A null set removes the entry; an unchanged one is no change.
+  if (!(oifSet ? fastdrop_.set(v, oifSet) : fastdrop_.erase(v))) return;
   handleFastdrop(v);
   notify(&NotifieeConst::onFastdropkivImmediate, v);
   notify(&NotifieeConst::onFastdrop, v);
@@ -214,17 +205,8 @@ Kiv::Ptr<OifSet> BoundaryMroute::fastdrop(VlanId v) const {
 }
 
 void BoundaryMroute::fastdropIs(VlanId v, Kiv::Ptr<OifSet> const& oifSet) {
-  if (Kiv::Ptr<OifSet>* p = fastdrop_.find(v)) {
-    if (*p == oifSet) return;
-    if (oifSet) {
-      *p = oifSet;
-    } else {
-      fastdrop_.erase(v);
-    }
-  } else {
-    if (!oifSet) return;
-    fastdrop_.set(v, oifSet);
-  }
+  // A null set removes the entry; an unchanged one is no change.
+  if (!(oifSet ? fastdrop_.set(v, oifSet) : fastdrop_.erase(v))) return;
   handleFastdrop();
   notify(&NotifieeConst::onFastdropkivImmediate, v);
   notify(&NotifieeConst::onFastdrop, v);
