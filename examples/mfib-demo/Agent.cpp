@@ -21,8 +21,8 @@
 
 #include "BestRouteCheck.h"
 #include "Demo.h"
+#include "Kiv/AttrServer.h"
 #include "Kiv/EventLoop.h"
-#include "Kiv/Introspect.h"
 #include "Mfib/MfibDirSm.h"
 #include "Mfib/MfibVorn.h"
 #include "Mfib/RouteIntfIteratorConst.h"
@@ -183,7 +183,7 @@ class Agent {
   // Live introspection, when MFIB_DEMO_INTROSPECT asks for it: what the
   // agent holds, served from its loop under the name kIntrospectName.
   Kiv::Ptr<Kiv::Dir> introspectRoot_;
-  std::unique_ptr<Kiv::Introspect> introspect_;
+  std::unique_ptr<Kiv::AttrServer> introspect_;
 };
 
 Agent::Agent(std::vector<AgentPublisher> const& publishers) : em_(Stelo::EntityManager::entityManagerIs(&loop_)) {
@@ -256,7 +256,7 @@ bool Agent::doStart() {
     introspectRoot_->entryIs("mfibDirSm", dirSm_);
     try {
       introspect_ =
-          std::make_unique<Kiv::Introspect>(loop_, introspectRoot_, Kiv::Introspect::defaultPath(kIntrospectName));
+          std::make_unique<Kiv::AttrServer>(loop_, introspectRoot_, Kiv::AttrServer::defaultPath(kIntrospectName));
     } catch (std::exception const& e) {
       std::cerr << "mfib-demo agent: no introspection: " << e.what() << "\n";
       return false;

@@ -12,9 +12,9 @@
 #include <string>
 
 #include "BitMapper/BitMapper.h"
+#include "Kiv/AttrServer.h"
 #include "Kiv/Dir.h"
 #include "Kiv/EventLoop.h"
-#include "Kiv/Introspect.h"
 #include "Mfib/MfibVorn.h"
 
 namespace {
@@ -75,7 +75,7 @@ class KivctlTest : public ::testing::Test {
     root->entryIs("mfibVornDir", vornDir);
     auto config = BitMapper::configFactory(4, 0);
     root->entryIs("bitMapperConfig", config);
-    Kiv::Introspect introspect(loop, root, Kiv::Introspect::defaultPath("agent"));
+    Kiv::AttrServer introspect(loop, root, Kiv::AttrServer::defaultPath("agent"));
     char c = 'r';
     if (::write(readyFd, &c, 1) != 1) ::_exit(3);
     ::close(readyFd);

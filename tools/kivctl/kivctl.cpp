@@ -19,7 +19,7 @@
 #include <string_view>
 #include <vector>
 
-#include "Kiv/Introspect.h"
+#include "Kiv/AttrServer.h"
 #include "MrouteVersion.h"
 
 namespace {
@@ -27,7 +27,7 @@ namespace {
 constexpr char const* usage =
     "usage: kivctl (--agent NAME | --socket PATH) [--json] VERB PATH [ARGUMENT]\n"
     "\n"
-    "Looks inside a running agent that serves introspection (Kiv::Introspect).\n"
+    "Looks inside a running agent that serves introspection (Kiv::AttrServer).\n"
     "\n"
     "verbs:\n"
     "  ls PATH             the attributes of an entity (name, kind, type, rw/ro),\n"
@@ -92,7 +92,7 @@ int main(int argc, char** argv) {
 
   if (socketPath.empty()) {
     try {
-      socketPath = Kiv::Introspect::defaultPath(agent);
+      socketPath = Kiv::AttrServer::defaultPath(agent);
     } catch (std::exception const& e) {
       return fail(e.what());
     }

@@ -4,10 +4,10 @@
 //
 //   Kiv::Ptr<Kiv::Dir> root = Kiv::Dir::DirIs("root");
 //   root->entryIs("mfibVornDir", mfibVornDir);
-//   Kiv::Introspect introspect(loop, root, Kiv::Introspect::defaultPath("mfib-agent"));
+//   Kiv::AttrServer introspect(loop, root, Kiv::AttrServer::defaultPath("mfib-agent"));
 //   // $ kivctl --agent mfib-agent get /mfibVornDir/vornColl/default
 //
-// Nothing listens unless the agent builds an Introspect. The socket lies in
+// Nothing listens unless the agent builds an AttrServer. The socket lies in
 // $KIV_INTROSPECT_DIR, or else /tmp/kiv-<uid>/, a directory only the agent's
 // user may enter; the socket itself is mode 0600 and the server also checks
 // each client's user id (SO_PEERCRED) and refuses any other user.
@@ -37,17 +37,17 @@
 
 namespace Kiv {
 
-class Introspect {
+class AttrServer {
  public:
   static constexpr double requestTimeout = 2.0;
   static constexpr std::size_t maxRequest = 64 * 1024;
 
   // Binds path (replacing a stale socket file) and serves root from loop.
   // Throws ErrnoException naming the call that failed.
-  Introspect(EventLoop& loop, Ptr<Entity> root, std::string path);
-  ~Introspect();
-  Introspect(Introspect const&) = delete;
-  Introspect& operator=(Introspect const&) = delete;
+  AttrServer(EventLoop& loop, Ptr<Entity> root, std::string path);
+  ~AttrServer();
+  AttrServer(AttrServer const&) = delete;
+  AttrServer& operator=(AttrServer const&) = delete;
 
   std::string const& path() const { return path_; }
   // Requests answered (with ok or error) and clients refused or dropped.

@@ -1,4 +1,4 @@
-#include "Kiv/Introspect.h"
+#include "Kiv/AttrServer.h"
 
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -19,7 +19,7 @@ namespace Kiv {
 
 namespace {
 
-TraceHandle introspectTrace("Kiv::Introspect");
+TraceHandle introspectTrace("Kiv::AttrServer");
 
 // Where a path leads: an entity, or one of its attributes, or one key of a
 // collection attribute.
@@ -212,7 +212,7 @@ std::string answerOf(Entity const& root, std::string_view verb, bool json, std::
 
 }  // namespace
 
-std::string Introspect::answer(Entity const& root, std::string_view request) {
+std::string AttrServer::answer(Entity const& root, std::string_view request) {
   std::vector<std::string_view> f;
   std::size_t start = 0;
   while (f.size() < 3) {
@@ -231,7 +231,7 @@ std::string Introspect::answer(Entity const& root, std::string_view request) {
   }
 }
 
-std::string Introspect::defaultPath(std::string_view agentName) {
+std::string AttrServer::defaultPath(std::string_view agentName) {
   std::string dir;
   if (char const* d = std::getenv("KIV_INTROSPECT_DIR"); d != nullptr && *d != '\0') {
     dir = d;
@@ -247,7 +247,7 @@ std::string Introspect::defaultPath(std::string_view agentName) {
   return dir + "/" + std::string(agentName) + ".sock";
 }
 
-Introspect::Introspect(EventLoop& loop, Ptr<Entity> root, std::string path)
+AttrServer::AttrServer(EventLoop& loop, Ptr<Entity> root, std::string path)
     : loop_(loop), root_(std::move(root)), path_(std::move(path)) {
   sockaddr_un addr{};
   if (path_.size() >= sizeof addr.sun_path) throw RangeException("introspection socket path too long: " + path_);
@@ -268,13 +268,13 @@ Introspect::Introspect(EventLoop& loop, Ptr<Entity> root, std::string path)
   KIV_TRACE(introspectTrace, 4, "serving introspection on " << path_);
 }
 
-Introspect::~Introspect() {
+AttrServer::~AttrServer() {
   while (!clients_.empty()) doDrop(clients_.begin()->first);
   loop_.readableDel(listen_.fd());
   ::unlink(path_.c_str());
 }
 
-void Introspect::doAccept() {
+void AttrServer::doAccept() {
   for (;;) {
     int fd = ::accept4(listen_.fd(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
     if (fd < 0) return;
@@ -298,7 +298,7 @@ void Introspect::doAccept() {
   }
 }
 
-void Introspect::doRead(int fd) {
+void AttrServer::doRead(int fd) {
   Client& c = clients_[fd];
   char buf[4096];
   ssize_t n = ::read(fd, buf, sizeof buf);
@@ -333,7 +333,7 @@ void Introspect::doRead(int fd) {
   doDrop(fd);
 }
 
-void Introspect::doDrop(int fd) {
+void AttrServer::doDrop(int fd) {
   auto it = clients_.find(fd);
   if (it == clients_.end()) return;
   loop_.readableDel(fd);

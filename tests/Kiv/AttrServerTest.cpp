@@ -4,8 +4,8 @@
 #include <map>
 #include <string>
 
+#include "Kiv/AttrServer.h"
 #include "Kiv/Dir.h"
-#include "Kiv/Introspect.h"
 #include "Kiv/Reflect.h"
 
 namespace {
@@ -38,7 +38,7 @@ class Host : public Kiv::Entity {
   Kiv::Ptr<Host> peer_;
 };
 
-class IntrospectAnswer : public ::testing::Test {
+class AttrServerAnswer : public ::testing::Test {
  protected:
   void SetUp() override {
     root->entryIs("a/b", a);
@@ -46,14 +46,14 @@ class IntrospectAnswer : public ::testing::Test {
     a->peerIs(b);
     b->routeIs("10.0.0.0/8", "eth1");
   }
-  std::string ask(std::string const& req) { return Kiv::Introspect::answer(*root, req); }
+  std::string ask(std::string const& req) { return Kiv::AttrServer::answer(*root, req); }
 
   Kiv::Ptr<Kiv::Dir> root = Kiv::Dir::DirIs("root");
   Kiv::Ptr<Host> a = new Host("a");
   Kiv::Ptr<Host> b = new Host("b");
 };
 
-TEST_F(IntrospectAnswer, PathsWalkDirEntriesPointersAndQuotedSegments) {
+TEST_F(AttrServerAnswer, PathsWalkDirEntriesPointersAndQuotedSegments) {
   EXPECT_EQ(ask("ls\ttext\t/\t"), "ok\na/b\tentry\tKivTest::Host\tro\nb\tentry\tKivTest::Host\tro\n");
   EXPECT_EQ(ask("get\ttext\t/'a/b'/mtu\t"), "ok\n1500\n");
   EXPECT_EQ(ask("get\ttext\t/'a/b'/peer/route/'10.0.0.0/8'\t"), "ok\n'eth1'\n");
@@ -65,7 +65,7 @@ TEST_F(IntrospectAnswer, PathsWalkDirEntriesPointersAndQuotedSegments) {
   EXPECT_EQ(b->mtu(), 9000u);
 }
 
-TEST_F(IntrospectAnswer, BadRequestsAreAnsweredWithAnErrorNeverAThrow) {
+TEST_F(AttrServerAnswer, BadRequestsAreAnsweredWithAnErrorNeverAThrow) {
   EXPECT_EQ(ask("get\ttext\t/b/mtu/x\t"), "error\n/b/mtu/x: mtu is not a collection\n");
   EXPECT_EQ(ask("get\ttext\t/b/peer\t"), "error\n/b/peer is None\n");
   EXPECT_EQ(ask("get\ttext\t/c\t"), "error\n/c: no such entry\n");
