@@ -399,31 +399,24 @@ Wirly::MrtMessageType MrtNotifyPamManager::doReadNetlinkForm(Kiv::Ptr<Wirly::Pkt
 }
 
 void MrtNotifyPamManager::doPublish(Wirly::MrtMessage const& msg) {
+  char const* kind = nullptr;
   switch (msg.msgType()) {
     case Wirly::MrtMessageType::igmpWrongVif:
-      BRISKLOG("MrtNotifyPam", "WrongVifMessage on intf: %s for src: %s and grp: %s", msg.intfId().name(), msg.source(),
-               msg.group());
-      KIV_TRACE(
-          trace(), 5,
-          "WrongVifMessage on intf:" << msg.intfId() << " for src: " << msg.source() << " and grp: " << msg.group());
+      kind = "WrongVifMessage";
       break;
     case Wirly::MrtMessageType::igmpNoCache:
-      BRISKLOG("MrtNotifyPam", "NoCacheMessage on intf: %s for src: %s and grp: %s", msg.intfId().name(), msg.source(),
-               msg.group());
-      KIV_TRACE(
-          trace(), 5,
-          "NoCacheMessage on intf:" << msg.intfId() << " for src: " << msg.source() << " and grp: " << msg.group());
+      kind = "NoCacheMessage";
       break;
     case Wirly::MrtMessageType::igmpWholePkt:
-      BRISKLOG("MrtNotifyPam", "WholePktMessage on intf: %s for src: %s and grp: %s", msg.intfId().name(), msg.source(),
-               msg.group());
-      KIV_TRACE(
-          trace(), 5,
-          "WholePktMessage on intf:" << msg.intfId() << " for src: " << msg.source() << " and grp: " << msg.group());
+      kind = "WholePktMessage";
       break;
     case Wirly::MrtMessageType::none:
-      break;
+      return;
   }
+  BRISKLOG("MrtNotifyPam", "%s on intf: %s for src: %s and grp: %s", kind, msg.intfId().name(), msg.source(),
+           msg.group());
+  KIV_TRACE(trace(), 5,
+            kind << " on intf:" << msg.intfId() << " for src: " << msg.source() << " and grp: " << msg.group());
 }
 
 Wirly::MrtMessage::Ptr MrtNotifyPamManager::readNetlinkMrtMessage(Wirly::AddressFamily af, nlmsghdr* nlh,

@@ -89,3 +89,30 @@ function(mroute_test name)
                        PROPERTIES ${props}
                        TEST_PREFIX "${name}.")
 endfunction()
+
+# mroute_fuzz_target(Name SOURCE file.cpp DEPENDS_ON dir... WHAT "text")
+# A libFuzzer target needs clang: the directory's fuzz/build.sh builds it
+# beside the rest of the build, and make test runs it for a few seconds
+# (ctest label "fuzz"). Without clang it is left out, with a status line.
+function(mroute_fuzz_target name)
+  cmake_parse_arguments(ARG "" "SOURCE;WHAT" "DEPENDS_ON" ${ARGN})
+  find_program(MROUTE_FUZZ_CXX NAMES clang++ clang++-14)
+  if(NOT MROUTE_FUZZ_CXX)
+    message(STATUS "clang++ not found: the ${ARG_WHAT} fuzz target is not built")
+    return()
+  endif()
+  set(deps)
+  foreach(dir ${ARG_DEPENDS_ON})
+    file(GLOB found CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${dir}/*)
+    list(APPEND deps ${found})
+  endforeach()
+  add_custom_command(OUTPUT ${CMAKE_BINARY_DIR}/bin/${name}
+                     COMMAND ${CMAKE_COMMAND} -E env CXX=${MROUTE_FUZZ_CXX}
+                             sh ${CMAKE_CURRENT_SOURCE_DIR}/fuzz/build.sh ${CMAKE_BINARY_DIR}/bin/${name}
+                     DEPENDS ${ARG_SOURCE} fuzz/build.sh ${deps}
+                     COMMENT "Building the ${ARG_WHAT} fuzz target with clang" VERBATIM)
+  add_custom_target(${name} ALL DEPENDS ${CMAKE_BINARY_DIR}/bin/${name})
+  add_test(NAME ${name} COMMAND ${CMAKE_BINARY_DIR}/bin/${name} -max_total_time=8 -seed=1 -timeout=10
+           WORKING_DIRECTORY ${CMAKE_BINARY_DIR}/Testing)
+  set_tests_properties(${name} PROPERTIES LABELS fuzz TIMEOUT 120)
+endfunction()
