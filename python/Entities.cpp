@@ -303,6 +303,18 @@ void bindEntities(py::module_& m) {
       .def_property_readonly("mfibVornDir", [](MfibDirReader const& r) { return EntityRef{r.vornDir}; })
       .def_property_readonly("mfibDirSm", [](MfibDirReader const& r) { return EntityRef{r.sm}; });
 
+  // Serving introspection from a script: the root entity answers kivctl and
+  // mroute.introspect while the script turns the loop.
+  py::class_<Kiv::AttrServer>(m, "AttrServer",
+                              "Serves an entity's generic interface on a Unix socket from a loop (see kivctl).")
+      .def(py::init([](Kiv::EventLoop& loop, EntityRef const& root, std::string const& path) {
+             return std::make_unique<Kiv::AttrServer>(loop, root.p, path);
+           }),
+           py::arg("loop"), py::arg("root"), py::arg("path"), py::keep_alive<1, 2>())
+      .def_property_readonly("path", &Kiv::AttrServer::path)
+      .def_property_readonly("requests", &Kiv::AttrServer::requests)
+      .def_static("default_path", &Kiv::AttrServer::defaultPath, py::arg("agent"));
+
   m.def(
       "configFactory",
       [](std::uint32_t size, std::uint32_t enableRefCount) {

@@ -57,20 +57,19 @@ class Demo:
         env = dict(os.environ, VORN_ROOT=self.root, BRISKLOG_DIR=self.root, KIV_INTROSPECT_DIR=self.root,
                    MFIB_DEMO_INTROSPECT=str(self.LINGER))
         self.proc = subprocess.Popen([program("mfib-demo"), "run", "--keep"], env=env, stdout=subprocess.PIPE,
-                                     stderr=subprocess.STDOUT, text=True, start_new_session=True)
-        self.output = []
+                                     stderr=subprocess.STDOUT, start_new_session=True)
         # The agent prints its checks once the last round settled, then
-        # serves until the linger ends.
+        # serves until the linger ends. Read the descriptor itself: a
+        # buffered reader could hold the last lines where select cannot see.
+        self.output = ""
         deadline = time.monotonic() + 30
-        while not any(line.startswith("  check default") for line in self.output):
+        while "  check default" not in self.output:
             if time.monotonic() > deadline or self.proc.poll() is not None:
                 self.stop()
-                pytest.fail("the demonstration did not reach its checks:\n" + "".join(self.output))
+                pytest.fail("the demonstration did not reach its checks:\n" + self.output)
             ready, _, _ = select.select([self.proc.stdout], [], [], 1.0)
             if ready:
-                line = self.proc.stdout.readline()
-                if line:
-                    self.output.append(line)
+                self.output += os.read(self.proc.stdout.fileno(), 65536).decode(errors="replace")
         self.socket = os.path.join(self.root, self.AGENT + ".sock")
 
     def stop(self):
