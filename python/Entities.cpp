@@ -19,8 +19,8 @@
 #include <utility>
 #include <vector>
 
-#include "BitMapper/BitMapperSm.h"
 #include "Bind.h"
+#include "BitMapper/BitMapperSm.h"
 #include "Kiv/AttrServer.h"
 #include "Kiv/Dir.h"
 #include "Kiv/EventLoop.h"
@@ -144,8 +144,8 @@ void bindEntities(py::module_& m) {
       .def_readonly("key_type", &AttrInfo::keyType)
       .def_readonly("writable", &AttrInfo::writable)
       .def("__repr__", [](AttrInfo const& a) {
-        return "Attr(" + a.name + ", " + a.kind + ", " + (a.keyType.empty() ? "" : a.keyType + " -> ") +
-               a.valueType + ", " + (a.writable ? "rw" : "ro") + ")";
+        return "Attr(" + a.name + ", " + a.kind + ", " + (a.keyType.empty() ? "" : a.keyType + " -> ") + a.valueType +
+               ", " + (a.writable ? "rw" : "ro") + ")";
       });
 
   py::class_<EntityRef> entity(m, "Entity",
@@ -241,8 +241,7 @@ void bindEntities(py::module_& m) {
            "What kivctl would answer with this entity as the agent's root: verb ls, get, set, del or invoke.")
       .def("__repr__", [](EntityRef const& r) { return Kiv::ReflectDetail::entityText(r.p.ptr()); })
       .def(
-          "__eq__", [](EntityRef const& a, EntityRef const& b) { return a.p.ptr() == b.p.ptr(); },
-          py::is_operator())
+          "__eq__", [](EntityRef const& a, EntityRef const& b) { return a.p.ptr() == b.p.ptr(); }, py::is_operator())
       .def("__hash__", [](EntityRef const& r) { return std::hash<void const*>()(r.p.ptr()); });
 
   py::class_<Collection>(m, "Collection", "A collection attribute: keys and values in their text forms.")
@@ -289,8 +288,7 @@ void bindEntities(py::module_& m) {
           },
           py::arg("done"), py::arg("timeout"), "Turns the loop until done() or timeout; returns done().")
       .def(
-          "run_for",
-          [](Kiv::EventLoop& loop, double seconds) { loop.runUntil([] { return false; }, seconds); },
+          "run_for", [](Kiv::EventLoop& loop, double seconds) { loop.runUntil([] { return false; }, seconds); },
           py::arg("seconds"));
 
   py::class_<MfibDirReader>(m, "MfibDirReader",

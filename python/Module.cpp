@@ -56,8 +56,8 @@ PYBIND11_MODULE(_mroute, m) {
     } catch (Pelto::CorruptionDetectedException const& e) {
       PyErr_SetString(corruptionError, e.what());
     } catch (Kiv::ErrnoException const& e) {
-      py::object err = py::reinterpret_steal<py::object>(
-          PyObject_CallFunction(PyExc_OSError, "is", e.error(), e.what()));
+      py::object err =
+          py::reinterpret_steal<py::object>(PyObject_CallFunction(PyExc_OSError, "is", e.error(), e.what()));
       if (err) PyErr_SetObject(PyExc_OSError, err.ptr());
     } catch (Kiv::Exception const& e) {
       PyErr_SetString(error, e.what());

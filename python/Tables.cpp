@@ -13,8 +13,8 @@
 #include <string>
 #include <vector>
 
-#include "BitMapper/BitMapperSchema.h"
 #include "Bind.h"
+#include "BitMapper/BitMapperSchema.h"
 #include "Kiv/Exception.h"
 #include "Mfib/MfibDir.h"
 #include "Schema/Mfib/MfibStatus.h"
@@ -154,7 +154,8 @@ void mountedCommon(py::class_<T>& c) {
       .def_property_readonly("writer_pid", &T::writerPid)
       .def_property_readonly("writer_running", &T::writerRunning)
       .def("close", &T::close, "Unmaps the table; later reads raise mroute.RangeError.")
-      .def("__enter__", [](T& t) -> T& { return t; }, py::return_value_policy::reference)
+      .def(
+          "__enter__", [](T& t) -> T& { return t; }, py::return_value_policy::reference)
       .def("__exit__", [](T& t, py::args) { t.close(); });
 }
 
@@ -175,8 +176,7 @@ void bindTables(py::module_& m) {
   mountedCommon(mfib);
   mfib.def("__len__", [](MfibTable const& t) { return t.status().routeTable().size(); })
       .def("routes", [](MfibTable const& t) { return recordsOf(t.status().routeTable()); })
-      .def("__iter__",
-           [](MfibTable const& t) { return py::iter(py::cast(recordsOf(t.status().routeTable()))); })
+      .def("__iter__", [](MfibTable const& t) { return py::iter(py::cast(recordsOf(t.status().routeTable()))); })
       .def("keys",
            [](MfibTable const& t) {
              std::vector<IpGenRouteKey> out;
@@ -211,8 +211,7 @@ void bindTables(py::module_& m) {
           },
           py::arg("index"), "The interface index stands for, or None.");
 
-  py::class_<BitMapperTable> bm(m, "BitMapperTable",
-                                "A bit mapper table (BitMapper::VornStatus), mounted read-only.");
+  py::class_<BitMapperTable> bm(m, "BitMapperTable", "A bit mapper table (BitMapper::VornStatus), mounted read-only.");
   mountedCommon(bm);
   bm.def(
         "bitIndexMap", [](BitMapperTable const& t) { return recordsOf(t.status().bitIndexMapTable()); },

@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "BitMapper/BitMapperSchema.h"
 #include "Bind.h"
+#include "BitMapper/BitMapperSchema.h"
 #include "Kiv/ValueText.h"
 #include "Schema/Mfib/IpGenRouteKey.h"
 #include "Schema/Mfib/Route.h"
@@ -145,8 +145,8 @@ void bindValues(py::module_& m) {
                                 "or from two IpGenPrefix.");
   key.def(py::init<>())
       .def(py::init<Wirly::IpGenPrefix const&, Wirly::IpGenPrefix const&>(), py::arg("source"), py::arg("group"))
-      .def(py::init([](std::string const& s, std::string const& g) { return IpGenRouteKey(s, g); }),
-           py::arg("source"), py::arg("group"))
+      .def(py::init([](std::string const& s, std::string const& g) { return IpGenRouteKey(s, g); }), py::arg("source"),
+           py::arg("group"))
       .def_property_readonly("source", &IpGenRouteKey::source)
       .def_property_readonly("group", &IpGenRouteKey::group);
   common(key);
@@ -190,8 +190,7 @@ void bindValues(py::module_& m) {
       .def_property_readonly("intfId", &OifIndexIntf::intfId)
       .def(
           "__eq__", [](OifIndexIntf const& a, OifIndexIntf const& b) { return a == b; }, py::is_operator())
-      .def("__hash__",
-           [](OifIndexIntf const& e) { return std::size_t(e.oifIndex().hash() * 31 + e.intfId().hash()); })
+      .def("__hash__", [](OifIndexIntf const& e) { return std::size_t(e.oifIndex().hash() * 31 + e.intfId().hash()); })
       .def("__repr__", [](OifIndexIntf const& e) {
         return "OifIndexIntf(" + std::to_string(e.oifIndex().value()) + ", " + e.intfId().name() + ")";
       });
