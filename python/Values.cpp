@@ -116,7 +116,7 @@ void bindValues(py::module_& m) {
   addr.def(py::init<>())
       .def(py::init<std::string const&>(), py::arg("text"))
       .def_property_readonly("af", &Wirly::IpGenAddr::af)
-      .def_property_readonly("address", &Wirly::IpGenAddr::str)
+      .def_property_readonly("str", &Wirly::IpGenAddr::str, "'10.0.0.1', 'ff02::1'")
       .def_property_readonly("is_multicast", &Wirly::IpGenAddr::isMulticast)
       .def_property_readonly("is_unspecified", &Wirly::IpGenAddr::isUnspecified);
   common(addr);
@@ -129,7 +129,7 @@ void bindValues(py::module_& m) {
       .def_property_readonly("address", [](Wirly::IpGenPrefix const& p) { return p.address(); })
       .def_property_readonly("len", [](Wirly::IpGenPrefix const& p) { return unsigned(p.len()); })
       .def_property_readonly("af", [](Wirly::IpGenPrefix const& p) { return p.af(); })
-      .def_property_readonly("prefix", &Wirly::IpGenPrefix::str)
+      .def_property_readonly("str", &Wirly::IpGenPrefix::str, "'10.0.0.0/8'")
       .def("contains", py::overload_cast<Wirly::IpGenAddr const&>(&Wirly::IpGenPrefix::contains, py::const_));
   common(prefix);
   ordered(prefix);

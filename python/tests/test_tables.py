@@ -19,7 +19,7 @@ KEY_TEXT = re.compile(r"\(s: (\S+) g: (\S+)\)")
 
 
 def key_text(key):
-    return "(s: %s g: %s)" % (key.source.prefix, key.group.prefix)
+    return "(s: %s g: %s)" % (key.source.str, key.group.str)
 
 
 def test_directory_lists_every_application_and_vrf_with_its_tables(demo):
@@ -84,7 +84,7 @@ def test_bit_mapper_tables_read_as_vornctl_reads_them(demo):
             dumped = vornctl_json(demo.root, "dump", url, "bitIndexMap")["records"]
             assert [str(r.bitIndex) for r in records] == [d["key"] for d in dumped]
             for r, d in zip(records, dumped):
-                assert "key (%s, %s) refCount %d" % (r.bitMapperKey.intfId.name, r.bitMapperKey.addr.address,
+                assert "key (%s, %s) refCount %d" % (r.bitMapperKey.intfId.name, r.bitMapperKey.addr.str,
                                                       r.refCount) in d["record"]
                 assert table.bitIndexMap(r.bitIndex) == r
             assert table.bitIndexMap(BitIndex(60000)) is None

@@ -80,7 +80,7 @@ def test_equal_values_are_one_key_in_sets_and_dicts():
 def test_route_keys_order_by_source_then_group():
     keys = [IpGenRouteKey("10.0.0.2", "239.1.1.1"), IpGenRouteKey("10.0.0.1", "239.1.1.2"),
             IpGenRouteKey("10.0.0.1", "239.1.1.1")]
-    assert [str(k.source.address.address) + " " + k.group.address.address for k in sorted(keys)] == [
+    assert [k.source.address.str + " " + k.group.address.str for k in sorted(keys)] == [
         "10.0.0.1 239.1.1.1", "10.0.0.1 239.1.1.2", "10.0.0.2 239.1.1.1"]
     assert RoutePriority(1) < RoutePriority(2)
 
