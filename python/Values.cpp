@@ -30,14 +30,6 @@ using Vorn::Multicast::Fib::OifIndexIntf;
 using Vorn::Multicast::Fib::Route;
 using Vorn::Multicast::Fib::RoutePriority;
 
-template <class T>
-std::uint64_t hashOf(T const& v) {
-  if constexpr (requires { v.hash(); })
-    return v.hash();
-  else
-    return std::hash<std::string>()(Kiv::valueToStrep(v));
-}
-
 // str, repr, ==, hash, and from_text where the type reads its text form.
 template <class T, class... O>
 py::class_<T, O...>& common(py::class_<T, O...>& c) {
@@ -59,7 +51,8 @@ py::class_<T, O...>& common(py::class_<T, O...>& c) {
         return py::bool_(!(a == b.cast<T const&>()));
       },
       py::is_operator());
-  c.def("__hash__", [](T const& v) { return static_cast<std::size_t>(hashOf(v)); });
+  // Each type's hash() covers exactly what its == compares.
+  c.def("__hash__", [](T const& v) { return static_cast<std::size_t>(v.hash()); });
   if constexpr (Kiv::ValueTextDetail::HasMemberFrom<T> || Kiv::ValueTextDetail::HasTraitsFrom<T>)
     c.def_static(
         "from_text", [](std::string_view t) { return Kiv::valueFromStrep<T>(t); }, py::arg("text"),
