@@ -10,9 +10,10 @@ directory (root.directory()) written by other processes.
 
 Any entity answers through the generic attribute interface (Entity:
 attributes(), get, set, collections, invoke); configFactory, statusFactory,
-bitMapperSmFactory, mfibVornDirFactory and MfibDirReader make entities in
-this process. mroute.introspect talks to a running agent's introspection
-socket as kivctl does.
+bitMapperSmFactory, mfibVornDirFactory and MfibDirReader (the MFIB directory
+followed on an EventLoop the script turns) make entities in this process;
+AttrServer serves one to kivctl. mroute.introspect talks to a running agent's
+introspection socket as kivctl does.
 
 Names of the system (types, attributes, table names, factories) are spelled
 as in the library; the bindings' own methods are snake_case.
