@@ -1,0 +1,114 @@
+"""A client of a running agent's introspection socket (Kiv::AttrServer).
+
+    agent = mroute.introspect.connect("mfib-demo-agent")
+    agent.ls("/")                       # [Row(name, kind, type, writable), ...]
+    agent.get("/mfibVornDir/vornColl/default")   # {"vrfName": "'default'", ...}
+    agent.get("/mfibDir/pim/dirColl/red/vornUrl")  # "'mfib/red/pim'"
+    agent.set("/bitMapperConfig/bitMapMinIndex", "10")
+    agent.invoke("/mfibDirSm/handleMountPoint", "'pim'", "'red'")
+
+The socket is $KIV_INTROSPECT_DIR/<agent>.sock, else /tmp/kiv-<uid>/<agent>.sock.
+Each call is one request on its own connection: "verb TAB format TAB path TAB
+argument NEWLINE"; the agent answers "ok" or "error" on the first line, then
+the body, and closes. Requests are JSON-formatted where the answer is
+structured, so values keep their text form exactly. A refusal raises
+AgentError with the agent's message; no agent to talk to raises OSError.
+"""
+
+import collections
+import json
+import os
+import socket
+
+Row = collections.namedtuple("Row", "name kind type writable")
+
+
+class AgentError(Exception):
+    """The agent refused the request; str() is its message."""
+
+
+def socket_path(agent):
+    """Where an agent called `agent` listens."""
+    directory = os.environ.get("KIV_INTROSPECT_DIR") or "/tmp/kiv-%d" % os.getuid()
+    return os.path.join(directory, agent + ".sock")
+
+
+def connect(agent=None, path=None, timeout=5.0):
+    """A client of the agent named `agent`, or of the socket at `path`."""
+    if (agent is None) == (path is None):
+        raise ValueError("give exactly one of agent and path")
+    return Agent(path if path is not None else socket_path(agent), timeout)
+
+
+class Agent:
+    def __init__(self, path, timeout=5.0):
+        self.path = path
+        self.timeout = timeout
+
+    def request(self, verb, path, argument="", fmt="text"):
+        """The raw body of the answer; AgentError on a refusal."""
+        for field in (verb, fmt, path):
+            if "\n" in field or "\t" in field:
+                raise ValueError("request fields may not hold newlines or tabs: %r" % field)
+        if "\n" in argument:
+            raise ValueError("the argument may not hold a newline")
+        line = "\t".join((verb, fmt, path, argument)) + "\n"
+        with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as s:
+            s.settimeout(self.timeout)
+            s.connect(self.path)
+            s.sendall(line.encode())
+            chunks = []
+            while True:
+                data = s.recv(65536)
+                if not data:
+                    break
+                chunks.append(data)
+        reply = b"".join(chunks).decode()
+        status, sep, body = reply.partition("\n")
+        if not sep:
+            raise AgentError("the agent closed the connection without an answer")
+        if status == "ok":
+            return body
+        raise AgentError(body.rstrip("\n"))
+
+    def ls(self, path="/"):
+        """An entity's attributes, or a Dir's entries, as Rows; a collection's
+        entries as a dict of key text to value text."""
+        answer = json.loads(self.request("ls", path, fmt="json"))
+        if isinstance(answer, dict):
+            return answer
+        return [Row(r["name"], r["kind"], r["type"], r["writable"]) for r in answer]
+
+    def get(self, path):
+        """One value's text form (a str); for an entity or a collection, a dict
+        of name (or key) to text form."""
+        answer = json.loads(self.request("get", path, fmt="json"))
+        if isinstance(answer, dict) and "attributes" in answer and "type" in answer:
+            return answer["attributes"]
+        return answer
+
+    def entity_type(self, path):
+        """The type name of the entity at path."""
+        return json.loads(self.request("get", path, fmt="json"))["type"]
+
+    def set(self, path, value):
+        """Writes an attribute or a collection entry (value text form)."""
+        self.request("set", path, value)
+
+    def delete(self, path):
+        """Removes a collection entry."""
+        self.request("del", path)
+
+    def invoke(self, path, *args):
+        """Runs an operation; each argument is a text form (or a value whose
+        str() is). Returns the result's text form, or None."""
+        body = self.request("invoke", path, ", ".join(_text(a) for a in args), fmt="json")
+        return json.loads(body) if body else None
+
+
+def _text(value):
+    if isinstance(value, bool):
+        return "True" if value else "False"
+    if value is None:
+        return "None"
+    return str(value)
