@@ -184,6 +184,28 @@ TEST_F(StaticPublisherTest, ARestartTakesOverWhatTheLastRunLeftAndAppliesTheDiff
   EXPECT_EQ(announced(root.path()), "static: default=mfib/default/static;");
 }
 
+// A run that died left a table file that a crash or a full disk cut short:
+// the next run cannot take it over, starts the table afresh and publishes
+// every route of the file again.
+TEST_F(StaticPublisherTest, ARestartOverATruncatedTablePublishesEverythingAgain) {
+  {
+    StaticPublisher first("static", em);
+    first.apply(routes(kFirst));
+  }
+  std::string const path = em->pathOfUrl("mfib/default/static");
+  em = nullptr;
+  struct stat st;
+  ASSERT_EQ(::stat(path.c_str(), &st), 0);
+  ASSERT_EQ(::truncate(path.c_str(), st.st_size / 3), 0);
+
+  auto em2 = Stelo::EntityManager::entityManagerIs(nullptr, root.path());
+  StaticPublisher again("static", em2);
+  EXPECT_EQ(counts(again.apply(routes(kFirst))), "4 +3 -0 ~0");  // red's table was intact
+  EXPECT_EQ(view(root.path(), "mfib/default/static").route.size(), 3u);
+  EXPECT_EQ(view(root.path(), "mfib/default/static").route.at("(10.1.0.2, 239.1.1.1)"),
+            "Ethernet1 prio 1 -> Ethernet2 Ethernet3");
+}
+
 // The program: reload on SIGHUP, bad lines on stderr, withdrawal on SIGTERM.
 TEST(MrouteStaticProgram, ReloadsOnHangupAndWithdrawsOnTerminate) {
   VornTest::PrivateRoot root;

@@ -1,7 +1,9 @@
-// Kill and restart: mroute-agent dies by SIGKILL while traffic flows, the
+// Kill and restart, while traffic flows: mroute-agent dies by SIGKILL, the
 // kernel drops its forwarding entries with its routing socket, and a new
 // agent rebuilds its routes from the applications' tables, which outlive
-// it, so that the kernel forwards again.
+// it, so that the kernel forwards again. And the application killed
+// instead: its tables stay, forwarding goes on, and its next run takes
+// them over and applies the file's changes.
 //
 //   source eth0 ==== Ethernet1 [router] Ethernet2 ==== eth0 receiver
 //
@@ -63,8 +65,7 @@ class Proc {
     if (pid_ == 0) {
       int const fd = ::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
       int const err = ::open((out + ".err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-      ::dup2(fd, 1);
-      ::dup2(err, 2);
+      if (fd < 0 || err < 0 || ::dup2(fd, 1) < 0 || ::dup2(err, 2) < 0) ::_exit(126);
       std::vector<char*> argv;
       for (auto& a : args) argv.push_back(a.data());
       argv.push_back(nullptr);
@@ -208,6 +209,30 @@ TEST_F(MrouteAgentRestart, KilledAgentRebuildsFromTheTablesAndTheKernelForwardsA
   int const shown = show.stop(0);  // signal 0: just wait for it
   EXPECT_TRUE(WIFEXITED(shown) && WEXITSTATUS(shown) == 0) << slurp(show.out() + ".err");
   EXPECT_NE(slurp(show.out()).find("239.1.1.1"), std::string::npos) << slurp(show.out());
+}
+
+TEST_F(MrouteAgentRestart, KilledApplicationLeavesItsRoutesAndItsNextRunAppliesTheEditedFile) {
+  agent_ = startAgent("agent-run");
+  std::vector<std::string> const app = {kBin + "/mroute-static", "--app", "static", "--file", dir_ + "/routes"};
+  static_ = std::make_unique<Proc>(r_, app, dir_ + "/static1");
+  ASSERT_TRUE(waitLines(agent_->out(), "^route default", 2)) << slurp(agent_->out());
+  sender_ = std::make_unique<Proc>(s_,
+                                   std::vector<std::string>{kBin + "/mcast-probe", "send", "--group",
+                                                            "239.1.1.1,ff3e::1:1", "--count", "4000",
+                                                            "--interval-ms", "5", "--intf", "eth0"},
+                                   dir_ + "/sender");
+  static_->stop(SIGKILL);
+  std::string const orphaned = window(300);
+  EXPECT_TRUE(flowing(orphaned)) << orphaned << "\n" << slurp(agent_->out());
+
+  std::ofstream(dir_ + "/routes") << "default 10.1.0.2 239.1.1.1 Ethernet1 Ethernet2\n";
+  static_ = std::make_unique<Proc>(r_, app, dir_ + "/static2");
+  EXPECT_TRUE(waitLines(static_->out(), "^static static: 1 routes \\(\\+0 -1 ~0\\)$", 1))
+      << slurp(static_->out()) << slurp(static_->out() + ".err");
+  EXPECT_TRUE(waitLines(agent_->out(), "^route default \\(2001:db8:1::2, ff3e::1:1\\) withdrawn$", 1))
+      << slurp(agent_->out());
+  std::string const after = window(300);
+  EXPECT_TRUE(std::regex_match(after, std::regex("[1-9]\\d* 0"))) << after << "\n" << slurp(agent_->out());
 }
 
 }  // namespace
