@@ -134,29 +134,28 @@ class MrouteAgentRestart : public ::testing::Test {
 
   void link(std::string const& intf, std::string const& peer, int n) {
     std::string const net = std::to_string(n);
-    for (std::string const& step : {
-             "ip link add " + intf + " netns " + r_ + " type veth peer name eth0 netns " + peer,
-             "ip -n " + r_ + " addr add 10." + net + ".0.1/24 dev " + intf,
-             "ip -n " + r_ + " addr add 2001:db8:" + net + "::1/64 dev " + intf + " nodad",
-             "ip -n " + peer + " addr add 10." + net + ".0.2/24 dev eth0",
-             "ip -n " + peer + " addr add 2001:db8:" + net + "::2/64 dev eth0 nodad",
-             "ip -n " + r_ + " link set " + intf + " up", "ip -n " + peer + " link set eth0 up",
-             "ip -n " + peer + " route add default via 10." + net + ".0.1",
-             "ip -n " + peer + " -6 route add default via 2001:db8:" + net + "::1"})
+    for (std::string const& step : {"ip link add " + intf + " netns " + r_ + " type veth peer name eth0 netns " + peer,
+                                    "ip -n " + r_ + " addr add 10." + net + ".0.1/24 dev " + intf,
+                                    "ip -n " + r_ + " addr add 2001:db8:" + net + "::1/64 dev " + intf + " nodad",
+                                    "ip -n " + peer + " addr add 10." + net + ".0.2/24 dev eth0",
+                                    "ip -n " + peer + " addr add 2001:db8:" + net + "::2/64 dev eth0 nodad",
+                                    "ip -n " + r_ + " link set " + intf + " up", "ip -n " + peer + " link set eth0 up",
+                                    "ip -n " + peer + " route add default via 10." + net + ".0.1",
+                                    "ip -n " + peer + " -6 route add default via 2001:db8:" + net + "::1"})
       ASSERT_TRUE(run(step)) << step;
   }
 
   std::unique_ptr<Proc> startAgent(std::string const& name) {
     auto p = std::make_unique<Proc>(
-        r_, std::vector<std::string>{kBin + "/mroute-agent", "run", "--intf", "Ethernet1,Ethernet2"}, dir_ + "/" + name);
+        r_, std::vector<std::string>{kBin + "/mroute-agent", "run", "--intf", "Ethernet1,Ethernet2"},
+        dir_ + "/" + name);
     EXPECT_TRUE(waitLines(p->out(), "^ready$", 1, 10)) << slurp(p->out() + ".err");
     return p;
   }
 
   // What the receiver counts while listening for `ms`, as "v4 v6".
   std::string window(int ms) {
-    Proc recv(a_, {kBin + "/mcast-probe", "recv", "--group", "239.1.1.1,ff3e::1:1", "--intf", "eth0"},
-              dir_ + "/recv");
+    Proc recv(a_, {kBin + "/mcast-probe", "recv", "--group", "239.1.1.1,ff3e::1:1", "--intf", "eth0"}, dir_ + "/recv");
     EXPECT_TRUE(waitLines(recv.out() + ".err", "listening", 1));
     std::this_thread::sleep_for(std::chrono::milliseconds(ms));
     recv.stop(SIGTERM);
@@ -165,9 +164,7 @@ class MrouteAgentRestart : public ::testing::Test {
     if (!std::regex_search(line, m, std::regex("239.1.1.1=(\\d+) ff3e::1:1=(\\d+)"))) return "no output: " + line;
     return std::string(m[1]) + " " + std::string(m[2]);
   }
-  static bool flowing(std::string const& counts) {
-    return std::regex_match(counts, std::regex("[1-9]\\d* [1-9]\\d*"));
-  }
+  static bool flowing(std::string const& counts) { return std::regex_match(counts, std::regex("[1-9]\\d* [1-9]\\d*")); }
 
   std::string dir_, s_, r_, a_;
   std::vector<std::string> made_;
@@ -181,11 +178,11 @@ TEST_F(MrouteAgentRestart, KilledAgentRebuildsFromTheTablesAndTheKernelForwardsA
       dir_ + "/static");
   ASSERT_TRUE(waitLines(agent_->out(), "^route default", 2)) << slurp(agent_->out());
   // One datagram per group every 5 ms for the whole test.
-  sender_ = std::make_unique<Proc>(s_,
-                                   std::vector<std::string>{kBin + "/mcast-probe", "send", "--group",
-                                                            "239.1.1.1,ff3e::1:1", "--count", "4000",
-                                                            "--interval-ms", "5", "--intf", "eth0"},
-                                   dir_ + "/sender");
+  sender_ =
+      std::make_unique<Proc>(s_,
+                             std::vector<std::string>{kBin + "/mcast-probe", "send", "--group", "239.1.1.1,ff3e::1:1",
+                                                      "--count", "4000", "--interval-ms", "5", "--intf", "eth0"},
+                             dir_ + "/sender");
   std::string const before = window(300);
   EXPECT_TRUE(flowing(before)) << before << "\n" << slurp(agent_->out());
 
@@ -197,10 +194,14 @@ TEST_F(MrouteAgentRestart, KilledAgentRebuildsFromTheTablesAndTheKernelForwardsA
   EXPECT_EQ(window(300), "0 0");
 
   agent_ = startAgent("agent2");
-  EXPECT_TRUE(waitLines(agent_->out(), "^route default \\(10\\.1\\.0\\.2, 239\\.1\\.1\\.1\\) static prio 1: "
-                                       "Ethernet1 -> Ethernet2$", 1));
-  EXPECT_TRUE(waitLines(agent_->out(), "^route default \\(2001:db8:1::2, ff3e::1:1\\) static prio 1: "
-                                       "Ethernet1 -> Ethernet2$", 1));
+  EXPECT_TRUE(waitLines(agent_->out(),
+                        "^route default \\(10\\.1\\.0\\.2, 239\\.1\\.1\\.1\\) static prio 1: "
+                        "Ethernet1 -> Ethernet2$",
+                        1));
+  EXPECT_TRUE(waitLines(agent_->out(),
+                        "^route default \\(2001:db8:1::2, ff3e::1:1\\) static prio 1: "
+                        "Ethernet1 -> Ethernet2$",
+                        1));
   std::string const after = window(300);
   EXPECT_TRUE(flowing(after)) << after << "\n" << slurp(agent_->out());
 
@@ -216,11 +217,11 @@ TEST_F(MrouteAgentRestart, KilledApplicationLeavesItsRoutesAndItsNextRunAppliesT
   std::vector<std::string> const app = {kBin + "/mroute-static", "--app", "static", "--file", dir_ + "/routes"};
   static_ = std::make_unique<Proc>(r_, app, dir_ + "/static1");
   ASSERT_TRUE(waitLines(agent_->out(), "^route default", 2)) << slurp(agent_->out());
-  sender_ = std::make_unique<Proc>(s_,
-                                   std::vector<std::string>{kBin + "/mcast-probe", "send", "--group",
-                                                            "239.1.1.1,ff3e::1:1", "--count", "4000",
-                                                            "--interval-ms", "5", "--intf", "eth0"},
-                                   dir_ + "/sender");
+  sender_ =
+      std::make_unique<Proc>(s_,
+                             std::vector<std::string>{kBin + "/mcast-probe", "send", "--group", "239.1.1.1,ff3e::1:1",
+                                                      "--count", "4000", "--interval-ms", "5", "--intf", "eth0"},
+                             dir_ + "/sender");
   static_->stop(SIGKILL);
   std::string const orphaned = window(300);
   EXPECT_TRUE(flowing(orphaned)) << orphaned << "\n" << slurp(agent_->out());
