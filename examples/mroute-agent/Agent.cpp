@@ -49,7 +49,16 @@ constexpr int kMaxRescans = 50;
 constexpr double kQuietScanPeriod = 1.0;
 constexpr double kQuietScanWindow = 10.0;
 // Receive buffer of the upcall sockets: a burst of reports must fit.
+// MROUTE_AGENT_RCVBUF (bytes) overrides it, to measure the recovery of what
+// a small queue loses.
 constexpr int kUpcallRcvBuf = 32 << 20;
+
+int upcallRcvBuf() {
+  char const* v = Wirly::Sys::sys().getenv("MROUTE_AGENT_RCVBUF");
+  if (!v || !*v) return kUpcallRcvBuf;
+  long const n = std::strtol(v, nullptr, 10);
+  return n > 0 && n < (1l << 30) ? int(n) : kUpcallRcvBuf;
+}
 
 void setRcvBuf(int fd, int bytes) {
   Wirly::Sys& sys = Wirly::Sys::sys();
@@ -318,7 +327,7 @@ bool AgentImpl::doUpcalls(Family& f) {
       f.sm = mrtNotifySmFactory(f.manager, engine_->kernelStatus(f.af));
       f.sm->loopQuantumIs(0.05);
       f.sm->handleInitialized();
-      if (f.manager->pam()->fileDesc()) setRcvBuf(f.manager->pam()->fileDesc()->fd(), kUpcallRcvBuf);
+      if (f.manager->pam()->fileDesc()) setRcvBuf(f.manager->pam()->fileDesc()->fd(), upcallRcvBuf());
       if (auto nl = Kiv::ptrCast<MrtNotifyNetlinkSocketPam>(f.manager->pam()))
         f.errors = std::make_unique<RxErrorWatch>(nl, [this] { requestScan(0); });
     }
