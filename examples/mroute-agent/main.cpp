@@ -108,8 +108,15 @@ int main(int argc, char** argv) {
   ::sigaction(SIGINT, &sa, nullptr);
   ::sigaction(SIGTERM, &sa, nullptr);
   ::signal(SIGPIPE, SIG_IGN);
-  MrouteAgent::Agent agent(o);
-  if (int const rc = agent.start()) return rc;
-  agent.run([] { return stopRequested != 0; });
+  try {
+    MrouteAgent::Agent agent(o);
+    if (int const rc = agent.start()) return rc;
+    agent.run([] { return stopRequested != 0; });
+  } catch (std::exception const& e) {
+    // Set-up that the agent does not check itself (the table root, the
+    // directory mount): still a clear message and status 1, not an abort.
+    std::cerr << "mroute-agent: " << e.what() << "\n";
+    return 1;
+  }
   return 0;
 }
