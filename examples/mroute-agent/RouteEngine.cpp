@@ -7,7 +7,7 @@
 #include <cstring>
 #include <sstream>
 
-#include "Kiv/Trace.h"
+#include "AgentTrace.h"
 #include "Mfib/RouteIntfIteratorConst.h"
 
 namespace MrouteAgent {
@@ -18,10 +18,7 @@ using Vorn::Multicast::Fib::RouteIntfRole;
 
 namespace {
 
-Kiv::TraceHandle& th() {
-  static Kiv::TraceHandle h("Mroute::Agent");
-  return h;
-}
+Kiv::TraceHandle& th() { return agentTrace(); }
 
 unsigned hostLen(Wirly::AddressFamily af) { return af == Wirly::ipv6 ? 128 : 32; }
 
@@ -447,11 +444,11 @@ bool RouteEngine::doProgram(Wirly::AddressFamily af, SgKey const& sg, bool creat
     return true;
   }
   if (want.origin == KernelEntry::drop) {
-    if (it != entries.end() && it->second.origin == KernelEntry::drop) {
+    // A drop entry needs some incoming VIF; the kernel matches (S, G) alone.
+    if (it != entries.end() && it->second.origin == KernelEntry::drop && it->second.iif != 0)
       want.iif = it->second.iif;
-    } else {
+    else
       want.iif = askedVif != 0 ? askedVif : (intfs_.empty() ? 0 : intfs_.front().vif);
-    }
   }
   if (it != entries.end() && it->second.installed && it->second.origin == want.origin &&
       it->second.iif == want.iif && it->second.oifs == want.oifs) {

@@ -34,6 +34,11 @@ show  lists what the running agent NAME holds, per VRF and route: owner,
       interfaces, shared OIF set, kernel counters, RPF failures, failures.
         --json           the same as one JSON document
 
+Environment: VORN_ROOT (the table root), MROUTE_AGENT_DIR (where the show
+socket lies; default /tmp/mroute-agent-<uid>), KIV_INTROSPECT_DIR (kivctl's
+socket), MROUTE_AGENT_RCVBUF (bytes of the upcall queue; default 32 MiB),
+MCAST_NO_NETLINK (relay IPv6 upcalls from the routing socket).
+
 Exit status: 0 after a signal, 1 when set-up fails (no privilege, the kernel
 table taken, an unknown interface), 2 for a usage error.
 )";
