@@ -416,3 +416,26 @@ TEST_F(AgentKernelTest, EveryFlowOfABurstIsInstalledEvenWhenReportsAreLost) {
 }
 
 }  // namespace MrouteAgentKernel
+
+namespace MrouteAgentKernel {
+
+// With "MCAST_NO_NETLINK" the kernel's IPv6 reports are taken to be missing:
+// the agent's relay reads them from its routing socket and re-sends them on
+// the user-socket group, where the agent's own upcall reader hears them.
+TEST_F(AgentKernelTest, IPv6UpcallsAreRelayedWhenNetlinkReportsAreSaidMissing) {
+  NET(net);
+  Publisher pub(root_.path());
+  ASSERT_TRUE(pub.ok());
+  pub.route(IpGenRouteKey(Wirly::IpGenPrefix(Wirly::IpGenAddr("::"), 0), Wirly::IpGenPrefix("ff3e::2:2")), {2});
+  AgentProcess agent(net, root_.path(), dir_, {"--ipv6"}, {"MCAST_NO_NETLINK=1"});
+  ASSERT_TRUE(agent.waitFor("ready")) << agent.dump();
+  Fd d1 = receiver(net.d(1), {"ff3e::2:2"}, true);
+  send(net, {"ff3e::2:2"}, 1);
+  EXPECT_TRUE(agent.waitFor("upcall nocache (2001:db8:1::2, ff3e::2:2) on Ethernet1")) << agent.dump();
+  EXPECT_TRUE(agent.waitFor("install (2001:db8:1::2, ff3e::2:2) Ethernet1 -> Ethernet2")) << agent.dump();
+  send(net, {"ff3e::2:2"}, 2);
+  EXPECT_EQ(received(d1, 2), 3);
+  EXPECT_EQ(agent.stop(), 0);
+}
+
+}  // namespace MrouteAgentKernel
