@@ -11,13 +11,13 @@
 #include <iostream>
 #include <map>
 
+#include "KernelMfc.h"
 #include "Kiv/AttrServer.h"
 #include "Kiv/Dir.h"
 #include "Kiv/EventLoop.h"
 #include "Kiv/Exception.h"
 #include "Kiv/System.h"
 #include "Kiv/Trace.h"
-#include "KernelMfc.h"
 #include "LinkWatch.h"
 #include "Mfib/MfibDir.h"
 #include "Mfib/MfibDirSm.h"
@@ -252,7 +252,8 @@ bool AgentImpl::doDirectory() {
   }
   vornDir_ = Vorn::Multicast::Fib::mfibVornDirFactory();
   engine_ = std::make_unique<RouteEngine>(
-      intfs_, vornDir_, [this](L3::VrfName const& v, Vorn::Multicast::Fib::Status const& t) { return appNameOf(v, t); });
+      intfs_, vornDir_,
+      [this](L3::VrfName const& v, Vorn::Multicast::Fib::Status const& t) { return appNameOf(v, t); });
   engine_->sinkIs([this](std::string const& line) { emit(line); });
   engine_->flushRequestIs([this] {
     if (flushTimer_ == 0)

@@ -21,10 +21,10 @@
 
 #include <algorithm>
 #include <chrono>
-#include <functional>
-#include <mutex>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -160,8 +160,9 @@ class AgentProcess {
       ::setenv("MROUTE_AGENT_DIR", dir.c_str(), 1);
       ::setenv("KIV_INTROSPECT_DIR", dir.c_str(), 1);
       for (std::string const& e : env) ::putenv(::strdup(e.c_str()));
-      std::vector<std::string> args = {"ip", "netns", "exec", net.r(), MROUTE_AGENT_PATH, "run", "--intf",
-                                       "Ethernet1,Ethernet2,Ethernet3", "--name", "agent-test"};
+      std::vector<std::string> args = {
+          "ip",     "netns",     "exec", net.r(), MROUTE_AGENT_PATH, "run", "--intf", "Ethernet1,Ethernet2,Ethernet3",
+          "--name", "agent-test"};
       args.insert(args.end(), extra.begin(), extra.end());
       std::vector<char*> argv;
       for (std::string& a : args) argv.push_back(a.data());
@@ -399,7 +400,8 @@ TEST_F(AgentKernelTest, EveryFlowOfABurstIsInstalledEvenWhenReportsAreLost) {
   ASSERT_TRUE(agent.waitFor("ready")) << agent.dump();
   constexpr int flows = 2000;
   std::vector<std::string> groups;
-  for (int i = 0; i < flows; ++i) groups.push_back("239.9." + std::to_string(i / 250) + "." + std::to_string(i % 250 + 1));
+  for (int i = 0; i < flows; ++i)
+    groups.push_back("239.9." + std::to_string(i / 250) + "." + std::to_string(i % 250 + 1));
   send(net, groups, 1);
   double const end = Kiv::System::currentTime() + 5;
   while (agent.count("install (10.1.0.2, 239.9.", " drop") < std::size_t(flows) && Kiv::System::currentTime() < end)

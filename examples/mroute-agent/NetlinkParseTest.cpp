@@ -21,7 +21,8 @@ using MrouteAgent::UnresolvedScan;
 class Datagram {
  public:
   template <class Fixed>
-  Datagram& msg(std::uint16_t type, Fixed const& fixed, std::vector<std::pair<std::uint16_t, std::vector<std::uint8_t>>> attrs = {}) {
+  Datagram& msg(std::uint16_t type, Fixed const& fixed,
+                std::vector<std::pair<std::uint16_t, std::vector<std::uint8_t>>> attrs = {}) {
     std::size_t const at = bytes.size();
     bytes.resize(at + NLMSG_HDRLEN);
     append(&fixed, sizeof fixed);
@@ -111,8 +112,8 @@ TEST(UnresolvedScanTest, OnlyUnresolvedFlowsOfTheFamilyAreTakenUpToTheEndOfTheDu
       .msg(RTM_NEWROUTE, mroute(2, RTNH_F_UNRESOLVED), {{RTA_SRC, v4(10, 1, 0, 4)}, {RTA_DST, v4(239, 1, 1, 3)}})
       // An address of the wrong length is not taken: no flow.
       .msg(RTM_NEWROUTE, mroute(128, RTNH_F_UNRESOLVED), {{RTA_SRC, {10, 1, 0}}, {RTA_DST, v4(239, 1, 1, 4)}})
-      .msg(RTM_NEWROUTE, mroute(128, RTNH_F_UNRESOLVED), {{RTA_TABLE, {253, 0, 0, 0}}, {RTA_DST, v4(239, 1, 1, 5)},
-                                                          {RTA_SRC, v4(10, 1, 0, 5)}})
+      .msg(RTM_NEWROUTE, mroute(128, RTNH_F_UNRESOLVED),
+           {{RTA_TABLE, {253, 0, 0, 0}}, {RTA_DST, v4(239, 1, 1, 5)}, {RTA_SRC, v4(10, 1, 0, 5)}})
       .done()
       .msg(RTM_NEWROUTE, mroute(128, RTNH_F_UNRESOLVED), {{RTA_SRC, v4(10, 1, 0, 6)}, {RTA_DST, v4(239, 1, 1, 6)}});
   bool done = false;
