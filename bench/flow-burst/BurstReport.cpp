@@ -1,0 +1,113 @@
+#include "BurstReport.h"
+
+#include <algorithm>
+#include <cmath>
+#include <iomanip>
+#include <istream>
+#include <ostream>
+#include <sstream>
+
+namespace FlowBurst {
+
+double percentile(std::vector<double> v, double p) {
+  if (v.empty()) return -1;
+  std::sort(v.begin(), v.end());
+  auto rank = std::size_t(std::ceil(p / 100.0 * double(v.size())));
+  rank = std::clamp<std::size_t>(rank, 1, v.size());
+  return v[rank - 1];
+}
+
+Figures summarize(std::vector<FlowTimes> const& flows, unsigned installedAtEnd) {
+  Figures f;
+  f.flows = unsigned(flows.size());
+  f.installed = installedAtEnd;
+  std::int64_t firstSent = -1, lastSent = -1, lastEntry = -1;
+  std::vector<double> entryMs, deliveryMs;
+  for (auto const& t : flows) {
+    if (t.sentNs >= 0) {
+      if (firstSent < 0 || t.sentNs < firstSent) firstSent = t.sentNs;
+      lastSent = std::max(lastSent, t.sentNs);
+    }
+    if (t.reportedNs >= 0) ++f.reported;
+    if (t.unresolvedNs >= 0) ++f.upcallsQueued;
+    if (t.entryNs >= 0) {
+      ++f.entriesSeen;
+      lastEntry = std::max(lastEntry, t.entryNs);
+      if (t.sentNs >= 0) entryMs.push_back(double(t.entryNs - t.sentNs) / 1e6);
+    }
+    if (t.deliveredNs >= 0) {
+      ++f.delivered;
+      if (t.sentNs >= 0) deliveryMs.push_back(double(t.deliveredNs - t.sentNs) / 1e6);
+    }
+  }
+  if (firstSent >= 0) f.sendSeconds = double(lastSent - firstSent) / 1e9;
+  f.entryMedianMs = percentile(entryMs, 50);
+  f.entryP99Ms = percentile(entryMs, 99);
+  f.deliveryMedianMs = percentile(deliveryMs, 50);
+  f.deliveryP99Ms = percentile(deliveryMs, 99);
+  if (firstSent >= 0 && lastEntry > firstSent) {
+    double const span = double(lastEntry - firstSent) / 1e9;
+    f.installRate = double(f.entriesSeen) / span;
+    if (f.entriesSeen == f.flows) f.allEntriesSeconds = span;
+  }
+  return f;
+}
+
+void writeFigures(std::ostream& out, std::string const& system, Figures const& f) {
+  auto const fixed = [](double v, int digits) {
+    std::ostringstream s;
+    if (v < 0) return std::string("-");
+    s << std::fixed << std::setprecision(digits) << v;
+    return s.str();
+  };
+  out << "system " << system << '\n'
+      << "flows " << f.flows << '\n'
+      << "burst_s " << fixed(f.sendSeconds, 3) << '\n'
+      << "burst_pps " << (f.sendSeconds > 0 ? fixed(f.flows / f.sendSeconds, 0) : "-") << '\n'
+      << "upcalls_raised " << f.reported << '\n'
+      << "upcalls_queued " << f.upcallsQueued << '\n'
+      << "entries_seen " << f.entriesSeen << '\n'
+      << "installed " << f.installed << '\n'
+      << "installed_pct " << (f.flows ? fixed(100.0 * f.installed / f.flows, 1) : "-") << '\n'
+      << "delivered " << f.delivered << '\n'
+      << "entry_median_ms " << fixed(f.entryMedianMs, 3) << '\n'
+      << "entry_p99_ms " << fixed(f.entryP99Ms, 3) << '\n'
+      << "delivery_median_ms " << fixed(f.deliveryMedianMs, 3) << '\n'
+      << "delivery_p99_ms " << fixed(f.deliveryP99Ms, 3) << '\n'
+      << "all_entries_s " << fixed(f.allEntriesSeconds, 3) << '\n'
+      << "entries_per_s " << fixed(f.installRate, 0) << '\n';
+}
+
+FigureList readFigures(std::istream& in) {
+  FigureList list;
+  std::string line;
+  while (std::getline(in, line)) {
+    auto const sp = line.find(' ');
+    if (sp == std::string::npos || sp == 0) continue;
+    list.emplace_back(line.substr(0, sp), line.substr(sp + 1));
+  }
+  return list;
+}
+
+void printSideBySide(std::ostream& out, FigureList const& a, FigureList const& b) {
+  auto const find = [](FigureList const& l, std::string const& k) -> std::string {
+    for (auto const& [key, value] : l) {
+      if (key == k) return value;
+    }
+    return "-";
+  };
+  std::vector<std::string> keys;
+  for (auto const* l : {&a, &b}) {
+    for (auto const& kv : *l) {
+      if (std::find(keys.begin(), keys.end(), kv.first) == keys.end()) keys.push_back(kv.first);
+    }
+  }
+  std::size_t width = 0;
+  for (auto const& k : keys) width = std::max(width, k.size());
+  for (auto const& k : keys) {
+    out << std::left << std::setw(int(width) + 2) << k << std::right << std::setw(14) << find(a, k)
+        << std::setw(14) << find(b, k) << '\n';
+  }
+}
+
+}  // namespace FlowBurst
