@@ -1,6 +1,7 @@
 #include "Wirly/Sys.h"
 
 #include <stdlib.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 namespace Wirly {
@@ -15,6 +16,10 @@ ssize_t Sys::recv(int fd, void* buf, size_t len, int flags) { return ::recv(fd, 
 ssize_t Sys::sendmsg(int fd, msghdr const* msg, int flags) { return ::sendmsg(fd, msg, flags); }
 int Sys::close(int fd) { return ::close(fd); }
 char const* Sys::getenv(char const* name) { return ::getenv(name); }
+int Sys::ioctl(int fd, unsigned long request, void* arg) { return ::ioctl(fd, request, arg); }
+int Sys::getsockopt(int fd, int level, int name, void* value, socklen_t* len) {
+  return ::getsockopt(fd, level, name, value, len);
+}
 
 namespace {
 Sys* current = nullptr;

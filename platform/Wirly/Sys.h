@@ -31,6 +31,9 @@ class Sys {
   virtual ssize_t sendmsg(int fd, msghdr const* msg, int flags);
   virtual int close(int fd);
   virtual char const* getenv(char const* name);
+  // Socket requests that carry a structure both ways (SIOCGETSGCNT).
+  virtual int ioctl(int fd, unsigned long request, void* arg);
+  virtual int getsockopt(int fd, int level, int name, void* value, socklen_t* len);
 
   // The implementation in use; the real one unless a test replaced it.
   static Sys& sys();

@@ -1,0 +1,378 @@
+#include "Agent.h"
+
+#include <errno.h>
+#include <net/if.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <map>
+
+#include "Kiv/AttrServer.h"
+#include "Kiv/Dir.h"
+#include "Kiv/EventLoop.h"
+#include "Kiv/Exception.h"
+#include "Kiv/Trace.h"
+#include "KernelMfc.h"
+#include "Mfib/MfibDir.h"
+#include "Mfib/MfibDirSm.h"
+#include "MrtNotify/MrtIcmpV6RelaySm.h"
+#include "MrtNotify/MrtNotifySm.h"
+#include "RouteEngine.h"
+#include "Stelo/EntityManager.h"
+#include "Stelo/Mount.h"
+#include "Wirly/Pam.h"
+#include "Wirly/Sys.h"
+
+namespace MrouteAgent {
+
+using namespace Routing::Multicast::Notify;
+using Vorn::Multicast::Fib::MfibDir;
+using Vorn::Multicast::Fib::MfibDirColl;
+
+namespace {
+
+constexpr double kRetryPeriod = 1.0;  // seconds between retries of refused entries
+// Receive buffer of the upcall sockets: a burst of reports must fit.
+constexpr int kUpcallRcvBuf = 32 << 20;
+
+void setRcvBuf(int fd, int bytes) {
+  Wirly::Sys& sys = Wirly::Sys::sys();
+  if (sys.setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &bytes, sizeof bytes) != 0)
+    sys.setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
+}
+
+// Hands each parsed upcall of one family to the engine as its counter moves.
+class UpcallWatch : public MrtNotifyPamManager::NotifieeConst {
+ public:
+  UpcallWatch(Kiv::Ptr<MrtNotifyPamManager> const& m, RouteEngine* engine, std::function<void()> onError)
+      : NotifieeConst(m), engine_(engine), onError_(std::move(onError)) {}
+  void onNoCacheCounter() override {
+    auto const& m = *notifier()->noCacheMessage();
+    engine_->handleNoCache(notifier()->af(), m.source(), m.group(), m.intfId());
+  }
+  void onWrongVifCounter() override {
+    auto const& m = *notifier()->wrongVifMessage();
+    engine_->handleWrongVif(notifier()->af(), m.source(), m.group(), m.intfId());
+  }
+  void onWholePktCounter() override {
+    auto const& m = *notifier()->wholePktMessage();
+    engine_->handleWholePkt(notifier()->af(), m.source(), m.group(), m.intfId());
+  }
+
+ private:
+  RouteEngine* engine_;
+  std::function<void()> onError_;
+};
+
+// A netlink receive error is a queue overflow: reports were lost.
+class RxErrorWatch : public MrtNotifyNetlinkSocketPam::NotifieeConst {
+ public:
+  RxErrorWatch(Kiv::Ptr<MrtNotifyNetlinkSocketPam> const& p, std::function<void()> cb)
+      : NotifieeConst(p), cb_(std::move(cb)) {}
+  void onRxErrors() override { cb_(); }
+
+ private:
+  std::function<void()> cb_;
+};
+
+}  // namespace
+
+std::string showSocketPath(std::string const& name) {
+  std::string dir;
+  if (char const* d = std::getenv("MROUTE_AGENT_DIR"); d != nullptr && *d != '\0') {
+    dir = d;
+  } else {
+    dir = "/tmp/mroute-agent-" + std::to_string(::getuid());
+    if (::mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) throw Kiv::ErrnoException("mkdir", errno);
+    struct stat st {};
+    // Another user may have made the directory first, to read what we serve.
+    if (::lstat(dir.c_str(), &st) != 0) throw Kiv::ErrnoException("lstat", errno);
+    if (!S_ISDIR(st.st_mode) || st.st_uid != ::getuid() || (st.st_mode & 077) != 0)
+      throw Kiv::RangeException(dir + " is not a private directory of this user");
+  }
+  return dir + "/" + name + ".sock";
+}
+
+class AgentImpl {
+ public:
+  explicit AgentImpl(Agent::Options const& o) : opt_(o) {}
+  ~AgentImpl();
+  int start();
+  void run(std::function<bool()> const& stop);
+
+ private:
+  struct Family {
+    Wirly::AddressFamily af;
+    std::unique_ptr<KernelMfc> mfc;
+    Kiv::Ptr<MrtNotifyPamManager> manager;
+    Kiv::Ptr<MrtNotifySm> sm;
+    std::unique_ptr<UpcallWatch> watch;
+    std::unique_ptr<RxErrorWatch> errors;
+    Kiv::Ptr<MrtIcmpV6RelaySm> relay;
+    bool ownSocketUpcalls = false;  // IPv4 without netlink reports
+    std::uint64_t drained = 0;
+  };
+
+  bool doIntfs();
+  bool doDirectory();
+  bool doKernel(Family& f);
+  bool doUpcalls(Family& f);
+  void handleRoutingSocket(Family& f);
+  void emit(std::string const& line);
+  std::string appNameOf(L3::VrfName const& vrf, Vorn::Multicast::Fib::Status const& table) const;
+
+  Agent::Options opt_;
+  Kiv::EventLoop loop_;
+  std::vector<IntfConfig> intfs_;
+  Kiv::Ptr<Stelo::EntityManager> em_;
+  Kiv::Ptr<Kiv::Dir> dir_;
+  Kiv::Ptr<Vorn::Multicast::Fib::MfibVornDir> vornDir_;
+  std::unique_ptr<RouteEngine> engine_;
+  Kiv::Ptr<Vorn::Multicast::Fib::MfibDirSm> dirSm_;
+  std::vector<std::unique_ptr<Family>> families_;
+  Kiv::EventLoop::TimerId flushTimer_ = 0;
+  Kiv::EventLoop::TimerId retryTimer_ = 0;
+  std::FILE* flowLog_ = nullptr;
+  Kiv::Ptr<Kiv::Dir> introspectRoot_;
+  std::unique_ptr<Kiv::AttrServer> introspect_;
+};
+
+AgentImpl::~AgentImpl() {
+  introspect_.reset();
+  dirSm_ = nullptr;
+  for (auto& f : families_) {
+    if (f->mfc && f->mfc->fd() >= 0 && loop_.readable(f->mfc->fd())) loop_.readableDel(f->mfc->fd());
+    f->relay = nullptr;
+    f->errors.reset();
+    f->watch.reset();
+    f->sm = nullptr;
+    f->manager = nullptr;
+  }
+  engine_.reset();
+  families_.clear();
+  if (flowLog_) std::fclose(flowLog_);
+  Wirly::Pam::defaultEventLoopIs(nullptr);
+}
+
+void AgentImpl::emit(std::string const& line) {
+  std::fwrite(line.data(), 1, line.size(), stdout);
+  std::fputc('\n', stdout);
+  std::fflush(stdout);
+}
+
+bool AgentImpl::doIntfs() {
+  std::uint16_t vif = 1;
+  for (std::string const& spec : opt_.intfs) {
+    std::size_t const eq = spec.find('=');
+    std::string const idText = spec.substr(0, eq);
+    std::string const linux = eq == std::string::npos ? spec : spec.substr(eq + 1);
+    IntfConfig c;
+    try {
+      c.id = Wirly::IntfId(idText);
+    } catch (std::exception const& e) {
+      std::cerr << "mroute-agent: " << idText << " is not an interface name: " << e.what() << "\n";
+      return false;
+    }
+    c.linuxName = linux;
+    c.ifIndex = static_cast<int>(::if_nametoindex(linux.c_str()));
+    if (c.ifIndex == 0) {
+      std::cerr << "mroute-agent: unknown interface " << linux << " in this network namespace\n";
+      return false;
+    }
+    if (vif >= KernelMfc::maxVifs) {
+      std::cerr << "mroute-agent: at most " << KernelMfc::maxVifs - 1 << " interfaces\n";
+      return false;
+    }
+    c.vif = vif++;
+    intfs_.push_back(c);
+  }
+  if (intfs_.empty()) {
+    std::cerr << "mroute-agent: no interface given (--intf)\n";
+    return false;
+  }
+  return true;
+}
+
+std::string AgentImpl::appNameOf(L3::VrfName const& vrf, Vorn::Multicast::Fib::Status const& table) const {
+  // The directory names the application that announced the table's URL.
+  for (auto const& [app, entity] : *dir_) {
+    auto appDir = Kiv::ptrCast<MfibDir>(entity);
+    Kiv::Ptr<MfibDirColl> coll = appDir ? appDir->dirColl(vrf) : nullptr;
+    if (coll && coll->vornUrl() == table.name().str()) return app.str();
+  }
+  return "?";
+}
+
+bool AgentImpl::doDirectory() {
+  em_ = Stelo::EntityManager::entityManagerIs(&loop_);
+  KivVorn::Mount mount(em_);
+  mount.doMount(MfibDir::sharedDirUrl, MfibDir::typeNameText, KivVorn::MountInfo(KivVorn::MountInfo::dirReader));
+  dir_ = Kiv::ptrCast<Kiv::Dir>(mount.getEntity(MfibDir::sharedDirUrl));
+  if (!dir_) {
+    std::cerr << "mroute-agent: cannot mount the MFIB directory under " << em_->root() << "\n";
+    return false;
+  }
+  vornDir_ = Vorn::Multicast::Fib::mfibVornDirFactory();
+  engine_ = std::make_unique<RouteEngine>(
+      intfs_, vornDir_, [this](L3::VrfName const& v, Vorn::Multicast::Fib::Status const& t) { return appNameOf(v, t); });
+  engine_->sinkIs([this](std::string const& line) { emit(line); });
+  engine_->flushRequestIs([this] {
+    if (flushTimer_ == 0)
+      flushTimer_ = loop_.timerIs(0, [this] {
+        flushTimer_ = 0;
+        engine_->flush();
+      });
+  });
+  return true;
+}
+
+bool AgentImpl::doKernel(Family& f) {
+  f.mfc = std::make_unique<KernelMfc>(f.af);
+  try {
+    f.mfc->open();
+    for (IntfConfig const& c : intfs_) f.mfc->vifIs(c.vif, c.ifIndex);
+  } catch (Kiv::ErrnoException const& e) {
+    std::cerr << "mroute-agent: " << (f.af == Wirly::ipv4 ? "IPv4" : "IPv6") << ": " << e.call() << ": "
+              << std::strerror(e.error());
+    if (e.error() == EADDRINUSE) std::cerr << " (another agent owns the kernel's multicast routing table)";
+    if (e.error() == EPERM || e.error() == EACCES) std::cerr << " (needs CAP_NET_ADMIN: run as root)";
+    std::cerr << "\n";
+    return false;
+  }
+  engine_->mfcIs(f.af, f.mfc.get());
+  return true;
+}
+
+void AgentImpl::handleRoutingSocket(Family& f) {
+  // The routing socket also receives the upcalls (and, for IPv4, IGMP):
+  // read them when they are the agent's source, else drop them so the
+  // queue never holds memory.
+  Wirly::Sys& sys = Wirly::Sys::sys();
+  for (int n = 0; n < 256; ++n) {
+    if (f.ownSocketUpcalls) {
+      Kiv::Ptr<Wirly::Pkt> pkt = Wirly::PktManager::global().newPkt(65535);
+      pkt->headDataIs(65535);
+      ssize_t const got = sys.recv(f.mfc->fd(), pkt->data(), pkt->len(), MSG_DONTWAIT);
+      if (got < 0) {
+        if (errno == ENOBUFS) continue;
+        return;
+      }
+      pkt->trim(static_cast<std::size_t>(got));
+      f.manager->readMrtMessage(pkt, engine_->kernelStatus(f.af));
+    } else {
+      char buf[2048];
+      if (sys.recv(f.mfc->fd(), buf, sizeof buf, MSG_DONTWAIT) < 0 && errno != ENOBUFS) return;
+      ++f.drained;
+    }
+  }
+}
+
+bool AgentImpl::doUpcalls(Family& f) {
+  Wirly::NamespaceName const here;
+  bool const noNetlink = Wirly::Sys::sys().getenv("MCAST_NO_NETLINK") != nullptr;
+  f.manager = mrtNotifyPamManagerFactory(f.af, here);
+  try {
+    if (f.af == Wirly::ipv4) {
+      if (MrtNotifyNetlinkSocketPam::kernelPublishesIpv4Reports(here)) {
+        f.manager->ipv4NativeReportsIs(true);
+        f.manager->useNetlinkIs(true);
+      } else {
+        f.ownSocketUpcalls = true;
+      }
+    }
+    f.manager->optionsIs(nocache | wrongvif | wholepkt);
+    f.watch = std::make_unique<UpcallWatch>(f.manager, engine_.get(), nullptr);
+    if (!f.ownSocketUpcalls) {
+      f.sm = mrtNotifySmFactory(f.manager, engine_->kernelStatus(f.af));
+      f.sm->loopQuantumIs(0.05);
+      f.sm->handleInitialized();
+      if (f.manager->pam()->fileDesc()) setRcvBuf(f.manager->pam()->fileDesc()->fd(), kUpcallRcvBuf);
+    }
+    if (f.af == Wirly::ipv6 && noNetlink) {
+      // The kernel is taken to have no IPv6 netlink reports: the relay reads
+      // them from this agent's routing socket and re-sends them.
+      f.relay = mrtIcmpV6RelaySmFactory("MrtIcmpV6Relay", here, engine_->kernelStatus(f.af));
+      f.relay->loopQuantumIs(0.05);
+      f.relay->mrtSkSdIs(f.mfc->fd());
+    }
+  } catch (Kiv::ErrnoException const& e) {
+    std::cerr << "mroute-agent: " << (f.af == Wirly::ipv4 ? "IPv4" : "IPv6") << " upcalls: " << e.call() << ": "
+              << std::strerror(e.error()) << "\n";
+    return false;
+  }
+  if (!f.relay) loop_.readableIs(f.mfc->fd(), [this, &f] { handleRoutingSocket(f); });
+  return true;
+}
+
+int AgentImpl::start() {
+  Wirly::Pam::defaultEventLoopIs(&loop_);
+  if (!doIntfs()) return 1;
+  if (!opt_.flowLog.empty()) {
+    flowLog_ = std::fopen(opt_.flowLog.c_str(), "w");
+    if (!flowLog_) {
+      std::cerr << "mroute-agent: cannot write " << opt_.flowLog << ": " << std::strerror(errno) << "\n";
+      return 1;
+    }
+  }
+  if (!doDirectory()) return 1;
+  for (Wirly::AddressFamily af : {Wirly::ipv4, Wirly::ipv6}) {
+    if ((af == Wirly::ipv4 && !opt_.ipv4) || (af == Wirly::ipv6 && !opt_.ipv6)) continue;
+    families_.push_back(std::make_unique<Family>());
+    families_.back()->af = af;
+    if (!doKernel(*families_.back())) return 1;
+  }
+  for (auto& f : families_)
+    if (!doUpcalls(*f)) return 1;
+  if (flowLog_) {
+    engine_->flowLogIs([this](Wirly::AddressFamily af, SgKey const& sg, KernelEntry const& e) {
+      std::fprintf(flowLog_, "%s %s %s %llu %llu %s\n", af == Wirly::ipv4 ? "ipv4" : "ipv6", sg.source.str().c_str(),
+                   sg.group.str().c_str(), static_cast<unsigned long long>(e.learnedNs),
+                   static_cast<unsigned long long>(e.installedNs), e.recovered ? "recovered" : "upcall");
+    });
+  }
+  // The tables last: every route found now is programmed at once.
+  dirSm_ = Vorn::Multicast::Fib::mfibDirSmFactory(dir_, vornDir_, em_);
+  engine_->flush();
+  introspectRoot_ = Kiv::Dir::DirIs(opt_.name);
+  introspectRoot_->entryIs("mfibDir", dir_);
+  introspectRoot_->entryIs("mfibVornDir", vornDir_);
+  introspectRoot_->entryIs("mfibDirSm", dirSm_);
+  introspectRoot_->entryIs("mroute4", engine_->mrouteTableColl(Wirly::ipv4));
+  introspectRoot_->entryIs("mroute6", engine_->mrouteTableColl(Wirly::ipv6));
+  introspectRoot_->entryIs("kernelMfib4", engine_->kernelStatus(Wirly::ipv4));
+  introspectRoot_->entryIs("kernelMfib6", engine_->kernelStatus(Wirly::ipv6));
+  for (auto& f : families_)
+    if (f->manager) introspectRoot_->entryIs(f->af == Wirly::ipv4 ? "upcalls4" : "upcalls6", f->manager);
+  try {
+    introspect_ = std::make_unique<Kiv::AttrServer>(loop_, introspectRoot_, Kiv::AttrServer::defaultPath(opt_.name));
+  } catch (std::exception const& e) {
+    std::cerr << "mroute-agent: no introspection socket: " << e.what() << "\n";
+    return 1;
+  }
+  emit("ready");
+  return 0;
+}
+
+void AgentImpl::run(std::function<bool()> const& stop) {
+  retryTimer_ = 0;
+  std::function<void()> retry = [this, &retry] {
+    if (engine_->failedEntries() != 0) engine_->retryFailed();
+    if (flowLog_) std::fflush(flowLog_);
+    retryTimer_ = loop_.timerIs(kRetryPeriod, retry);
+  };
+  retryTimer_ = loop_.timerIs(kRetryPeriod, retry);
+  while (!stop()) loop_.runOnce(0.2);
+  loop_.timerDel(retryTimer_);
+  if (flowLog_) std::fflush(flowLog_);
+}
+
+Agent::Agent(Options const& o) : impl_(std::make_unique<AgentImpl>(o)) {}
+Agent::~Agent() = default;
+int Agent::start() { return impl_->start(); }
+void Agent::run(std::function<bool()> const& stop) { impl_->run(stop); }
+
+}  // namespace MrouteAgent

@@ -1,0 +1,61 @@
+// MrouteAgent::Agent: the running agent for one network namespace. One
+// Kiv::EventLoop drives everything: the MFIB directory and its tables, the
+// route engine, the kernel's routing sockets, upcalls, link events, the
+// recovery of lost upcalls and the show socket.
+//
+//   Agent::Options o;
+//   o.intfs = {"Ethernet1", "Ethernet2"};
+//   Agent agent(o);
+//   if (int rc = agent.start()) return rc;      // prints why on stderr
+//   agent.run([] { return stopRequested; });    // until the predicate is true
+//
+// start() fails (non-zero) on anything that leaves the agent unable to
+// program the kernel: no privilege, another agent owning the kernel's
+// multicast table, an unknown interface. Events go to stdout, one flushed
+// line each; "ready" follows a successful start.
+//
+// The flow log (Options::flowLog): one line per kernel entry that an upcall
+// (or the recovery of a lost one) asked for, written when it is installed:
+//   <ipv4|ipv6> <source> <group> <learnedNs> <installedNs> <upcall|recovered>
+// both times CLOCK_MONOTONIC nanoseconds (the clock every namespace shares):
+// learned is when the agent parsed the upcall (or found the flow in the
+// kernel's unresolved list), installed when MRT_ADD_MFC returned.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace MrouteAgent {
+
+class AgentImpl;
+
+class Agent {
+ public:
+  struct Options {
+    std::vector<std::string> intfs;  // "Ethernet1" or "Ethernet1=eth0" (IntfId=Linux name)
+    std::string name = "mroute-agent";
+    bool ipv4 = true;
+    bool ipv6 = true;
+    std::string flowLog;  // file, empty: none
+  };
+
+  explicit Agent(Options const& o);
+  ~Agent();
+  int start();
+  void run(std::function<bool()> const& stop);
+
+ private:
+  std::unique_ptr<AgentImpl> impl_;
+};
+
+// The show socket's path for an agent name: $MROUTE_AGENT_DIR/<name>.sock,
+// else /tmp/mroute-agent-<uid>/<name>.sock (a directory only this user may
+// enter; made when missing). Throws Kiv::RangeException when the directory
+// belongs to someone else or others may enter it.
+std::string showSocketPath(std::string const& name);
+
+}  // namespace MrouteAgent

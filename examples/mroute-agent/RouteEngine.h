@@ -1,0 +1,220 @@
+// MrouteAgent::RouteEngine: turns the best MFIB routes of every VRF into the
+// agent's route model (MrouteLib) and into kernel forwarding entries.
+//
+//   RouteEngine engine(config, mfibVornDir, appNameOf);   // one per agent, both families
+//   engine.sinkIs([](std::string const& line) { std::cout << line << '\n'; });
+//   engine.mfcIs(Wirly::ipv4, &v4);                       // KernelMfc, opened, VIFs added
+//   engine.handleNoCache(Wirly::ipv4, src, grp, intf);    // an upcall: installs at once
+//   engine.flush();                                       // route changes noted so far
+//
+// What it promises:
+// - Per VRF, an OrderRouteSm keeps the best table of every key; every key
+//   whose best route changed (a table came or went, a route was published)
+//   is recomputed at the next flush(): its interfaces are walked
+//   (RouteIntfIteratorConst, bit mapper tables included), its Mroute in the
+//   VRF's MrouteTable gets the route, its incoming interface, a PortVlanSet
+//   of its outgoing interfaces and the shared OifSet of that set.
+// - Only the default VRF has a kernel table. An (S, G) route is installed as
+//   soon as it is best. A (*, G) route is installed per source, when the
+//   kernel reports a packet of (S, G) that has no entry; each such entry
+//   remembers its (*, G), so a change of the (*, G) reprograms exactly those
+//   entries and its withdrawal removes them. A report for which no route
+//   exists installs a drop entry (no outgoing VIF) so the kernel stops
+//   asking; a route that appears later replaces it.
+// - A refusal of the kernel is recorded as the route's failure reason
+//   (ENOBUFS/ENOMEM/ENOSPC: the table is full) and retried on
+//   retryFailed(). Routes of other VRFs, or of a family without a kernel
+//   table, stay in the model with the reason "VRF status not initialized"
+//   and are counted in notProgrammed().
+// - An interface going down or up marks the routes that use it in the
+//   table's DirtyInfo (bucket bit = the interface's VIF in vlanPortFilter)
+//   and reprograms only the kernel entries of those routes.
+// - Each event is one line to the sink, in the forms the agent prints.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "KernelMfc.h"
+#include "Mfib/MfibVorn.h"
+#include "MrouteLib/MrouteLib.h"
+#include "Schema/KernelMfibStatus.h"
+
+namespace MrouteAgent {
+
+using Routing::Multicast::Fib::IpGenRouteKey;
+using Vorn::Multicast::Fib::MfibVornColl;
+using Vorn::Multicast::Fib::MfibVornDir;
+using Vorn::Multicast::Fib::RouteOrderedCollection;
+using Vorn::Multicast::Fib::Status;
+
+// A configured interface: the agent's id, the Linux interface it stands for,
+// and the VIF/MIF number the agent gives it (the same for both families).
+struct IntfConfig {
+  Wirly::IntfId id;
+  std::string linuxName;
+  int ifIndex = 0;
+  std::uint16_t vif = 0;
+};
+
+// One kernel entry as the agent last wrote it.
+struct SgKey {
+  Wirly::IpGenAddr group;
+  Wirly::IpGenAddr source;
+  friend auto operator<=>(SgKey const&, SgKey const&) = default;
+};
+
+struct KernelEntry {
+  enum Origin : std::uint8_t { exact, fromStarG, drop };
+  Origin origin = drop;
+  IpGenRouteKey routeKey;  // the route it comes from (none for a drop entry)
+  std::uint16_t iif = 0;
+  std::vector<std::uint16_t> oifs;
+  bool installed = false;
+  int error = 0;                // errno of the last refusal, 0 when installed
+  std::uint64_t learnedNs = 0;  // monotonic: upcall or recovery that asked for it
+  std::uint64_t installedNs = 0;
+  bool recovered = false;  // learned from the kernel's unresolved list
+};
+
+// The agent's state of one route of one VRF, beside its Mroute.
+struct RouteState {
+  Kiv::Ptr<MrouteLib::Mroute> mroute;
+  std::string app;
+  unsigned priority = 0;
+  Wirly::IntfId iif;
+  std::vector<Wirly::IntfId> oifs;
+  bool mappingMissing = false;
+  MrouteLib::MrouteFailureReason failure;
+};
+
+class RouteEngine {
+ public:
+  using Sink = std::function<void(std::string const&)>;
+  using AppNameOf = std::function<std::string(L3::VrfName const&, Status const&)>;
+  using Clock = std::function<std::uint64_t()>;  // monotonic nanoseconds
+  // Called once per installed entry that an upcall or recovery asked for.
+  using FlowLog = std::function<void(Wirly::AddressFamily, SgKey const&, KernelEntry const&)>;
+
+  static constexpr char const* kernelVrf = "default";
+
+  RouteEngine(std::vector<IntfConfig> intfs, Kiv::Ptr<MfibVornDir> const& vornDir, AppNameOf appNameOf);
+  ~RouteEngine();
+  RouteEngine(RouteEngine const&) = delete;
+  RouteEngine& operator=(RouteEngine const&) = delete;
+
+  void sinkIs(Sink s) { sink_ = std::move(s); }
+  void clockIs(Clock c) { clock_ = std::move(c); }
+  void flowLogIs(FlowLog f) { flowLog_ = std::move(f); }
+  // Called when a flush() is wanted (route changes are pending).
+  void flushRequestIs(std::function<void()> f) { flushRequest_ = std::move(f); }
+  // The kernel table of a family; null: that family is not programmed.
+  void mfcIs(Wirly::AddressFamily af, KernelMfc* mfc);
+  KernelMfc* mfc(Wirly::AddressFamily af) const { return mfc_[idx(af)]; }
+
+  // VIF/MIF index <-> interface, for the upcall parsers.
+  Kiv::Ptr<Routing::KernelMfib::Status> const& kernelStatus(Wirly::AddressFamily af) const {
+    return kernelStatus_[idx(af)];
+  }
+  Kiv::Ptr<MrouteLib::MrouteTableColl> const& mrouteTableColl(Wirly::AddressFamily af) const {
+    return coll_[idx(af)];
+  }
+  std::vector<IntfConfig> const& intfs() const { return intfs_; }
+
+  // Recomputes every key noted since the last flush.
+  void flush();
+  bool flushPending() const { return !pending_.empty(); }
+
+  // Upcalls. intf is where the packet arrived (empty when not known).
+  void handleNoCache(Wirly::AddressFamily af, Wirly::IpGenAddr const& source, Wirly::IpGenAddr const& group,
+                     Wirly::IntfId intf);
+  // An (S, G) found in the kernel's unresolved list: as a no-cache upcall
+  // whose report was lost. Returns whether it was new to the agent.
+  bool handleRecovered(Wirly::AddressFamily af, Wirly::IpGenAddr const& source, Wirly::IpGenAddr const& group);
+  void handleWrongVif(Wirly::AddressFamily af, Wirly::IpGenAddr const& source, Wirly::IpGenAddr const& group,
+                      Wirly::IntfId intf);
+  void handleWholePkt(Wirly::AddressFamily af, Wirly::IpGenAddr const& source, Wirly::IpGenAddr const& group,
+                      Wirly::IntfId intf);
+
+  // An interface's operational state; returns the entries reprogrammed.
+  std::size_t handleLink(Wirly::IntfId intf, bool up);
+  bool linkUp(Wirly::IntfId intf) const { return !down_.count(intf); }
+
+  // Writes again every entry the kernel refused; returns how many remain refused.
+  std::size_t retryFailed();
+  std::size_t failedEntries() const;
+
+  // What show lists: routes by VRF name, kernel entries by family.
+  std::map<std::string, std::map<IpGenRouteKey, RouteState>> const& routes() const { return routes_; }
+  std::map<SgKey, KernelEntry> const& entries(Wirly::AddressFamily af) const { return entries_[idx(af)]; }
+  std::uint64_t notProgrammed() const { return notProgrammed_; }
+  std::uint64_t upcalls() const { return upcalls_; }
+  std::uint64_t recoveredFlows() const { return recovered_; }
+
+  static std::string keyText(IpGenRouteKey const& k);
+  static std::string sgText(SgKey const& k);
+  static bool isStarG(IpGenRouteKey const& k);
+
+ private:
+  struct Vrf;
+  class VornDirWatch;
+  class CollWatch;
+  class TableWatch;
+  class OrderedWatch;
+
+  static std::size_t idx(Wirly::AddressFamily af) { return af == Wirly::ipv6 ? 1 : 0; }
+  void emit(std::string const& line) const {
+    if (sink_) sink_(line);
+  }
+  std::uint64_t now() const;
+  void doNote(Vrf& vrf, IpGenRouteKey const& key);
+  void handleVrf(L3::VrfName const& name);
+  void handleTable(Vrf& vrf, Status const* key);
+  void doRoute(Vrf& vrf, IpGenRouteKey const& key);
+  // Reads the best route of key and its interfaces; false when there is none.
+  bool doReadRoute(Vrf& vrf, IpGenRouteKey const& key, RouteState& out) const;
+  void doModel(Vrf& vrf, IpGenRouteKey const& key, RouteState& st);
+  // Brings the kernel entries that follow from a changed route in line.
+  void doKernelFor(IpGenRouteKey const& key);
+  // Decides and writes the kernel entry of (S, G); create: make one when
+  // there is none (an upcall asked).
+  // Returns whether the kernel was written (or the entry removed).
+  bool doProgram(Wirly::AddressFamily af, SgKey const& sg, bool create, std::uint16_t askedVif = 0);
+  bool doWrite(Wirly::AddressFamily af, SgKey const& sg, KernelEntry& e);
+  RouteState* kernelRoute(IpGenRouteKey const& key);
+  // The default VRF's route that forwards (S, G): exact, else (*, G).
+  std::optional<IpGenRouteKey> routeFor(Wirly::AddressFamily af, SgKey const& sg) const;
+  std::vector<std::uint16_t> vifsOf(Wirly::AddressFamily af, RouteState const& st, std::uint16_t iif) const;
+  std::uint32_t filterOf(Wirly::AddressFamily af, RouteState const& st) const;
+  std::string intfText(Wirly::IntfId id) const { return id.empty() ? std::string("-") : id.name(); }
+  std::string vifText(Wirly::AddressFamily af, std::uint16_t vif) const;
+
+  std::vector<IntfConfig> intfs_;
+  Kiv::Ptr<MfibVornDir> vornDir_;
+  AppNameOf appNameOf_;
+  Sink sink_;
+  Clock clock_;
+  FlowLog flowLog_;
+  std::function<void()> flushRequest_;
+  KernelMfc* mfc_[2] = {nullptr, nullptr};
+  Kiv::Ptr<Routing::KernelMfib::Status> kernelStatus_[2];
+  Kiv::Ptr<MrouteLib::MrouteTableColl> coll_[2];
+  std::unique_ptr<VornDirWatch> vornDirWatch_;
+  std::map<std::string, std::unique_ptr<Vrf>> vrfs_;
+  std::vector<std::unique_ptr<Vrf>> retired_;
+  std::set<std::pair<std::string, IpGenRouteKey>> pending_;
+  std::map<std::string, std::map<IpGenRouteKey, RouteState>> routes_;
+  std::map<SgKey, KernelEntry> entries_[2];
+  std::set<Wirly::IntfId> down_;
+  std::uint64_t notProgrammed_ = 0;
+  std::uint64_t upcalls_ = 0;
+  std::uint64_t recovered_ = 0;
+};
+
+}  // namespace MrouteAgent

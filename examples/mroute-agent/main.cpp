@@ -1,0 +1,115 @@
+// mroute-agent: a multicast routing agent for one network namespace, built
+// on the library: best routes from the applications' MFIB tables become
+// kernel forwarding entries. See kUsage.
+#include <signal.h>
+
+#include <cstring>
+#include <iostream>
+#include <string>
+#include <string_view>
+
+#include "Agent.h"
+#include "MrouteVersion.h"
+#include "ShowClient.h"
+
+namespace {
+
+char const* const kUsage = R"(Usage:
+  mroute-agent run --intf IF[,IF...] [--name NAME] [--ipv4|--ipv6] [--flow-log FILE]
+  mroute-agent show [--json] [--name NAME]
+  mroute-agent --help | --version
+
+run   programs the kernel's multicast forwarding cache of the current network
+      namespace from the best routes that applications publish in their MFIB
+      tables (found through the MFIB directory under $VORN_ROOT). Each
+      configured interface becomes a VIF (IPv4) and a MIF (IPv6). An
+      interface is named by its id (Ethernet1, Vlan100, ...), which is also
+      its Linux name, or as ID=LINUXNAME. Prints one line per event on
+      stdout and "ready" once set up; runs until SIGINT or SIGTERM.
+        --ipv4, --ipv6   program only that family (default both)
+        --flow-log FILE  per installed flow: family, source, group, the
+                         monotonic nanoseconds at which the agent learned of
+                         it and installed it, and how it learned of it
+show  lists what the running agent NAME holds, per VRF and route: owner,
+      interfaces, shared OIF set, kernel counters, RPF failures, failures.
+        --json           the same as one JSON document
+
+Exit status: 0 after a signal, 1 when set-up fails (no privilege, the kernel
+table taken, an unknown interface), 2 for a usage error.
+)";
+
+volatile sig_atomic_t stopRequested = 0;
+void onSignal(int) { stopRequested = 1; }
+
+int usageError(std::string const& what) {
+  std::cerr << "mroute-agent: " << what << "\nTry 'mroute-agent --help'.\n";
+  return 2;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 2) return usageError("a command is needed");
+  std::string_view const cmd = argv[1];
+  if (cmd == "--help" || cmd == "-h") {
+    std::cout << kUsage;
+    return 0;
+  }
+  if (cmd == "--version") {
+    std::cout << "mroute-agent (libmroute) " << MROUTE_VERSION << '\n';
+    return 0;
+  }
+  MrouteAgent::Agent::Options o;
+  bool json = false;
+  bool onlyV4 = false, onlyV6 = false;
+  for (int i = 2; i < argc; ++i) {
+    std::string_view const a = argv[i];
+    auto value = [&]() -> char const* { return i + 1 < argc ? argv[++i] : nullptr; };
+    if (a == "--intf" && cmd == "run") {
+      char const* v = value();
+      if (!v) return usageError("--intf needs a list");
+      std::string_view rest = v;
+      while (!rest.empty()) {
+        std::size_t const comma = rest.find(',');
+        if (comma != 0) o.intfs.emplace_back(rest.substr(0, comma));
+        rest = comma == std::string_view::npos ? std::string_view() : rest.substr(comma + 1);
+      }
+    } else if (a == "--name") {
+      char const* v = value();
+      if (!v || !*v || std::strchr(v, '/')) return usageError("--name needs a name without '/'");
+      o.name = v;
+    } else if (a == "--ipv4" && cmd == "run") {
+      onlyV4 = true;
+    } else if (a == "--ipv6" && cmd == "run") {
+      onlyV6 = true;
+    } else if (a == "--flow-log" && cmd == "run") {
+      char const* v = value();
+      if (!v) return usageError("--flow-log needs a file");
+      o.flowLog = v;
+    } else if (a == "--json" && cmd == "show") {
+      json = true;
+    } else if (a == "--help" || a == "-h") {
+      std::cout << kUsage;
+      return 0;
+    } else {
+      return usageError("unknown argument '" + std::string(a) + "'");
+    }
+  }
+  if (onlyV4 || onlyV6) {
+    o.ipv4 = onlyV4;
+    o.ipv6 = onlyV6;
+  }
+  if (cmd == "show") return MrouteAgent::showMain(o.name, json);
+  if (cmd != "run") return usageError("unknown command '" + std::string(cmd) + "'");
+  if (o.intfs.empty()) return usageError("run needs --intf");
+
+  struct sigaction sa {};
+  sa.sa_handler = onSignal;
+  ::sigaction(SIGINT, &sa, nullptr);
+  ::sigaction(SIGTERM, &sa, nullptr);
+  ::signal(SIGPIPE, SIG_IGN);
+  MrouteAgent::Agent agent(o);
+  if (int const rc = agent.start()) return rc;
+  agent.run([] { return stopRequested != 0; });
+  return 0;
+}
