@@ -1,0 +1,130 @@
+// mroute-static: a routing application that publishes static multicast
+// routes from a file (RouteFile.h) as MFIB tables, one per VRF, under
+// $VORN_ROOT, for the agents that read the MFIB directory.
+//
+//   mroute-static --app static --file /etc/mroutes      # until SIGINT/SIGTERM
+//   kill -HUP <pid>                                      # re-read, apply the differences
+//
+// After every (re)load it prints "static <app>: <n> routes (+a -r ~c)";
+// malformed lines go to stderr as "<file>:<line>: ...". On SIGINT or
+// SIGTERM it withdraws its tables. --once publishes and exits, leaving the
+// tables announced; a later run for the same application takes them over.
+#include <signal.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include "Kiv/Exception.h"
+#include "MrouteVersion.h"
+#include "RouteFile.h"
+#include "StaticPublisher.h"
+#include "Stelo/EntityManager.h"
+
+namespace {
+
+char const* const kUsage =
+    "usage: mroute-static --app NAME --file ROUTES [--once]\n"
+    "       mroute-static --help | --version\n"
+    "Publishes the routes of ROUTES as application NAME's MFIB tables under\n"
+    "$VORN_ROOT (default /dev/shm/vorn), re-reads ROUTES on SIGHUP and applies the\n"
+    "differences, and withdraws the tables on SIGINT or SIGTERM. --once publishes\n"
+    "and exits, leaving the tables announced. One route per line:\n"
+    "  <vrf> <source|*> <group> <iif> <oif>[,<oif>...]|- [priority 1..255, default 1]\n"
+    "for example: default 10.1.0.2 239.1.1.1 Ethernet1 Ethernet2,Ethernet3 2\n";
+
+bool validAppName(std::string const& name) {
+  if (name.empty() || name.size() > 64 || name[0] == '.') return false;
+  return name.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-_.") ==
+         std::string::npos;
+}
+
+// Reads the file and applies it; false when the file cannot be read (then
+// nothing changes).
+bool load(MrouteStatic::StaticPublisher& pub, std::string const& file) {
+  std::ifstream in(file);
+  if (!in) {
+    std::cerr << "mroute-static: cannot read " << file << ": " << std::strerror(errno) << "; keeping "
+              << pub.published().size() << " routes" << std::endl;
+    return false;
+  }
+  MrouteStatic::ParsedFile parsed = MrouteStatic::parseRoutes(in, file);
+  if (in.bad()) {
+    std::cerr << "mroute-static: error reading " << file << "; keeping " << pub.published().size() << " routes"
+              << std::endl;
+    return false;
+  }
+  for (std::string const& e : parsed.errors) std::cerr << e << "\n";
+  MrouteStatic::StaticPublisher::Change const c = pub.apply(parsed.routes);
+  for (std::string const& p : pub.problems()) std::cerr << "mroute-static: " << p << "\n";
+  std::cerr.flush();
+  std::cout << pub.summary(c) << std::endl;
+  return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::vector<std::string> const args(argv + 1, argv + argc);
+  std::string app, file;
+  bool once = false;
+  for (std::size_t i = 0; i < args.size(); ++i) {
+    if (args[i] == "--version") {
+      std::cout << "mroute-static (libmroute) " << MROUTE_VERSION << "\n";
+      return 0;
+    }
+    if (args[i] == "--help" || args[i] == "-h") {
+      std::cout << kUsage;
+      return 0;
+    }
+    if (args[i] == "--once") {
+      once = true;
+    } else if ((args[i] == "--app" || args[i] == "--file") && i + 1 < args.size()) {
+      (args[i] == "--app" ? app : file) = args[i + 1];
+      ++i;
+    } else {
+      std::cerr << "mroute-static: unknown or incomplete option " << args[i] << "\n" << kUsage;
+      return 2;
+    }
+  }
+  if (app.empty() || file.empty()) {
+    std::cerr << "mroute-static: --app and --file are required\n" << kUsage;
+    return 2;
+  }
+  if (!validAppName(app)) {
+    std::cerr << "mroute-static: application name '" << app
+              << "' must be 1 to 64 letters, digits, '-', '_' or '.' (not first)\n";
+    return 2;
+  }
+
+  // Signals are taken one at a time by sigwaitinfo, between loads, so a
+  // reload never interrupts a half-applied file.
+  sigset_t signals;
+  sigemptyset(&signals);
+  for (int s : {SIGHUP, SIGINT, SIGTERM}) sigaddset(&signals, s);
+  ::sigprocmask(SIG_BLOCK, &signals, nullptr);
+
+  try {
+    auto em = Stelo::EntityManager::entityManagerIs();
+    MrouteStatic::StaticPublisher pub(app, em);
+    if (!load(pub, file)) return 1;
+    if (once) return 0;
+    for (;;) {
+      int const sig = ::sigwaitinfo(&signals, nullptr);
+      if (sig < 0) continue;  // EINTR
+      if (sig == SIGHUP) {
+        load(pub, file);
+        continue;
+      }
+      pub.withdraw();
+      std::cout << "static " << app << ": withdrawn" << std::endl;
+      return 0;
+    }
+  } catch (std::exception const& e) {
+    std::cerr << "mroute-static: " << app << ": " << e.what() << std::endl;
+    return 1;
+  }
+}
