@@ -1,5 +1,7 @@
 #include "BurstReport.h"
 
+#include <arpa/inet.h>
+
 #include <algorithm>
 #include <cmath>
 #include <iomanip>
@@ -53,13 +55,18 @@ Figures summarize(std::vector<FlowTimes> const& flows, unsigned installedAtEnd) 
   return f;
 }
 
+namespace {
+
+std::string fixed(double v, int digits) {
+  std::ostringstream s;
+  if (v < 0) return std::string("-");
+  s << std::fixed << std::setprecision(digits) << v;
+  return s.str();
+}
+
+}  // namespace
+
 void writeFigures(std::ostream& out, std::string const& system, Figures const& f) {
-  auto const fixed = [](double v, int digits) {
-    std::ostringstream s;
-    if (v < 0) return std::string("-");
-    s << std::fixed << std::setprecision(digits) << v;
-    return s.str();
-  };
   out << "system " << system << '\n'
       << "flows " << f.flows << '\n'
       << "burst_s " << fixed(f.sendSeconds, 3) << '\n'
@@ -76,6 +83,81 @@ void writeFigures(std::ostream& out, std::string const& system, Figures const& f
       << "delivery_p99_ms " << fixed(f.deliveryP99Ms, 3) << '\n'
       << "all_entries_s " << fixed(f.allEntriesSeconds, 3) << '\n'
       << "entries_per_s " << fixed(f.installRate, 0) << '\n';
+}
+
+void writeTimes(std::ostream& out, std::vector<FlowTimes> const& flows) {
+  out << "flow,sent_ns,reported_ns,unresolved_ns,entry_ns,delivered_ns\n";
+  for (std::size_t i = 0; i < flows.size(); ++i) {
+    auto const& t = flows[i];
+    out << i << ',' << t.sentNs << ',' << t.reportedNs << ',' << t.unresolvedNs << ',' << t.entryNs << ','
+        << t.deliveredNs << '\n';
+  }
+}
+
+std::vector<FlowTimes> readTimes(std::istream& in) {
+  std::vector<FlowTimes> flows;
+  std::string line;
+  while (std::getline(in, line)) {
+    std::size_t i;
+    FlowTimes t;
+    char c[5];
+    std::istringstream s(line);
+    if (!(s >> i >> c[0] >> t.sentNs >> c[1] >> t.reportedNs >> c[2] >> t.unresolvedNs >> c[3] >> t.entryNs >>
+          c[4] >> t.deliveredNs)) {
+      continue;
+    }
+    if (i != flows.size()) continue;  // rows come in flow order; anything else is not this file
+    flows.push_back(t);
+  }
+  return flows;
+}
+
+std::vector<AgentFlow> readAgentFlowLog(std::istream& in, std::string const& source, std::uint32_t firstGroup,
+                                        std::size_t flows) {
+  std::vector<AgentFlow> agent(flows);
+  std::string line;
+  while (std::getline(in, line)) {
+    std::istringstream s(line);
+    std::string family, src, grp, how;
+    std::int64_t learned, installed;
+    if (!(s >> family >> src >> grp >> learned >> installed >> how) || family != "ipv4" || src != source) continue;
+    in_addr g{};
+    if (::inet_pton(AF_INET, grp.c_str(), &g) != 1) continue;
+    std::uint32_t const i = ntohl(g.s_addr) - firstGroup;
+    if (i >= flows || agent[i].installedNs >= 0) continue;
+    agent[i] = AgentFlow{learned, installed, how == "recovered"};
+  }
+  return agent;
+}
+
+void writeAgentFigures(std::ostream& out, std::vector<FlowTimes> const& flows, std::vector<AgentFlow> const& agent) {
+  std::vector<double> learn, install, entry;
+  unsigned logged = 0, recovered = 0;
+  std::int64_t firstSent = -1, lastInstalled = -1;
+  for (std::size_t i = 0; i < flows.size() && i < agent.size(); ++i) {
+    auto const& t = flows[i];
+    auto const& a = agent[i];
+    if (t.sentNs >= 0 && (firstSent < 0 || t.sentNs < firstSent)) firstSent = t.sentNs;
+    if (a.installedNs < 0) continue;
+    ++logged;
+    recovered += a.recovered;
+    lastInstalled = std::max(lastInstalled, a.installedNs);
+    install.push_back(double(a.installedNs - a.learnedNs) / 1e6);
+    if (t.sentNs < 0) continue;
+    learn.push_back(double(a.learnedNs - t.sentNs) / 1e6);
+    entry.push_back(double(a.installedNs - t.sentNs) / 1e6);
+  }
+  double const span = firstSent >= 0 && lastInstalled > firstSent ? double(lastInstalled - firstSent) / 1e9 : -1;
+  out << "agent_logged " << logged << '\n'
+      << "agent_recovered " << recovered << '\n'
+      << "agent_learn_median_ms " << fixed(percentile(learn, 50), 3) << '\n'
+      << "agent_learn_p99_ms " << fixed(percentile(learn, 99), 3) << '\n'
+      << "agent_install_median_ms " << fixed(percentile(install, 50), 3) << '\n'
+      << "agent_install_p99_ms " << fixed(percentile(install, 99), 3) << '\n'
+      << "agent_entry_median_ms " << fixed(percentile(entry, 50), 3) << '\n'
+      << "agent_entry_p99_ms " << fixed(percentile(entry, 99), 3) << '\n'
+      << "agent_all_installed_s " << (logged == flows.size() ? fixed(span, 3) : "-") << '\n'
+      << "agent_installed_per_s " << (span > 0 ? fixed(logged / span, 0) : "-") << '\n';
 }
 
 FigureList readFigures(std::istream& in) {

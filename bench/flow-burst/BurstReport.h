@@ -8,7 +8,7 @@
 //   ...
 //   printSideBySide(std::cout, readFigures(base), readFigures(agent));
 //
-// Times are nanoseconds on CLOCK_REALTIME, -1 where a flow never got there.
+// Times are nanoseconds on CLOCK_MONOTONIC, -1 where a flow never got there.
 // Latencies are measured from the flow's first packet leaving the sender.
 #pragma once
 
@@ -55,6 +55,28 @@ void writeFigures(std::ostream& out, std::string const& system, Figures const& f
 // The lines of a figures file, in order; lines without a space are skipped.
 using FigureList = std::vector<std::pair<std::string, std::string>>;
 FigureList readFigures(std::istream& in);
+
+// The per-flow times as `flow-burst run --times` writes them (a header line,
+// then "flow,sent,reported,unresolved,entry,delivered"); bad lines are skipped.
+void writeTimes(std::ostream& out, std::vector<FlowTimes> const& flows);
+std::vector<FlowTimes> readTimes(std::istream& in);
+
+// What the agent itself recorded for a flow of the burst (its --flow-log:
+// "<ipv4|ipv6> <source> <group> <learnedNs> <installedNs> <upcall|recovered>",
+// CLOCK_MONOTONIC): when it learned of the flow and when it installed it.
+struct AgentFlow {
+  std::int64_t learnedNs = -1;
+  std::int64_t installedNs = -1;
+  bool recovered = false;  // learned from the kernel's leftovers, not from an upcall
+};
+
+// The burst's flows (source, groups from firstGroup up) in the agent's log,
+// indexed like the burst; the first line for a flow counts.
+std::vector<AgentFlow> readAgentFlowLog(std::istream& in, std::string const& source, std::uint32_t firstGroup,
+                                        std::size_t flows);
+
+// "agent_..." lines: the agent's own timings beside the sender's times.
+void writeAgentFigures(std::ostream& out, std::vector<FlowTimes> const& flows, std::vector<AgentFlow> const& agent);
 
 // A table: one row per key of `a` (then keys only `b` has), the two values
 // beside each other, "-" where a side lacks the key.

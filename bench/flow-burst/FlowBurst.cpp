@@ -54,11 +54,14 @@ char const* const usage =
     "usage: flow-burst run --system NAME --sender NS --sender-intf IF --receiver NS --receiver-intf IF\n"
     "                      --source ADDR --groups FIRST --flows N [--port P] [--wait S] [--quiet S]\n"
     "                      [--out FILE] [--times FILE]\n"
+    "       flow-burst agent-figures TIMES FLOW_LOG SOURCE FIRST_GROUP N FILE\n"
     "       flow-burst compare FILE_A FILE_B\n"
     "run: in the router's namespace, sends one UDP packet from the sender namespace to each of N groups\n"
     "from FIRST up, and waits until every flow has its entry and its packet at the receiver, or nothing\n"
     "changed for --quiet seconds (default 3), or --wait seconds passed after the burst (default 15).\n"
-    "Writes the figures to stdout and FILE; --times writes one CSV line per flow (ns, CLOCK_REALTIME).\n"
+    "Writes the figures to stdout and FILE; --times writes one CSV line per flow (ns, CLOCK_MONOTONIC).\n"
+    "agent-figures: joins run's --times with mroute-agent's --flow-log and appends the agent's own\n"
+    "timings (agent_* lines) to FILE.\n"
     "compare: the figures of two runs side by side.\n";
 
 [[noreturn]] void fail(std::string const& what) {
@@ -68,11 +71,14 @@ char const* const usage =
 
 [[noreturn]] void failErrno(std::string const& what) { fail(what + ": " + std::strerror(errno)); }
 
-std::int64_t nowNs() {
+std::int64_t clockNs(clockid_t clock) {
   timespec ts;
-  ::clock_gettime(CLOCK_REALTIME, &ts);
+  ::clock_gettime(clock, &ts);
   return std::int64_t(ts.tv_sec) * 1000000000 + ts.tv_nsec;
 }
+
+// CLOCK_MONOTONIC: the clock every namespace shares and the agent's flow log uses.
+std::int64_t nowNs() { return clockNs(CLOCK_MONOTONIC); }
 
 struct Fd {
   int fd = -1;
@@ -186,6 +192,8 @@ class Watcher {
     bigReceiveBuffer(pkt_.fd, 64 << 20);
     int const on = 1;
     if (::setsockopt(pkt_.fd, SOL_SOCKET, SO_TIMESTAMPNS, &on, sizeof(on)) < 0) failErrno("SO_TIMESTAMPNS");
+    // Receive stamps are CLOCK_REALTIME; nothing steps the clock within one burst.
+    realtimeOffsetNs_ = clockNs(CLOCK_REALTIME) - nowNs();
   }
 
   // The burst's last packet left at `burstEndNs`; returns when the run is over.
@@ -282,7 +290,7 @@ class Watcher {
         if (c->cmsg_level == SOL_SOCKET && c->cmsg_type == SO_TIMESTAMPNS) {
           timespec ts;
           std::memcpy(&ts, CMSG_DATA(c), sizeof(ts));
-          t = std::int64_t(ts.tv_sec) * 1000000000 + ts.tv_nsec;
+          t = std::int64_t(ts.tv_sec) * 1000000000 + ts.tv_nsec - realtimeOffsetNs_;
         }
       }
       if (t < 0) t = nowNs();
@@ -310,6 +318,7 @@ class Watcher {
   std::vector<FlowTimes>* flows_;
   Fd nl_;
   Fd pkt_;
+  std::int64_t realtimeOffsetNs_ = 0;
   unsigned entries_ = 0, delivered_ = 0, overruns_ = 0, removals_ = 0, expired_ = 0;
 };
 
@@ -381,13 +390,28 @@ int run(Options const& o) {
   }
   if (!o.times.empty()) {
     std::ofstream out(o.times);
-    out << "flow,sent_ns,reported_ns,unresolved_ns,entry_ns,delivered_ns\n";
-    for (std::size_t i = 0; i < flows.size(); ++i) {
-      out << i << ',' << flows[i].sentNs << ',' << flows[i].reportedNs << ',' << flows[i].unresolvedNs << ',' << flows[i].entryNs << ','
-          << flows[i].deliveredNs << '\n';
-    }
+    FlowBurst::writeTimes(out, flows);
     if (!out) fail("cannot write " + o.times);
   }
+  return 0;
+}
+
+// The agent's own record of the burst, appended to a figures file.
+int agentFigures(int argc, char** argv) {
+  if (argc != 8) fail(std::string("agent-figures needs 6 arguments\n") + usage);
+  std::ifstream times(argv[2]), log(argv[3]);
+  if (!times) fail(std::string("cannot read ") + argv[2]);
+  if (!log) fail(std::string("cannot read ") + argv[3]);
+  std::string const source = argv[4];
+  std::uint32_t const first = parseV4(argv[5], "group");
+  char* end = nullptr;
+  unsigned long const flows = std::strtoul(argv[6], &end, 10);
+  if (!end || *end || flows == 0) fail(std::string("bad flow count: ") + argv[6]);
+  auto const t = FlowBurst::readTimes(times);
+  if (t.size() != flows) fail(std::string(argv[2]) + " does not hold " + argv[6] + " flows");
+  std::ofstream out(argv[7], std::ios::app);
+  FlowBurst::writeAgentFigures(out, t, FlowBurst::readAgentFlowLog(log, source, first, flows));
+  if (!out) fail(std::string("cannot write ") + argv[7]);
   return 0;
 }
 
@@ -405,6 +429,7 @@ int main(int argc, char** argv) {
   std::string const cmd = argc > 1 ? argv[1] : "";
   if (cmd == "run") return run(parseRun(argc, argv));
   if (cmd == "compare" && argc == 4) return compare(argv[2], argv[3]);
+  if (cmd == "agent-figures") return agentFigures(argc, argv);
   if (cmd == "--help" || cmd == "-h") {
     std::cout << usage;
     return 0;

@@ -9,6 +9,7 @@
 #include <linux/rtnetlink.h>
 
 #include <cstring>
+#include <map>
 #include <sstream>
 #include <vector>
 
@@ -213,6 +214,47 @@ TEST(BurstReportTest, FiguresRoundTripAndStandSideBySide) {
   ASSERT_NE(only, std::string::npos);
   EXPECT_GT(only, t.find("entries_per_s"));
   EXPECT_NE(t.find("-", only), std::string::npos);
+}
+
+TEST(BurstReportTest, TheAgentsFlowLogJoinsTheBurstsTimesByGroup) {
+  std::int64_t const ms = 1000000;
+  std::vector<FlowTimes> flows(3);
+  for (int i = 0; i < 3; ++i) flows[i].sentNs = 100 * ms + i * ms;
+  std::stringstream csv;
+  writeTimes(csv, flows);
+  auto const back = readTimes(csv);
+  ASSERT_EQ(back.size(), 3u);
+  EXPECT_EQ(back[2].sentNs, 102 * ms);
+  EXPECT_EQ(back[2].deliveredNs, -1);
+
+  std::istringstream log(
+      "ipv4 10.0.1.2 225.1.0.2 103000000 104000000 upcall\n"
+      "ipv4 10.0.1.2 225.1.0.0 101000000 101500000 recovered\n"
+      "ipv4 10.0.1.2 225.1.0.0 900000000 900000000 upcall\n"  // a later entry for the same flow
+      "ipv4 10.0.9.9 225.1.0.1 101000000 101000000 upcall\n"  // another source
+      "ipv6 2001:db8::1 ff0e::1 1 2 upcall\n"
+      "ipv4 10.0.1.2 225.1.0.3 1 2 upcall\n"  // past the burst's groups
+      "truncated line\n");
+  auto const agent = readAgentFlowLog(log, "10.0.1.2", v4("225.1.0.0"), 3);
+  ASSERT_EQ(agent.size(), 3u);
+  EXPECT_EQ(agent[0].installedNs, 101500000);
+  EXPECT_TRUE(agent[0].recovered);
+  EXPECT_EQ(agent[1].installedNs, -1);
+  EXPECT_EQ(agent[2].learnedNs, 103000000);
+
+  std::stringstream out;
+  writeAgentFigures(out, back, agent);
+  std::map<std::string, std::string> f;
+  for (auto const& [k, v] : readFigures(out)) f[k] = v;
+  EXPECT_EQ(f["agent_logged"], "2");
+  EXPECT_EQ(f["agent_recovered"], "1");
+  // Sent -> learned: 1 ms and 1 ms; learned -> installed: 0.5 and 1 ms; sent -> installed: 1.5 and 2 ms.
+  EXPECT_EQ(f["agent_learn_median_ms"], "1.000");
+  EXPECT_EQ(f["agent_install_median_ms"], "0.500");
+  EXPECT_EQ(f["agent_entry_median_ms"], "1.500");
+  EXPECT_EQ(f["agent_entry_p99_ms"], "2.000");
+  EXPECT_EQ(f["agent_all_installed_s"], "-") << "one flow has no entry";
+  EXPECT_EQ(f["agent_installed_per_s"], "500");
 }
 
 }  // namespace
