@@ -102,8 +102,8 @@ std::vector<FlowTimes> readTimes(std::istream& in) {
     FlowTimes t;
     char c[5];
     std::istringstream s(line);
-    if (!(s >> i >> c[0] >> t.sentNs >> c[1] >> t.reportedNs >> c[2] >> t.unresolvedNs >> c[3] >> t.entryNs >>
-          c[4] >> t.deliveredNs)) {
+    if (!(s >> i >> c[0] >> t.sentNs >> c[1] >> t.reportedNs >> c[2] >> t.unresolvedNs >> c[3] >> t.entryNs >> c[4] >>
+          t.deliveredNs)) {
       continue;
     }
     if (i != flows.size()) continue;  // rows come in flow order; anything else is not this file
@@ -187,8 +187,8 @@ void printSideBySide(std::ostream& out, FigureList const& a, FigureList const& b
   std::size_t width = 0;
   for (auto const& k : keys) width = std::max(width, k.size());
   for (auto const& k : keys) {
-    out << std::left << std::setw(int(width) + 2) << k << std::right << std::setw(14) << find(a, k)
-        << std::setw(14) << find(b, k) << '\n';
+    out << std::left << std::setw(int(width) + 2) << k << std::right << std::setw(14) << find(a, k) << std::setw(14)
+        << find(b, k) << '\n';
   }
 }
 

@@ -29,19 +29,19 @@ struct FlowTimes {
 };
 
 struct Figures {
-  unsigned flows = 0;           // flows in the burst
-  double sendSeconds = 0;       // first to last sendto
-  unsigned reported = 0;        // flows the kernel raised an upcall for
-  unsigned upcallsQueued = 0;   // flows whose upcall reached the routing socket (an unresolved entry queued)
-  unsigned entriesSeen = 0;     // flows with a resolved-entry notification
-  unsigned installed = 0;       // flows with a resolved entry in the kernel's cache at the end
-  unsigned delivered = 0;       // flows whose first packet reached the receiver
-  double entryMedianMs = -1;    // first packet -> entry notification
+  unsigned flows = 0;          // flows in the burst
+  double sendSeconds = 0;      // first to last sendto
+  unsigned reported = 0;       // flows the kernel raised an upcall for
+  unsigned upcallsQueued = 0;  // flows whose upcall reached the routing socket (an unresolved entry queued)
+  unsigned entriesSeen = 0;    // flows with a resolved-entry notification
+  unsigned installed = 0;      // flows with a resolved entry in the kernel's cache at the end
+  unsigned delivered = 0;      // flows whose first packet reached the receiver
+  double entryMedianMs = -1;   // first packet -> entry notification
   double entryP99Ms = -1;
   double deliveryMedianMs = -1;  // first packet -> packet at the receiver
   double deliveryP99Ms = -1;
   double allEntriesSeconds = -1;  // first packet -> last entry, when every flow got one
-  double installRate = 0;       // entries per second, first packet to last entry
+  double installRate = 0;         // entries per second, first packet to last entry
 };
 
 // Nearest-rank percentile (p in 0..100) of `v`; -1 for an empty vector.

@@ -213,7 +213,7 @@ TEST(BurstReportTest, FiguresRoundTripAndStandSideBySide) {
   auto const only = t.find("agent_only");
   ASSERT_NE(only, std::string::npos);
   EXPECT_GT(only, t.find("entries_per_s"));
-  EXPECT_NE(t.find("-", only), std::string::npos);
+  EXPECT_NE(t.find('-', only), std::string::npos);
 }
 
 TEST(BurstReportTest, TheAgentsFlowLogJoinsTheBurstsTimesByGroup) {

@@ -31,8 +31,8 @@ bool decodeReport(nlmsghdr const* h, MfcEvent* out) {
   MfcEvent e{};
   e.kind = MfcEvent::noCacheReported;
   int left = int(h->nlmsg_len - NLMSG_LENGTH(NLMSG_ALIGN(sizeof(rtgenmsg))));
-  auto const* a = reinterpret_cast<rtattr const*>(static_cast<char const*>(NLMSG_DATA(h)) +
-                                                  NLMSG_ALIGN(sizeof(rtgenmsg)));
+  auto const* a =
+      reinterpret_cast<rtattr const*>(static_cast<char const*>(NLMSG_DATA(h)) + NLMSG_ALIGN(sizeof(rtgenmsg)));
   for (; RTA_OK(a, left); a = RTA_NEXT(a, left)) {
     std::size_t const payload = RTA_PAYLOAD(a);
     if (a->rta_type == IPMRA_CREPORT_MSGTYPE && payload == 1) {
@@ -89,14 +89,17 @@ bool decodeOne(nlmsghdr const* h, MfcEvent* out) {
 
 std::size_t decodeMfcEvents(void const* buf, std::size_t len, std::function<void(MfcEvent const&)> const& fn) {
   std::size_t n = 0;
-  // NLMSG_OK checks that the header and its stated length fit in what is left.
-  int left = int(len);
-  for (auto const* h = static_cast<nlmsghdr const*>(buf); NLMSG_OK(h, left); h = NLMSG_NEXT(h, left)) {
+  auto const* p = static_cast<char const*>(buf);
+  // Each message must hold its header and fit, by its stated length, in what is left.
+  for (std::size_t off = 0; off < len && len - off >= sizeof(nlmsghdr);) {
+    auto const* h = reinterpret_cast<nlmsghdr const*>(p + off);
+    if (h->nlmsg_len < sizeof(nlmsghdr) || h->nlmsg_len > len - off) break;
     MfcEvent e;
     if (decodeOne(h, &e)) {
       fn(e);
       ++n;
     }
+    off += NLMSG_ALIGN(h->nlmsg_len);
   }
   return n;
 }
