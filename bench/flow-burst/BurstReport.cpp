@@ -171,7 +171,7 @@ FigureList readFigures(std::istream& in) {
   return list;
 }
 
-void printSideBySide(std::ostream& out, FigureList const& a, FigureList const& b) {
+void printSideBySide(std::ostream& out, std::vector<FigureList> const& runs) {
   auto const find = [](FigureList const& l, std::string const& k) -> std::string {
     for (auto const& [key, value] : l) {
       if (key == k) return value;
@@ -179,16 +179,21 @@ void printSideBySide(std::ostream& out, FigureList const& a, FigureList const& b
     return "-";
   };
   std::vector<std::string> keys;
-  for (auto const* l : {&a, &b}) {
-    for (auto const& kv : *l) {
+  for (auto const& l : runs) {
+    for (auto const& kv : l) {
       if (std::find(keys.begin(), keys.end(), kv.first) == keys.end()) keys.push_back(kv.first);
     }
   }
   std::size_t width = 0;
   for (auto const& k : keys) width = std::max(width, k.size());
+  std::size_t column = 12;
+  for (auto const& l : runs) {
+    for (auto const& kv : l) column = std::max(column, kv.second.size() + 2);
+  }
   for (auto const& k : keys) {
-    out << std::left << std::setw(int(width) + 2) << k << std::right << std::setw(14) << find(a, k) << std::setw(14)
-        << find(b, k) << '\n';
+    out << std::left << std::setw(int(width) + 2) << k << std::right;
+    for (auto const& l : runs) out << std::setw(int(column)) << find(l, k);
+    out << '\n';
   }
 }
 

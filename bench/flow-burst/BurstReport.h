@@ -6,7 +6,7 @@
 //   Figures f = summarize(flows, installedAtEnd);
 //   writeFigures(out, "smcroute", f);
 //   ...
-//   printSideBySide(std::cout, readFigures(base), readFigures(agent));
+//   printSideBySide(std::cout, {readFigures(base), readFigures(agent)});
 //
 // Times are nanoseconds on CLOCK_MONOTONIC, -1 where a flow never got there.
 // Latencies are measured from the flow's first packet leaving the sender.
@@ -78,8 +78,8 @@ std::vector<AgentFlow> readAgentFlowLog(std::istream& in, std::string const& sou
 // "agent_..." lines: the agent's own timings beside the sender's times.
 void writeAgentFigures(std::ostream& out, std::vector<FlowTimes> const& flows, std::vector<AgentFlow> const& agent);
 
-// A table: one row per key of `a` (then keys only `b` has), the two values
-// beside each other, "-" where a side lacks the key.
-void printSideBySide(std::ostream& out, FigureList const& a, FigureList const& b);
+// A table: one row per key, in the order the runs first give them, one
+// column per run, "-" where a run lacks the key.
+void printSideBySide(std::ostream& out, std::vector<FigureList> const& runs);
 
 }  // namespace FlowBurst

@@ -30,6 +30,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -43,6 +44,7 @@
 
 #include "BurstReport.h"
 #include "MfcEvent.h"
+#include "MiniDaemon.h"
 #include "Wirly/NamespaceName.h"
 #include "Wirly/NamespaceSocket.h"
 
@@ -55,14 +57,17 @@ char const* const usage =
     "                      --source ADDR --groups FIRST --flows N [--port P] [--wait S] [--quiet S]\n"
     "                      [--out FILE] [--times FILE]\n"
     "       flow-burst agent-figures TIMES FLOW_LOG SOURCE FIRST_GROUP N FILE\n"
-    "       flow-burst compare FILE_A FILE_B\n"
+    "       flow-burst daemon IIF OIF [--oldest-first]\n"
+    "       flow-burst compare FILE...\n"
     "run: in the router's namespace, sends one UDP packet from the sender namespace to each of N groups\n"
     "from FIRST up, and waits until every flow has its entry and its packet at the receiver, or nothing\n"
     "changed for --quiet seconds (default 3), or --wait seconds passed after the burst (default 15).\n"
     "Writes the figures to stdout and FILE; --times writes one CSV line per flow (ns, CLOCK_MONOTONIC).\n"
     "agent-figures: joins run's --times with mroute-agent's --flow-log and appends the agent's own\n"
     "timings (agent_* lines) to FILE.\n"
-    "compare: the figures of two runs side by side.\n";
+    "daemon: the least routing daemon, as a floor: one entry IIF -> OIF per no-cache upcall, each\n"
+    "batch installed newest first (or oldest first); runs until SIGINT or SIGTERM.\n"
+    "compare: the figures of runs side by side.\n";
 
 [[noreturn]] void fail(std::string const& what) {
   std::cerr << "flow-burst: " << what << '\n';
@@ -415,12 +420,30 @@ int agentFigures(int argc, char** argv) {
   return 0;
 }
 
-int compare(char const* a, char const* b) {
-  std::ifstream fa(a), fb(b);
-  if (!fa) fail(std::string("cannot read ") + a);
-  if (!fb) fail(std::string("cannot read ") + b);
-  FlowBurst::printSideBySide(std::cout, FlowBurst::readFigures(fa), FlowBurst::readFigures(fb));
+int compare(int argc, char** argv) {
+  std::vector<FlowBurst::FigureList> runs;
+  for (int i = 2; i < argc; ++i) {
+    std::ifstream in(argv[i]);
+    if (!in) fail(std::string("cannot read ") + argv[i]);
+    runs.push_back(FlowBurst::readFigures(in));
+  }
+  FlowBurst::printSideBySide(std::cout, runs);
   return 0;
+}
+
+volatile std::sig_atomic_t stopRequested = 0;
+void onSignal(int) { stopRequested = 1; }
+
+int daemon(int argc, char** argv) {
+  if (argc < 4 || argc > 5 || (argc == 5 && std::string(argv[4]) != "--oldest-first")) {
+    fail(std::string("bad daemon arguments\n") + usage);
+  }
+  struct sigaction sa {};
+  sa.sa_handler = onSignal;
+  ::sigaction(SIGINT, &sa, nullptr);
+  ::sigaction(SIGTERM, &sa, nullptr);
+  namespace Mini = FlowBurst::MiniDaemon;
+  return Mini::run(Mini::Options{argv[2], argv[3], argc == 5 ? Mini::oldestFirst : Mini::newestFirst}, stopRequested);
 }
 
 }  // namespace
@@ -428,7 +451,8 @@ int compare(char const* a, char const* b) {
 int main(int argc, char** argv) {
   std::string const cmd = argc > 1 ? argv[1] : "";
   if (cmd == "run") return run(parseRun(argc, argv));
-  if (cmd == "compare" && argc == 4) return compare(argv[2], argv[3]);
+  if (cmd == "compare" && argc >= 3) return compare(argc, argv);
+  if (cmd == "daemon") return daemon(argc, argv);
   if (cmd == "agent-figures") return agentFigures(argc, argv);
   if (cmd == "--help" || cmd == "-h") {
     std::cout << usage;

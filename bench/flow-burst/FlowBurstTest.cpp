@@ -205,7 +205,7 @@ TEST(BurstReportTest, FiguresRoundTripAndStandSideBySide) {
   ASSERT_FALSE(fa.empty());
   EXPECT_EQ(fa[0], (std::pair<std::string, std::string>("system", "smcroute")));
   std::ostringstream table;
-  printSideBySide(table, fa, fb);
+  printSideBySide(table, {fa, fb});
   std::string const t = table.str();
   EXPECT_NE(t.find("entry_median_ms"), std::string::npos);
   EXPECT_NE(t.find("3.000"), std::string::npos);
