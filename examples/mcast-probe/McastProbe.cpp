@@ -32,6 +32,18 @@ unsigned number(std::string const& opt, std::string const& v, unsigned max) {
   return unsigned(std::stoul(v));
 }
 
+double seconds(std::string const& opt, std::string const& v) {
+  std::size_t used = 0;
+  double d = -1;
+  try {
+    d = std::stod(v, &used);
+  } catch (std::exception const&) {
+  }
+  if (used != v.size() || !(d > 0 && d <= 86400))
+    throw Kiv::ParseException(opt + " takes seconds from 0 to 86400 (0.5 is half a second), not '" + v + "'");
+  return d;
+}
+
 void listening() { std::cerr << "mcast-probe recv: listening" << std::endl; }
 
 }  // namespace
@@ -79,7 +91,7 @@ int main(int argc, char** argv) {
       } else if (sending && opt == "--source") {
         so.source = v;
       } else if (!sending && opt == "--seconds") {
-        ro.seconds = number(opt, v, 86400);
+        ro.seconds = seconds(opt, v);
       } else {
         throw Kiv::ParseException("unknown option " + opt);
       }

@@ -39,9 +39,9 @@ struct SendOptions {
   std::vector<Wirly::IpGenAddr> groups;
   unsigned count = 1;
   unsigned intervalMs = 100;
-  unsigned ttl = 8;        // IPv4 TTL and IPv6 hop limit: the router needs > 1
-  std::string intf;        // outgoing interface; empty: the routing table's choice
-  std::string source;      // source address to bind; empty: the kernel's choice
+  unsigned ttl = 8;    // IPv4 TTL and IPv6 hop limit: the router needs > 1
+  std::string intf;    // outgoing interface; empty: the routing table's choice
+  std::string source;  // source address to bind; empty: the kernel's choice
   std::uint16_t port = 5001;
 };
 

@@ -20,16 +20,16 @@ class Link : public ::testing::Test {
     a_ = "probeA" + id;
     b_ = "probeB" + id;
     if (!run("ip netns add " + a_) || !run("ip netns add " + b_)) GTEST_SKIP() << "cannot create network namespaces";
-    for (std::string const& step : {
-             // Without duplicate address detection the link-local addresses
-             // are usable at once (a tentative one makes IPv6 sends fail).
-             "ip netns exec " + a_ + " sysctl -qw net.ipv6.conf.all.accept_dad=0 net.ipv6.conf.default.accept_dad=0",
-             "ip netns exec " + b_ + " sysctl -qw net.ipv6.conf.all.accept_dad=0 net.ipv6.conf.default.accept_dad=0",
-             "ip link add eth0 netns " + a_ + " type veth peer name eth0 netns " + b_,
-             "ip -n " + a_ + " addr add 10.9.0.1/24 dev eth0", "ip -n " + b_ + " addr add 10.9.0.2/24 dev eth0",
-             // IPv6 delivers nothing locally while lo is down.
-             "ip -n " + a_ + " link set lo up", "ip -n " + b_ + " link set lo up",
-             "ip -n " + a_ + " link set eth0 up", "ip -n " + b_ + " link set eth0 up"})
+    for (std::string const& step :
+         {// Without duplicate address detection the link-local addresses
+          // are usable at once (a tentative one makes IPv6 sends fail).
+          "ip netns exec " + a_ + " sysctl -qw net.ipv6.conf.all.accept_dad=0 net.ipv6.conf.default.accept_dad=0",
+          "ip netns exec " + b_ + " sysctl -qw net.ipv6.conf.all.accept_dad=0 net.ipv6.conf.default.accept_dad=0",
+          "ip link add eth0 netns " + a_ + " type veth peer name eth0 netns " + b_,
+          "ip -n " + a_ + " addr add 10.9.0.1/24 dev eth0", "ip -n " + b_ + " addr add 10.9.0.2/24 dev eth0",
+          // IPv6 delivers nothing locally while lo is down.
+          "ip -n " + a_ + " link set lo up", "ip -n " + b_ + " link set lo up", "ip -n " + a_ + " link set eth0 up",
+          "ip -n " + b_ + " link set eth0 up"})
       ASSERT_TRUE(run(step)) << step;
     // A veth's carrier, and with it IPv6 on the link, comes up a moment
     // after the link is set up.
@@ -62,8 +62,7 @@ TEST_F(Link, ReceiverCountsWhatTheSenderSentPerGroupAndFamily) {
   // The receiver joins 239.9.9.1 and ff3e::9:1 only; 239.9.9.2 reaches
   // the link but nobody asked for it.
   std::string const recv = "ip netns exec " + b_ + " " + tool +
-                           " recv --group 239.9.9.1,ff3e::9:1 --intf eth0 --seconds 3 >" + log + " 2>" + log +
-                           ".err &";
+                           " recv --group 239.9.9.1,ff3e::9:1 --intf eth0 --seconds 3 >" + log + " 2>" + log + ".err &";
   ASSERT_TRUE(run(recv));
   for (int i = 0; i < 50 && output("cat " + log + ".err").find("listening") == std::string::npos; ++i) ::usleep(20000);
   std::string const sent = output("ip netns exec " + a_ + " " + tool +

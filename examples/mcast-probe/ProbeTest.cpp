@@ -21,8 +21,8 @@ TEST(ParseGroups, ListsAndRangesOfBothFamiliesKeepTheirOrder) {
 }
 
 TEST(ParseGroups, RefusesWhatIsNotAGroupNamingTheItem) {
-  for (char const* bad : {"10.0.0.1", "239.1.1.1,", "", "x", "239.1.1.1+0", "239.1.1.1+", "239.1.1.1+-1",
-                          "2001:db8::1", "239.255.255.255+2", "239.1.1.1+12345678"}) {
+  for (char const* bad : {"10.0.0.1", "239.1.1.1,", "", "x", "239.1.1.1+0", "239.1.1.1+", "239.1.1.1+-1", "2001:db8::1",
+                          "239.255.255.255+2", "239.1.1.1+12345678"}) {
     EXPECT_THROW(parseGroups(bad), Kiv::ParseException) << bad;
   }
   try {

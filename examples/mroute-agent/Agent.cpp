@@ -15,15 +15,19 @@
 #include "Kiv/Dir.h"
 #include "Kiv/EventLoop.h"
 #include "Kiv/Exception.h"
+#include "Kiv/System.h"
 #include "Kiv/Trace.h"
 #include "KernelMfc.h"
+#include "LinkWatch.h"
 #include "Mfib/MfibDir.h"
 #include "Mfib/MfibDirSm.h"
 #include "MrtNotify/MrtIcmpV6RelaySm.h"
 #include "MrtNotify/MrtNotifySm.h"
 #include "RouteEngine.h"
+#include "Show.h"
 #include "Stelo/EntityManager.h"
 #include "Stelo/Mount.h"
+#include "UnresolvedScan.h"
 #include "Wirly/Pam.h"
 #include "Wirly/Sys.h"
 
@@ -36,8 +40,25 @@ using Vorn::Multicast::Fib::MfibDirColl;
 namespace {
 
 constexpr double kRetryPeriod = 1.0;  // seconds between retries of refused entries
+// While the kernel holds flows unresolved, look again this soon; a lost
+// report costs at most this much more than a delivered one.
+constexpr double kRescanDelay = 0.02;
+constexpr int kMaxRescans = 50;
+// Reports may be lost without any error the agent sees (another reader's
+// queue, a dropped datagram): after upcalls, look once a second for this long.
+constexpr double kQuietScanPeriod = 1.0;
+constexpr double kQuietScanWindow = 10.0;
 // Receive buffer of the upcall sockets: a burst of reports must fit.
+// MROUTE_AGENT_RCVBUF (bytes) overrides it, to measure the recovery of what
+// a small queue loses.
 constexpr int kUpcallRcvBuf = 32 << 20;
+
+int upcallRcvBuf() {
+  char const* v = Wirly::Sys::sys().getenv("MROUTE_AGENT_RCVBUF");
+  if (!v || !*v) return kUpcallRcvBuf;
+  long const n = std::strtol(v, nullptr, 10);
+  return n > 0 && n < (1l << 30) ? int(n) : kUpcallRcvBuf;
+}
 
 void setRcvBuf(int fd, int bytes) {
   Wirly::Sys& sys = Wirly::Sys::sys();
@@ -123,6 +144,9 @@ class AgentImpl {
   bool doUpcalls(Family& f);
   void handleRoutingSocket(Family& f);
   void emit(std::string const& line);
+  void requestScan(double delay);
+  void doScan();
+  void handleLink(int ifIndex, bool up);
   std::string appNameOf(L3::VrfName const& vrf, Vorn::Multicast::Fib::Status const& table) const;
 
   Agent::Options opt_;
@@ -137,12 +161,24 @@ class AgentImpl {
   Kiv::EventLoop::TimerId flushTimer_ = 0;
   Kiv::EventLoop::TimerId retryTimer_ = 0;
   std::FILE* flowLog_ = nullptr;
+  UnresolvedScan scan_;
+  Kiv::EventLoop::TimerId scanTimer_ = 0;
+  int rescans_ = 0;
+  std::uint64_t upcallsAtScan_ = 0;
+  double lastUpcallSeen_ = -1e9;
+  std::unique_ptr<LinkWatch> links_;
+  std::unique_ptr<ShowServer> show_;
   Kiv::Ptr<Kiv::Dir> introspectRoot_;
   std::unique_ptr<Kiv::AttrServer> introspect_;
 };
 
 AgentImpl::~AgentImpl() {
   introspect_.reset();
+  show_.reset();
+  if (links_ && links_->fd() >= 0 && loop_.readable(links_->fd())) loop_.readableDel(links_->fd());
+  links_.reset();
+  if (scanTimer_) loop_.timerDel(scanTimer_);
+  if (flushTimer_) loop_.timerDel(flushTimer_);
   dirSm_ = nullptr;
   for (auto& f : families_) {
     if (f->mfc && f->mfc->fd() >= 0 && loop_.readable(f->mfc->fd())) loop_.readableDel(f->mfc->fd());
@@ -258,8 +294,9 @@ void AgentImpl::handleRoutingSocket(Family& f) {
       pkt->headDataIs(65535);
       ssize_t const got = sys.recv(f.mfc->fd(), pkt->data(), pkt->len(), MSG_DONTWAIT);
       if (got < 0) {
-        if (errno == ENOBUFS) continue;
-        return;
+        if (errno != ENOBUFS) return;
+        requestScan(0);
+        continue;
       }
       pkt->trim(static_cast<std::size_t>(got));
       f.manager->readMrtMessage(pkt, engine_->kernelStatus(f.af));
@@ -290,7 +327,9 @@ bool AgentImpl::doUpcalls(Family& f) {
       f.sm = mrtNotifySmFactory(f.manager, engine_->kernelStatus(f.af));
       f.sm->loopQuantumIs(0.05);
       f.sm->handleInitialized();
-      if (f.manager->pam()->fileDesc()) setRcvBuf(f.manager->pam()->fileDesc()->fd(), kUpcallRcvBuf);
+      if (f.manager->pam()->fileDesc()) setRcvBuf(f.manager->pam()->fileDesc()->fd(), upcallRcvBuf());
+      if (auto nl = Kiv::ptrCast<MrtNotifyNetlinkSocketPam>(f.manager->pam()))
+        f.errors = std::make_unique<RxErrorWatch>(nl, [this] { requestScan(0); });
     }
     if (f.af == Wirly::ipv6 && noNetlink) {
       // The kernel is taken to have no IPv6 netlink reports: the relay reads
@@ -353,8 +392,55 @@ int AgentImpl::start() {
     std::cerr << "mroute-agent: no introspection socket: " << e.what() << "\n";
     return 1;
   }
+  try {
+    show_ = std::make_unique<ShowServer>(loop_, *engine_, showSocketPath(opt_.name));
+  } catch (std::exception const& e) {
+    std::cerr << "mroute-agent: no show socket: " << e.what() << "\n";
+    return 1;
+  }
+  links_ = std::make_unique<LinkWatch>([this](int ifIndex, bool up) { handleLink(ifIndex, up); });
+  try {
+    links_->open();
+  } catch (Kiv::ErrnoException const& e) {
+    std::cerr << "mroute-agent: no link events: " << e.call() << ": " << std::strerror(e.error()) << "\n";
+    return 1;
+  }
+  loop_.readableIs(links_->fd(), [this] { links_->handleReadable(); });
+  links_->handleReadable();
+  // Flows the kernel held before this agent could hear of them.
+  doScan();
   emit("ready");
   return 0;
+}
+
+void AgentImpl::handleLink(int ifIndex, bool up) {
+  for (IntfConfig const& c : intfs_)
+    if (c.ifIndex == ifIndex) engine_->handleLink(c.id, up);
+}
+
+void AgentImpl::requestScan(double delay) {
+  if (scanTimer_ != 0) return;
+  scanTimer_ = loop_.timerIs(delay, [this] {
+    scanTimer_ = 0;
+    doScan();
+  });
+}
+
+void AgentImpl::doScan() {
+  std::size_t unresolved = 0;
+  for (auto& f : families_) {
+    if (!f->mfc) continue;
+    for (UnresolvedScan::Flow const& flow : scan_.scan(f->af)) {
+      engine_->handleRecovered(f->af, flow.source, flow.group);
+      ++unresolved;
+    }
+  }
+  upcallsAtScan_ = engine_->upcalls();
+  if (unresolved != 0 && ++rescans_ <= kMaxRescans) {
+    requestScan(kRescanDelay);
+    return;
+  }
+  if (unresolved == 0) rescans_ = 0;
 }
 
 void AgentImpl::run(std::function<bool()> const& stop) {
@@ -362,7 +448,13 @@ void AgentImpl::run(std::function<bool()> const& stop) {
   std::function<void()> retry = [this, &retry] {
     if (engine_->failedEntries() != 0) engine_->retryFailed();
     if (flowLog_) std::fflush(flowLog_);
-    retryTimer_ = loop_.timerIs(kRetryPeriod, retry);
+    double const now = Kiv::System::currentTime();
+    if (engine_->upcalls() != upcallsAtScan_) {
+      lastUpcallSeen_ = now;
+      upcallsAtScan_ = engine_->upcalls();
+    }
+    if (now - lastUpcallSeen_ < kQuietScanWindow) requestScan(0);
+    retryTimer_ = loop_.timerIs(kRetryPeriod < kQuietScanPeriod ? kRetryPeriod : kQuietScanPeriod, retry);
   };
   retryTimer_ = loop_.timerIs(kRetryPeriod, retry);
   while (!stop()) loop_.runOnce(0.2);

@@ -514,7 +514,10 @@ void RouteEngine::handleNoCache(Wirly::AddressFamily af, Wirly::IpGenAddr const&
     it->second.iif = kernelStatus_[idx(af)]->intfVif(intf);
     it->second.installed = false;
   } else if (it->second.installed) {
-    // The kernel asks for an entry the agent wrote: it lost it. Write again.
+    // A report queued before the entry was written (a burst, or a flow
+    // recovered from the unresolved list first) is stale; one about an
+    // entry written long ago means the kernel lost it: write it again.
+    if (now() - it->second.installedNs < staleUpcallNs) return;
     it->second.installed = false;
   }
   if (!doProgram(af, sg, true, kernelStatus_[idx(af)]->intfVif(intf))) {

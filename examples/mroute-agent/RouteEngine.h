@@ -103,6 +103,8 @@ class RouteEngine {
   using FlowLog = std::function<void(Wirly::AddressFamily, SgKey const&, KernelEntry const&)>;
 
   static constexpr char const* kernelVrf = "default";
+  // A no-cache report this soon after its entry was written was queued before it.
+  static constexpr std::uint64_t staleUpcallNs = 2000000000ull;
 
   RouteEngine(std::vector<IntfConfig> intfs, Kiv::Ptr<MfibVornDir> const& vornDir, AppNameOf appNameOf);
   ~RouteEngine();

@@ -58,7 +58,8 @@ IpGenRouteKey routeKey(std::string const& source, std::string const& group) {
   if (source == "*")
     return IpGenRouteKey(IpGenPrefix(IpGenAddr(g.af() == Wirly::ipv4 ? "0.0.0.0" : "::"), 0), IpGenPrefix(g));
   IpGenAddr const s = address(source, "IP source");
-  if (s.af() != g.af()) throw Kiv::ParseException("source " + source + " and group " + group + " are of different families");
+  if (s.af() != g.af())
+    throw Kiv::ParseException("source " + source + " and group " + group + " are of different families");
   if (s.isMulticast()) throw Kiv::ParseException("source " + source + " is a multicast address");
   return IpGenRouteKey(IpGenPrefix(s), IpGenPrefix(g));
 }
@@ -80,7 +81,7 @@ ParsedFile parseRoutes(std::istream& in, std::string const& fileName) {
     try {
       if (w.size() < 5 || w.size() > 6)
         throw Kiv::ParseException("expected 'vrf source|* group iif oif[,oif...]|- [priority]', found " +
-                      std::to_string(w.size()) + " fields");
+                                  std::to_string(w.size()) + " fields");
       L3::VrfName vrf;
       try {
         vrf = L3::VrfName(w[0]);
@@ -97,7 +98,7 @@ ParsedFile parseRoutes(std::istream& in, std::string const& fileName) {
       RouteId id(vrf, key);
       if (auto it = lineOf.find(id); it != lineOf.end())
         throw Kiv::ParseException("route (" + w[1] + ", " + w[2] + ") in VRF " + w[0] + " already given on line " +
-                      std::to_string(it->second));
+                                  std::to_string(it->second));
       lineOf.emplace(id, number);
       out.routes.emplace(id, r);
     } catch (Kiv::Exception const& bad) {

@@ -45,21 +45,22 @@ TEST(RouteFile, ReadsBothFamiliesAnySourceDefaultsAndComments) {
 
 TEST(RouteFile, MalformedLinesAreReportedWithTheirLineAndTheRestStillApplies) {
   ParsedFile const f = parse(
-      "default 10.1.0.2 239.1.1.1 Ethernet1 Ethernet2\n"                  // 1 good
-      "default 10.1.0.2 239.1.1.2 Ethernet1\n"                            // 2 too few fields
-      "default 10.1.0.2 239.1.1.2 Ethernet1 Ethernet2 1 extra\n"          // 3 too many
-      "default 10.1.0.300 239.1.1.2 Ethernet1 Ethernet2\n"                // 4 bad source
-      "default 10.1.0.2 10.1.1.2 Ethernet1 Ethernet2\n"                   // 5 unicast group
-      "default 10.1.0.2 ff3e::1 Ethernet1 Ethernet2\n"                    // 6 families differ
-      "default 239.0.0.1 239.1.1.2 Ethernet1 Ethernet2\n"                 // 7 multicast source
-      "default 10.1.0.2 239.1.1.2 eth0 Ethernet2\n"                       // 8 not an interface id
-      "default 10.1.0.2 239.1.1.2 Ethernet1 Ethernet2,\n"                 // 9 empty oif
-      "default 10.1.0.2 239.1.1.2 Ethernet1 Ethernet2 0\n"                // 10 priority 0
-      "default 10.1.0.2 239.1.1.2 Ethernet1 Ethernet2 256\n"              // 11 priority 256
-      "default 10.1.0.2 239.1.1.2 Ethernet1 Ethernet1,Ethernet2\n"        // 12 iif is an oif
-      "default 10.1.0.2 239.1.1.1 Ethernet1 Ethernet3\n"                  // 13 duplicate of 1
-      + std::string(101, 'v') + " 10.1.0.2 239.1.1.2 Ethernet1 Ethernet2\n"  // 14 VRF too long
-      "red 10.1.0.2 239.1.1.2 Ethernet1 Ethernet2\n");                    // 15 good
+      "default 10.1.0.2 239.1.1.1 Ethernet1 Ethernet2\n"            // 1 good
+      "default 10.1.0.2 239.1.1.2 Ethernet1\n"                      // 2 too few fields
+      "default 10.1.0.2 239.1.1.2 Ethernet1 Ethernet2 1 extra\n"    // 3 too many
+      "default 10.1.0.300 239.1.1.2 Ethernet1 Ethernet2\n"          // 4 bad source
+      "default 10.1.0.2 10.1.1.2 Ethernet1 Ethernet2\n"             // 5 unicast group
+      "default 10.1.0.2 ff3e::1 Ethernet1 Ethernet2\n"              // 6 families differ
+      "default 239.0.0.1 239.1.1.2 Ethernet1 Ethernet2\n"           // 7 multicast source
+      "default 10.1.0.2 239.1.1.2 eth0 Ethernet2\n"                 // 8 not an interface id
+      "default 10.1.0.2 239.1.1.2 Ethernet1 Ethernet2,\n"           // 9 empty oif
+      "default 10.1.0.2 239.1.1.2 Ethernet1 Ethernet2 0\n"          // 10 priority 0
+      "default 10.1.0.2 239.1.1.2 Ethernet1 Ethernet2 256\n"        // 11 priority 256
+      "default 10.1.0.2 239.1.1.2 Ethernet1 Ethernet1,Ethernet2\n"  // 12 iif is an oif
+      "default 10.1.0.2 239.1.1.1 Ethernet1 Ethernet3\n"            // 13 duplicate of 1
+      + std::string(101, 'v') +
+      " 10.1.0.2 239.1.1.2 Ethernet1 Ethernet2\n"       // 14 VRF too long
+      "red 10.1.0.2 239.1.1.2 Ethernet1 Ethernet2\n");  // 15 good
   ASSERT_EQ(f.errors.size(), 13u) << testing::PrintToString(f.errors);
   for (unsigned i = 0; i < f.errors.size(); ++i)
     EXPECT_EQ(f.errors[i].rfind("routes:" + std::to_string(i + 2) + ": ", 0), 0u) << f.errors[i];

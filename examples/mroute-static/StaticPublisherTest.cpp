@@ -111,9 +111,10 @@ TEST_F(StaticPublisherTest, PublishesOneAnnouncedTablePerVrfThatReadersResolve) 
   EXPECT_EQ(pub.summary(StaticPublisher::Change{4, 4, 0, 0}), "static static: 4 routes (+4 -0 ~0)");
   EXPECT_EQ(announced(root.path()), "static: default=mfib/default/static red=mfib/red/static;");
   TableView const d = view(root.path(), "mfib/default/static");
-  EXPECT_EQ(d.route, (std::map<std::string, std::string>{{"(10.1.0.2, 239.1.1.1)", "Ethernet1 prio 1 -> Ethernet2 Ethernet3"},
-                                                         {"(*, ff3e::1:1)", "Ethernet1 prio 2 -> Ethernet2"},
-                                                         {"(10.1.0.2, 239.1.1.3)", "Ethernet1 prio 1 -> Ethernet3"}}));
+  EXPECT_EQ(d.route,
+            (std::map<std::string, std::string>{{"(10.1.0.2, 239.1.1.1)", "Ethernet1 prio 1 -> Ethernet2 Ethernet3"},
+                                                {"(*, ff3e::1:1)", "Ethernet1 prio 2 -> Ethernet2"},
+                                                {"(10.1.0.2, 239.1.1.3)", "Ethernet1 prio 1 -> Ethernet3"}}));
   EXPECT_EQ(d.mappings, 2u);
   EXPECT_EQ(view(root.path(), "mfib/red/static").route,
             (std::map<std::string, std::string>{{"(10.1.0.2, 239.1.1.2)", "Ethernet1 prio 1 ->"}}));
@@ -176,12 +177,33 @@ TEST_F(StaticPublisherTest, ARestartTakesOverWhatTheLastRunLeftAndAppliesTheDiff
   StaticPublisher again("static", em2);
   EXPECT_EQ(again.published().size(), 4u);
   TableView const before = view(root.path(), "mfib/default/static");
-  EXPECT_EQ(counts(again.apply(routes("default 10.1.0.2 239.1.1.1 Ethernet1 Ethernet2,Ethernet3\n"))),
-            "1 +0 -3 ~0");
+  EXPECT_EQ(counts(again.apply(routes("default 10.1.0.2 239.1.1.1 Ethernet1 Ethernet2,Ethernet3\n"))), "1 +0 -3 ~0");
   TableView const after = view(root.path(), "mfib/default/static");
   EXPECT_EQ(after.route.size(), 1u);
   EXPECT_EQ(after.version.at("(10.1.0.2, 239.1.1.1)"), before.version.at("(10.1.0.2, 239.1.1.1)"));
   EXPECT_EQ(announced(root.path()), "static: default=mfib/default/static;");
+}
+
+// A run that died left a table file that a crash or a full disk cut short:
+// the next run cannot take it over, starts the table afresh and publishes
+// every route of the file again.
+TEST_F(StaticPublisherTest, ARestartOverATruncatedTablePublishesEverythingAgain) {
+  {
+    StaticPublisher first("static", em);
+    first.apply(routes(kFirst));
+  }
+  std::string const path = em->pathOfUrl("mfib/default/static");
+  em = nullptr;
+  struct stat st;
+  ASSERT_EQ(::stat(path.c_str(), &st), 0);
+  ASSERT_EQ(::truncate(path.c_str(), st.st_size / 3), 0);
+
+  auto em2 = Stelo::EntityManager::entityManagerIs(nullptr, root.path());
+  StaticPublisher again("static", em2);
+  EXPECT_EQ(counts(again.apply(routes(kFirst))), "4 +3 -0 ~0");  // red's table was intact
+  EXPECT_EQ(view(root.path(), "mfib/default/static").route.size(), 3u);
+  EXPECT_EQ(view(root.path(), "mfib/default/static").route.at("(10.1.0.2, 239.1.1.1)"),
+            "Ethernet1 prio 1 -> Ethernet2 Ethernet3");
 }
 
 // The program: reload on SIGHUP, bad lines on stderr, withdrawal on SIGTERM.
@@ -209,8 +231,9 @@ TEST(MrouteStaticProgram, ReloadsOnHangupAndWithdrawsOnTerminate) {
     char buf[512];
     return std::fgets(buf, sizeof buf, f) ? std::string(buf) : std::string("(end)");
   };
-  EXPECT_EQ(line(e), file + ":2: expected 'vrf source|* group iif oif[,oif...]|- [priority]', found 1 fields; "
-                            "line skipped\n");
+  EXPECT_EQ(line(e), file +
+                         ":2: expected 'vrf source|* group iif oif[,oif...]|- [priority]', found 1 fields; "
+                         "line skipped\n");
   EXPECT_EQ(line(o), "static static: 1 routes (+1 -0 ~0)\n");
   write("default 10.1.0.2 239.1.1.1 Ethernet1 Ethernet3\nred 10.1.0.2 239.1.1.1 Ethernet1 Ethernet3\n");
   ::kill(pid, SIGHUP);

@@ -1,0 +1,402 @@
+// The agent against the real kernel: namespaces S (sender), R (router, the
+// agent), D1 and D2 (receivers), veths named as the agent's interfaces
+// inside R:
+//
+//   S eth0 ==== Ethernet1 R Ethernet2 ==== eth0 D1
+//                           Ethernet3 ==== eth0 D2
+//
+// This process publishes the routes (an MFIB table under a private
+// VORN_ROOT) and runs mroute-agent in R. Needs root; skips with the reason
+// otherwise.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <net/if.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/ioctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Kiv/System.h"
+#include "Mfib/MfibVorn.h"
+#include "Stelo/EntityManager.h"
+#include "Stelo/Mount.h"
+#include "Wirly/NamespaceSocket.h"
+#include "tests/Vorn/VornTestUtil.h"
+
+namespace MrouteAgentKernel {
+
+using namespace Vorn::Multicast::Fib;
+
+bool run(std::string const& cmd) { return std::system((cmd + " >/dev/null 2>&1").c_str()) == 0; }
+
+struct Fd {
+  int fd;
+  explicit Fd(int f = -1) : fd(f) {}
+  Fd(Fd&& o) noexcept : fd(o.fd) { o.fd = -1; }
+  Fd& operator=(Fd&& o) noexcept {
+    std::swap(fd, o.fd);
+    return *this;
+  }
+  ~Fd() {
+    if (fd >= 0) ::close(fd);
+  }
+};
+
+class Net {
+ public:
+  Net() {
+    if (::geteuid() != 0) {
+      skip_ = "needs root to create network namespaces";
+      return;
+    }
+    std::string const id = std::to_string(::getpid());
+    for (char const* role : {"S", "R", "D1", "D2"}) ns_.push_back(std::string("magt") + role + id);
+    for (std::string const& n : ns_)
+      if (!run("ip netns add " + n)) {
+        skip_ = "cannot create network namespaces (ip netns add failed)";
+        return;
+      }
+    std::string const sysctls =
+        " sysctl -qw net.ipv6.conf.all.accept_dad=0 net.ipv6.conf.default.accept_dad=0"
+        " net.ipv4.conf.all.rp_filter=0 net.ipv4.conf.default.rp_filter=0";
+    std::vector<std::string> steps;
+    for (std::string const& n : ns_) steps.push_back("ip netns exec " + n + sysctls);
+    char const* nets[] = {"1", "2", "3"};
+    for (int i = 0; i < 3; ++i) {
+      std::string const peer = ns_[i == 0 ? 0 : i + 1], e = std::string("Ethernet") + nets[i];
+      steps.push_back("ip link add " + e + " netns " + r() + " type veth peer name eth0 netns " + peer);
+      steps.push_back("ip -n " + r() + " addr add 10." + nets[i] + ".0.1/24 dev " + e);
+      steps.push_back("ip -n " + r() + " addr add 2001:db8:" + nets[i] + "::1/64 dev " + e + " nodad");
+      steps.push_back("ip -n " + peer + " addr add 10." + nets[i] + ".0.2/24 dev eth0");
+      steps.push_back("ip -n " + peer + " addr add 2001:db8:" + nets[i] + "::2/64 dev eth0 nodad");
+      steps.push_back("ip -n " + r() + " link set " + e + " up");
+      steps.push_back("ip -n " + peer + " link set eth0 up");
+      steps.push_back("ip -n " + peer + " link set lo up");
+      steps.push_back("ip -n " + peer + " route add default via 10." + std::string(nets[i]) + ".0.1");
+      steps.push_back("ip -n " + peer + " -6 route add default via 2001:db8:" + nets[i] + "::1");
+    }
+    steps.push_back("ip -n " + r() + " link set lo up");
+    for (auto const& s : steps)
+      if (!run(s)) {
+        failed_ = "topology step failed: " + s;
+        return;
+      }
+  }
+  ~Net() {
+    for (std::string const& n : ns_) run("ip netns del " + n);
+  }
+  std::string const& skip() const { return skip_; }
+  std::string const& failed() const { return failed_; }
+  std::string const& s() const { return ns_[0]; }
+  std::string const& r() const { return ns_[1]; }
+  std::string const& d(int i) const { return ns_[1 + i]; }
+
+ private:
+  std::vector<std::string> ns_;
+  std::string skip_, failed_;
+};
+
+#define NET(n)                                     \
+  Net n;                                           \
+  if (!n.skip().empty()) GTEST_SKIP() << n.skip(); \
+  ASSERT_TRUE(n.failed().empty()) << n.failed()
+
+// One application's MFIB table of the default VRF, published from here.
+class Publisher {
+ public:
+  explicit Publisher(std::string const& root) : em_(Stelo::EntityManager::entityManagerIs(nullptr, root)) {
+    KivVorn::Mount mount(em_);
+    mount.doMount(MfibDir::sharedDirUrl, MfibDir::typeNameText, KivVorn::MountInfo::dirWriterOf("static"));
+    dir_ = Kiv::ptrCast<Kiv::Dir>(mount.getEntity(MfibDir::sharedDirUrl));
+    if (!dir_) return;
+    writer_ = mfibDirWriterFactory("static", dir_, vornDir_, em_);
+    table_ = writer_->doAddVorn("default", "mfib/default/static");
+    for (std::uint16_t n = 1; n <= 3; ++n)
+      table_->oifIndexIntfIs(OifIndexIntf(OifIndex(n), Wirly::IntfId("Ethernet" + std::to_string(n))));
+  }
+  bool ok() const { return table_ != nullptr; }
+  void route(IpGenRouteKey const& key, std::vector<std::uint16_t> oifs) {
+    Route r(key);
+    r.specialIntf1Is(Wirly::IntfId("Ethernet1"));
+    for (std::uint16_t o : oifs) r.oifIs(OifIndex(o), true);
+    r.priorityIs(RoutePriority(1));
+    table_->routePublish(r);
+  }
+
+ private:
+  Kiv::Ptr<Stelo::EntityManager> em_;
+  Kiv::Ptr<Kiv::Dir> dir_;
+  Kiv::Ptr<MfibVornDir> vornDir_ = mfibVornDirFactory();
+  Kiv::Ptr<MfibDirWriter> writer_;
+  Kiv::Ptr<Status> table_;
+};
+
+// mroute-agent run in R, its stdout read line by line.
+class AgentProcess {
+ public:
+  AgentProcess(Net const& net, std::string const& root, std::string const& dir, std::vector<std::string> extra,
+               std::vector<std::string> env = {}) {
+    int p[2];
+    if (::pipe(p) != 0) return;
+    pid_ = ::fork();
+    if (pid_ == 0) {
+      ::dup2(p[1], 1);
+      ::close(p[0]);
+      ::setenv("VORN_ROOT", root.c_str(), 1);
+      ::setenv("MROUTE_AGENT_DIR", dir.c_str(), 1);
+      ::setenv("KIV_INTROSPECT_DIR", dir.c_str(), 1);
+      for (std::string const& e : env) ::putenv(::strdup(e.c_str()));
+      std::vector<std::string> args = {"ip", "netns", "exec", net.r(), MROUTE_AGENT_PATH, "run", "--intf",
+                                       "Ethernet1,Ethernet2,Ethernet3", "--name", "agent-test"};
+      args.insert(args.end(), extra.begin(), extra.end());
+      std::vector<char*> argv;
+      for (std::string& a : args) argv.push_back(a.data());
+      argv.push_back(nullptr);
+      ::execvp("ip", argv.data());
+      ::_exit(127);
+    }
+    ::close(p[1]);
+    out_ = Fd(p[0]);
+  }
+  ~AgentProcess() { stop(); }
+  int stop() {
+    if (pid_ <= 0) return status_;
+    ::kill(pid_, SIGTERM);
+    int st = 0;
+    ::waitpid(pid_, &st, 0);
+    pid_ = -1;
+    status_ = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
+    return status_;
+  }
+  // Waits until a line equal to `line` (or, with prefix, starting with it) came.
+  bool waitFor(std::string const& line, double seconds = 5, bool prefix = false) {
+    double const end = Kiv::System::currentTime() + seconds;
+    for (std::size_t i = 0;;) {
+      for (; i < lines_.size(); ++i)
+        if (prefix ? lines_[i].rfind(line, 0) == 0 : lines_[i] == line) return true;
+      double const left = end - Kiv::System::currentTime();
+      if (left <= 0 || !readMore(left)) return false;
+    }
+  }
+  std::size_t count(std::string const& prefix, std::string const& suffix) const {
+    std::size_t n = 0;
+    for (std::string const& l : lines_)
+      n += l.rfind(prefix, 0) == 0 && l.size() >= suffix.size() &&
+           l.compare(l.size() - suffix.size(), suffix.size(), suffix) == 0;
+    return n;
+  }
+  bool readMore(double seconds) {
+    pollfd p{out_.fd, POLLIN, 0};
+    if (::poll(&p, 1, int(seconds * 1000)) <= 0) return false;
+    char buf[65536];
+    ssize_t const n = ::read(out_.fd, buf, sizeof buf);
+    if (n <= 0) return false;
+    pending_.append(buf, std::size_t(n));
+    for (std::size_t nl; (nl = pending_.find('\n')) != std::string::npos; pending_.erase(0, nl + 1))
+      lines_.push_back(pending_.substr(0, nl));
+    return true;
+  }
+  std::vector<std::string> const& lines() const { return lines_; }
+  std::string dump() const {
+    std::string s;
+    for (std::string const& l : lines_) s += l + "\n";
+    return s;
+  }
+
+ private:
+  pid_t pid_ = -1;
+  int status_ = -1;
+  Fd out_;
+  std::vector<std::string> lines_;
+  std::string pending_;
+};
+
+int ifIndex(std::string const& ns, char const* name) {
+  Fd s(Wirly::namespaceSocket(Wirly::NamespaceName(ns), AF_INET, SOCK_DGRAM, 0));
+  ifreq ifr{};
+  std::strncpy(ifr.ifr_name, name, IFNAMSIZ - 1);
+  if (s.fd < 0 || ::ioctl(s.fd, SIOCGIFINDEX, &ifr) < 0) return -1;
+  return ifr.ifr_ifindex;
+}
+
+// A UDP socket in a receiver's namespace, joined to groups on eth0.
+Fd receiver(std::string const& ns, std::vector<std::string> const& groups, bool v6) {
+  Fd s(Wirly::namespaceSocket(Wirly::NamespaceName(ns), v6 ? AF_INET6 : AF_INET, SOCK_DGRAM | SOCK_NONBLOCK, 0));
+  int const eth0 = ifIndex(ns, "eth0");
+  int const one = 1;
+  ::setsockopt(s.fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+  if (v6) {
+    // IPv6 only: an IPv4 receiver may hold the same port.
+    ::setsockopt(s.fd, IPPROTO_IPV6, IPV6_V6ONLY, &one, sizeof one);
+    sockaddr_in6 a{};
+    a.sin6_family = AF_INET6;
+    a.sin6_port = htons(5000);
+    ::bind(s.fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
+    for (std::string const& g : groups) {
+      ipv6_mreq m{};
+      ::inet_pton(AF_INET6, g.c_str(), &m.ipv6mr_multiaddr);
+      m.ipv6mr_interface = unsigned(eth0);
+      ::setsockopt(s.fd, IPPROTO_IPV6, IPV6_JOIN_GROUP, &m, sizeof m);
+    }
+  } else {
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(5000);
+    ::bind(s.fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
+    for (std::string const& g : groups) {
+      ip_mreqn m{};
+      ::inet_pton(AF_INET, g.c_str(), &m.imr_multiaddr);
+      m.imr_ifindex = eth0;
+      ::setsockopt(s.fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &m, sizeof m);
+    }
+  }
+  return s;
+}
+
+// Datagrams that arrive within `seconds` (reading stops at the first quiet 0.3 s after some came).
+int received(Fd const& s, double seconds) {
+  int n = 0;
+  double const end = Kiv::System::currentTime() + seconds;
+  while (Kiv::System::currentTime() < end) {
+    pollfd p{s.fd, POLLIN, 0};
+    if (::poll(&p, 1, n ? 300 : 100) <= 0) {
+      if (n) break;
+      continue;
+    }
+    char buf[2048];
+    while (::recv(s.fd, buf, sizeof buf, 0) > 0) ++n;
+  }
+  return n;
+}
+
+// Sends `count` datagrams from S to each group.
+void send(Net const& net, std::vector<std::string> const& groups, int count) {
+  for (std::string const& g : groups) {
+    bool const v6 = g.find(':') != std::string::npos;
+    Fd s(Wirly::namespaceSocket(Wirly::NamespaceName(net.s()), v6 ? AF_INET6 : AF_INET, SOCK_DGRAM, 0));
+    int const hops = 8;
+    if (v6) {
+      ::setsockopt(s.fd, IPPROTO_IPV6, IPV6_MULTICAST_HOPS, &hops, sizeof hops);
+      sockaddr_in6 to{};
+      to.sin6_family = AF_INET6;
+      to.sin6_port = htons(5000);
+      ::inet_pton(AF_INET6, g.c_str(), &to.sin6_addr);
+      int const eth0 = ifIndex(net.s(), "eth0");
+      ::setsockopt(s.fd, IPPROTO_IPV6, IPV6_MULTICAST_IF, &eth0, sizeof eth0);
+      for (int i = 0; i < count; ++i) ::sendto(s.fd, "data", 4, 0, reinterpret_cast<sockaddr*>(&to), sizeof to);
+    } else {
+      ::setsockopt(s.fd, IPPROTO_IP, IP_MULTICAST_TTL, &hops, sizeof hops);
+      sockaddr_in to{};
+      to.sin_family = AF_INET;
+      to.sin_port = htons(5000);
+      ::inet_pton(AF_INET, g.c_str(), &to.sin_addr);
+      for (int i = 0; i < count; ++i) ::sendto(s.fd, "data", 4, 0, reinterpret_cast<sockaddr*>(&to), sizeof to);
+    }
+  }
+}
+
+std::string shell(std::string const& cmd) {
+  std::string out;
+  if (FILE* f = ::popen(cmd.c_str(), "r")) {
+    char buf[4096];
+    for (std::size_t n; (n = std::fread(buf, 1, sizeof buf, f)) > 0;) out.append(buf, n);
+    ::pclose(f);
+  }
+  return out;
+}
+
+class AgentKernelTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    dir_ = root_.path() + "-agent";
+    ::mkdir(dir_.c_str(), 0700);
+  }
+  void TearDown() override { VornTest::PrivateRoot::removeAll(dir_); }
+  VornTest::PrivateRoot root_;
+  std::string dir_;
+};
+
+TEST_F(AgentKernelTest, ForwardsWhatTheTablesSayAndFollowsRouteAndLinkChanges) {
+  NET(net);
+  Publisher pub(root_.path());
+  ASSERT_TRUE(pub.ok());
+  pub.route(IpGenRouteKey("10.1.0.2", "239.1.1.1"), {2});
+  pub.route(IpGenRouteKey(Wirly::IpGenPrefix(Wirly::IpGenAddr("::"), 0), Wirly::IpGenPrefix("ff3e::1:1")), {3});
+
+  AgentProcess agent(net, root_.path(), dir_, {});
+  ASSERT_TRUE(agent.waitFor("ready")) << agent.dump();
+  // The (S, G) is in the kernel before any packet; the (*, G) waits for one.
+  EXPECT_TRUE(agent.waitFor("install (10.1.0.2, 239.1.1.1) Ethernet1 -> Ethernet2")) << agent.dump();
+  EXPECT_TRUE(agent.waitFor("route default (*, ff3e::1:1) static prio 1: Ethernet1 -> Ethernet3")) << agent.dump();
+
+  Fd d1 = receiver(net.d(1), {"239.1.1.1"}, false);
+  Fd d2v4 = receiver(net.d(2), {"239.1.1.1"}, false);
+  Fd d2v6 = receiver(net.d(2), {"ff3e::1:1"}, true);
+  send(net, {"239.1.1.1", "ff3e::1:1"}, 5);
+  EXPECT_EQ(received(d1, 2), 5);
+  EXPECT_EQ(received(d2v6, 2), 5);  // the first packet waited in the kernel for its entry
+  EXPECT_EQ(received(d2v4, 0.3), 0);
+  EXPECT_TRUE(agent.waitFor("upcall nocache (2001:db8:1::2, ff3e::1:1) on Ethernet1")) << agent.dump();
+  EXPECT_TRUE(agent.waitFor("install (2001:db8:1::2, ff3e::1:1) Ethernet1 -> Ethernet3")) << agent.dump();
+
+  // The route moves to Ethernet3: forwarding follows.
+  pub.route(IpGenRouteKey("10.1.0.2", "239.1.1.1"), {3});
+  EXPECT_TRUE(agent.waitFor("install (10.1.0.2, 239.1.1.1) Ethernet1 -> Ethernet3")) << agent.dump();
+  send(net, {"239.1.1.1"}, 3);
+  EXPECT_EQ(received(d2v4, 2), 3);
+  EXPECT_EQ(received(d1, 0.3), 0);
+
+  std::string const show = shell("MROUTE_AGENT_DIR=" + dir_ + " " + MROUTE_AGENT_PATH + " show --name agent-test");
+  EXPECT_NE(show.find("(10.1.0.2, 239.1.1.1)  static prio 1"), std::string::npos) << show;
+  EXPECT_NE(show.find("packets 8  bytes"), std::string::npos) << show;
+  std::string const json =
+      shell("MROUTE_AGENT_DIR=" + dir_ + " " + MROUTE_AGENT_PATH + " show --json --name agent-test");
+  EXPECT_NE(json.find("\"source\": \"2001:db8:1::2\", \"group\": \"ff3e::1:1\", \"installed\": true, \"packets\": 5"),
+            std::string::npos)
+      << json;
+
+  // Ethernet3 goes down: both entries use it, and only they are rewritten.
+  ASSERT_TRUE(run("ip -n " + net.r() + " link set Ethernet3 down"));
+  EXPECT_TRUE(agent.waitFor("link Ethernet3 down: reprogrammed 2 of 2 entries")) << agent.dump();
+  ASSERT_TRUE(run("ip -n " + net.r() + " link set Ethernet3 up"));
+  EXPECT_TRUE(agent.waitFor("link Ethernet3 up: reprogrammed 2 of 2 entries")) << agent.dump();
+  EXPECT_EQ(agent.stop(), 0);
+}
+
+TEST_F(AgentKernelTest, EveryFlowOfABurstIsInstalledEvenWhenReportsAreLost) {
+  NET(net);
+  Publisher pub(root_.path());
+  ASSERT_TRUE(pub.ok());
+  // A tiny report queue loses most of a burst: what is lost must come back
+  // from the kernel's unresolved list.
+  AgentProcess agent(net, root_.path(), dir_, {"--ipv4"}, {"MROUTE_AGENT_RCVBUF=2048"});
+  ASSERT_TRUE(agent.waitFor("ready")) << agent.dump();
+  constexpr int flows = 2000;
+  std::vector<std::string> groups;
+  for (int i = 0; i < flows; ++i) groups.push_back("239.9." + std::to_string(i / 250) + "." + std::to_string(i % 250 + 1));
+  send(net, groups, 1);
+  double const end = Kiv::System::currentTime() + 5;
+  while (agent.count("install (10.1.0.2, 239.9.", " drop") < std::size_t(flows) && Kiv::System::currentTime() < end)
+    agent.readMore(0.5);
+  EXPECT_EQ(agent.count("install (10.1.0.2, 239.9.", " drop"), std::size_t(flows));
+  std::string const json =
+      shell("MROUTE_AGENT_DIR=" + dir_ + " " + MROUTE_AGENT_PATH + " show --json --name agent-test");
+  std::size_t const at = json.find("\"recovered\": ", json.rfind("\"upcalls\""));
+  ASSERT_NE(at, std::string::npos) << json.substr(json.size() > 300 ? json.size() - 300 : 0);
+  std::size_t const recovered = std::stoul(json.substr(at + 13));
+  EXPECT_GT(recovered, 0u) << "the small queue lost nothing: the recovery went untested";
+  EXPECT_EQ(shell("ip netns exec " + net.r() + " ip mroute show | grep -c Unresolved"), "0\n");
+  EXPECT_EQ(agent.stop(), 0);
+}
+
+}  // namespace MrouteAgentKernel

@@ -1,0 +1,295 @@
+#include "RouteEngine.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "AgentTestSys.h"
+#include "Show.h"
+#include "tests/Mfib/MfibTestUtil.h"
+
+namespace MrouteAgentTest {
+
+using namespace MrouteAgent;
+using Vorn::Multicast::Fib::OifIndex;
+using Vorn::Multicast::Fib::OifIndexIntf;
+using Vorn::Multicast::Fib::Route;
+using Vorn::Multicast::Fib::RoutePriority;
+using Wirly::IntfId;
+using Wirly::IpGenAddr;
+
+IpGenRouteKey sg(char const* s, char const* g) { return IpGenRouteKey(s, g); }
+IpGenRouteKey starG(char const* g) {
+  IpGenAddr const grp(g);
+  IpGenAddr const any(grp.af() == Wirly::ipv4 ? "0.0.0.0" : "::");
+  return IpGenRouteKey(Wirly::IpGenPrefix(any, 0), Wirly::IpGenPrefix(grp));
+}
+
+// An agent's engine over tables of this process, programming a kernel that
+// is the recording Sys: three interfaces, VIFs 1..3.
+class EngineTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    v4.open();
+    v6.open();
+    engine = std::make_unique<RouteEngine>(
+        std::vector<IntfConfig>{{IntfId("Ethernet1"), "Ethernet1", 11, 1},
+                                {IntfId("Ethernet2"), "Ethernet2", 12, 2},
+                                {IntfId("Ethernet3"), "Ethernet3", 13, 3}},
+        vornDir, [](L3::VrfName const&, Status const& t) { return t.name().str(); });
+    engine->sinkIs([this](std::string const& l) { lines.push_back(l); });
+    engine->clockIs([this] { return clockNs; });
+    engine->mfcIs(Wirly::ipv4, &v4);
+    engine->mfcIs(Wirly::ipv6, &v6);
+    app = table("default", "static");
+  }
+  void TearDown() override { engine.reset(); }
+
+  Kiv::Ptr<Status> table(char const* vrf, std::string const& name) {
+    Kiv::Ptr<Status> t = tables.table(name);
+    for (unsigned n = 1; n <= 3; ++n)
+      t->oifIndexIntfIs(OifIndexIntf(OifIndex(std::uint16_t(n)), IntfId("Ethernet" + std::to_string(n))));
+    vornDir->vornCollIs(L3::VrfName(vrf))->vornPtrIs(t.ptr(), t);
+    engine->flush();
+    return t;
+  }
+  void publish(Status& t, IpGenRouteKey const& key, char const* iif, std::vector<unsigned> oifs, unsigned prio = 1) {
+    Route r(key);
+    r.specialIntf1Is(IntfId(iif));
+    for (unsigned n : oifs) r.oifIs(OifIndex(std::uint16_t(n)), true);
+    r.priorityIs(RoutePriority(std::uint8_t(prio)));
+    t.routePublish(r);
+    engine->flush();
+  }
+  void withdraw(Status& t, IpGenRouteKey const& key) {
+    t.routeDel(key);
+    engine->flush();
+  }
+  // The IPv4 entries written since the last call, decoded.
+  std::vector<mfcctl> adds() {
+    std::vector<mfcctl> out;
+    auto const all = sys.optionsNamed(MRT_ADD_MFC);
+    for (std::size_t i = seenAdds; i < all.size(); ++i) {
+      if (all[i].level != IPPROTO_IP) continue;
+      mfcctl m;
+      std::memcpy(&m, all[i].bytes.data(), sizeof m);
+      out.push_back(m);
+    }
+    seenAdds = all.size();
+    return out;
+  }
+  std::size_t dels() const {
+    std::size_t n = 0;
+    for (auto const& o : sys.optionsNamed(MRT_DEL_MFC)) n += o.level == IPPROTO_IP;
+    return n;
+  }
+  static std::vector<int> oifsOf(mfcctl const& m) {
+    std::vector<int> out;
+    for (int i = 0; i < 32; ++i)
+      if (m.mfcc_ttls[i]) out.push_back(i);
+    return out;
+  }
+  bool printed(std::string const& line) const { return std::find(lines.begin(), lines.end(), line) != lines.end(); }
+
+  AgentTestSys sys;
+  MfibTest::Tables tables;
+  Kiv::Ptr<MfibVornDir> vornDir = Vorn::Multicast::Fib::mfibVornDirFactory();
+  KernelMfc v4{Wirly::ipv4}, v6{Wirly::ipv6};
+  std::unique_ptr<RouteEngine> engine;
+  Kiv::Ptr<Status> app;
+  std::vector<std::string> lines;
+  std::uint64_t clockNs = 1000;
+  std::size_t seenAdds = 0;
+};
+
+TEST_F(EngineTest, AnSgRouteIsInstalledAsSoonAsItIsBestAndSharesItsOifSet) {
+  publish(*app, sg("10.1.0.2", "239.1.1.1"), "Ethernet1", {2, 3}, 5);
+  publish(*app, sg("10.1.0.9", "239.1.1.2"), "Ethernet1", {3, 2});
+  auto a = adds();
+  ASSERT_EQ(a.size(), 2u);
+  EXPECT_EQ(IpGenAddr(a[0].mfcc_origin), IpGenAddr("10.1.0.2"));
+  EXPECT_EQ(IpGenAddr(a[0].mfcc_mcastgrp), IpGenAddr("239.1.1.1"));
+  EXPECT_EQ(a[0].mfcc_parent, 1);
+  EXPECT_EQ(oifsOf(a[0]), (std::vector<int>{2, 3}));
+  EXPECT_TRUE(printed("route default (10.1.0.2, 239.1.1.1) static prio 5: Ethernet1 -> Ethernet2,Ethernet3"));
+  EXPECT_TRUE(printed("install (10.1.0.2, 239.1.1.1) Ethernet1 -> Ethernet2,Ethernet3"));
+
+  auto table = engine->mrouteTableColl(Wirly::ipv4)->vrfMrouteTable(L3::VrfName("default"));
+  ASSERT_TRUE(table);
+  auto r1 = table->mroute(sg("10.1.0.2", "239.1.1.1"));
+  auto r2 = table->mroute(sg("10.1.0.9", "239.1.1.2"));
+  ASSERT_TRUE(r1 && r2);
+  EXPECT_EQ(r1->acceptingIntfId(), IntfId("Ethernet1"));
+  EXPECT_EQ(r1->oifSet(), r2->oifSet());  // same outgoing set, one replication list
+  EXPECT_EQ(engine->mrouteTableColl(Wirly::ipv4)->oifSets(), 1u);
+
+  // The same route published again changes nothing in the kernel.
+  publish(*app, sg("10.1.0.2", "239.1.1.1"), "Ethernet1", {2, 3}, 5);
+  EXPECT_TRUE(adds().empty());
+  withdraw(*app, sg("10.1.0.2", "239.1.1.1"));
+  EXPECT_EQ(dels(), 1u);
+  EXPECT_TRUE(printed("route default (10.1.0.2, 239.1.1.1) withdrawn"));
+  EXPECT_TRUE(printed("remove (10.1.0.2, 239.1.1.1)"));
+  EXPECT_FALSE(table->mroute(sg("10.1.0.2", "239.1.1.1")));
+}
+
+TEST_F(EngineTest, AStarGRouteIsInstalledPerSourceAndItsEntriesFollowIt) {
+  publish(*app, starG("239.2.2.2"), "Ethernet1", {2});
+  publish(*app, sg("10.1.0.7", "239.2.2.2"), "Ethernet1", {3});
+  EXPECT_TRUE(printed("route default (*, 239.2.2.2) static prio 1: Ethernet1 -> Ethernet2"));
+  ASSERT_EQ(adds().size(), 1u);  // only the (S, G); the (*, G) waits for traffic
+
+  engine->handleNoCache(Wirly::ipv4, IpGenAddr("10.1.0.2"), IpGenAddr("239.2.2.2"), IntfId("Ethernet1"));
+  engine->handleNoCache(Wirly::ipv4, IpGenAddr("10.1.0.3"), IpGenAddr("239.2.2.2"), IntfId("Ethernet1"));
+  EXPECT_TRUE(printed("upcall nocache (10.1.0.2, 239.2.2.2) on Ethernet1"));
+  EXPECT_TRUE(printed("install (10.1.0.3, 239.2.2.2) Ethernet1 -> Ethernet2"));
+  ASSERT_EQ(adds().size(), 2u);
+
+  // A change of the (*, G) reprograms exactly its two entries, not the (S, G).
+  publish(*app, starG("239.2.2.2"), "Ethernet1", {2, 3});
+  auto a = adds();
+  ASSERT_EQ(a.size(), 2u);
+  for (mfcctl const& m : a) {
+    EXPECT_NE(IpGenAddr(m.mfcc_origin), IpGenAddr("10.1.0.7"));
+    EXPECT_EQ(oifsOf(m), (std::vector<int>{2, 3}));
+  }
+  // Its withdrawal removes them; the (S, G) stays.
+  withdraw(*app, starG("239.2.2.2"));
+  EXPECT_EQ(dels(), 2u);
+  EXPECT_TRUE(printed("remove (10.1.0.2, 239.2.2.2)"));
+  EXPECT_EQ(engine->entries(Wirly::ipv4).size(), 1u);
+  EXPECT_EQ(engine->entries(Wirly::ipv4).begin()->second.origin, KernelEntry::exact);
+}
+
+TEST_F(EngineTest, AFlowWithoutARouteGetsADropEntryThatALaterRouteReplaces) {
+  engine->handleNoCache(Wirly::ipv4, IpGenAddr("10.1.0.2"), IpGenAddr("239.3.3.3"), IntfId("Ethernet2"));
+  engine->handleNoCache(Wirly::ipv4, IpGenAddr("10.1.0.4"), IpGenAddr("239.3.3.3"), IntfId("Ethernet1"));
+  auto a = adds();
+  ASSERT_EQ(a.size(), 2u);
+  EXPECT_EQ(a[0].mfcc_parent, 2);  // where the packet came in
+  EXPECT_TRUE(oifsOf(a[0]).empty());
+  EXPECT_TRUE(printed("install (10.1.0.2, 239.3.3.3) drop"));
+
+  publish(*app, sg("10.1.0.2", "239.3.3.3"), "Ethernet1", {3});
+  a = adds();
+  ASSERT_EQ(a.size(), 1u);
+  EXPECT_EQ(IpGenAddr(a[0].mfcc_origin), IpGenAddr("10.1.0.2"));
+  EXPECT_EQ(oifsOf(a[0]), (std::vector<int>{3}));
+
+  publish(*app, starG("239.3.3.3"), "Ethernet1", {2});
+  a = adds();
+  ASSERT_EQ(a.size(), 1u);  // the other drop entry; the (S, G) keeps its own route
+  EXPECT_EQ(IpGenAddr(a[0].mfcc_origin), IpGenAddr("10.1.0.4"));
+  EXPECT_EQ(oifsOf(a[0]), (std::vector<int>{2}));
+
+  // A report queued before its entry was written changes nothing.
+  engine->handleNoCache(Wirly::ipv4, IpGenAddr("10.1.0.4"), IpGenAddr("239.3.3.3"), IntfId("Ethernet1"));
+  EXPECT_TRUE(adds().empty());
+  // One long after means the kernel lost the entry: written again.
+  clockNs += 3 * RouteEngine::staleUpcallNs;
+  engine->handleNoCache(Wirly::ipv4, IpGenAddr("10.1.0.4"), IpGenAddr("239.3.3.3"), IntfId("Ethernet1"));
+  EXPECT_EQ(adds().size(), 1u);
+}
+
+TEST_F(EngineTest, AFullKernelTableIsRecordedOnTheRouteAndRetried) {
+  sys.failOption[MRT_ADD_MFC] = ENOBUFS;
+  publish(*app, sg("10.1.0.2", "239.4.4.4"), "Ethernet1", {2});
+  auto const& st = engine->routes().at("default").at(sg("10.1.0.2", "239.4.4.4"));
+  EXPECT_TRUE(st.failure.routeFailureHwFull());
+  EXPECT_TRUE(st.failure.hwFailure());
+  EXPECT_EQ(engine->failedEntries(), 1u);
+  EXPECT_FALSE(printed("install (10.1.0.2, 239.4.4.4) Ethernet1 -> Ethernet2"));
+  EXPECT_NE(showText(*engine).find("failures NoSpaceInTcamOrLem"), std::string::npos) << showText(*engine);
+
+  EXPECT_EQ(engine->retryFailed(), 1u);
+  sys.failOption[MRT_ADD_MFC] = 0;
+  EXPECT_EQ(engine->retryFailed(), 0u);
+  EXPECT_EQ(engine->routes().at("default").at(sg("10.1.0.2", "239.4.4.4")).failure.value(), 0u);
+  EXPECT_TRUE(printed("install (10.1.0.2, 239.4.4.4) Ethernet1 -> Ethernet2"));
+}
+
+TEST_F(EngineTest, ALinkChangeReprogramsOnlyTheRoutesThatUseIt) {
+  publish(*app, sg("10.1.0.2", "239.5.5.1"), "Ethernet1", {2});
+  publish(*app, sg("10.1.0.2", "239.5.5.2"), "Ethernet1", {2, 3});
+  publish(*app, starG("239.5.5.3"), "Ethernet1", {3});
+  engine->handleNoCache(Wirly::ipv4, IpGenAddr("10.1.0.5"), IpGenAddr("239.5.5.3"), IntfId("Ethernet1"));
+  engine->handleNoCache(Wirly::ipv4, IpGenAddr("10.1.0.6"), IpGenAddr("239.5.5.9"), IntfId("Ethernet1"));
+  adds();
+
+  EXPECT_EQ(engine->handleLink(IntfId("Ethernet3"), false), 2u);
+  EXPECT_TRUE(printed("link Ethernet3 down: reprogrammed 2 of 4 entries"));
+  auto a = adds();
+  ASSERT_EQ(a.size(), 2u);
+  EXPECT_EQ(IpGenAddr(a[0].mfcc_mcastgrp), IpGenAddr("239.5.5.2"));
+  EXPECT_EQ(oifsOf(a[0]), (std::vector<int>{2}));
+  EXPECT_EQ(IpGenAddr(a[1].mfcc_mcastgrp), IpGenAddr("239.5.5.3"));
+  EXPECT_TRUE(oifsOf(a[1]).empty());
+
+  EXPECT_EQ(engine->handleLink(IntfId("Ethernet3"), false), 0u);  // no change, no line
+  EXPECT_EQ(engine->handleLink(IntfId("Ethernet3"), true), 2u);
+  EXPECT_TRUE(printed("link Ethernet3 up: reprogrammed 2 of 4 entries"));
+  a = adds();
+  ASSERT_EQ(a.size(), 2u);
+  EXPECT_EQ(oifsOf(a[0]), (std::vector<int>{2, 3}));
+}
+
+TEST_F(EngineTest, WrongVifReportsCountAsRpfFailuresOfTheRoute) {
+  publish(*app, starG("239.6.6.6"), "Ethernet1", {2});
+  engine->handleWrongVif(Wirly::ipv4, IpGenAddr("10.1.0.2"), IpGenAddr("239.6.6.6"), IntfId("Ethernet2"));
+  engine->handleWrongVif(Wirly::ipv4, IpGenAddr("10.1.0.3"), IpGenAddr("239.6.6.6"), IntfId("Ethernet2"));
+  engine->handleWrongVif(Wirly::ipv4, IpGenAddr("10.1.0.3"), IpGenAddr("239.7.7.7"), IntfId("Ethernet2"));
+  EXPECT_TRUE(printed("upcall wrongvif (10.1.0.2, 239.6.6.6) on Ethernet2"));
+  auto const& st = engine->routes().at("default").at(starG("239.6.6.6"));
+  EXPECT_EQ(st.mroute->rpfFailureCount(Bridging::VlanId(2)), 2);
+  EXPECT_NE(showJson(*engine).find("\"rpfFailures\": 2"), std::string::npos);
+}
+
+TEST_F(EngineTest, RoutesOfOtherVrfsAreKeptButVisiblyNotProgrammed) {
+  Kiv::Ptr<Status> red = table("red", "static-red");
+  publish(*red, sg("10.1.0.2", "239.8.8.8"), "Ethernet1", {2});
+  EXPECT_TRUE(printed("route red (10.1.0.2, 239.8.8.8) static-red prio 1: Ethernet1 -> Ethernet2"));
+  EXPECT_TRUE(adds().empty());
+  EXPECT_EQ(engine->notProgrammed(), 1u);
+  EXPECT_TRUE(engine->routes().at("red").at(sg("10.1.0.2", "239.8.8.8")).failure.routeFailureVrfStatusNotInited());
+  EXPECT_NE(showText(*engine).find("VRF red (no kernel table: not programmed)"), std::string::npos);
+}
+
+TEST_F(EngineTest, TheBetterApplicationTakesOverAndItsLeavingHandsBack) {
+  publish(*app, sg("10.1.0.2", "239.9.9.9"), "Ethernet1", {2});
+  Kiv::Ptr<Status> pim = table("default", "pim");
+  publish(*pim, sg("10.1.0.2", "239.9.9.9"), "Ethernet1", {3}, 9);
+  EXPECT_TRUE(printed("route default (10.1.0.2, 239.9.9.9) pim prio 9: Ethernet1 -> Ethernet3"));
+  adds();
+  vornDir->vornColl(L3::VrfName("default"))->vornPtrDel(pim.ptr());
+  engine->flush();
+  EXPECT_EQ(lines.back(), "install (10.1.0.2, 239.9.9.9) Ethernet1 -> Ethernet2");
+  auto a = adds();
+  ASSERT_EQ(a.size(), 1u);
+  EXPECT_EQ(oifsOf(a[0]), (std::vector<int>{2}));
+}
+
+TEST_F(EngineTest, IPv6RoutesProgramMifsAndFlowsAreLoggedOnce) {
+  std::vector<std::string> log;
+  engine->flowLogIs([&](Wirly::AddressFamily af, SgKey const& k, KernelEntry const& e) {
+    log.push_back(std::string(af == Wirly::ipv6 ? "ipv6 " : "ipv4 ") + k.source.str() + " " +
+                  (e.recovered ? "recovered" : "upcall"));
+  });
+  publish(*app, starG("ff3e::1"), "Ethernet1", {2, 3});
+  clockNs = 5000;
+  engine->handleNoCache(Wirly::ipv6, IpGenAddr("2001:db8::2"), IpGenAddr("ff3e::1"), IntfId("Ethernet1"));
+  EXPECT_TRUE(engine->handleRecovered(Wirly::ipv6, IpGenAddr("2001:db8::3"), IpGenAddr("ff3e::1")));
+  auto const add = sys.optionsNamed(MRT6_ADD_MFC);
+  std::size_t six = 0;
+  for (auto const& o : add) six += o.level == IPPROTO_IPV6;
+  EXPECT_EQ(six, 2u);
+  EXPECT_EQ(log, (std::vector<std::string>{"ipv6 2001:db8::2 upcall", "ipv6 2001:db8::3 recovered"}));
+  auto const& e = engine->entries(Wirly::ipv6).at({IpGenAddr("ff3e::1"), IpGenAddr("2001:db8::2")});
+  EXPECT_EQ(e.learnedNs, 5000u);
+  EXPECT_EQ(e.installedNs, 5000u);
+  // A change of the route rewrites, and logs nothing again.
+  publish(*app, starG("ff3e::1"), "Ethernet1", {2});
+  EXPECT_EQ(log.size(), 2u);
+  EXPECT_TRUE(printed("install (2001:db8::3, ff3e::1) Ethernet1 -> Ethernet2"));
+}
+
+}  // namespace MrouteAgentTest

@@ -1,0 +1,270 @@
+#include "Show.h"
+
+#include <errno.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <sstream>
+
+#include "Kiv/Exception.h"
+
+namespace MrouteAgent {
+
+namespace {
+
+// One route as show lists it, both forms built from this.
+struct EntryRow {
+  SgKey sg;
+  KernelEntry const* entry;
+  KernelMfc::Counters counters;
+};
+
+struct RouteRow {
+  IpGenRouteKey key;
+  RouteState const* st = nullptr;
+  std::uint64_t packets = 0, bytes = 0, rpfFailures = 0;
+  std::vector<EntryRow> entries;
+};
+
+std::vector<RouteRow> rowsOf(RouteEngine const& engine, std::string const& vrf,
+                             std::map<IpGenRouteKey, RouteState> const& routes) {
+  std::vector<RouteRow> rows;
+  for (auto const& [key, st] : routes) {
+    RouteRow r;
+    r.key = key;
+    r.st = &st;
+    if (st.mroute)
+      for (auto const& [vlan, count] : st.mroute->rpfFailureCountMap()) r.rpfFailures += count;
+    Wirly::AddressFamily const af = key.group().af();
+    KernelMfc const* mfc = engine.mfc(af);
+    if (vrf == RouteEngine::kernelVrf && mfc) {
+      auto const& entries = engine.entries(af);
+      for (auto it = entries.lower_bound({key.group().address(), Wirly::IpGenAddr()});
+           it != entries.end() && it->first.group == key.group().address(); ++it) {
+        if (it->second.origin == KernelEntry::drop || !(it->second.routeKey == key)) continue;
+        EntryRow e{it->first, &it->second, mfc->counters(it->first.source, it->first.group)};
+        r.packets += e.counters.pkts;
+        r.bytes += e.counters.bytes;
+        r.entries.push_back(e);
+      }
+    }
+    rows.push_back(std::move(r));
+  }
+  return rows;
+}
+
+std::vector<std::pair<Wirly::AddressFamily, EntryRow>> dropRows(RouteEngine const& engine) {
+  std::vector<std::pair<Wirly::AddressFamily, EntryRow>> out;
+  for (Wirly::AddressFamily af : {Wirly::ipv4, Wirly::ipv6}) {
+    KernelMfc const* mfc = engine.mfc(af);
+    if (!mfc) continue;
+    for (auto const& [sg, e] : engine.entries(af))
+      if (e.origin == KernelEntry::drop) out.push_back({af, EntryRow{sg, &e, mfc->counters(sg.source, sg.group)}});
+  }
+  return out;
+}
+
+std::string idName(Wirly::IntfId id) { return id.empty() ? std::string("-") : id.name(); }
+
+std::string oifSetId(RouteState const& st) {
+  if (!st.mroute || !st.mroute->oifSet()) return "-";
+  char buf[16];
+  std::snprintf(buf, sizeof buf, "%08x", st.mroute->oifSet()->portVlanSet().hash());
+  return buf;
+}
+
+std::string failuresOf(RouteState const& st) {
+  std::string s = st.failure.pretty();
+  if (st.mappingMissing) s += " OifIndexNotMapped";
+  while (!s.empty() && s.front() == ' ') s.erase(0, 1);
+  return s;
+}
+
+std::string jsonString(std::string const& s) {
+  std::string out = "\"";
+  for (char c : s) {
+    if (c == '"' || c == '\\') {
+      out += '\\';
+      out += c;
+    } else if (static_cast<unsigned char>(c) < 0x20) {
+      char buf[8];
+      std::snprintf(buf, sizeof buf, "\\u%04x", c);
+      out += buf;
+    } else {
+      out += c;
+    }
+  }
+  return out + "\"";
+}
+
+std::string entryJson(EntryRow const& e) {
+  std::ostringstream os;
+  os << "{\"source\": " << jsonString(e.sg.source.str()) << ", \"group\": " << jsonString(e.sg.group.str())
+     << ", \"installed\": " << (e.entry->installed ? "true" : "false") << ", \"packets\": " << e.counters.pkts
+     << ", \"bytes\": " << e.counters.bytes << ", \"learnedNs\": " << e.entry->learnedNs
+     << ", \"installedNs\": " << e.entry->installedNs << ", \"recovered\": " << (e.entry->recovered ? "true" : "false");
+  if (e.entry->error) os << ", \"error\": " << jsonString(std::strerror(e.entry->error));
+  os << "}";
+  return os.str();
+}
+
+}  // namespace
+
+std::string showText(RouteEngine const& engine) {
+  std::ostringstream os;
+  if (engine.routes().empty()) os << "no routes\n";
+  for (auto const& [vrf, routes] : engine.routes()) {
+    if (routes.empty()) continue;
+    bool const kernel = vrf == RouteEngine::kernelVrf;
+    os << "VRF " << vrf << (kernel ? "" : " (no kernel table: not programmed)") << "\n";
+    for (RouteRow const& r : rowsOf(engine, vrf, routes)) {
+      RouteState const& st = *r.st;
+      std::string oifs;
+      for (Wirly::IntfId o : st.oifs) oifs += (oifs.empty() ? "" : ",") + o.name();
+      os << "  " << RouteEngine::keyText(r.key) << "  " << st.app << " prio " << st.priority << "\n"
+         << "    incoming " << idName(st.iif) << "  outgoing " << (oifs.empty() ? "-" : oifs) << "  oif set "
+         << oifSetId(st) << "\n"
+         << "    packets " << r.packets << "  bytes " << r.bytes << "  rpf failures " << r.rpfFailures
+         << "  failures " << (failuresOf(st).empty() ? "none" : failuresOf(st)) << "\n";
+      if (RouteEngine::isStarG(r.key))
+        for (EntryRow const& e : r.entries)
+          os << "      " << RouteEngine::sgText(e.sg) << (e.entry->installed ? "" : " NOT INSTALLED") << "  packets "
+             << e.counters.pkts << "  bytes " << e.counters.bytes << "\n";
+    }
+  }
+  auto drops = dropRows(engine);
+  if (!drops.empty()) {
+    os << "drop entries (no route)\n";
+    for (auto const& [af, e] : drops)
+      os << "  " << RouteEngine::sgText(e.sg) << (e.entry->installed ? "" : " NOT INSTALLED") << "  packets "
+         << e.counters.pkts << "  bytes " << e.counters.bytes << "\n";
+  }
+  os << "upcalls " << engine.upcalls() << "  recovered flows " << engine.recoveredFlows() << "  routes not programmed "
+     << engine.notProgrammed() << "  entries refused " << engine.failedEntries() << "\n";
+  return os.str();
+}
+
+std::string showJson(RouteEngine const& engine) {
+  std::ostringstream os;
+  os << "{\"vrfs\": [";
+  bool firstVrf = true;
+  for (auto const& [vrf, routes] : engine.routes()) {
+    if (routes.empty()) continue;
+    os << (firstVrf ? "" : ", ") << "{\"name\": " << jsonString(vrf)
+       << ", \"kernel\": " << (vrf == RouteEngine::kernelVrf ? "true" : "false") << ", \"routes\": [";
+    firstVrf = false;
+    bool firstRoute = true;
+    for (RouteRow const& r : rowsOf(engine, vrf, routes)) {
+      RouteState const& st = *r.st;
+      os << (firstRoute ? "" : ", ") << "{\"source\": "
+         << jsonString(RouteEngine::isStarG(r.key) ? std::string("*") : r.key.source().address().str())
+         << ", \"group\": " << jsonString(r.key.group().address().str()) << ", \"app\": " << jsonString(st.app)
+         << ", \"priority\": " << st.priority << ", \"iif\": " << jsonString(idName(st.iif)) << ", \"oifs\": [";
+      firstRoute = false;
+      for (std::size_t i = 0; i < st.oifs.size(); ++i) os << (i ? ", " : "") << jsonString(st.oifs[i].name());
+      os << "], \"oifSet\": " << jsonString(oifSetId(st)) << ", \"packets\": " << r.packets
+         << ", \"bytes\": " << r.bytes << ", \"rpfFailures\": " << r.rpfFailures
+         << ", \"failures\": " << jsonString(failuresOf(st)) << ", \"entries\": [";
+      for (std::size_t i = 0; i < r.entries.size(); ++i) os << (i ? ", " : "") << entryJson(r.entries[i]);
+      os << "]}";
+    }
+    os << "]}";
+  }
+  os << "], \"dropEntries\": [";
+  auto drops = dropRows(engine);
+  for (std::size_t i = 0; i < drops.size(); ++i) os << (i ? ", " : "") << entryJson(drops[i].second);
+  os << "], \"upcalls\": " << engine.upcalls() << ", \"recovered\": " << engine.recoveredFlows()
+     << ", \"notProgrammed\": " << engine.notProgrammed() << ", \"refused\": " << engine.failedEntries() << "}\n";
+  return os.str();
+}
+
+ShowServer::ShowServer(Kiv::EventLoop& loop, RouteEngine const& engine, std::string path)
+    : loop_(loop), engine_(engine), path_(std::move(path)) {
+  sockaddr_un addr{};
+  if (path_.size() >= sizeof addr.sun_path) throw Kiv::RangeException("show socket path too long: " + path_);
+  addr.sun_family = AF_UNIX;
+  std::memcpy(addr.sun_path, path_.c_str(), path_.size() + 1);
+  listen_ = Kiv::FileDesc(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  if (!listen_) throw Kiv::ErrnoException("socket", errno);
+  ::unlink(path_.c_str());
+  // A closed mask: nobody else can connect between bind and any chmod.
+  mode_t const old = ::umask(077);
+  int const rc = ::bind(listen_.fd(), reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+  int const err = errno;
+  ::umask(old);
+  if (rc != 0) throw Kiv::ErrnoException("bind", err);
+  if (::listen(listen_.fd(), 16) != 0) throw Kiv::ErrnoException("listen", errno);
+  loop_.readableIs(listen_.fd(), [this] { doAccept(); });
+}
+
+ShowServer::~ShowServer() {
+  while (!clients_.empty()) doDrop(clients_.begin()->first);
+  loop_.readableDel(listen_.fd());
+  ::unlink(path_.c_str());
+}
+
+void ShowServer::doAccept() {
+  for (;;) {
+    int const fd = ::accept4(listen_.fd(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    if (fd < 0) return;
+    Kiv::FileDesc conn(fd);
+    ucred cred{};
+    socklen_t len = sizeof cred;
+    if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0 || cred.uid != ::getuid()) continue;
+    Client& c = clients_[fd];
+    c.fd = std::move(conn);
+    c.timer = loop_.timerIs(requestTimeout, [this, fd] {
+      clients_[fd].timer = 0;
+      doDrop(fd);
+    });
+    loop_.readableIs(fd, [this, fd] { doRead(fd); });
+  }
+}
+
+void ShowServer::doRead(int fd) {
+  Client& c = clients_[fd];
+  char buf[512];
+  ssize_t const n = ::read(fd, buf, sizeof buf);
+  if (n < 0 && (errno == EAGAIN || errno == EINTR)) return;
+  if (n <= 0) {
+    doDrop(fd);
+    return;
+  }
+  c.in.append(buf, static_cast<std::size_t>(n));
+  std::size_t const nl = c.in.find('\n');
+  if (nl == std::string::npos) {
+    if (c.in.size() > 256) doDrop(fd);
+    return;
+  }
+  std::string const request = c.in.substr(0, nl);
+  std::string const out = request == "show json"   ? showJson(engine_)
+                          : request == "show text" ? showText(engine_)
+                                                   : "error: unknown request '" + request + "'\n";
+  // Sent in this turn; a client that does not read within the timeout loses
+  // the rest rather than stall the agent.
+  timeval tv{1, 0};
+  ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
+  c.fd.nonBlockingIs(false);
+  std::size_t sent = 0;
+  while (sent < out.size()) {
+    ssize_t const w = ::send(fd, out.data() + sent, out.size() - sent, MSG_NOSIGNAL);
+    if (w < 0 && errno == EINTR) continue;
+    if (w <= 0) break;
+    sent += static_cast<std::size_t>(w);
+  }
+  doDrop(fd);
+}
+
+void ShowServer::doDrop(int fd) {
+  auto it = clients_.find(fd);
+  if (it == clients_.end()) return;
+  loop_.readableDel(fd);
+  if (it->second.timer != 0) loop_.timerDel(it->second.timer);
+  clients_.erase(it);
+}
+
+}  // namespace MrouteAgent
