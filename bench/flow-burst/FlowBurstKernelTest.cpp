@@ -7,8 +7,10 @@
 #include <poll.h>
 
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <fstream>
+#include <iterator>
 #include <map>
 #include <sstream>
 #include <thread>
@@ -185,6 +187,54 @@ TEST(FlowBurstKernelTest, TheProgramCountsRaisedInstalledAndDeliveredFlows) {
   EXPECT_EQ(f["delivered"], "10");
   EXPECT_NE(f["entry_median_ms"], "-");
   EXPECT_EQ(f["send_failures"], "0");
+}
+
+TEST(FlowBurstKernelTest, TheFloorDaemonInstallsEveryFlowInEitherOrder) {
+  TOPOLOGY(t);
+  for (char const* order : {"", " --oldest-first"}) {
+    std::string const log = "/tmp/flow-burst-daemon-" + std::to_string(::getpid()) + ".log";
+    std::string const daemon = "ip netns exec " + t.router().str() + " " + FLOW_BURST_PATH + " daemon va vc" + order +
+                               " >" + log + " 2>&1 & echo $!";
+    FILE* f = ::popen(daemon.c_str(), "r");
+    ASSERT_NE(f, nullptr);
+    int pid = 0;
+    ASSERT_EQ(std::fscanf(f, "%d", &pid), 1);
+    ::pclose(f);
+    auto const ready = [&] {
+      std::ifstream in(log);
+      std::string line;
+      return std::getline(in, line) && line == "ready";
+    };
+    for (int i = 0; i < 100 && !ready(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    bool const started = ready();
+    std::string const out = "/tmp/flow-burst-test-" + std::to_string(::getpid()) + ".txt";
+    std::string output;
+    if (started) {
+      output = runIn(t.router(), std::string(FLOW_BURST_PATH) + " run --system floor --sender " + t.sender().str() +
+                                     " --sender-intf vb --receiver " + t.sender().str() +
+                                     " --receiver-intf vd --source 10.0.1.2 --groups 225.9.1.0 --flows 300"
+                                     " --quiet 0.5 --wait 3 --out " +
+                                     out);
+    }
+    ::kill(pid, SIGTERM);
+    // It says what it did as it ends (not our child: its exit cannot be waited for).
+    auto const ended = [&] {
+      std::ifstream in(log);
+      std::string const text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+      return text.find("installed ") != std::string::npos ? text : std::string();
+    };
+    std::string daemonLog;
+    for (int i = 0; i < 100 && (daemonLog = ended()).empty(); ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    std::remove(log.c_str());
+    auto fig = figures(out);
+    std::remove(out.c_str());
+    ASSERT_TRUE(started) << daemonLog;
+    EXPECT_EQ(fig["installed"], "300") << order << output;
+    EXPECT_EQ(fig["delivered"], "300") << order;
+    EXPECT_NE(daemonLog.find("installed 300, failed 0"), std::string::npos) << daemonLog;
+  }
 }
 
 }  // namespace
