@@ -11,13 +11,13 @@
 #include <iostream>
 #include <map>
 
+#include "KernelMfc.h"
 #include "Kiv/AttrServer.h"
 #include "Kiv/Dir.h"
 #include "Kiv/EventLoop.h"
 #include "Kiv/Exception.h"
 #include "Kiv/System.h"
 #include "Kiv/Trace.h"
-#include "KernelMfc.h"
 #include "LinkWatch.h"
 #include "Mfib/MfibDir.h"
 #include "Mfib/MfibDirSm.h"
@@ -69,8 +69,7 @@ void setRcvBuf(int fd, int bytes) {
 // Hands each parsed upcall of one family to the engine as its counter moves.
 class UpcallWatch : public MrtNotifyPamManager::NotifieeConst {
  public:
-  UpcallWatch(Kiv::Ptr<MrtNotifyPamManager> const& m, RouteEngine* engine, std::function<void()> onError)
-      : NotifieeConst(m), engine_(engine), onError_(std::move(onError)) {}
+  UpcallWatch(Kiv::Ptr<MrtNotifyPamManager> const& m, RouteEngine* engine) : NotifieeConst(m), engine_(engine) {}
   void onNoCacheCounter() override {
     auto const& m = *notifier()->noCacheMessage();
     engine_->handleNoCache(notifier()->af(), m.source(), m.group(), m.intfId());
@@ -86,7 +85,6 @@ class UpcallWatch : public MrtNotifyPamManager::NotifieeConst {
 
  private:
   RouteEngine* engine_;
-  std::function<void()> onError_;
 };
 
 // A netlink receive error is a queue overflow: reports were lost.
@@ -254,7 +252,8 @@ bool AgentImpl::doDirectory() {
   }
   vornDir_ = Vorn::Multicast::Fib::mfibVornDirFactory();
   engine_ = std::make_unique<RouteEngine>(
-      intfs_, vornDir_, [this](L3::VrfName const& v, Vorn::Multicast::Fib::Status const& t) { return appNameOf(v, t); });
+      intfs_, vornDir_,
+      [this](L3::VrfName const& v, Vorn::Multicast::Fib::Status const& t) { return appNameOf(v, t); });
   engine_->sinkIs([this](std::string const& line) { emit(line); });
   engine_->flushRequestIs([this] {
     if (flushTimer_ == 0)
@@ -322,7 +321,7 @@ bool AgentImpl::doUpcalls(Family& f) {
       }
     }
     f.manager->optionsIs(nocache | wrongvif | wholepkt);
-    f.watch = std::make_unique<UpcallWatch>(f.manager, engine_.get(), nullptr);
+    f.watch = std::make_unique<UpcallWatch>(f.manager, engine_.get());
     if (!f.ownSocketUpcalls) {
       f.sm = mrtNotifySmFactory(f.manager, engine_->kernelStatus(f.af));
       f.sm->loopQuantumIs(0.05);

@@ -19,7 +19,8 @@
 //   <ipv4|ipv6> <source> <group> <learnedNs> <installedNs> <upcall|recovered>
 // both times CLOCK_MONOTONIC nanoseconds (the clock every namespace shares):
 // learned is when the agent parsed the upcall (or found the flow in the
-// kernel's unresolved list), installed when MRT_ADD_MFC returned.
+// kernel's unresolved list), installed when MRT_ADD_MFC returned. The
+// same two times are in `show --json`, per entry (learnedNs, installedNs).
 #pragma once
 
 #include <cstdint>

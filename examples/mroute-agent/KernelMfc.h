@@ -76,8 +76,8 @@ class KernelMfc {
 
   // The wire images, for tests and traces: struct mfcctl (60 bytes) or
   // struct mf6cctl (92 bytes).
-  std::vector<std::uint8_t> mfcBytes(Wirly::IpGenAddr const& source, Wirly::IpGenAddr const& group,
-                                     std::uint16_t iif, std::vector<std::uint16_t> const& oifs) const;
+  std::vector<std::uint8_t> mfcBytes(Wirly::IpGenAddr const& source, Wirly::IpGenAddr const& group, std::uint16_t iif,
+                                     std::vector<std::uint16_t> const& oifs) const;
 
  private:
   void doClose();

@@ -7,7 +7,7 @@
 #include <cstring>
 #include <sstream>
 
-#include "Kiv/Trace.h"
+#include "AgentTrace.h"
 #include "Mfib/RouteIntfIteratorConst.h"
 
 namespace MrouteAgent {
@@ -18,10 +18,7 @@ using Vorn::Multicast::Fib::RouteIntfRole;
 
 namespace {
 
-Kiv::TraceHandle& th() {
-  static Kiv::TraceHandle h("Mroute::Agent");
-  return h;
-}
+Kiv::TraceHandle& th() { return agentTrace(); }
 
 unsigned hostLen(Wirly::AddressFamily af) { return af == Wirly::ipv6 ? 128 : 32; }
 
@@ -64,10 +61,11 @@ MrouteLib::MrouteFailureReason reasonOf(int err) {
   return r;
 }
 
-constexpr std::uint32_t programmingMask =
-    MrouteLib::MrouteFailureReason::routeFailureHwFullMask | MrouteLib::MrouteFailureReason::oifSetFailureNotMappedMask |
-    MrouteLib::MrouteFailureReason::routeFailureBadAddrMask | MrouteLib::MrouteFailureReason::notInitedMask |
-    MrouteLib::MrouteFailureReason::routeFailureNoRouteInfoMask;
+constexpr std::uint32_t programmingMask = MrouteLib::MrouteFailureReason::routeFailureHwFullMask |
+                                          MrouteLib::MrouteFailureReason::oifSetFailureNotMappedMask |
+                                          MrouteLib::MrouteFailureReason::routeFailureBadAddrMask |
+                                          MrouteLib::MrouteFailureReason::notInitedMask |
+                                          MrouteLib::MrouteFailureReason::routeFailureNoRouteInfoMask;
 
 }  // namespace
 
@@ -343,8 +341,8 @@ void RouteEngine::doRoute(Vrf& vrf, IpGenRouteKey const& key) {
       KIV_TRACE(th(), 3,
                 "route " << vrfName << " " << keyText(key) << " not programmed: "
                          << (vrfName != kernelVrf ? "the VRF has no kernel table"
-                                                  : mfc_[idx(af)] ? "not a host or any-source route"
-                                                                  : "its family is not programmed"));
+                             : mfc_[idx(af)]      ? "not a host or any-source route"
+                                                  : "its family is not programmed"));
     }
     now.failure.routeFailureVrfStatusNotInitedIs(true);
   }
@@ -395,8 +393,7 @@ void RouteEngine::doKernelFor(IpGenRouteKey const& key) {
   doProgram(af, SgKey{key.group().address(), key.source().address()}, true);
 }
 
-std::vector<std::uint16_t> RouteEngine::vifsOf(Wirly::AddressFamily af, RouteState const& st,
-                                               std::uint16_t iif) const {
+std::vector<std::uint16_t> RouteEngine::vifsOf(Wirly::AddressFamily af, RouteState const& st, std::uint16_t iif) const {
   std::vector<std::uint16_t> out;
   for (Wirly::IntfId o : st.oifs) {
     std::uint16_t const v = kernelStatus_[idx(af)]->intfVif(o);
@@ -427,8 +424,8 @@ bool RouteEngine::doProgram(Wirly::AddressFamily af, SgKey const& sg, bool creat
       // Nothing to accept on: the route cannot forward; hold the flow as a
       // drop entry and say why on the route.
       st->failure.routeFailureNoRouteInfoIs(true);
-      KIV_TRACE(th(), 2, "route " << keyText(*routeKey) << ": incoming interface " << intfText(st->iif)
-                                  << " is not configured");
+      KIV_TRACE(th(), 2,
+                "route " << keyText(*routeKey) << ": incoming interface " << intfText(st->iif) << " is not configured");
     } else {
       want.origin = isStarG(*routeKey) ? KernelEntry::fromStarG : KernelEntry::exact;
       want.routeKey = *routeKey;
@@ -440,25 +437,25 @@ bool RouteEngine::doProgram(Wirly::AddressFamily af, SgKey const& sg, bool creat
   } else if (it->second.origin != KernelEntry::drop) {
     // Its route went: the entry goes; the next packet asks again.
     int const err = mfc->mfcDel(sg.source, sg.group, it->second.iif);
-    if (err != 0 && err != ENOENT)
-      KIV_TRACE(th(), 2, "remove " << sgText(sg) << " failed: " << std::strerror(err));
+    if (err != 0 && err != ENOENT) KIV_TRACE(th(), 2, "remove " << sgText(sg) << " failed: " << std::strerror(err));
     emit("remove " + sgText(sg));
     entries.erase(it);
     return true;
   }
   if (want.origin == KernelEntry::drop) {
-    if (it != entries.end() && it->second.origin == KernelEntry::drop) {
+    // A drop entry needs some incoming VIF; the kernel matches (S, G) alone.
+    if (it != entries.end() && it->second.origin == KernelEntry::drop && it->second.iif != 0)
       want.iif = it->second.iif;
-    } else {
+    else
       want.iif = askedVif != 0 ? askedVif : (intfs_.empty() ? 0 : intfs_.front().vif);
-    }
   }
-  if (it != entries.end() && it->second.installed && it->second.origin == want.origin &&
-      it->second.iif == want.iif && it->second.oifs == want.oifs) {
+  if (it != entries.end() && it->second.installed && it->second.origin == want.origin && it->second.iif == want.iif &&
+      it->second.oifs == want.oifs) {
     it->second.routeKey = want.routeKey;
     return false;
   }
-  if (it == entries.end()) it = entries.emplace(sg, want).first;
+  if (it == entries.end())
+    it = entries.emplace(sg, want).first;
   else {
     want.installedNs = it->second.installedNs;
     it->second = want;
@@ -498,8 +495,8 @@ bool RouteEngine::doWrite(Wirly::AddressFamily af, SgKey const& sg, KernelEntry&
   return true;
 }
 
-void RouteEngine::handleNoCache(Wirly::AddressFamily af, Wirly::IpGenAddr const& source,
-                                Wirly::IpGenAddr const& group, Wirly::IntfId intf) {
+void RouteEngine::handleNoCache(Wirly::AddressFamily af, Wirly::IpGenAddr const& source, Wirly::IpGenAddr const& group,
+                                Wirly::IntfId intf) {
   ++upcalls_;
   emit("upcall nocache " + sgText({group, source}) + " on " + intfText(intf));
   if (!mfc_[idx(af)]) return;
@@ -549,8 +546,8 @@ bool RouteEngine::handleRecovered(Wirly::AddressFamily af, Wirly::IpGenAddr cons
   return fresh;
 }
 
-void RouteEngine::handleWrongVif(Wirly::AddressFamily af, Wirly::IpGenAddr const& source,
-                                 Wirly::IpGenAddr const& group, Wirly::IntfId intf) {
+void RouteEngine::handleWrongVif(Wirly::AddressFamily af, Wirly::IpGenAddr const& source, Wirly::IpGenAddr const& group,
+                                 Wirly::IntfId intf) {
   ++upcalls_;
   emit("upcall wrongvif " + sgText({group, source}) + " on " + intfText(intf));
   std::optional<IpGenRouteKey> const key = routeFor(af, {group, source});

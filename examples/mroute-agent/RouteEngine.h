@@ -124,9 +124,7 @@ class RouteEngine {
   Kiv::Ptr<Routing::KernelMfib::Status> const& kernelStatus(Wirly::AddressFamily af) const {
     return kernelStatus_[idx(af)];
   }
-  Kiv::Ptr<MrouteLib::MrouteTableColl> const& mrouteTableColl(Wirly::AddressFamily af) const {
-    return coll_[idx(af)];
-  }
+  Kiv::Ptr<MrouteLib::MrouteTableColl> const& mrouteTableColl(Wirly::AddressFamily af) const { return coll_[idx(af)]; }
   std::vector<IntfConfig> const& intfs() const { return intfs_; }
 
   // Recomputes every key noted since the last flush.

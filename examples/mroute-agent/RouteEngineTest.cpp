@@ -32,11 +32,10 @@ class EngineTest : public testing::Test {
   void SetUp() override {
     v4.open();
     v6.open();
-    engine = std::make_unique<RouteEngine>(
-        std::vector<IntfConfig>{{IntfId("Ethernet1"), "Ethernet1", 11, 1},
-                                {IntfId("Ethernet2"), "Ethernet2", 12, 2},
-                                {IntfId("Ethernet3"), "Ethernet3", 13, 3}},
-        vornDir, [](L3::VrfName const&, Status const& t) { return t.name().str(); });
+    engine = std::make_unique<RouteEngine>(std::vector<IntfConfig>{{IntfId("Ethernet1"), "Ethernet1", 11, 1},
+                                                                   {IntfId("Ethernet2"), "Ethernet2", 12, 2},
+                                                                   {IntfId("Ethernet3"), "Ethernet3", 13, 3}},
+                                           vornDir, [](L3::VrfName const&, Status const& t) { return t.name().str(); });
     engine->sinkIs([this](std::string const& l) { lines.push_back(l); });
     engine->clockIs([this] { return clockNs; });
     engine->mfcIs(Wirly::ipv4, &v4);

@@ -128,8 +128,8 @@ std::string showText(RouteEngine const& engine) {
       os << "  " << RouteEngine::keyText(r.key) << "  " << st.app << " prio " << st.priority << "\n"
          << "    incoming " << idName(st.iif) << "  outgoing " << (oifs.empty() ? "-" : oifs) << "  oif set "
          << oifSetId(st) << "\n"
-         << "    packets " << r.packets << "  bytes " << r.bytes << "  rpf failures " << r.rpfFailures
-         << "  failures " << (failuresOf(st).empty() ? "none" : failuresOf(st)) << "\n";
+         << "    packets " << r.packets << "  bytes " << r.bytes << "  rpf failures " << r.rpfFailures << "  failures "
+         << (failuresOf(st).empty() ? "none" : failuresOf(st)) << "\n";
       if (RouteEngine::isStarG(r.key))
         for (EntryRow const& e : r.entries)
           os << "      " << RouteEngine::sgText(e.sg) << (e.entry->installed ? "" : " NOT INSTALLED") << "  packets "

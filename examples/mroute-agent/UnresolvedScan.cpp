@@ -8,17 +8,14 @@
 
 #include <cstring>
 
-#include "Kiv/Trace.h"
+#include "AgentTrace.h"
 #include "Wirly/Sys.h"
 
 namespace MrouteAgent {
 
 namespace {
 
-Kiv::TraceHandle& th() {
-  static Kiv::TraceHandle h("Mroute::Agent");
-  return h;
-}
+Kiv::TraceHandle& th() { return agentTrace(); }
 
 }  // namespace
 

@@ -34,6 +34,11 @@ show  lists what the running agent NAME holds, per VRF and route: owner,
       interfaces, shared OIF set, kernel counters, RPF failures, failures.
         --json           the same as one JSON document
 
+Environment: VORN_ROOT (the table root), MROUTE_AGENT_DIR (where the show
+socket lies; default /tmp/mroute-agent-<uid>), KIV_INTROSPECT_DIR (kivctl's
+socket), MROUTE_AGENT_RCVBUF (bytes of the upcall queue; default 32 MiB),
+MCAST_NO_NETLINK (relay IPv6 upcalls from the routing socket).
+
 Exit status: 0 after a signal, 1 when set-up fails (no privilege, the kernel
 table taken, an unknown interface), 2 for a usage error.
 )";
@@ -108,8 +113,15 @@ int main(int argc, char** argv) {
   ::sigaction(SIGINT, &sa, nullptr);
   ::sigaction(SIGTERM, &sa, nullptr);
   ::signal(SIGPIPE, SIG_IGN);
-  MrouteAgent::Agent agent(o);
-  if (int const rc = agent.start()) return rc;
-  agent.run([] { return stopRequested != 0; });
+  try {
+    MrouteAgent::Agent agent(o);
+    if (int const rc = agent.start()) return rc;
+    agent.run([] { return stopRequested != 0; });
+  } catch (std::exception const& e) {
+    // Set-up that the agent does not check itself (the table root, the
+    // directory mount): still a clear message and status 1, not an abort.
+    std::cerr << "mroute-agent: " << e.what() << "\n";
+    return 1;
+  }
   return 0;
 }

@@ -42,27 +42,28 @@ bool validAppName(std::string const& name) {
          std::string::npos;
 }
 
-// Reads the file and applies it; false when the file cannot be read (then
-// nothing changes).
-bool load(MrouteStatic::StaticPublisher& pub, std::string const& file) {
+// Reads and parses the file, reporting its malformed lines; false when it
+// cannot be read.
+bool read(std::string const& file, MrouteStatic::ParsedFile& parsed) {
   std::ifstream in(file);
   if (!in) {
-    std::cerr << "mroute-static: cannot read " << file << ": " << std::strerror(errno) << "; keeping "
-              << pub.published().size() << " routes" << std::endl;
+    std::cerr << "mroute-static: cannot read " << file << ": " << std::strerror(errno);
     return false;
   }
-  MrouteStatic::ParsedFile parsed = MrouteStatic::parseRoutes(in, file);
+  parsed = MrouteStatic::parseRoutes(in, file);
   if (in.bad()) {
-    std::cerr << "mroute-static: error reading " << file << "; keeping " << pub.published().size() << " routes"
-              << std::endl;
+    std::cerr << "mroute-static: error reading " << file;
     return false;
   }
   for (std::string const& e : parsed.errors) std::cerr << e << "\n";
+  return true;
+}
+
+void apply(MrouteStatic::StaticPublisher& pub, MrouteStatic::ParsedFile const& parsed) {
   MrouteStatic::StaticPublisher::Change const c = pub.apply(parsed.routes);
   for (std::string const& p : pub.problems()) std::cerr << "mroute-static: " << p << "\n";
   std::cerr.flush();
   std::cout << pub.summary(c) << std::endl;
-  return true;
 }
 
 }  // namespace
@@ -108,15 +109,25 @@ int main(int argc, char** argv) {
   ::sigprocmask(SIG_BLOCK, &signals, nullptr);
 
   try {
+    // A file that cannot be read at the start publishes nothing at all,
+    // not even the application's directory entry.
+    MrouteStatic::ParsedFile parsed;
+    if (!read(file, parsed)) {
+      std::cerr << std::endl;
+      return 1;
+    }
     auto em = Stelo::EntityManager::entityManagerIs();
     MrouteStatic::StaticPublisher pub(app, em);
-    if (!load(pub, file)) return 1;
+    apply(pub, parsed);
     if (once) return 0;
     for (;;) {
       int const sig = ::sigwaitinfo(&signals, nullptr);
       if (sig < 0) continue;  // EINTR
       if (sig == SIGHUP) {
-        load(pub, file);
+        if (read(file, parsed))
+          apply(pub, parsed);
+        else
+          std::cerr << "; keeping " << pub.published().size() << " routes" << std::endl;
         continue;
       }
       pub.withdraw();
