@@ -254,7 +254,7 @@ Fd receiver(std::string const& ns, std::vector<std::string> const& groups, bool 
     sockaddr_in6 a{};
     a.sin6_family = AF_INET6;
     a.sin6_port = htons(5000);
-    ::bind(s.fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
+    if (::bind(s.fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) return Fd();
     for (std::string const& g : groups) {
       ipv6_mreq m{};
       ::inet_pton(AF_INET6, g.c_str(), &m.ipv6mr_multiaddr);
@@ -265,7 +265,7 @@ Fd receiver(std::string const& ns, std::vector<std::string> const& groups, bool 
     sockaddr_in a{};
     a.sin_family = AF_INET;
     a.sin_port = htons(5000);
-    ::bind(s.fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
+    if (::bind(s.fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) return Fd();
     for (std::string const& g : groups) {
       ip_mreqn m{};
       ::inet_pton(AF_INET, g.c_str(), &m.imr_multiaddr);

@@ -16,7 +16,8 @@
 namespace MrouteAgent {
 
 static_assert(sizeof(mfcctl) == 60 && sizeof(mf6cctl) == 92 && sizeof(vifctl) == 16 && sizeof(mif6ctl) == 12);
-static_assert(KernelMfc::maxVifs == MAXVIFS && KernelMfc::maxVifs == MAXMIFS);
+static_assert(KernelMfc::maxVifs == MAXVIFS);
+static_assert(KernelMfc::maxVifs == MAXMIFS);
 
 namespace {
 
