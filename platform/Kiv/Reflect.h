@@ -271,6 +271,17 @@ V parse(std::string_view t) {
   }
 }
 
+// An operation's argument: as a value is read, except that a pointer has no
+// text form here (None would hand the operation a null it does not expect).
+template <class V>
+V parseArg(std::string_view t) {
+  if constexpr (IsPtr<V>::value || std::is_pointer_v<V>) {
+    throw ParseException("no text form to read a " + valueTypeName<V>() + " argument from: " + std::string(t));
+  } else {
+    return parse<V>(t);
+  }
+}
+
 template <class Self>
 Self& self(Entity& e) {
   return static_cast<Self&>(e);
@@ -459,10 +470,38 @@ struct Operation<Self, Fn> {
   template <std::size_t... I>
   static std::string call(Self& s, std::vector<std::string> const& parts, std::index_sequence<I...>) {
     if constexpr (std::is_void_v<R>) {
-      (s.*Fn)(ReflectDetail::parse<std::decay_t<A>>(parts[I])...);
+      (s.*Fn)(ReflectDetail::parseArg<std::decay_t<A>>(parts[I])...);
       return std::string();
     } else {
-      return ReflectDetail::text<std::decay_t<R>>((s.*Fn)(ReflectDetail::parse<std::decay_t<A>>(parts[I])...));
+      return ReflectDetail::text<std::decay_t<R>>((s.*Fn)(ReflectDetail::parseArg<std::decay_t<A>>(parts[I])...));
+    }
+  }
+  static std::string signature() {
+    std::string s = "(";
+    ((s += (s.size() > 1 ? ", " : "") + valueTypeName<std::decay_t<A>>()), ...);
+    s += ")";
+    if constexpr (!std::is_void_v<R>) s += " -> " + valueTypeName<std::decay_t<R>>();
+    return s;
+  }
+};
+
+// A const operation (a query such as isDirty) is invoked the same way.
+template <class Self, class C, class R, class... A, R (C::*Fn)(A...) const>
+struct Operation<Self, Fn> {
+  static std::string invoke(Entity& e, std::string_view args) {
+    std::vector<std::string> parts = splitArgs(args);
+    if (parts.size() != sizeof...(A))
+      throw RangeException(std::string(e.typeName()) + " operation takes " + std::to_string(sizeof...(A)) +
+                           " argument(s), given " + std::to_string(parts.size()));
+    return call(ReflectDetail::self<Self>(e), parts, std::index_sequence_for<A...>{});
+  }
+  template <std::size_t... I>
+  static std::string call(Self const& s, std::vector<std::string> const& parts, std::index_sequence<I...>) {
+    if constexpr (std::is_void_v<R>) {
+      (s.*Fn)(ReflectDetail::parseArg<std::decay_t<A>>(parts[I])...);
+      return std::string();
+    } else {
+      return ReflectDetail::text<std::decay_t<R>>((s.*Fn)(ReflectDetail::parseArg<std::decay_t<A>>(parts[I])...));
     }
   }
   static std::string signature() {
@@ -618,6 +657,19 @@ struct Access {
 // An operation invocable by name; its arguments are read from text.
 #define KIV_REFLECT_OPERATION(n) \
   KIV_REFLECT_SLOT_ { return ::Kiv::Reflect::operation<KivSelf, &KivSelf::n>(#n); }
+
+// One overload of an overloaded operation, chosen by its member pointer
+// type: KIV_REFLECT_OPERATION_SIG(handleFastdrop, void (KivSelf::*)()).
+#define KIV_REFLECT_OPERATION_SIG(n, sig) \
+  KIV_REFLECT_SLOT_ { return ::Kiv::Reflect::operation<KivSelf, static_cast<sig>(&KivSelf::n)>(#n); }
+
+// A pointer attribute whose setter makes its value itself (nIs() with no
+// argument) and whose deleter drops it: by name only None is written, and
+// it removes, as for every pointer setter.
+#define KIV_REFLECT_POINTER_DEL(n)                                                                    \
+  KIV_REFLECT_SCALAR_KIND_(n, ::Kiv::AttrKind::scalar, [](KivSelf& s, auto&& v) {                     \
+    if (!v) s.n##Del();                                                                               \
+  })
 
 // A Kiv::LinkQueue returned by queueFn(), with nIs(index, payload) and
 // nDel(index); payloadName names the payload in each entry's text form.
