@@ -70,7 +70,7 @@ bool isQuoted(std::string const& seg) { return seg.size() >= 2 && seg.front() ==
 // of entities, so that an entry can be made or removed. A segment that names
 // no attribute is a key of the entity's path collection, if it has one (a
 // quoted segment always is).
-Target resolve(Entity const& root, std::string_view path, bool keyLast, bool invoke) {
+Target resolve(Entity const& root, std::string_view path, bool keyLast) {
   Target t;
   t.entity = Ptr<Entity>(const_cast<Entity*>(&root));
   std::string walked;
@@ -99,7 +99,7 @@ Target resolve(Entity const& root, std::string_view path, bool keyLast, bool inv
         t.keyed = true;
         continue;
       }
-      if (a == nullptr && invoke && last && derivedOperation(*t.entity, seg).attr != nullptr) {
+      if (a == nullptr && derivedOperation(*t.entity, seg).attr != nullptr) {
         t.derived = seg;
         continue;
       }
@@ -215,7 +215,7 @@ std::string oneValue(std::string const& value, bool json) {
 
 std::string answerOf(Entity const& root, std::string_view verb, bool json, std::string_view path,
                      std::string_view arg) {
-  Target t = resolve(root, path, verb == "set" || verb == "del", verb == "invoke");
+  Target t = resolve(root, path, verb == "set" || verb == "del");
   Entity const& e = *t.entity;
   if (!t.derived.empty()) {
     if (verb != "invoke") throw RangeException(std::string(path) + " is an operation: invoke it");

@@ -31,9 +31,13 @@ class Host : public Kiv::Entity {
   Kiv::Ptr<Host> peer() const { return peer_; }
   void peerIs(Kiv::Ptr<Host> const& p) { peer_ = p; }
   KIV_REFLECT_SCALAR(peer)
+  std::uint16_t drops() const { return drops_; }
+  void dropsIs(std::uint16_t d) { drops_ = d; }
+  KIV_REFLECT_COUNTER(drops)
   KIV_REFLECT_END
 
  private:
+  std::uint16_t drops_ = 0;
   std::map<std::string, std::string> route_;
   Kiv::Ptr<Host> peer_;
 };
@@ -63,6 +67,30 @@ TEST_F(AttrServerAnswer, PathsWalkDirEntriesPointersAndQuotedSegments) {
   EXPECT_EQ(ask("del\ttext\t/b/route/'192.168.0.0/16'\t"), "ok\n");
   EXPECT_EQ(ask("set\ttext\t/b/mtu\t9000"), "ok\n");
   EXPECT_EQ(b->mtu(), 9000u);
+}
+
+TEST_F(AttrServerAnswer, DerivedOperationsByPathAndTypedJson) {
+  EXPECT_EQ(ask("invoke\ttext\t/b/dropsInc\t2"), "ok\n2\n");
+  EXPECT_EQ(ask("invoke\tjson\t/b/dropsDec\t"), "ok\n1\n");
+  EXPECT_EQ(ask("get\tjson\t/b\t"),
+            "ok\n{\"type\": \"KivTest::Host\", \"name\": \"b\", \"attributes\": {\"mtu\": 1500, \"route\": "
+            "{\"10.0.0.0/8\": \"eth1\"}, \"peer\": null, \"drops\": 1}}\n");
+  EXPECT_EQ(ask("get\tjson\t/'a/b'/peer\t"), ask("get\tjson\t/b\t"));
+  EXPECT_EQ(ask("get\tjson\t/\t"),
+            "ok\n{\"type\": \"Kiv::Dir\", \"name\": \"root\", \"attributes\": {\"a/b\": {\"_entity\": "
+            "\"KivTest::Host\", \"_name\": \"a\"}, \"b\": {\"_entity\": \"KivTest::Host\", \"_name\": \"b\"}}}\n");
+  EXPECT_EQ(ask("get\ttext\t/b/dropsInc\t"), "error\n/b/dropsInc is an operation: invoke it\n");
+  EXPECT_EQ(ask("invoke\ttext\t/b/mtuInc\t"), "error\nKivTest::Host has no attribute mtuInc\n");
+  EXPECT_EQ(ask("invoke\ttext\t/b/routeDelAll\t"), "ok\n");
+  EXPECT_EQ(b->route("10.0.0.0/8"), "");
+  EXPECT_EQ(ask("invoke\ttext\t/b/routeDelAll/x\t"), "error\n/b/routeDelAll/x: routeDelAll is an operation\n");
+  // A Dir's entries: made without an entity, listed, removed by path.
+  EXPECT_EQ(ask("set\ttext\t/c\tNone"), "ok\n");
+  EXPECT_EQ(ask("ls\ttext\t/\t"),
+            "ok\na/b\tentry\tKivTest::Host\tro\nb\tentry\tKivTest::Host\tro\nc\tentry\tNone\tro\n");
+  EXPECT_EQ(ask("get\ttext\t/c\t"), "error\n/c is None\n");
+  EXPECT_EQ(ask("del\ttext\t/c\t"), "ok\n");
+  EXPECT_FALSE(root->has("c"));
 }
 
 TEST_F(AttrServerAnswer, BadRequestsAreAnsweredWithAnErrorNeverAThrow) {
