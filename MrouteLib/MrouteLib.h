@@ -67,7 +67,7 @@
 
 // A counter: the attribute plus Inc/Dec that wrap at the counter's width and
 // return the new value.
-#define MROUTELIB_COUNTER(T, name, Name)                               \
+#define MROUTELIB_COUNTER(T, name, Name)                              \
   T const& name() const { return name##_; }                           \
   void name##Is(T const& v) {                                         \
     if (::Kiv::changed(name##_, v)) notify(&NotifieeConst::on##Name); \

@@ -209,9 +209,7 @@ std::string getEntity(Entity const& e, bool json) {
          ", \"attributes\": " + attrs + "}}\n";
 }
 
-std::string oneValue(std::string const& value, bool json) {
-  return json ? jsonFromStrep(value) + "\n" : value + "\n";
-}
+std::string oneValue(std::string const& value, bool json) { return json ? jsonFromStrep(value) + "\n" : value + "\n"; }
 
 std::string answerOf(Entity const& root, std::string_view verb, bool json, std::string_view path,
                      std::string_view arg) {

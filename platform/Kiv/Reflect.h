@@ -159,7 +159,9 @@ namespace ReflectDetail {
 // (ParseException) by the reflective interface instead of reaching its
 // fromStrep, which fails an assertion.
 template <class T>
-concept NoTextConstructor = requires { requires T::kivNoTextConstructor; };
+concept NoTextConstructor = requires {
+  requires T::kivNoTextConstructor;
+};
 }  // namespace ReflectDetail
 
 template <class K>
@@ -194,8 +196,9 @@ struct IsPtr<Ptr<T>> : std::true_type {
 };
 
 template <class T>
-concept Parsable = !NoTextConstructor<T> && (ValueTextDetail::HasTraitsFrom<T> || ValueTextDetail::HasMemberFrom<T> || std::is_arithmetic_v<T> ||
-    std::is_same_v<T, std::string> || std::is_same_v<T, Name>);
+concept Parsable =
+    !NoTextConstructor<T> && (ValueTextDetail::HasTraitsFrom<T> || ValueTextDetail::HasMemberFrom<T> ||
+                              std::is_arithmetic_v<T> || std::is_same_v<T, std::string> || std::is_same_v<T, Name>);
 
 template <class T>
 concept Printable = ValueTextDetail::HasTraitsTo<T> || ValueTextDetail::HasMemberTo<T> || std::is_arithmetic_v<T> ||
@@ -588,13 +591,13 @@ struct Access {
 
 // A counter's step by name: its own nInc / nDec when it has one, else the
 // setter with the value moved (wrapping at the counter's width).
-#define KIV_REFLECT_COUNTER_STEP_(n, Step, op)                              \
-  [](auto& s, auto d) {                                                     \
-    if constexpr (requires { s.n##Step(d); }) {                             \
-      s.n##Step(d);                                                         \
-    } else {                                                                \
-      s.n##Is(static_cast<std::decay_t<decltype(s.n())>>(s.n() op d));      \
-    }                                                                       \
+#define KIV_REFLECT_COUNTER_STEP_(n, Step, op)                         \
+  [](auto& s, auto d) {                                                \
+    if constexpr (requires { s.n##Step(d); }) {                        \
+      s.n##Step(d);                                                    \
+    } else {                                                           \
+      s.n##Is(static_cast<std::decay_t<decltype(s.n())>>(s.n() op d)); \
+    }                                                                  \
   }
 
 // An attribute with a getter n() and a setter nIs(v).
@@ -602,9 +605,10 @@ struct Access {
   KIV_REFLECT_SCALAR_KIND_(n, ::Kiv::AttrKind::scalar, [](KivSelf& s, auto&& v) { s.n##Is(v); })
 // An attribute with a getter only: a set through reflection is refused.
 #define KIV_REFLECT_SCALAR_RO(n) KIV_REFLECT_SCALAR_KIND_(n, ::Kiv::AttrKind::scalar, nullptr)
-#define KIV_REFLECT_COUNTER(n)                                                                       \
-  KIV_REFLECT_SCALAR_KIND_(n, ::Kiv::AttrKind::counter, [](KivSelf& s, auto&& v) { s.n##Is(v); }, \
-                           KIV_REFLECT_COUNTER_STEP_(n, Inc, +), KIV_REFLECT_COUNTER_STEP_(n, Dec, -))
+#define KIV_REFLECT_COUNTER(n)                                                                                     \
+  KIV_REFLECT_SCALAR_KIND_(                                                                                        \
+      n, ::Kiv::AttrKind::counter, [](KivSelf& s, auto&& v) { s.n##Is(v); }, KIV_REFLECT_COUNTER_STEP_(n, Inc, +), \
+      KIV_REFLECT_COUNTER_STEP_(n, Dec, -))
 #define KIV_REFLECT_COUNTER_RO(n) KIV_REFLECT_SCALAR_KIND_(n, ::Kiv::AttrKind::counter, nullptr)
 
 // A keyed collection with n(key), nIs(key, value) and nDel(key); countExpr
@@ -640,18 +644,18 @@ struct Access {
 
 // A collection as KIV_REFLECT_COLLECTION_WITH_ gives it, whose keys a path
 // names directly (see the header comment); the type has nDelAll().
-#define KIV_REFLECT_PATH_COLLECTION(n, K, countExpr, mapExpr, setF, delF)                       \
-  KIV_REFLECT_SLOT_ {                                                                           \
-    ::Kiv::Attr a = ::Kiv::Reflect::collection<KivSelf, K>(                                     \
-        #n, [](KivSelf const& s, K const& k) -> decltype(auto) { return s.n(k); },              \
-        [](KivSelf const& s) -> decltype(auto) { return (s.mapExpr); },                         \
-        [](KivSelf const& s) -> std::size_t { return s.countExpr; }, setF, delF,                \
-        [](auto& s) -> bool {                                                                   \
-          s.n##DelAll();                                                                        \
-          return true;                                                                          \
-        });                                                                                     \
-    a.pathKeys = true;                                                                          \
-    return a;                                                                                   \
+#define KIV_REFLECT_PATH_COLLECTION(n, K, countExpr, mapExpr, setF, delF)          \
+  KIV_REFLECT_SLOT_ {                                                              \
+    ::Kiv::Attr a = ::Kiv::Reflect::collection<KivSelf, K>(                        \
+        #n, [](KivSelf const& s, K const& k) -> decltype(auto) { return s.n(k); }, \
+        [](KivSelf const& s) -> decltype(auto) { return (s.mapExpr); },            \
+        [](KivSelf const& s) -> std::size_t { return s.countExpr; }, setF, delF,   \
+        [](auto& s) -> bool {                                                      \
+          s.n##DelAll();                                                           \
+          return true;                                                             \
+        });                                                                        \
+    a.pathKeys = true;                                                             \
+    return a;                                                                      \
   }
 
 // An operation invocable by name; its arguments are read from text.
@@ -666,9 +670,9 @@ struct Access {
 // A pointer attribute whose setter makes its value itself (nIs() with no
 // argument) and whose deleter drops it: by name only None is written, and
 // it removes, as for every pointer setter.
-#define KIV_REFLECT_POINTER_DEL(n)                                                                    \
-  KIV_REFLECT_SCALAR_KIND_(n, ::Kiv::AttrKind::scalar, [](KivSelf& s, auto&& v) {                     \
-    if (!v) s.n##Del();                                                                               \
+#define KIV_REFLECT_POINTER_DEL(n)                                                \
+  KIV_REFLECT_SCALAR_KIND_(n, ::Kiv::AttrKind::scalar, [](KivSelf& s, auto&& v) { \
+    if (!v) s.n##Del();                                                           \
   })
 
 // A Kiv::LinkQueue returned by queueFn(), with nIs(index, payload) and

@@ -65,7 +65,7 @@ Kiv::Attr table(std::string_view name, TableFn) {
 }  // namespace Vorn::Reflect
 
 // The table that nTable() returns, as the read-only collection n.
-#define VORN_REFLECT_TABLE(n)                                                                       \
-  KIV_REFLECT_SLOT_ {                                                                               \
+#define VORN_REFLECT_TABLE(n)                                                                                      \
+  KIV_REFLECT_SLOT_ {                                                                                              \
     return ::Vorn::Reflect::table<KivSelf>(#n, [](KivSelf const& s) -> decltype(auto) { return (s.n##Table()); }); \
   }

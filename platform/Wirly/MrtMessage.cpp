@@ -28,8 +28,7 @@ MrtMessageType mrtMessageTypeFromName(std::string_view name) {
     os << t;
     if (os.str() == name) return t;
   }
-  throw Kiv::ParseException("not a message type (none, igmpNoCache, igmpWrongVif, igmpWholePkt): " +
-                            std::string(name));
+  throw Kiv::ParseException("not a message type (none, igmpNoCache, igmpWrongVif, igmpWholePkt): " + std::string(name));
 }
 
 }  // namespace Wirly

@@ -104,9 +104,8 @@ class Reflect : public ::testing::Test {
 
 TEST_F(Reflect, ListsAttributesInDeclarationOrderWithKindTypeAndWritability) {
   EXPECT_EQ(link->typeName(), "KivTest::Link");
-  EXPECT_EQ(names(*link),
-            (std::vector<std::string>{"speed", "mtu", "handleReset", "label", "vlan", "peer", "resets", "scale",
-                                      "drops"}));
+  EXPECT_EQ(names(*link), (std::vector<std::string>{"speed", "mtu", "handleReset", "label", "vlan", "peer", "resets",
+                                                    "scale", "drops"}));
   auto const& info = Kiv::typeInfo(*link);
   EXPECT_EQ(info.attr("speed")->valueType, "U32");
   EXPECT_TRUE(info.attr("speed")->writable);

@@ -26,7 +26,11 @@ TEST(ValueJson, ValuesEntitiesListsAndDictsNest) {
   Kiv::ValueWriter inner("Ns::Inner");
   inner.field("x", 2).field("on", true);
   Kiv::ValueWriter w("Ns::T");
-  w.field("a", 1).field("s", std::string("red")).fieldRaw("inner", inner.str()).fieldNone("n").fieldRaw("l", "[1, 'b']");
+  w.field("a", 1)
+      .field("s", std::string("red"))
+      .fieldRaw("inner", inner.str())
+      .fieldNone("n")
+      .fieldRaw("l", "[1, 'b']");
   EXPECT_EQ(Kiv::jsonFromStrep(w.str()),
             "{\"_type\": \"Ns::T\", \"a\": 1, \"s\": \"red\", \"inner\": {\"_type\": \"Ns::Inner\", \"x\": 2, "
             "\"on\": true}, \"n\": null, \"l\": [1, \"b\"]}");

@@ -59,8 +59,8 @@ TEST_F(MrtNotifyReflect, EveryEntityListsItsAttributesInModelOrder) {
        {"handleInitialized", "rxPkt"}},
       {relay,
        "Routing::Multicast::Notify::MrtIcmpV6RelaySm",
-       {"name", "netNs", "vifStatus", "loopQuantum", "mrtSkSd", "wrongIfMessage", "noCacheMessage",
-        "wholePktMessage", "icmpV6Pam", "netlinkPam"},
+       {"name", "netNs", "vifStatus", "loopQuantum", "mrtSkSd", "wrongIfMessage", "noCacheMessage", "wholePktMessage",
+        "icmpV6Pam", "netlinkPam"},
        {"rxPkt", "readMrtMessage", "handleMrtSocket"}},
       {status, "Routing::KernelMfib::Status", {"vifIntf", "intfVif"}, {}},
   };

@@ -102,10 +102,9 @@ class KivctlTest : public ::testing::Test {
 TEST_F(KivctlTest, ListsGetsSetsAndRefusesThroughALiveAgent) {
   Outcome r = kivctl("--agent agent ls /");
   EXPECT_EQ(r.status, 0) << r.out;
-  EXPECT_EQ(
-      r.out,
-      "bitMapperConfig\tentry\tBitMapper::Config\tro\nmfibVornDir\tentry\tVorn::Multicast::Fib::MfibVornDir\tro\n"
-      "mroute\tentry\tMrouteLib::MrouteTableColl\tro\nreviewInfo\tentry\tMrouteLib::ReviewInfo\tro\n");
+  EXPECT_EQ(r.out,
+            "bitMapperConfig\tentry\tBitMapper::Config\tro\nmfibVornDir\tentry\tVorn::Multicast::Fib::MfibVornDir\tro\n"
+            "mroute\tentry\tMrouteLib::MrouteTableColl\tro\nreviewInfo\tentry\tMrouteLib::ReviewInfo\tro\n");
   r = kivctl("--agent agent get /mfibVornDir/vornColl/default");
   EXPECT_EQ(r.status, 0) << r.out;
   EXPECT_EQ(r.out, "vrfName\t'default'\nvornPtr\t0 entries\n");
@@ -145,17 +144,19 @@ TEST_F(KivctlTest, TypedJsonCounterStepsAndBulkDeletesThroughALiveAgent) {
   std::string const table = "/mroute/vrfMrouteTable/default";
   Outcome r = kivctl("--agent agent --json get " + table + "/dirtyInfo");
   EXPECT_EQ(r.status, 0) << r.out;
-  EXPECT_EQ(r.out,
-            "{\"type\": \"MrouteLib::DirtyInfo\", \"name\": \"\", \"attributes\": {\"dirtyVlan\": 8, "
-            "\"dirtyVlanPort\": 0, \"dirtyVlanGroup\": 0, \"dirtyGroupSet\": {}, \"dirtyLag\": 0, \"dirtyRoute\": false, "
-            "\"dirtyNatSrc\": {}}}\n");
+  EXPECT_EQ(
+      r.out,
+      "{\"type\": \"MrouteLib::DirtyInfo\", \"name\": \"\", \"attributes\": {\"dirtyVlan\": 8, "
+      "\"dirtyVlanPort\": 0, \"dirtyVlanGroup\": 0, \"dirtyGroupSet\": {}, \"dirtyLag\": 0, \"dirtyRoute\": false, "
+      "\"dirtyNatSrc\": {}}}\n");
   r = kivctl("--agent agent --json get " + table + "/af");
   EXPECT_EQ(r.out, "\"ipv4\"\n");
   r = kivctl("--agent agent --json get " + table + "/mroutesInitialized");
   EXPECT_EQ(r.out, "false\n");
   // A route by its key, walked from the table; its collection as an object.
-  std::string const routePath = table + "/mroute/" +
-                                "\"" + Routing::Multicast::Fib::IpGenRouteKey("10.0.0.1/32", "239.1.1.1/32").valueToStrep() + "\"";
+  std::string const routePath = table + "/mroute/" + "\"" +
+                                Routing::Multicast::Fib::IpGenRouteKey("10.0.0.1/32", "239.1.1.1/32").valueToStrep() +
+                                "\"";
   r = kivctl("--agent agent --json get " + routePath + "/rpfFailureCount");
   EXPECT_EQ(r.status, 0) << r.out;
   EXPECT_TRUE(r.out == "{\"10\": 3, \"20\": 4}\n" || r.out == "{\"20\": 4, \"10\": 3}\n") << r.out;

@@ -53,9 +53,7 @@ OifIndex Route::nextMember(unsigned from) const {
   }
 }
 
-OifIndex OifIndex::fromStrep(std::string_view text) {
-  return OifIndex(Kiv::valueFromStrep<std::uint16_t>(text));
-}
+OifIndex OifIndex::fromStrep(std::string_view text) { return OifIndex(Kiv::valueFromStrep<std::uint16_t>(text)); }
 
 RpaIndex RpaIndex::fromStrep(std::string_view text) { return RpaIndex(Kiv::valueFromStrep<std::uint32_t>(text)); }
 
