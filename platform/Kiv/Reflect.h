@@ -152,7 +152,7 @@ DerivedOperation derivedOperation(Entity const& e, std::string_view name);
 
 // Splits "a, 'b,c', Value('X', ** {'y': 1})" at its top-level commas.
 std::vector<std::string> splitArgs(std::string_view args);
-// A key as a path names it: its text form, or a bare word read as a string.
+
 namespace ReflectDetail {
 // A value type that holds a collection declares
 // `static constexpr bool kivNoTextConstructor = true;` and is then refused
@@ -164,18 +164,20 @@ concept NoTextConstructor = requires {
 };
 }  // namespace ReflectDetail
 
+// A key as a path names it: its text form, or a bare word read as a string.
 template <class K>
 K keyFromPath(std::string_view text) {
   if constexpr (ReflectDetail::NoTextConstructor<K>) {
     throw ParseException("no text form to read a key from: " + std::string(text));
-  }
-  try {
-    return valueFromStrep<K>(text);
-  } catch (ParseException const&) {
-    if constexpr (std::is_constructible_v<std::string, std::string_view>) {
-      if (!text.empty() && text.front() != '\'') return valueFromStrep<K>(ValueTextDetail::quote(text));
+  } else {
+    try {
+      return valueFromStrep<K>(text);
+    } catch (ParseException const&) {
+      if constexpr (std::is_constructible_v<std::string, std::string_view>) {
+        if (!text.empty() && text.front() != '\'') return valueFromStrep<K>(ValueTextDetail::quote(text));
+      }
+      throw;
     }
-    throw;
   }
 }
 
@@ -459,19 +461,19 @@ Attr queue(Queue, SetF, DelF) {
   return a;
 }
 
-template <class Self, auto Fn>
-struct Operation;
-template <class Self, class C, class R, class... A, R (C::*Fn)(A...)>
-struct Operation<Self, Fn> {
+// Obj is the entity type, const for a query (isDirty) that is invoked the
+// same way.
+template <class Obj, auto Fn, class R, class... A>
+struct OperationOf {
   static std::string invoke(Entity& e, std::string_view args) {
     std::vector<std::string> parts = splitArgs(args);
     if (parts.size() != sizeof...(A))
       throw RangeException(std::string(e.typeName()) + " operation takes " + std::to_string(sizeof...(A)) +
                            " argument(s), given " + std::to_string(parts.size()));
-    return call(ReflectDetail::self<Self>(e), parts, std::index_sequence_for<A...>{});
+    return call(static_cast<Obj&>(e), parts, std::index_sequence_for<A...>{});
   }
   template <std::size_t... I>
-  static std::string call(Self& s, std::vector<std::string> const& parts, std::index_sequence<I...>) {
+  static std::string call(Obj& s, std::vector<std::string> const& parts, std::index_sequence<I...>) {
     if constexpr (std::is_void_v<R>) {
       (s.*Fn)(ReflectDetail::parseArg<std::decay_t<A>>(parts[I])...);
       return std::string();
@@ -488,33 +490,12 @@ struct Operation<Self, Fn> {
   }
 };
 
-// A const operation (a query such as isDirty) is invoked the same way.
+template <class Self, auto Fn>
+struct Operation;
+template <class Self, class C, class R, class... A, R (C::*Fn)(A...)>
+struct Operation<Self, Fn> : OperationOf<Self, Fn, R, A...> {};
 template <class Self, class C, class R, class... A, R (C::*Fn)(A...) const>
-struct Operation<Self, Fn> {
-  static std::string invoke(Entity& e, std::string_view args) {
-    std::vector<std::string> parts = splitArgs(args);
-    if (parts.size() != sizeof...(A))
-      throw RangeException(std::string(e.typeName()) + " operation takes " + std::to_string(sizeof...(A)) +
-                           " argument(s), given " + std::to_string(parts.size()));
-    return call(ReflectDetail::self<Self>(e), parts, std::index_sequence_for<A...>{});
-  }
-  template <std::size_t... I>
-  static std::string call(Self const& s, std::vector<std::string> const& parts, std::index_sequence<I...>) {
-    if constexpr (std::is_void_v<R>) {
-      (s.*Fn)(ReflectDetail::parseArg<std::decay_t<A>>(parts[I])...);
-      return std::string();
-    } else {
-      return ReflectDetail::text<std::decay_t<R>>((s.*Fn)(ReflectDetail::parseArg<std::decay_t<A>>(parts[I])...));
-    }
-  }
-  static std::string signature() {
-    std::string s = "(";
-    ((s += (s.size() > 1 ? ", " : "") + valueTypeName<std::decay_t<A>>()), ...);
-    s += ")";
-    if constexpr (!std::is_void_v<R>) s += " -> " + valueTypeName<std::decay_t<R>>();
-    return s;
-  }
-};
+struct Operation<Self, Fn> : OperationOf<Self const, Fn, R, A...> {};
 
 template <class Self, auto Fn>
 Attr operation(std::string_view name) {
