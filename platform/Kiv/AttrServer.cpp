@@ -67,7 +67,8 @@ std::vector<std::string> splitPath(std::string_view path) {
 bool isQuoted(std::string const& seg) { return seg.size() >= 2 && seg.front() == '\'' && seg.back() == '\''; }
 
 // For a write (keyLast), a path's last key stays a key even in a collection
-// of entities, so that an entry can be made or removed. A segment that names
+// of entities, so that an entry can be made or removed, and a last pointer
+// attribute stays the attribute. A segment that names
 // no attribute is a key of the entity's path collection, if it has one (a
 // quoted segment always is).
 Target resolve(Entity const& root, std::string_view path, bool keyLast) {
@@ -104,7 +105,8 @@ Target resolve(Entity const& root, std::string_view path, bool keyLast) {
         continue;
       }
       if (a == nullptr) a = &attrOf(*t.entity, seg);
-      if (a->kind == AttrKind::pointer) {
+      // A write names the pointer itself (None removes); a read walks in.
+      if (a->kind == AttrKind::pointer && !(keyLast && last)) {
         Ptr<Entity> e = a->entity(*t.entity);
         if (!e) throw RangeException(walked + " is None");
         t.entity = e;

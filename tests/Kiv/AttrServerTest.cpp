@@ -67,6 +67,9 @@ TEST_F(AttrServerAnswer, PathsWalkDirEntriesPointersAndQuotedSegments) {
   EXPECT_EQ(ask("del\ttext\t/b/route/'192.168.0.0/16'\t"), "ok\n");
   EXPECT_EQ(ask("set\ttext\t/b/mtu\t9000"), "ok\n");
   EXPECT_EQ(b->mtu(), 9000u);
+  // A pointer is written by naming it; only a read walks into it.
+  EXPECT_EQ(ask("set\ttext\t/'a/b'/peer\tNone"), "ok\n");
+  EXPECT_FALSE(a->peer());
 }
 
 TEST_F(AttrServerAnswer, DerivedOperationsByPathAndTypedJson) {
@@ -103,7 +106,8 @@ TEST_F(AttrServerAnswer, BadRequestsAreAnsweredWithAnErrorNeverAThrow) {
   // only None (an entry without an entity) has a text form.
   EXPECT_EQ(ask("set\ttext\t/b\t1"),
             "error\nKiv::Dir::entry: an entity is not read from text; expected None, found 1\n");
-  EXPECT_EQ(ask("set\ttext\t/b/peer\t1"), "error\n/b/peer is None\n");
+  EXPECT_EQ(ask("set\ttext\t/b/peer\t1"),
+            "error\nKivTest::Host::peer: an entity is not read from text; expected None, found 1\n");
   EXPECT_EQ(ask("set\ttext\t/b/mtu\t-1").rfind("error\nKivTest::Host::mtu: ", 0), 0u);
   EXPECT_EQ(ask("frob\ttext\t/\t"), "error\nunknown verb frob (ls, get, set, del, invoke)\n");
   EXPECT_EQ(ask("get\txml\t/\t"), "error\nunknown format xml (text, json)\n");
