@@ -16,6 +16,7 @@
 #include "Vorn/Registry.h"
 #include "Vorn/Status.h"
 #include "Vorn/Table.h"
+#include "Vorn/TableReflect.h"
 #include "Wirly/IntfId.h"
 #include "Wirly/IpGenAddr.h"
 
@@ -152,19 +153,23 @@ class VornStatus : public Vorn::Status {
   using WaitlistMapTable = Vorn::Table<BitMapperKey, WaitlistMap, &WaitlistMap::bitMapperKey>;
 
   explicit VornStatus(Kiv::Name const& name = Kiv::Name()) : Vorn::Status(name) {}
-  std::string_view typeName() const override { return typeNameText; }
+  // By name: both tables, read-only.
+  KIV_REFLECT_BEGIN(VornStatus, typeNameText)
 
   BitIndexMap bitIndexMap(BitIndex index) const { return bitIndexMap_.find(index); }
   void bitIndexMapIs(BitIndexMap const& r) { bitIndexMap_.is(r); }
   void bitIndexMapDel(BitIndex index) { bitIndexMap_.del(index); }
   BitIndexMapTable& bitIndexMapTable() { return bitIndexMap_; }
   BitIndexMapTable const& bitIndexMapTable() const { return bitIndexMap_; }
+  VORN_REFLECT_TABLE(bitIndexMap)
 
   WaitlistMap waitlistMap(BitMapperKey const& key) const { return waitlistMap_.find(key); }
   void waitlistMapIs(WaitlistMap const& r) { waitlistMap_.is(r); }
   void waitlistMapDel(BitMapperKey const& key) { waitlistMap_.del(key); }
   WaitlistMapTable& waitlistMapTable() { return waitlistMap_; }
   WaitlistMapTable const& waitlistMapTable() const { return waitlistMap_; }
+  VORN_REFLECT_TABLE(waitlistMap)
+  KIV_REFLECT_END
 
  private:
   using IndexHook = void (NotifieeConst::*)(BitIndex);

@@ -355,25 +355,41 @@ class MfibDirWriter : public Kiv::Entity {
   static Kiv::Ptr<MfibDirWriter> MfibDirWriterIs(Kiv::String const& appName, Kiv::Ptr<Kiv::Dir> const& mfibDir,
                                                  Kiv::Ptr<MfibVornDir> const& mfibVornDir,
                                                  Kiv::Ptr<Stelo::EntityManager> const& entityManager);
-  std::string_view typeName() const override { return "Vorn::Multicast::Fib::MfibDirWriter"; }
+  // By name: its four arguments and initialized (read-only), then the
+  // operations, each invocable with its arguments in text form
+  // (doAddVorn 'red', 'mfib/red/pim').
+  KIV_REFLECT_BEGIN(MfibDirWriter, "Vorn::Multicast::Fib::MfibDirWriter")
 
   Kiv::String const& appName() const { return appName_; }
+  KIV_REFLECT_SCALAR_RO(appName)
   Kiv::Ptr<Kiv::Dir> const& mfibDir() const { return mfibDir_; }
+  KIV_REFLECT_SCALAR_RO(mfibDir)
   Kiv::Ptr<MfibVornDir> const& mfibVornDir() const { return mfibVornDir_; }
+  KIV_REFLECT_SCALAR_RO(mfibVornDir)
   Kiv::Ptr<Stelo::EntityManager> const& entityManager() const { return entityManager_; }
+  KIV_REFLECT_SCALAR_RO(entityManager)
   bool initialized() const { return initialized_; }
+  KIV_REFLECT_SCALAR_RO(initialized)
   // The application's entry in the MFIB directory, or null.
   Kiv::Ptr<MfibDir> appDir() const;
 
   void handleInitialized();
+  KIV_REFLECT_OPERATION(handleInitialized)
 
   // The MFIB table mounted under url, or null; mounts nothing.
   Kiv::Ptr<Status> mfibVorn(Kiv::String const& url) const;
+  KIV_REFLECT_OPERATION(mfibVorn)
   Kiv::Ptr<Status> doAddVorn(L3::VrfName const& vrf, Kiv::String const& url);
+  KIV_REFLECT_OPERATION(doAddVorn)
   void doDelVorn(L3::VrfName const& vrf, Kiv::String const& url);
+  KIV_REFLECT_OPERATION(doDelVorn)
   Kiv::Ptr<BitMapper::VornStatus> mfibBitMapperVorn(Kiv::String const& url) const;
+  KIV_REFLECT_OPERATION(mfibBitMapperVorn)
   Kiv::Ptr<BitMapper::VornStatus> doAddBitMapperVorn(L3::VrfName const& vrf, Kiv::String const& url);
+  KIV_REFLECT_OPERATION(doAddBitMapperVorn)
   void doDelBitMapperVorn(L3::VrfName const& vrf, Kiv::String const& url);
+  KIV_REFLECT_OPERATION(doDelBitMapperVorn)
+  KIV_REFLECT_END
 
  private:
   MfibDirWriter(Kiv::String const& appName, Kiv::Ptr<Kiv::Dir> const& mfibDir, Kiv::Ptr<MfibVornDir> const& mfibVornDir,

@@ -469,6 +469,12 @@ U32 MrouteTable::vlanFilterCounterDec(U8 bit, U32 delta) {
   return vlanFilterCounter(bit);
 }
 
+std::map<U8, U32> MrouteTable::vlanFilterCounterMap() const {
+  std::map<U8, U32> out;
+  for (std::size_t i = 0; i < vlanFilterCounter_.size(); ++i) out.emplace(static_cast<U8>(i), vlanFilterCounter_[i]);
+  return out;
+}
+
 void MrouteTable::vlanFilterCounterDelAll() {
   for (std::size_t i = 0; i < vlanFilterCounter_.size(); ++i) vlanFilterCounterIs(static_cast<U8>(i), 0);
   vlanFilterCounter_.clear();

@@ -35,6 +35,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -42,6 +43,7 @@
 
 #include "Kiv/Entity.h"
 #include "Kiv/Ptr.h"
+#include "Kiv/Reflect.h"
 #include "MrouteLib/PortVlanSet.h"
 #include "MrouteLib/SparseMap.h"
 #include "Schema/Mfib/IpGenRouteKey.h"
@@ -53,26 +55,32 @@
 #include "Wirly/IntfId.h"
 #include "Wirly/IpGenAddr.h"
 
-// A scalar or pointer attribute: reader, and a setter that notifies
-// on<Name>() only on a real change.
+// A scalar or pointer attribute: reader, a setter that notifies on<Name>()
+// only on a real change, and its reflective entry (in the order declared).
+// Storage is declared apart, so that the hot words sit together.
 #define MROUTELIB_ATTR(T, name, Name)                                 \
   T const& name() const { return name##_; }                           \
   void name##Is(T const& v) {                                         \
     if (::Kiv::changed(name##_, v)) notify(&NotifieeConst::on##Name); \
-  }
+  }                                                                   \
+  KIV_REFLECT_SCALAR(name)
 
 // A counter: the attribute plus Inc/Dec that wrap at the counter's width and
 // return the new value.
-#define MROUTELIB_COUNTER(T, name, Name)   \
-  MROUTELIB_ATTR(T, name, Name)            \
-  T name##Inc(T d) {                       \
-    name##Is(static_cast<T>(name##_ + d)); \
-    return name##_;                        \
-  }                                        \
-  T name##Dec(T d) {                       \
-    name##Is(static_cast<T>(name##_ - d)); \
-    return name##_;                        \
-  }
+#define MROUTELIB_COUNTER(T, name, Name)                              \
+  T const& name() const { return name##_; }                           \
+  void name##Is(T const& v) {                                         \
+    if (::Kiv::changed(name##_, v)) notify(&NotifieeConst::on##Name); \
+  }                                                                   \
+  T name##Inc(T d) {                                                  \
+    name##Is(static_cast<T>(name##_ + d));                            \
+    return name##_;                                                   \
+  }                                                                   \
+  T name##Dec(T d) {                                                  \
+    name##Is(static_cast<T>(name##_ - d));                            \
+    return name##_;                                                   \
+  }                                                                   \
+  KIV_REFLECT_COUNTER(name)
 
 namespace MrouteLib {
 
@@ -101,15 +109,21 @@ class OifSet : public Kiv::Entity {
   static Kiv::Ptr<OifSet> OifSetIs(MrouteTableColl* mrouteTable, PortVlanSet const& portVlanSet) {
     return new OifSet(mrouteTable, portVlanSet);
   }
-  std::string_view typeName() const override { return "MrouteLib::OifSet"; }
+  KIV_REFLECT_BEGIN(OifSet, "MrouteLib::OifSet")
 
   // The collection; null once the collection has gone.
   MrouteTableColl* mrouteTable() const { return mrouteTable_; }
+  KIV_REFLECT_SCALAR_RO(mrouteTable)
   PortVlanSet const& portVlanSet() const { return portVlanSet_; }
+  KIV_REFLECT_SCALAR_RO(portVlanSet)
   bool initialized() const { return initialized_; }
+  KIV_REFLECT_SCALAR_RO(initialized)
 
   bool toCpu() const { return portVlanSet_.toCpu(); }
+  KIV_REFLECT_OPERATION(toCpu)
   bool doCmpPortVlanSet(PortVlanSet const& s) const { return portVlanSet_ == s; }
+  KIV_REFLECT_OPERATION(doCmpPortVlanSet)
+  KIV_REFLECT_END
 
   void handleInitialized();
   void handleDel();
@@ -194,11 +208,13 @@ class Mroute : public Kiv::Entity {
   static Kiv::Ptr<Mroute> MrouteIs(IpGenRouteKey const& key, MrouteTable* mrouteTable) {
     return new Mroute(key, mrouteTable);
   }
-  std::string_view typeName() const override { return "MrouteLib::Mroute"; }
+  KIV_REFLECT_BEGIN(Mroute, "MrouteLib::Mroute")
 
+  // Attributes in their reflective order.
   IpGenRouteKey const& key() const { return key_; }
+  KIV_REFLECT_SCALAR_RO(key)
   MrouteTable* mrouteTable() const { return mrouteTable_; }
-
+  KIV_REFLECT_SCALAR_RO(mrouteTable)
   MROUTELIB_ATTR(VlanIdOrNone, acceptingVlanId, AcceptingVlanId)
   MROUTELIB_ATTR(Wirly::IntfId, acceptingIntfId, AcceptingIntfId)
   MROUTELIB_ATTR(VlanIdOrNone, notifyingVlanId, NotifyingVlanId)
@@ -216,15 +232,6 @@ class Mroute : public Kiv::Entity {
   MROUTELIB_ATTR(bool, dirty, Dirty)
   MROUTELIB_ATTR(bool, noRpf, NoRpf)
   MROUTELIB_ATTR(bool, markedForDeletion, MarkedForDeletion)
-  MROUTELIB_ATTR(U16, fastdropCount, FastdropCount)
-  MROUTELIB_ATTR(bool, fastdropDirty, FastdropDirty)
-  MROUTELIB_ATTR(RpaIndex, rpaId, RpaId)
-  MROUTELIB_ATTR(Route, vornRoute, VornRoute)
-  MROUTELIB_ATTR(Route, lastSeenVornRoute, LastSeenVornRoute)
-  MROUTELIB_ATTR(bool, optimizeStatus, OptimizeStatus)
-  MROUTELIB_ATTR(Kiv::Ptr<OifSet>, notifyOifSet, NotifyOifSet)
-  MROUTELIB_ATTR(Kiv::Ptr<OifSet>, staticFastdropOifSet, StaticFastdropOifSet)
-  MROUTELIB_ATTR(Kiv::Ptr<OifSet>, frrOifSet, FrrOifSet)
 
   // RPF failures per VLAN: 0 when absent. Kept only; the agent counts.
   using RpfFailureCountMap = SparseMap<VlanId, U16>;
@@ -233,6 +240,7 @@ class Mroute : public Kiv::Entity {
   void rpfFailureCountIs(VlanId v, U16 count);
   void rpfFailureCountDel(VlanId v);
   void rpfFailureCountDelAll();
+  KIV_REFLECT_COLLECTION(rpfFailureCount, VlanId, rpfFailureCount_.size(), rpfFailureCount_)
 
   // Fast-drop entries per VLAN. The same set again does nothing; a null set
   // removes; every real change recounts (handleFastdrop) and then notifies.
@@ -242,6 +250,13 @@ class Mroute : public Kiv::Entity {
   void fastdropIs(VlanId v, Kiv::Ptr<OifSet> const& oifSet);
   void fastdropDel(VlanId v);
   void fastdropDelAll();
+  KIV_REFLECT_COLLECTION(fastdrop, VlanId, fastdrop_.size(), fastdrop_)
+
+  MROUTELIB_ATTR(U16, fastdropCount, FastdropCount)
+  MROUTELIB_ATTR(bool, fastdropDirty, FastdropDirty)
+  MROUTELIB_ATTR(RpaIndex, rpaId, RpaId)
+  MROUTELIB_ATTR(Route, vornRoute, VornRoute)
+  MROUTELIB_ATTR(Route, lastSeenVornRoute, LastSeenVornRoute)
 
   // Resolved OIF indexes, read by the cached route interface walk.
   struct OifIndexHash {
@@ -253,13 +268,22 @@ class Mroute : public Kiv::Entity {
   void oifIndexIntfIdCacheIs(OifIndex i, Wirly::IntfId id);
   void oifIndexIntfIdCacheDel(OifIndex i);
   void oifIndexIntfIdCacheDelAll();
+  KIV_REFLECT_COLLECTION(oifIndexIntfIdCache, OifIndex, oifIndexIntfIdCache_.size(), oifIndexIntfIdCache_)
+
+  MROUTELIB_ATTR(bool, optimizeStatus, OptimizeStatus)
+  MROUTELIB_ATTR(Kiv::Ptr<OifSet>, notifyOifSet, NotifyOifSet)
+  MROUTELIB_ATTR(Kiv::Ptr<OifSet>, staticFastdropOifSet, StaticFastdropOifSet)
+  MROUTELIB_ATTR(Kiv::Ptr<OifSet>, frrOifSet, FrrOifSet)
 
   // Recount the fast-drop entries into the table's total; set fastdropDirty.
   void handleFastdrop(VlanId v);
   void handleFastdrop();
+  KIV_REFLECT_OPERATION_SIG(handleFastdrop, void (KivSelf::*)())
   // Empties the fast-drop and RPF-failure maps without per-entry
   // notifications, then recounts once.
   void doClearFastdrop();
+  KIV_REFLECT_OPERATION(doClearFastdrop)
+  KIV_REFLECT_END
   void handleDel();
 
   // Where a review walk of the table prefetches ahead: the words every
@@ -339,10 +363,20 @@ class BoundaryMroute : public Kiv::Entity {
   static Kiv::Ptr<BoundaryMroute> BoundaryMrouteIs(IpGenRouteKey const& key, MrouteTable* mrouteTable) {
     return new BoundaryMroute(key, mrouteTable);
   }
-  std::string_view typeName() const override { return "MrouteLib::BoundaryMroute"; }
+  KIV_REFLECT_BEGIN(BoundaryMroute, "MrouteLib::BoundaryMroute")
 
   IpGenRouteKey const& key() const { return key_; }
+  KIV_REFLECT_SCALAR_RO(key)
   MrouteTable* mrouteTable() const { return mrouteTable_; }
+  KIV_REFLECT_SCALAR_RO(mrouteTable)
+
+  using FastdropMap = SparseMap<VlanId, Kiv::Ptr<OifSet>>;
+  Kiv::Ptr<OifSet> fastdrop(VlanId v) const;
+  FastdropMap const& fastdropMap() const { return fastdrop_; }
+  void fastdropIs(VlanId v, Kiv::Ptr<OifSet> const& oifSet);
+  void fastdropDel(VlanId v);
+  void fastdropDelAll();
+  KIV_REFLECT_COLLECTION(fastdrop, VlanId, fastdrop_.size(), fastdrop_)
 
   MROUTELIB_ATTR(U16, fastdropCount, FastdropCount)
   MROUTELIB_ATTR(bool, fastdropDirty, FastdropDirty)
@@ -352,16 +386,12 @@ class BoundaryMroute : public Kiv::Entity {
   MROUTELIB_ATTR(U32, lagFilter, LagFilter)
   MROUTELIB_ATTR(bool, dirty, Dirty)
 
-  using FastdropMap = SparseMap<VlanId, Kiv::Ptr<OifSet>>;
-  Kiv::Ptr<OifSet> fastdrop(VlanId v) const;
-  FastdropMap const& fastdropMap() const { return fastdrop_; }
-  void fastdropIs(VlanId v, Kiv::Ptr<OifSet> const& oifSet);
-  void fastdropDel(VlanId v);
-  void fastdropDelAll();
-
   void handleFastdrop();
+  KIV_REFLECT_OPERATION(handleFastdrop)
   // Removes every entry with its notification, then recounts once more.
   void doClearFastdrop();
+  KIV_REFLECT_OPERATION(doClearFastdrop)
+  KIV_REFLECT_END
 
  private:
   friend class MrouteTable;
@@ -402,26 +432,36 @@ class DirtyInfo : public Kiv::Entity {
   };
 
   static Kiv::Ptr<DirtyInfo> DirtyInfoIs() { return new DirtyInfo(); }
-  std::string_view typeName() const override { return "MrouteLib::DirtyInfo"; }
+  KIV_REFLECT_BEGIN(DirtyInfo, "MrouteLib::DirtyInfo")
 
   MROUTELIB_ATTR(U32, dirtyVlan, DirtyVlan)
   MROUTELIB_ATTR(U32, dirtyVlanPort, DirtyVlanPort)
   MROUTELIB_ATTR(U64, dirtyVlanGroup, DirtyVlanGroup)
-  MROUTELIB_ATTR(U32, dirtyLag, DirtyLag)
-  MROUTELIB_ATTR(bool, dirtyRoute, DirtyRoute)
 
+  // The entry of one address: false when absent.
   AddrMap const& dirtyGroupSet() const { return dirtyGroupSet_; }
+  bool dirtyGroupSet(Wirly::IpGenAddr const& a) const { return entryOf(dirtyGroupSet_, a); }
   void dirtyGroupSetIs(Wirly::IpGenAddr const& a, bool dirty);
   void dirtyGroupSetDel(Wirly::IpGenAddr const& a);
   void dirtyGroupSetDelAll();
+  KIV_REFLECT_COLLECTION(dirtyGroupSet, Wirly::IpGenAddr, dirtyGroupSet_.size(), dirtyGroupSet_)
+
+  MROUTELIB_ATTR(U32, dirtyLag, DirtyLag)
+  MROUTELIB_ATTR(bool, dirtyRoute, DirtyRoute)
+
   AddrMap const& dirtyNatSrc() const { return dirtyNatSrc_; }
+  bool dirtyNatSrc(Wirly::IpGenAddr const& a) const { return entryOf(dirtyNatSrc_, a); }
   void dirtyNatSrcIs(Wirly::IpGenAddr const& a, bool dirty);
   void dirtyNatSrcDel(Wirly::IpGenAddr const& a);
   void dirtyNatSrcDelAll();
+  KIV_REFLECT_COLLECTION(dirtyNatSrc, Wirly::IpGenAddr, dirtyNatSrc_.size(), dirtyNatSrc_)
 
   // Anything recorded at all, including address entries whose value is false.
   bool isDirty() const;
+  KIV_REFLECT_OPERATION(isDirty)
   void clear();
+  KIV_REFLECT_OPERATION(clear)
+  KIV_REFLECT_END
   // ORs the other's words and flag in; its addresses arrive as true entries.
   void mergeWith(Kiv::PtrConst<DirtyInfo> const& other);
 
@@ -441,6 +481,10 @@ class DirtyInfo : public Kiv::Entity {
 
  private:
   DirtyInfo() = default;
+  static bool entryOf(AddrMap const& m, Wirly::IpGenAddr const& a) {
+    auto it = m.find(a);
+    return it != m.end() && it->second;
+  }
   void dirtyGroupSetNotify(Wirly::IpGenAddr const& a) { notify(&NotifieeConst::onDirtyGroupSet, a); }
   void dirtyNatSrcNotify(Wirly::IpGenAddr const& a) { notify(&NotifieeConst::onDirtyNatSrc, a); }
 
@@ -494,9 +538,10 @@ class MrouteTable : public Kiv::Entity {
   };
 
   static Kiv::Ptr<MrouteTable> MrouteTableIs(L3::VrfName const& vrfName) { return new MrouteTable(vrfName); }
-  std::string_view typeName() const override { return "MrouteLib::MrouteTable"; }
+  KIV_REFLECT_BEGIN(MrouteTable, "MrouteLib::MrouteTable")
 
   L3::VrfName const& vrfName() const { return vrfName_; }
+  KIV_REFLECT_SCALAR_RO(vrfName)
   MROUTELIB_ATTR(Wirly::AddressFamily, af, Af)
 
   // Routes. mrouteIs creates (and notifies) only when the key is new.
@@ -519,20 +564,25 @@ class MrouteTable : public Kiv::Entity {
   Kiv::Ptr<Mroute> mrouteIs(IpGenRouteKey const& key);
   void mrouteDel(IpGenRouteKey const& key);
   void mrouteDelAll();
+  KIV_REFLECT_COLLECTION_BY_KEY(mroute, IpGenRouteKey, mroutes(), mroute_)
+
+  // Made empty on first use; null when none is pending.
+  Kiv::Ptr<DirtyInfo> const& dirtyInfo() const { return dirtyInfo_; }
+  Kiv::Ptr<DirtyInfo> dirtyInfoIs();
+  void dirtyInfoDel();
+  KIV_REFLECT_POINTER_DEL(dirtyInfo)
 
   Kiv::Ptr<BoundaryMroute> boundaryMroute(IpGenRouteKey const& key) const;
   BoundaryMrouteMap const& boundaryMrouteMap() const { return boundaryMroute_; }
   Kiv::Ptr<BoundaryMroute> boundaryMrouteIs(IpGenRouteKey const& key);
   void boundaryMrouteDel(IpGenRouteKey const& key);
   void boundaryMrouteDelAll();
+  KIV_REFLECT_COLLECTION_BY_KEY(boundaryMroute, IpGenRouteKey, boundaryMroute_.size(), boundaryMroute_)
 
-  // Made empty on first use; null when none is pending.
-  Kiv::Ptr<DirtyInfo> const& dirtyInfo() const { return dirtyInfo_; }
-  Kiv::Ptr<DirtyInfo> dirtyInfoIs();
-  void dirtyInfoDel();
   Kiv::Ptr<DirtyInfo> const& boundaryDirtyInfo() const { return boundaryDirtyInfo_; }
   Kiv::Ptr<DirtyInfo> boundaryDirtyInfoIs();
   void boundaryDirtyInfoDel();
+  KIV_REFLECT_POINTER_DEL(boundaryDirtyInfo)
 
   MROUTELIB_ATTR(U32, vlanFilter, VlanFilter)
   // Route contributions per filter bit; 0 for a bit never written.
@@ -542,6 +592,9 @@ class MrouteTable : public Kiv::Entity {
   U32 vlanFilterCounterDec(U8 bit, U32 delta);
   void vlanFilterCounterDel(U8 bit) { vlanFilterCounterIs(bit, 0); }
   void vlanFilterCounterDelAll();
+  // Every bit written so far with its count (zeros included), for walks.
+  std::map<U8, U32> vlanFilterCounterMap() const;
+  KIV_REFLECT_COLLECTION(vlanFilterCounter, U8, vlanFilterCounter_.size(), vlanFilterCounterMap())
 
   MROUTELIB_COUNTER(U32, reviews, Reviews)
   MROUTELIB_COUNTER(U32, recomputations, Recomputations)
@@ -557,6 +610,8 @@ class MrouteTable : public Kiv::Entity {
   // Callers keep set and clear paired: a clear for a bit never set wraps
   // the counter and leaves the bit set.
   void doUpdateVrfVlanFilter(U32 mrtVlanFilter, U32 chgMrtVlanFilter);
+  KIV_REFLECT_OPERATION(doUpdateVrfVlanFilter)
+  KIV_REFLECT_END
 
   // Runs from the constructor; asserts it runs before initialized is set.
   void handleInitialized();
@@ -649,7 +704,7 @@ class MrouteTableColl : public Kiv::Entity {
   };
 
   static Kiv::Ptr<MrouteTableColl> MrouteTableCollIs(Wirly::AddressFamily af) { return new MrouteTableColl(af); }
-  std::string_view typeName() const override { return "MrouteLib::MrouteTableColl"; }
+  KIV_REFLECT_BEGIN(MrouteTableColl, "MrouteLib::MrouteTableColl")
 
   MROUTELIB_ATTR(Wirly::AddressFamily, af, Af)
 
@@ -659,11 +714,13 @@ class MrouteTableColl : public Kiv::Entity {
   Kiv::Ptr<MrouteTable> vrfMrouteTableIs(L3::VrfName const& vrf);
   void vrfMrouteTableDel(L3::VrfName const& vrf);
   void vrfMrouteTableDelAll();
+  KIV_REFLECT_COLLECTION_BY_KEY(vrfMrouteTable, L3::VrfName, vrfMrouteTable_.size(), vrfMrouteTable_)
 
   Kiv::Ptr<MrouteTable> const& l2FloodsetTable() const { return l2FloodsetTable_; }
   // The flood-set table when it has this name; otherwise a new one replaces it.
   Kiv::Ptr<MrouteTable> l2FloodsetTableIs(L3::VrfName const& vrf);
   void l2FloodsetTableDel();
+  KIV_REFLECT_POINTER_DEL(l2FloodsetTable)
 
   // The registry. Keys are found by PortVlanSet::hash(), so a key's hash
   // must be saved (saveHash) before it goes in or is looked up.
@@ -675,6 +732,10 @@ class MrouteTableColl : public Kiv::Entity {
   void oifSetIs(PortVlanSet const& s, OifSetPtr p);
   void oifSetDel(PortVlanSet const& s);
   void oifSetDelAll();
+  // Read-only by name: the sets register and unregister themselves, and a
+  // PortVlanSet has no constructor from text.
+  KIV_REFLECT_COLLECTION_RO(oifSet, PortVlanSet, oifSets(), oifSet_)
+  KIV_REFLECT_END
 
   // The registered OifSet of this content, made when there is none: saves
   // the set's hash, looks it up, and on a miss makes the OifSet, which
@@ -712,7 +773,7 @@ class DirtyChangeSet : public Kiv::Entity {
   };
 
   static Kiv::Ptr<DirtyChangeSet> DirtyChangeSetIs() { return new DirtyChangeSet(); }
-  std::string_view typeName() const override { return "MrouteLib::DirtyChangeSet"; }
+  KIV_REFLECT_BEGIN(DirtyChangeSet, "MrouteLib::DirtyChangeSet")
 
   MROUTELIB_ATTR(VlanIdOrNone, vlanId, VlanId)
   MROUTELIB_ATTR(Wirly::IntfId, port, Port)
@@ -723,6 +784,7 @@ class DirtyChangeSet : public Kiv::Entity {
   MROUTELIB_COUNTER(U32, dirtyVlanGroupCount, DirtyVlanGroupCount)
   MROUTELIB_COUNTER(U32, dirtyLagCount, DirtyLagCount)
   MROUTELIB_COUNTER(U32, allVlansDirtyCount, AllVlansDirtyCount)
+  KIV_REFLECT_END
 
  private:
   DirtyChangeSet() = default;
@@ -752,7 +814,7 @@ class ReviewInfo : public Kiv::Entity {
   };
 
   static Kiv::Ptr<ReviewInfo> ReviewInfoIs() { return new ReviewInfo(); }
-  std::string_view typeName() const override { return "MrouteLib::ReviewInfo"; }
+  KIV_REFLECT_BEGIN(ReviewInfo, "MrouteLib::ReviewInfo")
 
   // 0 when the VRF has no entry.
   U32 review(L3::VrfName const& vrf) const;
@@ -760,11 +822,14 @@ class ReviewInfo : public Kiv::Entity {
   void reviewIs(L3::VrfName const& vrf, U32 n);
   void reviewDel(L3::VrfName const& vrf);
   void reviewDelAll();
+  KIV_REFLECT_COLLECTION(review, L3::VrfName, review_.size(), review_)
   U32 review6(L3::VrfName const& vrf) const;
   ReviewMap const& review6Map() const { return review6_; }
   void review6Is(L3::VrfName const& vrf, U32 n);
   void review6Del(L3::VrfName const& vrf);
   void review6DelAll();
+  KIV_REFLECT_COLLECTION(review6, L3::VrfName, review6_.size(), review6_)
+  KIV_REFLECT_END
 
  private:
   ReviewInfo() = default;
@@ -778,6 +843,8 @@ class ReviewInfo : public Kiv::Entity {
 class StaticNatIpInfo {
  public:
   using VlanMap = std::unordered_map<VlanId, bool>;
+  // Refused, not asserted, when read from text by name.
+  static constexpr bool kivNoTextConstructor = true;
 
   VlanMap const& vlan() const { return vlan_; }
   bool vlan(VlanId v) const;
@@ -808,7 +875,7 @@ class StaticNatInfo : public Kiv::Entity {
   };
 
   static Kiv::Ptr<StaticNatInfo> StaticNatInfoIs() { return new StaticNatInfo(); }
-  std::string_view typeName() const override { return "MrouteLib::StaticNatInfo"; }
+  KIV_REFLECT_BEGIN(StaticNatInfo, "MrouteLib::StaticNatInfo")
 
   // An empty value when the address has no entry.
   StaticNatIpInfo ipInfo(Wirly::IpGenAddr const& a) const;
@@ -817,6 +884,8 @@ class StaticNatInfo : public Kiv::Entity {
   void ipInfoIs(Wirly::IpGenAddr const& a, StaticNatIpInfo const& info);
   void ipInfoDel(Wirly::IpGenAddr const& a);
   void ipInfoDelAll();
+  KIV_REFLECT_COLLECTION(ipInfo, Wirly::IpGenAddr, ipInfo_.size(), ipInfo_)
+  KIV_REFLECT_END
 
  private:
   StaticNatInfo() = default;

@@ -83,6 +83,8 @@ std::ostream& operator<<(std::ostream& os, LagOperation op);
 
 class PortVlanSet {
  public:
+  // Refused, not asserted, when read from text by name.
+  static constexpr bool kivNoTextConstructor = true;
   // Ordered maps, ascending, as sorted vectors: sets are small.
   using PortVlanMap = FlatMap<PortVlan, bool>;
   using NatVlanMap = FlatMap<Bridging::VlanId, bool>;

@@ -37,28 +37,45 @@ class MrtIcmpV6RelaySm : public Kiv::Entity {
   using Ptr = Kiv::Ptr<MrtIcmpV6RelaySm>;
   static constexpr std::size_t mrt6msgBytes = 40;
 
-  std::string_view typeName() const override { return "Routing::Multicast::Notify::MrtIcmpV6RelaySm"; }
+  KIV_REFLECT_BEGIN(MrtIcmpV6RelaySm, "Routing::Multicast::Notify::MrtIcmpV6RelaySm")
 
+  // The relay's name (the entity's name).
+  Kiv::Name const& name() const { return Kiv::Entity::name(); }
+  KIV_REFLECT_SCALAR_RO(name)
   Wirly::NamespaceName const& netNs() const { return netNs_; }
+  KIV_REFLECT_SCALAR_RO(netNs)
   Kiv::PtrConst<Routing::KernelMfib::Status> const& vifStatus() const { return vifStatus_; }
+  KIV_REFLECT_SCALAR_RO(vifStatus)
   double loopQuantum() const { return loopQuantum_; }
   void loopQuantumIs(double seconds) { loopQuantum_ = seconds < 0 ? 0 : seconds; }
+  KIV_REFLECT_SCALAR(loopQuantum)
 
   std::int32_t mrtSkSd() const { return mrtSkSd_; }
   // Always runs handleMrtSocket, also for the value already held.
   void mrtSkSdIs(std::int32_t sd);
+  KIV_REFLECT_SCALAR(mrtSkSd)
 
   Kiv::Ptr<WrongVifMessage> const& wrongIfMessage() const { return wrongIfMessage_; }
+  KIV_REFLECT_SCALAR_RO(wrongIfMessage)
   Kiv::Ptr<NoCacheMessage> const& noCacheMessage() const { return noCacheMessage_; }
+  KIV_REFLECT_SCALAR_RO(noCacheMessage)
   Kiv::Ptr<WholePktMessage> const& wholePktMessage() const { return wholePktMessage_; }
+  KIV_REFLECT_SCALAR_RO(wholePktMessage)
   Kiv::Ptr<MrtNotifySocketPam> const& icmpV6Pam() const { return icmpV6Pam_; }
+  KIV_REFLECT_SCALAR_RO(icmpV6Pam)
   Kiv::Ptr<MrtNotifyNetlinkSocketPam> const& netlinkPam() const { return netlinkPam_; }
+  KIV_REFLECT_SCALAR_RO(netlinkPam)
 
-  void handleMrtSocket();
   // One review; returns the number of datagrams read.
   std::uint32_t rxPkt();
+  KIV_REFLECT_OPERATION(rxPkt)
   // Parses one mrt6msg and relays it; returns the kind (none when dropped).
+  // Listed by name; a packet has no text form.
   Wirly::MrtMessageType readMrtMessage(Kiv::Ptr<Wirly::Pkt> const& pkt);
+  KIV_REFLECT_OPERATION(readMrtMessage)
+  void handleMrtSocket();
+  KIV_REFLECT_OPERATION(handleMrtSocket)
+  KIV_REFLECT_END
 
   void kivDoZombieReactors(bool zombie) override { kivIcmpV6Pam_.kivDoZombieReactors(zombie); }
   void hasNotificationActiveIs(bool active) override { kivIcmpV6Pam_.hasNotificationActiveIs(active); }

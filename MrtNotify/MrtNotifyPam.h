@@ -52,7 +52,8 @@ namespace Routing::Multicast::Notify {
 class NoCacheMessage : public Wirly::MrtMessage {
  public:
   using Ptr = Kiv::Ptr<NoCacheMessage>;
-  std::string_view typeName() const override { return "Routing::Multicast::Notify::NoCacheMessage"; }
+  KIV_REFLECT_BEGIN_DERIVED(NoCacheMessage, Wirly::MrtMessage, "Routing::Multicast::Notify::NoCacheMessage")
+  KIV_REFLECT_END
 
  private:
   friend Kiv::Ptr<NoCacheMessage> noCacheMessageFactory(Kiv::Name name);
@@ -62,7 +63,8 @@ class NoCacheMessage : public Wirly::MrtMessage {
 class WrongVifMessage : public Wirly::MrtMessage {
  public:
   using Ptr = Kiv::Ptr<WrongVifMessage>;
-  std::string_view typeName() const override { return "Routing::Multicast::Notify::WrongVifMessage"; }
+  KIV_REFLECT_BEGIN_DERIVED(WrongVifMessage, Wirly::MrtMessage, "Routing::Multicast::Notify::WrongVifMessage")
+  KIV_REFLECT_END
 
  private:
   friend Kiv::Ptr<WrongVifMessage> wrongVifMessageFactory(Kiv::Name name);
@@ -78,11 +80,13 @@ class WholePktMessage : public Wirly::MrtMessage {
     using Wirly::MrtMessage::NotifieeConst::NotifieeConst;
     virtual void onRcvdPkt() {}
   };
-  std::string_view typeName() const override { return "Routing::Multicast::Notify::WholePktMessage"; }
+  KIV_REFLECT_BEGIN_DERIVED(WholePktMessage, Wirly::MrtMessage, "Routing::Multicast::Notify::WholePktMessage")
 
   Kiv::Ptr<Wirly::Pkt> rcvdPkt() const override { return rcvdPkt_; }
   // A new packet always notifies: the same buffer may come back refilled.
   void rcvdPktIs(Kiv::Ptr<Wirly::Pkt> const& p);
+  KIV_REFLECT_SCALAR(rcvdPkt)
+  KIV_REFLECT_END
 
  private:
   friend Kiv::Ptr<WholePktMessage> wholePktMessageFactory(Kiv::Name name);
@@ -115,69 +119,91 @@ class MrtNotifyPamManager : public Kiv::Entity {
     virtual void onWholePktMessage() {}
   };
 
-  std::string_view typeName() const override { return "Routing::Multicast::Notify::MrtNotifyPamManager"; }
+  // By name, in this order: the attributes, then options (and
+  // ipv4NativeReports), handlePamInit and readMrtMessage. The counters move
+  // by name as well (noCacheCounterInc), which wakes their observers as an
+  // upcall would; the socket and the mailboxes are read-only.
+  KIV_REFLECT_BEGIN(MrtNotifyPamManager, "Routing::Multicast::Notify::MrtNotifyPamManager")
 
   Wirly::AddressFamily af() const { return af_; }
-  Wirly::NamespaceName const& netNs() const { return netNs_; }
+  KIV_REFLECT_SCALAR_RO(af)
 
   Kiv::Ptr<MrtNotifySocketPam> const& pam() const { return pam_; }
   void pamIs(Kiv::Ptr<MrtNotifySocketPam> const& p) {
     if (Kiv::changed(pam_, p)) notify(&NotifieeConst::onPam);
   }
+  KIV_REFLECT_SCALAR_RO(pam)
+
+  Wirly::NamespaceName const& netNs() const { return netNs_; }
+  KIV_REFLECT_SCALAR_RO(netNs)
 
   bool useNetlink() const { return useNetlink_; }
   // Replaces the socket when the value changes (handlePamInit).
   void useNetlinkIs(bool v);
-
-  // Upcall kinds asked of the socket; kept here so that a replaced socket
-  // asks for the same.
-  std::uint32_t options() const { return options_; }
-  void optionsIs(std::uint32_t options);
-
-  // IPv4 over netlink: read the kernel's own reports (NETLINK_ROUTE group
-  // 30) rather than a relay's; applies to the next socket made.
-  bool ipv4NativeReports() const { return ipv4NativeReports_; }
-  void ipv4NativeReportsIs(bool v);
+  KIV_REFLECT_SCALAR(useNetlink)
 
   std::uint32_t wrongVifCounter() const { return wrongVifCounter_; }
   void wrongVifCounterIs(std::uint32_t v) { counterIs(wrongVifCounter_, v, &NotifieeConst::onWrongVifCounter); }
   std::uint32_t wrongVifCounterInc(std::uint32_t n = 1) {
     return counterInc(wrongVifCounter_, n, &NotifieeConst::onWrongVifCounter);
   }
-  std::uint32_t noCacheCounter() const { return noCacheCounter_; }
-  void noCacheCounterIs(std::uint32_t v) { counterIs(noCacheCounter_, v, &NotifieeConst::onNoCacheCounter); }
-  std::uint32_t noCacheCounterInc(std::uint32_t n = 1) {
-    return counterInc(noCacheCounter_, n, &NotifieeConst::onNoCacheCounter);
-  }
-  std::uint32_t wholePktCounter() const { return wholePktCounter_; }
-  void wholePktCounterIs(std::uint32_t v) { counterIs(wholePktCounter_, v, &NotifieeConst::onWholePktCounter); }
-  std::uint32_t wholePktCounterInc(std::uint32_t n = 1) {
-    return counterInc(wholePktCounter_, n, &NotifieeConst::onWholePktCounter);
-  }
-
+  KIV_REFLECT_COUNTER(wrongVifCounter)
   Kiv::Ptr<WrongVifMessage> const& wrongVifMessage() const { return wrongVifMessage_; }
   void wrongVifMessageIs(Kiv::Ptr<WrongVifMessage> const& m) {
     if (Kiv::changed(wrongVifMessage_, m)) notify(&NotifieeConst::onWrongVifMessage);
   }
   void wrongVifMessageDel() { wrongVifMessageIs(nullptr); }
+  KIV_REFLECT_SCALAR_RO(wrongVifMessage)
+
+  std::uint32_t noCacheCounter() const { return noCacheCounter_; }
+  void noCacheCounterIs(std::uint32_t v) { counterIs(noCacheCounter_, v, &NotifieeConst::onNoCacheCounter); }
+  std::uint32_t noCacheCounterInc(std::uint32_t n = 1) {
+    return counterInc(noCacheCounter_, n, &NotifieeConst::onNoCacheCounter);
+  }
+  KIV_REFLECT_COUNTER(noCacheCounter)
   Kiv::Ptr<NoCacheMessage> const& noCacheMessage() const { return noCacheMessage_; }
   void noCacheMessageIs(Kiv::Ptr<NoCacheMessage> const& m) {
     if (Kiv::changed(noCacheMessage_, m)) notify(&NotifieeConst::onNoCacheMessage);
   }
   void noCacheMessageDel() { noCacheMessageIs(nullptr); }
+  KIV_REFLECT_SCALAR_RO(noCacheMessage)
+
+  std::uint32_t wholePktCounter() const { return wholePktCounter_; }
+  void wholePktCounterIs(std::uint32_t v) { counterIs(wholePktCounter_, v, &NotifieeConst::onWholePktCounter); }
+  std::uint32_t wholePktCounterInc(std::uint32_t n = 1) {
+    return counterInc(wholePktCounter_, n, &NotifieeConst::onWholePktCounter);
+  }
+  KIV_REFLECT_COUNTER(wholePktCounter)
   Kiv::Ptr<WholePktMessage> const& wholePktMessage() const { return wholePktMessage_; }
   void wholePktMessageIs(Kiv::Ptr<WholePktMessage> const& m) {
     if (Kiv::changed(wholePktMessage_, m)) notify(&NotifieeConst::onWholePktMessage);
   }
   void wholePktMessageDel() { wholePktMessageIs(nullptr); }
+  KIV_REFLECT_SCALAR_RO(wholePktMessage)
+
+  // Upcall kinds asked of the socket; kept here so that a replaced socket
+  // asks for the same.
+  std::uint32_t options() const { return options_; }
+  void optionsIs(std::uint32_t options);
+  KIV_REFLECT_SCALAR(options)
+
+  // IPv4 over netlink: read the kernel's own reports (NETLINK_ROUTE group
+  // 30) rather than a relay's; applies to the next socket made.
+  bool ipv4NativeReports() const { return ipv4NativeReports_; }
+  void ipv4NativeReportsIs(bool v);
+  KIV_REFLECT_SCALAR(ipv4NativeReports)
 
   // Chooses and creates the receiving socket (left disabled).
   void handlePamInit();
+  KIV_REFLECT_OPERATION(handlePamInit)
 
   // Parses one received datagram and publishes its upcall: the kind's
   // message entity is overwritten and its counter moves. Returns the kind
-  // published (none when the datagram was dropped).
+  // published (none when the datagram was dropped). Listed by name; a
+  // packet has no text form, so it is not invoked by name.
   Wirly::MrtMessageType readMrtMessage(Kiv::Ptr<Wirly::Pkt> const& pkt, VifStatus const& vifStatus);
+  KIV_REFLECT_OPERATION(readMrtMessage)
+  KIV_REFLECT_END
 
   // One cache report, its nlmsg_len already checked against the datagram.
   static Wirly::MrtMessage::Ptr readNetlinkMrtMessage(Wirly::AddressFamily af, nlmsghdr* nlh,

@@ -35,17 +35,24 @@ class MrtNotifySm : public Kiv::Entity {
   static constexpr double defaultLoopQuantum = 0.5;
   static constexpr std::uint32_t reviewMaxRxPktData = 65535;
 
-  std::string_view typeName() const override { return "Routing::Multicast::Notify::MrtNotifySm"; }
+  KIV_REFLECT_BEGIN(MrtNotifySm, "Routing::Multicast::Notify::MrtNotifySm")
 
   Kiv::Ptr<MrtNotifyPamManager> const& pamManager() const { return pamManager_; }
+  KIV_REFLECT_SCALAR_RO(pamManager)
   Kiv::PtrConst<Routing::KernelMfib::Status> const& vifStatus() const { return vifStatus_; }
+  KIV_REFLECT_SCALAR_RO(vifStatus)
   double loopQuantum() const { return loopQuantum_; }
   void loopQuantumIs(double seconds) { loopQuantum_ = seconds < 0 ? 0 : seconds; }
+  KIV_REFLECT_SCALAR(loopQuantum)
   bool initialized() const { return initialized_; }
+  KIV_REFLECT_SCALAR_RO(initialized)
 
   void handleInitialized();
+  KIV_REFLECT_OPERATION(handleInitialized)
   // One review; returns the number of datagrams parsed.
   std::uint32_t rxPkt();
+  KIV_REFLECT_OPERATION(rxPkt)
+  KIV_REFLECT_END
 
   void kivDoZombieReactors(bool zombie) override;
   void hasNotificationActiveIs(bool active) override;

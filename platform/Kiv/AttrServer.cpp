@@ -10,10 +10,10 @@
 #include <cstring>
 #include <vector>
 
-#include "Kiv/Dir.h"
 #include "Kiv/Exception.h"
 #include "Kiv/Reflect.h"
 #include "Kiv/Trace.h"
+#include "Kiv/ValueJson.h"
 
 namespace Kiv {
 
@@ -22,12 +22,14 @@ namespace {
 TraceHandle introspectTrace("Kiv::AttrServer");
 
 // Where a path leads: an entity, or one of its attributes, or one key of a
-// collection attribute.
+// collection attribute, or an operation derived from an attribute's name
+// (vornPtrDelAll, reviewsInc).
 struct Target {
   Ptr<Entity> entity;
   Attr const* attr = nullptr;
   std::string key;
   bool keyed = false;
+  std::string derived;
 };
 
 std::vector<std::string> splitPath(std::string_view path) {
@@ -62,15 +64,13 @@ std::vector<std::string> splitPath(std::string_view path) {
   return out;
 }
 
-// A bare quoted segment ('a/b') names a Dir entry or a string key; keys of
-// other types keep their quotes for their own parser.
-std::string entryName(std::string const& seg) {
-  if (seg.size() >= 2 && seg.front() == '\'' && seg.back() == '\'') return ValueTextDetail::unquote(seg);
-  return seg;
-}
+bool isQuoted(std::string const& seg) { return seg.size() >= 2 && seg.front() == '\'' && seg.back() == '\''; }
 
 // For a write (keyLast), a path's last key stays a key even in a collection
-// of entities, so that an entry can be made or removed.
+// of entities, so that an entry can be made or removed, and a last pointer
+// attribute stays the attribute. A segment that names
+// no attribute is a key of the entity's path collection, if it has one (a
+// quoted segment always is).
 Target resolve(Entity const& root, std::string_view path, bool keyLast) {
   Target t;
   t.entity = Ptr<Entity>(const_cast<Entity*>(&root));
@@ -78,30 +78,49 @@ Target resolve(Entity const& root, std::string_view path, bool keyLast) {
   std::vector<std::string> const segs = splitPath(path);
   for (std::size_t i = 0; i < segs.size(); ++i) {
     std::string const& seg = segs[i];
+    bool const last = i + 1 == segs.size();
     walked += "/" + seg;
     if (t.keyed) throw RangeException(walked + ": " + t.attr->name + " entries have nothing below them");
+    if (!t.derived.empty()) throw RangeException(walked + ": " + t.derived + " is an operation");
     if (t.attr == nullptr) {
-      if (auto const* dir = dynamic_cast<Dir const*>(t.entity.ptr()); dir != nullptr) {
-        Ptr<Entity> e = dir->entity(Name(entryName(seg)));
-        if (!e) throw RangeException(walked + ": no such entry");
-        t.entity = e;
+      TypeInfo const& info = typeInfo(*t.entity);
+      Attr const* a = isQuoted(seg) ? nullptr : info.attr(seg);
+      if (a == nullptr && info.pathCollection() != nullptr) {
+        Attr const* pc = info.pathCollection();
+        if (!pc->has(*t.entity, seg)) {
+          if (!(keyLast && last)) throw RangeException(walked + ": no such entry");
+        } else if (pc->lookupEntity != nullptr && !(keyLast && last)) {
+          Ptr<Entity> e = pc->lookupEntity(*t.entity, seg);
+          if (!e) throw RangeException(walked + " is None");
+          t.entity = e;
+          continue;
+        }
+        t.attr = pc;
+        t.key = seg;
+        t.keyed = true;
         continue;
       }
-      Attr const& a = attrOf(*t.entity, seg);
-      if (a.kind == AttrKind::pointer) {
-        Ptr<Entity> e = a.entity(*t.entity);
+      if (a == nullptr && derivedOperation(*t.entity, seg).attr != nullptr) {
+        t.derived = seg;
+        continue;
+      }
+      if (a == nullptr) a = &attrOf(*t.entity, seg);
+      // A write names the pointer itself (None removes); a read walks in.
+      if (a->kind == AttrKind::pointer && !(keyLast && last)) {
+        Ptr<Entity> e = a->entity(*t.entity);
         if (!e) throw RangeException(walked + " is None");
         t.entity = e;
         continue;
       }
-      t.attr = &a;
+      t.attr = a;
       continue;
     }
     if (t.attr->kind != AttrKind::collection)
       throw RangeException(walked + ": " + t.attr->name + " is not a collection");
-    if (t.attr->lookupEntity != nullptr && !(keyLast && i + 1 == segs.size())) {
+    if (t.attr->lookupEntity != nullptr && !(keyLast && last)) {
       if (!t.attr->has(*t.entity, seg)) throw RangeException(walked + ": no such key");
       t.entity = t.attr->lookupEntity(*t.entity, seg);
+      if (!t.entity) throw RangeException(walked + " is None");
       t.attr = nullptr;
       continue;
     }
@@ -111,13 +130,17 @@ Target resolve(Entity const& root, std::string_view path, bool keyLast) {
   return t;
 }
 
-// Rows of (name, value) printed as "name\tvalue" lines or one JSON object.
+// A key as a path collection's listing shows it: a name without quotes.
+std::string plainKey(std::string const& key) { return jsonKeyFromStrep(key); }
+
+// Rows of (name, value text): "name\tvalue" lines, or one JSON object of
+// typed values keyed by the names.
 std::string rows(std::vector<std::pair<std::string, std::string>> const& r, bool json) {
   std::string out;
   if (json) {
     out = "{";
     for (std::size_t i = 0; i < r.size(); ++i)
-      out += (i ? ", " : "") + jsonString(r[i].first) + ": " + jsonString(r[i].second);
+      out += (i ? ", " : "") + jsonString(jsonKeyFromStrep(r[i].first)) + ": " + jsonFromStrep(r[i].second);
     return out + "}\n";
   }
   for (auto const& [k, v] : r) out += k + "\t" + v + "\n";
@@ -136,38 +159,69 @@ std::string listEntity(Entity const& e, bool json) {
     }
     first = false;
   };
-  if (auto const* dir = dynamic_cast<Dir const*>(&e); dir != nullptr) {
-    for (auto const& [name, entity] : *dir)
-      row(name.str(), "entry", entity ? std::string(entity->typeName()) : "None", false);
-  } else {
-    for (Attr const& a : typeInfo(e).attrs()) {
-      std::string type = a.keyType.empty() ? a.valueType : a.keyType + " -> " + a.valueType;
-      row(a.name, attrKindName(a.kind), type, a.writable);
+  TypeInfo const& info = typeInfo(e);
+  // A path collection's entries stand where its name would.
+  if (Attr const* pc = info.pathCollection(); pc != nullptr) {
+    for (auto const& [key, value] : attrEntries(e, pc->name)) {
+      std::string type = pc->valueType;
+      if (pc->lookupEntity != nullptr) {
+        Ptr<Entity> entity = pc->lookupEntity(e, key);
+        type = entity ? std::string(entity->typeName()) : "None";
+      }
+      row(plainKey(key), "entry", type, false);
     }
+  }
+  for (Attr const& a : info.attrs()) {
+    if (a.pathKeys) continue;
+    std::string type = a.keyType.empty() ? a.valueType : a.keyType + " -> " + a.valueType;
+    row(a.name, attrKindName(a.kind), type, a.writable);
   }
   return json ? out + "]\n" : out;
 }
 
 std::string getEntity(Entity const& e, bool json) {
-  std::vector<std::pair<std::string, std::string>> r;
-  if (auto const* dir = dynamic_cast<Dir const*>(&e); dir != nullptr) {
-    for (auto const& [name, entity] : *dir) r.emplace_back(name.str(), ReflectDetail::entityText(entity.ptr()));
-    return rows(r, json);
-  }
+  std::string attrs = json ? "{" : "";
+  bool first = true;
+  auto row = [&](std::string const& name, std::string const& text, std::string const& typed) {
+    if (json) {
+      attrs += std::string(first ? "" : ", ") + jsonString(name) + ": " + typed;
+    } else {
+      attrs += name + "\t" + text + "\n";
+    }
+    first = false;
+  };
   for (Attr const& a : typeInfo(e).attrs()) {
-    if (a.get != nullptr) r.emplace_back(a.name, a.get(e));
-    if (a.count != nullptr) r.emplace_back(a.name, std::to_string(a.count(e)) + " entries");
+    if (a.pathKeys) {
+      for (auto const& [key, value] : attrEntries(e, a.name)) row(plainKey(key), value, jsonFromStrep(value));
+      continue;
+    }
+    if (a.get != nullptr) row(a.name, a.get(e), jsonFromStrep(a.get(e)));
+    if (a.count != nullptr) {
+      // In JSON a collection is its entries; in text, how many.
+      std::string typed;
+      if (json) {
+        typed = rows(attrEntries(e, a.name), true);
+        typed.pop_back();
+      }
+      row(a.name, std::to_string(a.count(e)) + " entries", typed);
+    }
   }
-  if (!json) return rows(r, false);
-  std::string body = rows(r, true);
+  if (!json) return attrs;
   return "{\"type\": " + jsonString(e.typeName()) + ", \"name\": " + jsonString(e.name().str()) +
-         ", \"attributes\": " + body.substr(0, body.size() - 1) + "}\n";
+         ", \"attributes\": " + attrs + "}}\n";
 }
+
+std::string oneValue(std::string const& value, bool json) { return json ? jsonFromStrep(value) + "\n" : value + "\n"; }
 
 std::string answerOf(Entity const& root, std::string_view verb, bool json, std::string_view path,
                      std::string_view arg) {
   Target t = resolve(root, path, verb == "set" || verb == "del");
   Entity const& e = *t.entity;
+  if (!t.derived.empty()) {
+    if (verb != "invoke") throw RangeException(std::string(path) + " is an operation: invoke it");
+    std::string result = attrInvoke(e, t.derived, arg);
+    return result.empty() ? std::string() : oneValue(result, json);
+  }
   if (verb == "ls") {
     if (t.attr == nullptr) return listEntity(e, json);
     if (t.attr->kind == AttrKind::collection && !t.keyed) return rows(attrEntries(e, t.attr->name), json);
@@ -175,17 +229,10 @@ std::string answerOf(Entity const& root, std::string_view verb, bool json, std::
   }
   if (verb == "get") {
     if (t.attr == nullptr) return getEntity(e, json);
-    std::string value;
-    if (t.keyed) {
-      value = attrLookup(e, t.attr->name, t.key);
-    } else if (t.attr->kind == AttrKind::collection) {
-      return rows(attrEntries(e, t.attr->name), json);
-    } else if (t.attr->kind == AttrKind::operation) {
-      throw RangeException(t.attr->name + " is an operation: invoke it");
-    } else {
-      value = attrGet(e, t.attr->name);
-    }
-    return json ? jsonString(value) + "\n" : value + "\n";
+    if (t.keyed) return oneValue(attrLookup(e, t.attr->name, t.key), json);
+    if (t.attr->kind == AttrKind::collection) return rows(attrEntries(e, t.attr->name), json);
+    if (t.attr->kind == AttrKind::operation) throw RangeException(t.attr->name + " is an operation: invoke it");
+    return oneValue(attrGet(e, t.attr->name), json);
   }
   if (verb == "set") {
     if (t.attr == nullptr) throw RangeException(std::string(path) + " is an entity: name one of its attributes");
@@ -204,8 +251,7 @@ std::string answerOf(Entity const& root, std::string_view verb, bool json, std::
   if (verb == "invoke") {
     if (t.attr == nullptr || t.keyed) throw RangeException(std::string(path) + " is not an operation");
     std::string result = attrInvoke(e, t.attr->name, arg);
-    if (result.empty()) return std::string();
-    return json ? jsonString(result) + "\n" : result + "\n";
+    return result.empty() ? std::string() : oneValue(result, json);
   }
   throw RangeException("unknown verb " + std::string(verb) + " (ls, get, set, del, invoke)");
 }

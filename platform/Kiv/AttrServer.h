@@ -12,10 +12,17 @@
 // user may enter; the socket itself is mode 0600 and the server also checks
 // each client's user id (SO_PEERCRED) and refuses any other user.
 //
-// Paths: "/" is the root; a segment names a Kiv::Dir entry, an attribute, or
-// a key of the collection before it (its text form, or a bare word read as a
-// string); an entity reached through a pointer or a collection of entities
-// is walked into. A segment holding '/' is quoted: /status/'a/b'.
+// Paths: "/" is the root; a segment names an attribute, a key of the
+// collection before it (its text form, or a bare word read as a string), or
+// a key of the entity's path collection (a Kiv::Dir's entries), and an
+// entity reached through a pointer or a collection of entities is walked
+// into. A segment holding '/' is quoted: /status/'a/b'. A last segment
+// <collection>DelAll, <counter>Inc or <counter>Dec names that edit, which
+// invoke runs (Inc and Dec take an optional amount).
+//
+// Answers in json carry typed values (Kiv::jsonFromStrep): an entity's get
+// is {"type", "name", "attributes"}, each collection in it an object of its
+// entries; a collection's ls or get is one such object.
 //
 // Protocol, one request per connection: the client sends
 // "verb \t format \t path \t argument \n" (verb ls, get, set, del or invoke;

@@ -26,6 +26,10 @@
 // add or remove entries from onEntityPtr; entryDelAll removes the entries
 // present when it was called, skipping those a notifiee removed meanwhile.
 // Like the rest of the framework, a Dir and the registry belong to one thread.
+//
+// Reflectively a Dir has one attribute, the collection `entry` (name ->
+// entity), which is its path collection: /app1 names the entry app1. An
+// entry set by name holds no entity (the value given must be None).
 #pragma once
 
 #include <cstddef>
@@ -37,6 +41,7 @@
 #include "Kiv/Entity.h"
 #include "Kiv/Name.h"
 #include "Kiv/Ptr.h"
+#include "Kiv/Reflect.h"
 
 namespace Kiv {
 
@@ -58,8 +63,6 @@ class Dir : public Entity {
 
   static Ptr DirIs(Name name = Name());
 
-  std::string_view typeName() const override { return "Kiv::Dir"; }
-
   // The entry's entity; null when the entry is absent or holds none.
   Kiv::Ptr<Entity> entity(Name const& name) const;
   bool has(Name const& name) const;
@@ -77,6 +80,15 @@ class Dir : public Entity {
 
   const_iterator begin() const { return entries_.begin(); }
   const_iterator end() const { return entries_.end(); }
+  Map const& entryMap() const { return entries_; }
+
+  KIV_REFLECT_BEGIN(Dir, "Kiv::Dir")
+  // The entry's entity, as the reflective collection reads it.
+  Kiv::Ptr<Entity> entry(Name const& name) const { return entity(name); }
+  KIV_REFLECT_PATH_COLLECTION(
+      entry, Name, entries(), entries_, [](KivSelf& s, Name const& k, auto&& v) { s.entryIs(k, v); },
+      [](KivSelf& s, Name const& k) { s.entryDel(k); })
+  KIV_REFLECT_END
 
   // Registers the factory of typeName, replacing an earlier one; an empty
   // factory removes the registration. "Kiv::Dir" is registered from the start.

@@ -33,6 +33,12 @@ Attr const* TypeInfo::attr(std::string_view name) const {
   return nullptr;
 }
 
+Attr const* TypeInfo::pathCollection() const {
+  for (Attr const& a : attrs_)
+    if (a.pathKeys) return &a;
+  return nullptr;
+}
+
 TypeInfo const& typeInfo(Entity const& e) {
   TypeInfo const* info = e.kivTypeInfo();
   if (info == nullptr) throw RangeException(std::string(e.typeName()) + " has no reflective attributes");
@@ -86,10 +92,69 @@ void attrSet(Entity const& e, std::string_view name, std::string_view text) {
   });
 }
 
+DerivedOperation derivedOperation(Entity const& e, std::string_view name) {
+  TypeInfo const& info = typeInfo(e);
+  for (std::string_view suffix : {std::string_view("DelAll"), std::string_view("Inc"), std::string_view("Dec")}) {
+    if (name.size() <= suffix.size() || name.substr(name.size() - suffix.size()) != suffix) continue;
+    Attr const* a = info.attr(name.substr(0, name.size() - suffix.size()));
+    if (a == nullptr) continue;
+    if (suffix == "DelAll" ? a->entryDelAll != nullptr : (suffix == "Inc" ? a->inc : a->dec) != nullptr)
+      return {a, suffix};
+  }
+  return {};
+}
+
 std::string attrInvoke(Entity const& e, std::string_view name, std::string_view args) {
+  if (typeInfo(e).attr(name) == nullptr) {
+    // nDelAll, nInc, nDec: the entry's own edits, by name.
+    DerivedOperation op = derivedOperation(e, name);
+    if (op.attr != nullptr) {
+      std::vector<std::string> parts = splitArgs(args);
+      if (op.suffix == "DelAll") {
+        if (!parts.empty())
+          throw RangeException(std::string(name) + " takes 0 argument(s), given " + std::to_string(parts.size()));
+        attrDelAll(e, op.attr->name);
+        return std::string();
+      }
+      if (parts.size() > 1)
+        throw RangeException(std::string(name) + " takes 0 or 1 argument(s), given " + std::to_string(parts.size()));
+      std::string const amount = parts.empty() ? std::string("1") : parts[0];
+      return op.suffix == "Inc" ? attrInc(e, op.attr->name, amount) : attrDec(e, op.attr->name, amount);
+    }
+  }
   Attr const& a = attrOf(e, name);
   if (a.invoke == nullptr) throw RangeException(what(e, a) + " is not an operation");
   return withContext(e, a, [&] { return a.invoke(const_cast<Entity&>(e), args); });
+}
+
+void attrDelAll(Entity const& e, std::string_view name) {
+  Attr const& a = collectionOf(e, name);
+  if (a.entryDelAll == nullptr) throw RangeException(what(e, a) + " is read-only");
+  a.entryDelAll(const_cast<Entity&>(e));
+}
+
+namespace {
+
+std::string counterStep(Entity const& e, std::string_view name, std::string_view amount, bool up) {
+  Attr const& a = attrOf(e, name);
+  if (a.kind != AttrKind::counter) throw RangeException(what(e, a) + " is not a counter");
+  auto step = up ? a.inc : a.dec;
+  if (step == nullptr) throw RangeException(what(e, a) + " is read-only");
+  withContext(e, a, [&] {
+    step(const_cast<Entity&>(e), amount);
+    return 0;
+  });
+  return a.get(e);
+}
+
+}  // namespace
+
+std::string attrInc(Entity const& e, std::string_view name, std::string_view amount) {
+  return counterStep(e, name, amount, true);
+}
+
+std::string attrDec(Entity const& e, std::string_view name, std::string_view amount) {
+  return counterStep(e, name, amount, false);
 }
 
 std::string attrLookup(Entity const& e, std::string_view name, std::string_view key) {

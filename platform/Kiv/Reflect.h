@@ -27,6 +27,16 @@
 // setter is the one a developer would write (compare, store, notify), so
 // reflection costs typed callers nothing.
 //
+// Names derived from an entry, as a typed caller has them: a collection's
+// "<name>DelAll" and a counter's "<name>Inc" / "<name>Dec" (one argument,
+// the amount, 1 when omitted; wrapping at the counter's width) are
+// operations by name too (attrInvoke), on entries that are writable.
+//
+// A type may mark one collection as its path collection
+// (KIV_REFLECT_PATH_COLLECTION): a path segment that names no attribute of
+// the entity is then read as a key of that collection, so a Kiv::Dir's
+// entries are reached as /name without a special case.
+//
 // Errors from the text side (an unknown attribute, a set of a read-only
 // one, malformed text, the wrong number of arguments) raise
 // Kiv::RangeException or Kiv::ParseException with a message naming the
@@ -80,6 +90,15 @@ struct Attr {
   void (*forEach)(Entity const&,
                   std::function<void(std::string const& key, std::string const& value)> const&) = nullptr;
 
+  // writable collections: removes every entry (the entity's own nDelAll
+  // when it has one, else nDel for each key present)
+  void (*entryDelAll)(Entity&) = nullptr;
+  // writable counters: adds or subtracts the amount, wrapping
+  void (*inc)(Entity&, std::string_view amount) = nullptr;
+  void (*dec)(Entity&, std::string_view amount) = nullptr;
+  // a path segment that names no attribute is a key of this collection
+  bool pathKeys = false;
+
   // operation: arguments as a comma-separated list of text forms; the
   // result's text form, empty for void
   std::string (*invoke)(Entity&, std::string_view args) = nullptr;
@@ -92,6 +111,8 @@ class TypeInfo {
   std::vector<Attr> const& attrs() const { return attrs_; }
   // Null when the type has no attribute of that name.
   Attr const* attr(std::string_view name) const;
+  // The collection whose keys a path names directly, or null.
+  Attr const* pathCollection() const;
 
  private:
   std::string typeName_;
@@ -116,19 +137,47 @@ std::size_t attrCount(Entity const& e, std::string_view name);
 void attrEntryIs(Entity const& e, std::string_view name, std::string_view key, std::string_view value);
 void attrEntryDel(Entity const& e, std::string_view name, std::string_view key);
 std::vector<std::pair<std::string, std::string>> attrEntries(Entity const& e, std::string_view name);
+void attrDelAll(Entity const& e, std::string_view name);
+// A counter moved by amount (its text form); returns the new value's text.
+std::string attrInc(Entity const& e, std::string_view name, std::string_view amount);
+std::string attrDec(Entity const& e, std::string_view name, std::string_view amount);
+// The derived operation a name stands for ("vornPtrDelAll", "reviewsInc"):
+// the attribute it belongs to and the suffix, or null when the name is no
+// such operation of a writable entry.
+struct DerivedOperation {
+  Attr const* attr = nullptr;
+  std::string_view suffix;  // "DelAll", "Inc" or "Dec"
+};
+DerivedOperation derivedOperation(Entity const& e, std::string_view name);
 
 // Splits "a, 'b,c', Value('X', ** {'y': 1})" at its top-level commas.
 std::vector<std::string> splitArgs(std::string_view args);
+
+namespace ReflectDetail {
+// A value type that holds a collection declares
+// `static constexpr bool kivNoTextConstructor = true;` and is then refused
+// (ParseException) by the reflective interface instead of reaching its
+// fromStrep, which fails an assertion.
+template <class T>
+concept NoTextConstructor = requires {
+  requires T::kivNoTextConstructor;
+};
+}  // namespace ReflectDetail
+
 // A key as a path names it: its text form, or a bare word read as a string.
 template <class K>
 K keyFromPath(std::string_view text) {
-  try {
-    return valueFromStrep<K>(text);
-  } catch (ParseException const&) {
-    if constexpr (std::is_constructible_v<std::string, std::string_view>) {
-      if (!text.empty() && text.front() != '\'') return valueFromStrep<K>(ValueTextDetail::quote(text));
+  if constexpr (ReflectDetail::NoTextConstructor<K>) {
+    throw ParseException("no text form to read a key from: " + std::string(text));
+  } else {
+    try {
+      return valueFromStrep<K>(text);
+    } catch (ParseException const&) {
+      if constexpr (std::is_constructible_v<std::string, std::string_view>) {
+        if (!text.empty() && text.front() != '\'') return valueFromStrep<K>(ValueTextDetail::quote(text));
+      }
+      throw;
     }
-    throw;
   }
 }
 
@@ -149,8 +198,9 @@ struct IsPtr<Ptr<T>> : std::true_type {
 };
 
 template <class T>
-concept Parsable = ValueTextDetail::HasTraitsFrom<T> || ValueTextDetail::HasMemberFrom<T> || std::is_arithmetic_v<T> ||
-    std::is_same_v<T, std::string> || std::is_same_v<T, Name>;
+concept Parsable =
+    !NoTextConstructor<T> && (ValueTextDetail::HasTraitsFrom<T> || ValueTextDetail::HasMemberFrom<T> ||
+                              std::is_arithmetic_v<T> || std::is_same_v<T, std::string> || std::is_same_v<T, Name>);
 
 template <class T>
 concept Printable = ValueTextDetail::HasTraitsTo<T> || ValueTextDetail::HasMemberTo<T> || std::is_arithmetic_v<T> ||
@@ -168,6 +218,27 @@ inline constexpr bool isEntityPtr = [] {
   else
     return false;
 }();
+
+// A plain back pointer to an owning entity (an Mroute's table): read as the
+// entity and walked into, never written by name. Only scalar entries use
+// this; keys that are pointers stay pointers.
+template <class V>
+inline constexpr bool isEntityRawPtr = [] {
+  if constexpr (std::is_pointer_v<V>)
+    return std::is_base_of_v<Entity, std::remove_cv_t<std::remove_pointer_t<V>>>;
+  else
+    return false;
+}();
+
+// Presence of a key in a map-like container whose find() gives either an
+// iterator or a pointer to the value.
+template <class M, class K>
+bool contains(M const& m, K const& k) {
+  if constexpr (std::is_pointer_v<decltype(m.find(k))>)
+    return m.find(k) != nullptr;
+  else
+    return m.find(k) != m.end();
+}
 
 template <class V>
 std::string text(V const& v) {
@@ -202,6 +273,17 @@ V parse(std::string_view t) {
     return valueFromStrep<V>(t);
   } else {
     throw ParseException("no text form to read a " + valueTypeName<V>() + " from");
+  }
+}
+
+// An operation's argument: as a value is read, except that a pointer has no
+// text form here (None would hand the operation a null it does not expect).
+template <class V>
+V parseArg(std::string_view t) {
+  if constexpr (IsPtr<V>::value || std::is_pointer_v<V>) {
+    throw ParseException("no text form to read a " + valueTypeName<V>() + " argument from: " + std::string(t));
+  } else {
+    return parse<V>(t);
   }
 }
 
@@ -246,14 +328,23 @@ std::string valueTypeName() {
 // lambdas, which are default-constructible and so need no storage.
 namespace Reflect {
 
-template <class Self, class G, class S>
-Attr scalar(std::string_view name, AttrKind kind, G, S) {
+template <class Self, class G, class S, class IncF = std::nullptr_t, class DecF = std::nullptr_t>
+Attr scalar(std::string_view name, AttrKind kind, G, S, IncF = nullptr, DecF = nullptr) {
   using V = std::decay_t<std::invoke_result_t<G, Self const&>>;
   Attr a;
   a.name = name;
-  a.kind = ReflectDetail::isEntityPtr<V> && kind == AttrKind::scalar ? AttrKind::pointer : kind;
+  bool const entityValued = ReflectDetail::isEntityPtr<V> || ReflectDetail::isEntityRawPtr<V>;
+  a.kind = entityValued && kind == AttrKind::scalar ? AttrKind::pointer : kind;
   a.valueType = valueTypeName<V>();
-  a.get = [](Entity const& e) { return ReflectDetail::text<V>(G{}(ReflectDetail::self<Self>(e))); };
+  if constexpr (ReflectDetail::isEntityRawPtr<V>) {
+    a.get = [](Entity const& e) { return ReflectDetail::entityText(G{}(ReflectDetail::self<Self>(e))); };
+    a.entity = [](Entity const& e) {
+      using E = std::remove_cv_t<std::remove_pointer_t<V>>;
+      return Ptr<Entity>(const_cast<E*>(G{}(ReflectDetail::self<Self>(e))));
+    };
+  } else {
+    a.get = [](Entity const& e) { return ReflectDetail::text<V>(G{}(ReflectDetail::self<Self>(e))); };
+  }
   if constexpr (ReflectDetail::isEntityPtr<V>) {
     a.entity = [](Entity const& e) { return ReflectDetail::entityOf<V>(G{}(ReflectDetail::self<Self>(e))); };
   }
@@ -261,13 +352,20 @@ Attr scalar(std::string_view name, AttrKind kind, G, S) {
     a.writable = true;
     a.set = [](Entity& e, std::string_view t) { S{}(ReflectDetail::self<Self>(e), ReflectDetail::parse<V>(t)); };
   }
+  if constexpr (!std::is_same_v<IncF, std::nullptr_t>) {
+    a.inc = [](Entity& e, std::string_view t) { IncF{}(ReflectDetail::self<Self>(e), ReflectDetail::parse<V>(t)); };
+  }
+  if constexpr (!std::is_same_v<DecF, std::nullptr_t>) {
+    a.dec = [](Entity& e, std::string_view t) { DecF{}(ReflectDetail::self<Self>(e), ReflectDetail::parse<V>(t)); };
+  }
   return a;
 }
 
 // A keyed collection: get(self, key) yields the value (its absent value when
 // missing), map(self) the container walked for iteration and presence.
-template <class Self, class K, class Get, class Map, class Count, class SetF, class DelF>
-Attr collection(std::string_view name, Get, Map, Count, SetF, DelF) {
+template <class Self, class K, class Get, class Map, class Count, class SetF, class DelF,
+          class DelAllF = std::nullptr_t>
+Attr collection(std::string_view name, Get, Map, Count, SetF, DelF, DelAllF = nullptr) {
   using V = std::decay_t<std::invoke_result_t<Get, Self const&, K const&>>;
   Attr a;
   a.name = name;
@@ -284,8 +382,7 @@ Attr collection(std::string_view name, Get, Map, Count, SetF, DelF) {
     };
   }
   a.has = [](Entity const& e, std::string_view k) {
-    auto const& m = Map{}(ReflectDetail::self<Self>(e));
-    return m.find(keyFromPath<K>(k)) != m.end();
+    return ReflectDetail::contains(Map{}(ReflectDetail::self<Self>(e)), keyFromPath<K>(k));
   };
   // Values are read through the getter, so a map that stores them in
   // another form (a reactor behind a Ptr) prints what n(key) returns.
@@ -302,6 +399,16 @@ Attr collection(std::string_view name, Get, Map, Count, SetF, DelF) {
   }
   if constexpr (!std::is_same_v<DelF, std::nullptr_t>) {
     a.entryDel = [](Entity& e, std::string_view k) { DelF{}(ReflectDetail::self<Self>(e), keyFromPath<K>(k)); };
+    a.entryDelAll = [](Entity& e) {
+      Self& s = ReflectDetail::self<Self>(e);
+      if constexpr (!std::is_same_v<DelAllF, std::nullptr_t>) {
+        if (DelAllF{}(s)) return;
+      }
+      // The keys first: each removal may change the container.
+      std::vector<std::decay_t<K>> keys;
+      for (auto const& entry : Map{}(s)) keys.push_back(entry.first);
+      for (auto const& k : keys) DelF{}(s, k);
+    };
   }
   return a;
 }
@@ -345,27 +452,33 @@ Attr queue(Queue, SetF, DelF) {
   a.entryDel = [](Entity& e, std::string_view k) {
     DelF{}(ReflectDetail::self<Self>(e), keyFromPath<std::uint32_t>(k));
   };
+  a.entryDelAll = [](Entity& e) {
+    Self& s = ReflectDetail::self<Self>(e);
+    std::vector<std::uint32_t> keys;
+    for (auto const& entry : Queue{}(s)) keys.push_back(entry.index);
+    for (std::uint32_t k : keys) DelF{}(s, k);
+  };
   return a;
 }
 
-template <class Self, auto Fn>
-struct Operation;
-template <class Self, class C, class R, class... A, R (C::*Fn)(A...)>
-struct Operation<Self, Fn> {
+// Obj is the entity type, const for a query (isDirty) that is invoked the
+// same way.
+template <class Obj, auto Fn, class R, class... A>
+struct OperationOf {
   static std::string invoke(Entity& e, std::string_view args) {
     std::vector<std::string> parts = splitArgs(args);
     if (parts.size() != sizeof...(A))
       throw RangeException(std::string(e.typeName()) + " operation takes " + std::to_string(sizeof...(A)) +
                            " argument(s), given " + std::to_string(parts.size()));
-    return call(ReflectDetail::self<Self>(e), parts, std::index_sequence_for<A...>{});
+    return call(static_cast<Obj&>(e), parts, std::index_sequence_for<A...>{});
   }
   template <std::size_t... I>
-  static std::string call(Self& s, std::vector<std::string> const& parts, std::index_sequence<I...>) {
+  static std::string call(Obj& s, std::vector<std::string> const& parts, std::index_sequence<I...>) {
     if constexpr (std::is_void_v<R>) {
-      (s.*Fn)(ReflectDetail::parse<std::decay_t<A>>(parts[I])...);
+      (s.*Fn)(ReflectDetail::parseArg<std::decay_t<A>>(parts[I])...);
       return std::string();
     } else {
-      return ReflectDetail::text<std::decay_t<R>>((s.*Fn)(ReflectDetail::parse<std::decay_t<A>>(parts[I])...));
+      return ReflectDetail::text<std::decay_t<R>>((s.*Fn)(ReflectDetail::parseArg<std::decay_t<A>>(parts[I])...));
     }
   }
   static std::string signature() {
@@ -376,6 +489,13 @@ struct Operation<Self, Fn> {
     return s;
   }
 };
+
+template <class Self, auto Fn>
+struct Operation;
+template <class Self, class C, class R, class... A, R (C::*Fn)(A...)>
+struct Operation<Self, Fn> : OperationOf<Self, Fn, R, A...> {};
+template <class Self, class C, class R, class... A, R (C::*Fn)(A...) const>
+struct Operation<Self, Fn> : OperationOf<Self const, Fn, R, A...> {};
 
 template <class Self, auto Fn>
 Attr operation(std::string_view name) {
@@ -444,10 +564,21 @@ struct Access {
   static constexpr int kivAttrEnd = __COUNTER__; \
   ::Kiv::TypeInfo const* kivTypeInfo() const override { return &::Kiv::Reflect::Access::typeInfo<KivSelf>(); }
 
-#define KIV_REFLECT_SCALAR_KIND_(n, kind, setter)                                    \
-  KIV_REFLECT_SLOT_ {                                                                \
-    return ::Kiv::Reflect::scalar<KivSelf>(                                          \
-        #n, kind, [](KivSelf const& s) -> decltype(auto) { return s.n(); }, setter); \
+#define KIV_REFLECT_SCALAR_KIND_(n, kind, ...)                                            \
+  KIV_REFLECT_SLOT_ {                                                                     \
+    return ::Kiv::Reflect::scalar<KivSelf>(                                               \
+        #n, kind, [](KivSelf const& s) -> decltype(auto) { return s.n(); }, __VA_ARGS__); \
+  }
+
+// A counter's step by name: its own nInc / nDec when it has one, else the
+// setter with the value moved (wrapping at the counter's width).
+#define KIV_REFLECT_COUNTER_STEP_(n, Step, op)                         \
+  [](auto& s, auto d) {                                                \
+    if constexpr (requires { s.n##Step(d); }) {                        \
+      s.n##Step(d);                                                    \
+    } else {                                                           \
+      s.n##Is(static_cast<std::decay_t<decltype(s.n())>>(s.n() op d)); \
+    }                                                                  \
   }
 
 // An attribute with a getter n() and a setter nIs(v).
@@ -455,8 +586,10 @@ struct Access {
   KIV_REFLECT_SCALAR_KIND_(n, ::Kiv::AttrKind::scalar, [](KivSelf& s, auto&& v) { s.n##Is(v); })
 // An attribute with a getter only: a set through reflection is refused.
 #define KIV_REFLECT_SCALAR_RO(n) KIV_REFLECT_SCALAR_KIND_(n, ::Kiv::AttrKind::scalar, nullptr)
-#define KIV_REFLECT_COUNTER(n) \
-  KIV_REFLECT_SCALAR_KIND_(n, ::Kiv::AttrKind::counter, [](KivSelf& s, auto&& v) { s.n##Is(v); })
+#define KIV_REFLECT_COUNTER(n)                                                                                     \
+  KIV_REFLECT_SCALAR_KIND_(                                                                                        \
+      n, ::Kiv::AttrKind::counter, [](KivSelf& s, auto&& v) { s.n##Is(v); }, KIV_REFLECT_COUNTER_STEP_(n, Inc, +), \
+      KIV_REFLECT_COUNTER_STEP_(n, Dec, -))
 #define KIV_REFLECT_COUNTER_RO(n) KIV_REFLECT_SCALAR_KIND_(n, ::Kiv::AttrKind::counter, nullptr)
 
 // A keyed collection with n(key), nIs(key, value) and nDel(key); countExpr
@@ -479,12 +612,49 @@ struct Access {
     return ::Kiv::Reflect::collection<KivSelf, K>(                                 \
         #n, [](KivSelf const& s, K const& k) -> decltype(auto) { return s.n(k); }, \
         [](KivSelf const& s) -> decltype(auto) { return (s.mapExpr); },            \
-        [](KivSelf const& s) -> std::size_t { return s.countExpr; }, setF, delF);  \
+        [](KivSelf const& s) -> std::size_t { return s.countExpr; }, setF, delF,   \
+        [](auto& s) -> bool {                                                      \
+          if constexpr (requires { s.n##DelAll(); }) {                             \
+            s.n##DelAll();                                                         \
+            return true;                                                           \
+          } else {                                                                 \
+            return false;                                                          \
+          }                                                                        \
+        });                                                                        \
+  }
+
+// A collection as KIV_REFLECT_COLLECTION_WITH_ gives it, whose keys a path
+// names directly (see the header comment); the type has nDelAll().
+#define KIV_REFLECT_PATH_COLLECTION(n, K, countExpr, mapExpr, setF, delF)          \
+  KIV_REFLECT_SLOT_ {                                                              \
+    ::Kiv::Attr a = ::Kiv::Reflect::collection<KivSelf, K>(                        \
+        #n, [](KivSelf const& s, K const& k) -> decltype(auto) { return s.n(k); }, \
+        [](KivSelf const& s) -> decltype(auto) { return (s.mapExpr); },            \
+        [](KivSelf const& s) -> std::size_t { return s.countExpr; }, setF, delF,   \
+        [](auto& s) -> bool {                                                      \
+          s.n##DelAll();                                                           \
+          return true;                                                             \
+        });                                                                        \
+    a.pathKeys = true;                                                             \
+    return a;                                                                      \
   }
 
 // An operation invocable by name; its arguments are read from text.
 #define KIV_REFLECT_OPERATION(n) \
   KIV_REFLECT_SLOT_ { return ::Kiv::Reflect::operation<KivSelf, &KivSelf::n>(#n); }
+
+// One overload of an overloaded operation, chosen by its member pointer
+// type: KIV_REFLECT_OPERATION_SIG(handleFastdrop, void (KivSelf::*)()).
+#define KIV_REFLECT_OPERATION_SIG(n, sig) \
+  KIV_REFLECT_SLOT_ { return ::Kiv::Reflect::operation<KivSelf, static_cast<sig>(&KivSelf::n)>(#n); }
+
+// A pointer attribute whose setter makes its value itself (nIs() with no
+// argument) and whose deleter drops it: by name only None is written, and
+// it removes, as for every pointer setter.
+#define KIV_REFLECT_POINTER_DEL(n)                                                \
+  KIV_REFLECT_SCALAR_KIND_(n, ::Kiv::AttrKind::scalar, [](KivSelf& s, auto&& v) { \
+    if (!v) s.n##Del();                                                           \
+  })
 
 // A Kiv::LinkQueue returned by queueFn(), with nIs(index, payload) and
 // nDel(index); payloadName names the payload in each entry's text form.

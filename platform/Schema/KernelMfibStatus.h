@@ -16,6 +16,7 @@
 #include <map>
 
 #include "Kiv/Entity.h"
+#include "Kiv/Reflect.h"
 #include "Wirly/IntfId.h"
 
 namespace Routing::KernelMfib {
@@ -29,7 +30,7 @@ class Status : public Kiv::Entity {
   };
 
   static Kiv::Ptr<Status> statusIs(Kiv::Name name) { return new Status(std::move(name)); }
-  std::string_view typeName() const override { return "Routing::KernelMfib::Status"; }
+  KIV_REFLECT_BEGIN(Status, "Routing::KernelMfib::Status")
 
   Wirly::IntfId vifIntf(std::uint16_t vif) const;
   std::uint16_t intfVif(Wirly::IntfId intf) const;
@@ -39,6 +40,10 @@ class Status : public Kiv::Entity {
   void vifIntfIs(std::uint16_t vif, Wirly::IntfId intf);
   void vifIntfDel(std::uint16_t vif);
   void vifIntfDelAll();
+  KIV_REFLECT_COLLECTION(vifIntf, std::uint16_t, vifIntfs(), vifIntf_)
+  // The other direction, kept by vifIntfIs.
+  KIV_REFLECT_COLLECTION_RO(intfVif, Wirly::IntfId, intfVif_.size(), intfVif_)
+  KIV_REFLECT_END
 
  private:
   explicit Status(Kiv::Name name) : Kiv::Entity(std::move(name)) {}

@@ -16,6 +16,8 @@
 #include <iosfwd>
 
 #include "Kiv/Entity.h"
+#include "Kiv/Reflect.h"
+#include "Kiv/ValueText.h"
 #include "Wirly/IntfId.h"
 #include "Wirly/IpGenAddr.h"
 #include "Wirly/Pkt.h"
@@ -25,6 +27,21 @@ namespace Wirly {
 enum class MrtMessageType : std::uint8_t { none = 0, igmpNoCache = 1, igmpWrongVif = 2, igmpWholePkt = 3 };
 
 std::ostream& operator<<(std::ostream& os, MrtMessageType t);
+// The inverse of operator<< for the four names; Kiv::ParseException otherwise.
+MrtMessageType mrtMessageTypeFromName(std::string_view name);
+
+}  // namespace Wirly
+
+// Its text form is the quoted name ('igmpNoCache').
+template <>
+struct Kiv::ValueText<Wirly::MrtMessageType> {
+  static std::string toStrep(Wirly::MrtMessageType t);
+  static Wirly::MrtMessageType fromStrep(std::string_view text) {
+    return Wirly::mrtMessageTypeFromName(valueFromStrep<std::string>(text));
+  }
+};
+
+namespace Wirly {
 
 class MrtMessage : public Kiv::Entity {
  public:
@@ -41,7 +58,7 @@ class MrtMessage : public Kiv::Entity {
     virtual void onIntfId() {}
   };
 
-  std::string_view typeName() const override { return "Wirly::MrtMessage"; }
+  KIV_REFLECT_BEGIN(MrtMessage, "Wirly::MrtMessage")
 
   // Alert switches of the networking library's own users; the upcall
   // parsers neither read nor write them.
@@ -49,29 +66,37 @@ class MrtMessage : public Kiv::Entity {
   void wrongVifAlertIs(bool v) {
     if (Kiv::changed(wrongVifAlert_, v)) notify(&NotifieeConst::onWrongVifAlert);
   }
+  KIV_REFLECT_SCALAR(wrongVifAlert)
   bool noCacheAlert() const { return noCacheAlert_; }
   void noCacheAlertIs(bool v) {
     if (Kiv::changed(noCacheAlert_, v)) notify(&NotifieeConst::onNoCacheAlert);
   }
+  KIV_REFLECT_SCALAR(noCacheAlert)
   bool wholePktAlert() const { return wholePktAlert_; }
   void wholePktAlertIs(bool v) {
     if (Kiv::changed(wholePktAlert_, v)) notify(&NotifieeConst::onWholePktAlert);
   }
+  KIV_REFLECT_SCALAR(wholePktAlert)
 
   MrtMessageType msgType() const { return msgType_; }
+  KIV_REFLECT_SCALAR_RO(msgType)
 
   IpGenAddr const& source() const { return source_; }
   void sourceIs(IpGenAddr const& a) {
     if (Kiv::changed(source_, a)) notify(&NotifieeConst::onSource);
   }
+  KIV_REFLECT_SCALAR(source)
   IpGenAddr const& group() const { return group_; }
   void groupIs(IpGenAddr const& a) {
     if (Kiv::changed(group_, a)) notify(&NotifieeConst::onGroup);
   }
+  KIV_REFLECT_SCALAR(group)
   IntfId intfId() const { return intfId_; }
   void intfIdIs(IntfId id) {
     if (Kiv::changed(intfId_, id)) notify(&NotifieeConst::onIntfId);
   }
+  KIV_REFLECT_SCALAR(intfId)
+  KIV_REFLECT_END
 
   // The data packet of a whole-packet upcall, without the kernel's header;
   // null for the other kinds.

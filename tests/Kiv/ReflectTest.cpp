@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "Kiv/Dir.h"
 #include "Kiv/Entity.h"
 #include "Kiv/Reflect.h"
 
@@ -59,6 +60,13 @@ class Link : public Kiv::Entity {
     return a * speed();
   }
   KIV_REFLECT_OPERATION(scale)
+
+  // A counter with a setter only: stepped by name through the setter.
+  std::uint8_t drops() const { return drops_; }
+  void dropsIs(std::uint8_t d) {
+    if (Kiv::changed(drops_, d)) notify(&NotifieeConst::onSpeed);
+  }
+  KIV_REFLECT_COUNTER(drops)
   KIV_REFLECT_END
 
   void handleReset() { ++resets_; }
@@ -70,6 +78,7 @@ class Link : public Kiv::Entity {
   std::map<std::uint16_t, std::string> vlan_;
   Kiv::Ptr<Link> peer_;
   std::uint32_t resets_ = 0;
+  std::uint8_t drops_ = 0;
 };
 
 class Counting : public Link::NotifieeConst {
@@ -95,8 +104,8 @@ class Reflect : public ::testing::Test {
 
 TEST_F(Reflect, ListsAttributesInDeclarationOrderWithKindTypeAndWritability) {
   EXPECT_EQ(link->typeName(), "KivTest::Link");
-  EXPECT_EQ(names(*link),
-            (std::vector<std::string>{"speed", "mtu", "handleReset", "label", "vlan", "peer", "resets", "scale"}));
+  EXPECT_EQ(names(*link), (std::vector<std::string>{"speed", "mtu", "handleReset", "label", "vlan", "peer", "resets",
+                                                    "scale", "drops"}));
   auto const& info = Kiv::typeInfo(*link);
   EXPECT_EQ(info.attr("speed")->valueType, "U32");
   EXPECT_TRUE(info.attr("speed")->writable);
@@ -192,6 +201,51 @@ TEST_F(Reflect, OperationsParseTheirArgumentsAndPrintTheirResult) {
   EXPECT_THROW(Kiv::attrInvoke(*link, "scale", "7, 'open"), Kiv::ParseException);
   EXPECT_THROW(Kiv::attrInvoke(*link, "speed", ""), Kiv::RangeException);
   EXPECT_EQ(Kiv::attrGet(*link, "resets"), "1");
+}
+
+TEST_F(Reflect, DelAllAndCounterStepsAreOperationsByNameOfWritableEntriesOnly) {
+  link->vlanIs(10, "trunk");
+  link->vlanIs(20, "access");
+  // Without a vlanDelAll of its own, every key present goes through vlanDel.
+  EXPECT_EQ(Kiv::attrInvoke(*link, "vlanDelAll", ""), "");
+  EXPECT_EQ(link->vlans(), 0u);
+  EXPECT_EQ(heard.vlans, (std::vector<std::uint16_t>{10, 20, 10, 20}));
+  Kiv::attrDelAll(*link, "vlan");
+
+  // Steps wrap at the counter's width and notify only a real change.
+  EXPECT_EQ(Kiv::attrInvoke(*link, "dropsDec", ""), "255");
+  EXPECT_EQ(Kiv::attrInvoke(*link, "dropsInc", "3"), "2");
+  EXPECT_EQ(Kiv::attrInc(*link, "drops", "0"), "2");
+  EXPECT_EQ(heard.speeds, 2);
+  EXPECT_THROW(Kiv::attrInc(*link, "drops", "256"), Kiv::ParseException);
+  EXPECT_EQ(link->drops(), 2u);
+
+  // Read-only counters, scalars and unknown bases have no derived names.
+  EXPECT_THROW(Kiv::attrInvoke(*link, "resetsInc", ""), Kiv::RangeException);
+  EXPECT_THROW(Kiv::attrInvoke(*link, "speedInc", ""), Kiv::RangeException);
+  EXPECT_THROW(Kiv::attrInc(*link, "speed", "1"), Kiv::RangeException);
+  EXPECT_THROW(Kiv::attrInvoke(*link, "nosuchDelAll", ""), Kiv::RangeException);
+  EXPECT_THROW(Kiv::attrDelAll(*link, "speed"), Kiv::RangeException);
+  EXPECT_EQ(Kiv::derivedOperation(*link, "vlanDelAll").attr, Kiv::typeInfo(*link).attr("vlan"));
+  EXPECT_EQ(Kiv::derivedOperation(*link, "dropsDec").suffix, "Dec");
+  EXPECT_EQ(Kiv::derivedOperation(*link, "resetsInc").attr, nullptr);
+}
+
+TEST(ReflectDir, EntriesAreThePathCollection) {
+  auto dir = Kiv::Dir::DirIs("root");
+  auto a = Link::LinkIs("a", 1500);
+  dir->entryIs("a", a);
+  Kiv::TypeInfo const& info = Kiv::typeInfo(*dir);
+  ASSERT_NE(info.pathCollection(), nullptr);
+  EXPECT_EQ(info.pathCollection()->name, "entry");
+  EXPECT_EQ(Kiv::attrLookup(*dir, "entry", "a"), "Entity('KivTest::Link', 'a')");
+  EXPECT_EQ(info.pathCollection()->lookupEntity(*dir, "'a'").ptr(), a.ptr());
+  Kiv::attrEntryIs(*dir, "entry", "'b/c'", "None");
+  EXPECT_TRUE(dir->has("b/c"));
+  EXPECT_FALSE(dir->entity("b/c"));
+  EXPECT_THROW(Kiv::attrEntryIs(*dir, "entry", "d", "Entity('KivTest::Link', 'a')"), Kiv::ParseException);
+  Kiv::attrInvoke(*dir, "entryDelAll", "");
+  EXPECT_EQ(dir->entries(), 0u);
 }
 
 TEST(ReflectArgs, SplitsAtTopLevelCommasOnly) {

@@ -108,6 +108,32 @@ TEST_F(MfibDirWriterTest, BitMapperTableIsAnnouncedAfterItIsMadeAndUnmountedBefo
   EXPECT_TRUE(cap.contains("Deleted url bm/blue/pim"));
 }
 
+TEST_F(MfibDirWriterTest, TheWriterAnswersByNameAndItsOperationsTakeTextArguments) {
+  std::vector<std::string> attrs, ops;
+  for (Kiv::Attr const& a : Kiv::typeInfo(*w).attrs())
+    (a.kind == Kiv::AttrKind::operation ? ops : attrs).push_back(a.name);
+  using V = std::vector<std::string>;
+  EXPECT_EQ(attrs, (V{"appName", "mfibDir", "mfibVornDir", "entityManager", "initialized"}));
+  EXPECT_EQ(ops, (V{"handleInitialized", "mfibVorn", "doAddVorn", "doDelVorn", "mfibBitMapperVorn",
+                    "doAddBitMapperVorn", "doDelBitMapperVorn"}));
+  EXPECT_EQ(Kiv::attrGet(*w, "appName"), "'pim'");
+  EXPECT_EQ(Kiv::attrGet(*w, "mfibDir"), "Entity('Kiv::Dir', 'mfib')");
+  EXPECT_THROW(Kiv::attrSet(*w, "initialized", "False"), Kiv::RangeException);
+
+  EXPECT_EQ(Kiv::attrInvoke(*w, "doAddVorn", "'red', 'mfib/red/pim'"),
+            "Entity('Vorn::Multicast::Fib::Status', 'mfib/red/pim')");
+  EXPECT_EQ(rec.take(), (std::vector<std::string>{"+vornColl red", "pim +vrf red", "pim/red vornUrl mfib/red/pim"}));
+  EXPECT_EQ(Kiv::attrInvoke(*w, "mfibVorn", "'mfib/red/pim'"), Kiv::attrInvoke(*w, "mfibVorn", "'mfib/red/pim'"));
+  EXPECT_EQ(Kiv::attrInvoke(*w, "mfibVorn", "'mfib/blue/pim'"), "None");
+  EXPECT_THROW(Kiv::attrInvoke(*w, "doAddVorn", "'red'"), Kiv::RangeException);
+  // Arguments are text forms: a bare word is not a string.
+  EXPECT_THROW(Kiv::attrInvoke(*w, "doDelVorn", "red, 'mfib/red/pim'"), Kiv::ParseException);
+  EXPECT_TRUE(fileExists("mfib/red/pim"));
+  Kiv::attrInvoke(*w, "doDelVorn", "'red', 'mfib/red/pim'");
+  EXPECT_FALSE(fileExists("mfib/red/pim"));
+  EXPECT_EQ(rec.take(), (std::vector<std::string>{"-vornColl red", "pim -vrf red"}));
+}
+
 TEST_F(MfibDirWriterTest, BadArgumentsFailLoudly) {
   EXPECT_DEATH(w->doAddVorn("red", ""), "vornUrl.size\\(\\)");
   try {

@@ -323,6 +323,53 @@ TEST_F(OrderRouteSmTest, EveryMfibEntityAnswersByNameInItsDeclarationOrder) {
   EXPECT_THROW(Kiv::attrEntryDel(*sm, "mfibVorn", Kiv::valueToStrep(a.ptr())), Kiv::RangeException);
 }
 
+TEST_F(OrderRouteSmTest, OrderedCollectionsAndTableRecordsWalkedByNameEqualTheTypedWalk) {
+  add(a);
+  add(b);
+  a->routePublish(route(key(2), 1));
+  a->routePublish(route(key(1), 1));
+  b->routePublish(route(key(1), 3));
+  a->oifIndexIntfIs(OifIndexIntf(OifIndex(4), Wirly::IntfId("Ethernet4")));
+  auto sm = orderRouteSmFactory(coll, out);
+  using V = std::vector<std::string>;
+  EXPECT_EQ(attrNames(*out), (V{"route"}));
+  EXPECT_EQ(out->typeName(), "Vorn::Multicast::Fib::RouteOrderedCollection");
+  EXPECT_EQ(attrNames(*a), (V{"route", "oifIndexIntf", "bitMapperVornStatus"}));
+
+  // The ordered output, in key order, owners as the table addresses.
+  std::vector<std::pair<std::string, std::string>> typed;
+  for (auto const& [k, owner] : out->routeMap()) typed.emplace_back(Kiv::valueToStrep(k), Kiv::valueToStrep(owner));
+  EXPECT_EQ(Kiv::attrEntries(*out, "route"), typed);
+  EXPECT_EQ(Kiv::attrLookup(*out, "route", Kiv::valueToStrep(key(1))), Kiv::valueToStrep(b.ptr()));
+  EXPECT_EQ(Kiv::attrLookup(*out, "route", Kiv::valueToStrep(key(9))), "None");
+  EXPECT_THROW(Kiv::attrEntryDel(*out, "route", Kiv::valueToStrep(key(1))), Kiv::RangeException);
+  auto modal = ModalRouteOrderedCollection::create();
+  modal->routeIs(key(3), false);
+  EXPECT_EQ(Kiv::attrLookup(*modal, "route", Kiv::valueToStrep(key(3))), "False");
+
+  // A shared-memory table read by name, record for record, in key order.
+  std::vector<std::pair<std::string, std::string>> records;
+  Vorn::IterHint hint;
+  IpGenRouteKey k;
+  Route r;
+  for (bool ok = a->routeTable().first(k, r, hint); ok; ok = a->routeTable().next(k, k, r, hint))
+    records.emplace_back(Kiv::valueToStrep(k), r.valueToStrep());
+  ASSERT_EQ(records.size(), 2u);
+  EXPECT_EQ(Kiv::attrEntries(*a, "route"), records);
+  EXPECT_EQ(Kiv::attrCount(*a, "route"), 2u);
+  EXPECT_EQ(Kiv::attrLookup(*a, "route", Kiv::valueToStrep(key(2))), a->route(key(2)).valueToStrep());
+  EXPECT_EQ(Kiv::attrLookup(*a, "route", Kiv::valueToStrep(key(7))), Route().valueToStrep());
+  EXPECT_FALSE(Kiv::attrHas(*a, "route", Kiv::valueToStrep(key(7))));
+  EXPECT_EQ(Kiv::attrLookup(*a, "oifIndexIntf", "4"),
+            "Value('Vorn::Multicast::Fib::OifIndexIntf', ** {'oifIndex': 4, 'intfId': " +
+                Kiv::valueToStrep(Wirly::IntfId("Ethernet4")) + "})");
+  // Written only by the process that owns the table.
+  EXPECT_THROW(Kiv::attrEntryDel(*a, "route", Kiv::valueToStrep(key(2))), Kiv::RangeException);
+  EXPECT_THROW(Kiv::attrDelAll(*a, "oifIndexIntf"), Kiv::RangeException);
+  EXPECT_EQ(a->routeTable().size(), 2u);
+  EXPECT_EQ(Kiv::attrGet(*a, "bitMapperVornStatus"), "None");
+}
+
 TEST_F(MfibVornCollTest, TablesAreFoundAndWithdrawnByNameAsByTheTypedCalls) {
   add(a);
   add(b);

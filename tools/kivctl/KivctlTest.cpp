@@ -1,5 +1,6 @@
-// kivctl against a live agent process: the child serves a bit mapper and an
-// MFIB directory from its event loop, the test runs the real kivctl.
+// kivctl against a live agent process: the child serves a bit mapper, an
+// MFIB directory and a route model from its event loop, the test runs the
+// real kivctl.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -16,6 +17,7 @@
 #include "Kiv/Dir.h"
 #include "Kiv/EventLoop.h"
 #include "Mfib/MfibVorn.h"
+#include "MrouteLib/MrouteLib.h"
 
 namespace {
 
@@ -75,6 +77,17 @@ class KivctlTest : public ::testing::Test {
     root->entryIs("mfibVornDir", vornDir);
     auto config = BitMapper::configFactory(4, 0);
     root->entryIs("bitMapperConfig", config);
+    auto mroute = MrouteLib::mrouteTableCollFactory();
+    auto table = mroute->vrfMrouteTableIs(L3::VrfName("default"));
+    auto route = table->mrouteIs(Routing::Multicast::Fib::IpGenRouteKey("10.0.0.1/32", "239.1.1.1/32"));
+    route->rpfFailureCountIs(Bridging::VlanId(10), 3);
+    route->rpfFailureCountIs(Bridging::VlanId(20), 4);
+    table->dirtyInfoIs()->dirtyVlanIs(8);
+    root->entryIs("mroute", mroute);
+    auto review = MrouteLib::reviewInfoFactory();
+    review->reviewIs(L3::VrfName("red"), 1);
+    review->reviewIs(L3::VrfName("blue"), 2);
+    root->entryIs("reviewInfo", review);
     Kiv::AttrServer introspect(loop, root, Kiv::AttrServer::defaultPath("agent"));
     char c = 'r';
     if (::write(readyFd, &c, 1) != 1) ::_exit(3);
@@ -89,16 +102,16 @@ class KivctlTest : public ::testing::Test {
 TEST_F(KivctlTest, ListsGetsSetsAndRefusesThroughALiveAgent) {
   Outcome r = kivctl("--agent agent ls /");
   EXPECT_EQ(r.status, 0) << r.out;
-  EXPECT_EQ(
-      r.out,
-      "bitMapperConfig\tentry\tBitMapper::Config\tro\nmfibVornDir\tentry\tVorn::Multicast::Fib::MfibVornDir\tro\n");
+  EXPECT_EQ(r.out,
+            "bitMapperConfig\tentry\tBitMapper::Config\tro\nmfibVornDir\tentry\tVorn::Multicast::Fib::MfibVornDir\tro\n"
+            "mroute\tentry\tMrouteLib::MrouteTableColl\tro\nreviewInfo\tentry\tMrouteLib::ReviewInfo\tro\n");
   r = kivctl("--agent agent get /mfibVornDir/vornColl/default");
   EXPECT_EQ(r.status, 0) << r.out;
   EXPECT_EQ(r.out, "vrfName\t'default'\nvornPtr\t0 entries\n");
   r = kivctl("--agent agent --json get /mfibVornDir/vornColl/red");
   EXPECT_EQ(r.out,
             "{\"type\": \"Vorn::Multicast::Fib::MfibVornColl\", \"name\": \"red\", \"attributes\": "
-            "{\"vrfName\": \"'red'\", \"vornPtr\": \"0 entries\"}}\n");
+            "{\"vrfName\": \"red\", \"vornPtr\": {}}}\n");
   r = kivctl("--agent agent ls /mfibVornDir/vornColl");
   EXPECT_NE(r.out.find("'red'\tEntity('Vorn::Multicast::Fib::MfibVornColl', 'red')\n"), std::string::npos) << r.out;
   EXPECT_NE(r.out.find("'default'\tEntity('Vorn::Multicast::Fib::MfibVornColl', 'default')\n"), std::string::npos);
@@ -125,6 +138,49 @@ TEST_F(KivctlTest, ListsGetsSetsAndRefusesThroughALiveAgent) {
   EXPECT_NE(r.out.find("cannot reach the agent"), std::string::npos);
   EXPECT_EQ(kivctl("--help").status, 0);
   EXPECT_EQ(kivctl("--agent agent frob /").status, 2);
+}
+
+TEST_F(KivctlTest, TypedJsonCounterStepsAndBulkDeletesThroughALiveAgent) {
+  std::string const table = "/mroute/vrfMrouteTable/default";
+  Outcome r = kivctl("--agent agent --json get " + table + "/dirtyInfo");
+  EXPECT_EQ(r.status, 0) << r.out;
+  EXPECT_EQ(
+      r.out,
+      "{\"type\": \"MrouteLib::DirtyInfo\", \"name\": \"\", \"attributes\": {\"dirtyVlan\": 8, "
+      "\"dirtyVlanPort\": 0, \"dirtyVlanGroup\": 0, \"dirtyGroupSet\": {}, \"dirtyLag\": 0, \"dirtyRoute\": false, "
+      "\"dirtyNatSrc\": {}}}\n");
+  r = kivctl("--agent agent --json get " + table + "/af");
+  EXPECT_EQ(r.out, "\"ipv4\"\n");
+  r = kivctl("--agent agent --json get " + table + "/mroutesInitialized");
+  EXPECT_EQ(r.out, "false\n");
+  // A route by its key, walked from the table; its collection as an object.
+  std::string const routePath = table + "/mroute/" + "\"" +
+                                Routing::Multicast::Fib::IpGenRouteKey("10.0.0.1/32", "239.1.1.1/32").valueToStrep() +
+                                "\"";
+  r = kivctl("--agent agent --json get " + routePath + "/rpfFailureCount");
+  EXPECT_EQ(r.status, 0) << r.out;
+  EXPECT_TRUE(r.out == "{\"10\": 3, \"20\": 4}\n" || r.out == "{\"20\": 4, \"10\": 3}\n") << r.out;
+  r = kivctl("--agent agent --json get " + routePath + "/mrouteTable/reviews");
+  EXPECT_EQ(r.out, "0\n");
+
+  // Counter steps and bulk deletes, as the typed caller names them.
+  r = kivctl("--agent agent invoke " + table + "/reviewsInc 5");
+  EXPECT_EQ(r.status, 0) << r.out;
+  EXPECT_EQ(r.out, "5\n");
+  EXPECT_EQ(kivctl("--agent agent invoke " + table + "/reviewsDec").out, "4\n");
+  EXPECT_EQ(kivctl("--agent agent --json get " + table + "/reviews").out, "4\n");
+  EXPECT_EQ(kivctl("--agent agent invoke " + table + "/fastdropCountDec 5").out, "65531\n");
+  EXPECT_EQ(kivctl("--agent agent invoke /reviewInfo/reviewDelAll").status, 0);
+  EXPECT_EQ(kivctl("--agent agent --json get /reviewInfo/review").out, "{}\n");
+  r = kivctl("--agent agent invoke /mroute/oifSetDelAll");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.out, "kivctl: MrouteLib::MrouteTableColl has no attribute oifSetDelAll\n");
+  r = kivctl("--agent agent invoke " + table + "/reviewsInc x");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.out.find("MrouteLib::MrouteTable::reviews: "), std::string::npos) << r.out;
+  r = kivctl("--agent agent get " + table + "/reviewsInc");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.out, "kivctl: " + table + "/reviewsInc is an operation: invoke it\n");
 }
 
 TEST_F(KivctlTest, AClientThatSendsNothingDoesNotHoldTheAgent) {

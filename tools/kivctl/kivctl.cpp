@@ -5,6 +5,7 @@
 //   kivctl --socket /tmp/kiv-0/x.sock --json get /bitMapperSm
 //   kivctl --agent a set /bitMapperSm/config/bitMapMinIndex 10
 //   kivctl --agent a invoke /bitMapperSm/doAllocBitIndex "Value('BitMapper::BitMapperKey', ...)"
+//   kivctl --agent a invoke /mroute/vrfMrouteTable/default/reviewsInc 5
 //
 // Exit status: 0 answered, 1 the agent refused the request (its message on
 // stderr), 2 bad command line or no agent to talk to.
@@ -37,10 +38,19 @@ constexpr char const* usage =
     "  del PATH            removes a collection entry\n"
     "  invoke PATH [ARGS]  runs an operation; ARGS is a comma-separated list of values\n"
     "\n"
+    "A collection's bulk delete and a counter's steps are operations named after\n"
+    "the attribute, on writable entries:\n"
+    "  invoke PATH/<collection>DelAll        removes every entry\n"
+    "  invoke PATH/<counter>Inc [AMOUNT]     adds AMOUNT (default 1), wrapping; prints the value\n"
+    "  invoke PATH/<counter>Dec [AMOUNT]     subtracts likewise\n"
+    "\n"
     "options:\n"
     "  --agent NAME        the socket of agent NAME in $KIV_INTROSPECT_DIR or /tmp/kiv-<uid>/\n"
     "  --socket PATH       the socket at PATH\n"
-    "  --json              answers as JSON (values stay in their text form)\n"
+    "  --json              answers as typed JSON: numbers, true/false, null, strings,\n"
+    "                      objects for values with fields (\"_type\") and entities\n"
+    "                      (\"_entity\", \"_name\"), objects keyed by key for collections;\n"
+    "                      a form without a JSON type (a pointer) is a string of its text\n"
     "  --help, --version\n"
     "\n"
     "Paths start at /, the agent's root directory; a segment names a directory\n"

@@ -19,6 +19,7 @@
 #include "Vorn/Registry.h"
 #include "Vorn/Status.h"
 #include "Vorn/Table.h"
+#include "Vorn/TableReflect.h"
 
 namespace Vorn::Multicast::Fib {
 
@@ -42,7 +43,8 @@ class Status : public Vorn::Status {
   using OifIndexIntfTable = Vorn::Table<OifIndex, OifIndexIntf, &OifIndexIntf::oifIndex>;
 
   explicit Status(Kiv::Name const& name = Kiv::Name()) : Vorn::Status(name) {}
-  std::string_view typeName() const override { return typeNameText; }
+  // By name: the two tables, read-only, and the bit mapper table.
+  KIV_REFLECT_BEGIN(Status, typeNameText)
 
   // The stored route, or Route() on a miss. Pelto::CorruptionDetectedException
   // when the table cannot give it intact.
@@ -55,12 +57,14 @@ class Status : public Vorn::Status {
   bool routeDel(IpGenRouteKey const& key) { return route_.del(key); }
   RouteTable& routeTable() { return route_; }
   RouteTable const& routeTable() const { return route_; }
+  VORN_REFLECT_TABLE(route)
 
   OifIndexIntf oifIndexIntf(OifIndex index) const { return oifIndexIntf_.find(index); }
   void oifIndexIntfIs(OifIndexIntf const& e) { oifIndexIntf_.is(e); }
   bool oifIndexIntfDel(OifIndex index) { return oifIndexIntf_.del(index); }
   OifIndexIntfTable& oifIndexIntfTable() { return oifIndexIntf_; }
   OifIndexIntfTable const& oifIndexIntfTable() const { return oifIndexIntf_; }
+  VORN_REFLECT_TABLE(oifIndexIntf)
 
   // The application's bit mapper table, when its outgoing-interface indices
   // are bit indices; null otherwise. A null pointer removes.
@@ -68,6 +72,8 @@ class Status : public Vorn::Status {
   void bitMapperVornStatusIs(Kiv::Ptr<BitMapper::VornStatus> const& b) {
     if (Kiv::changed(bitMapperVornStatus_, b)) notify(&NotifieeConst::onBitMapperVornStatus);
   }
+  KIV_REFLECT_SCALAR_RO(bitMapperVornStatus)
+  KIV_REFLECT_END
 
  private:
   RouteTable route_{this, "route", routeDefaultCapacity,

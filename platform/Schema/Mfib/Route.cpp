@@ -53,6 +53,16 @@ OifIndex Route::nextMember(unsigned from) const {
   }
 }
 
+OifIndex OifIndex::fromStrep(std::string_view text) { return OifIndex(Kiv::valueFromStrep<std::uint16_t>(text)); }
+
+RpaIndex RpaIndex::fromStrep(std::string_view text) { return RpaIndex(Kiv::valueFromStrep<std::uint32_t>(text)); }
+
+std::string OifIndexIntf::valueToStrep() const {
+  Kiv::ValueWriter w("Vorn::Multicast::Fib::OifIndexIntf");
+  w.field("oifIndex", oifIndex_).field("intfId", intfId_);
+  return w.str();
+}
+
 std::ostream& operator<<(std::ostream& os, OifIndexIntf const& e) {
   return os << "oifIndex " << e.oifIndex() << " intf " << e.intfId();
 }

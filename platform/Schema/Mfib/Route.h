@@ -12,6 +12,7 @@
 #include <functional>
 #include <ostream>
 #include <string>
+#include <string_view>
 
 #include "Schema/Mfib/IpGenRouteKey.h"
 #include "Wirly/IntfId.h"
@@ -37,6 +38,9 @@ class OifIndex {
   friend constexpr bool operator==(OifIndex, OifIndex) = default;
   friend constexpr auto operator<=>(OifIndex, OifIndex) = default;
   friend std::ostream& operator<<(std::ostream& os, OifIndex i) { return os << i.value_; }
+  // The number; 512 is the end.
+  std::string valueToStrep() const { return std::to_string(value_); }
+  static OifIndex fromStrep(std::string_view text);
 
  private:
   std::uint16_t value_ = endValue;
@@ -65,6 +69,8 @@ class RpaIndex {
   constexpr std::uint32_t value() const { return value_; }
   friend constexpr bool operator==(RpaIndex, RpaIndex) = default;
   friend std::ostream& operator<<(std::ostream& os, RpaIndex r) { return os << r.value_; }
+  std::string valueToStrep() const { return std::to_string(value_); }
+  static RpaIndex fromStrep(std::string_view text);
 
  private:
   std::uint32_t value_ = 0;
@@ -79,6 +85,7 @@ class OifIndexIntf {
   OifIndex oifIndex() const { return oifIndex_; }
   Wirly::IntfId intfId() const { return intfId_; }
   friend bool operator==(OifIndexIntf const&, OifIndexIntf const&) = default;
+  std::string valueToStrep() const;
 
  private:
   OifIndex oifIndex_;

@@ -10,6 +10,7 @@
 #include <optional>
 
 #include "Kiv/Entity.h"
+#include "Kiv/Reflect.h"
 #include "Schema/Mfib/IpGenRouteKey.h"
 
 namespace Vorn::Multicast::Fib {
@@ -28,7 +29,7 @@ class OrderedRouteMap : public Kiv::Entity {
   using Map = std::map<IpGenRouteKey, Value>;
 
   static Kiv::Ptr<OrderedRouteMap> create() { return new OrderedRouteMap(); }
-  std::string_view typeName() const override { return TypeName; }
+  KIV_REFLECT_BEGIN(OrderedRouteMap, TypeName)
 
   // The entry for key, or nothing.
   std::optional<Value> route(IpGenRouteKey const& key) const {
@@ -47,6 +48,9 @@ class OrderedRouteMap : public Kiv::Entity {
   }
   std::size_t routes() const { return routes_.size(); }
   Map const& routeMap() const { return routes_; }
+  // Read-only by name: the ordering machines own the entries.
+  KIV_REFLECT_COLLECTION_RO(route, IpGenRouteKey, routes(), routes_)
+  KIV_REFLECT_END
 
  private:
   OrderedRouteMap() = default;
