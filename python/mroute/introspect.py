@@ -2,16 +2,17 @@
 
     agent = mroute.introspect.connect("mfib-demo-agent")
     agent.ls("/")                       # [Row(name, kind, type, writable), ...]
-    agent.get("/mfibVornDir/vornColl/default")   # {"vrfName": "'default'", ...}
-    agent.get("/mfibDir/pim/dirColl/red/vornUrl")  # "'mfib/red/pim'"
+    agent.get("/mfibVornDir/vornColl/default")   # {"vrfName": "default", "vornPtr": {...}}
+    agent.get("/mfibDir/pim/dirColl/red/vornUrl")  # "mfib/red/pim"
     agent.set("/bitMapperConfig/bitMapMinIndex", "10")
     agent.invoke("/mfibDirSm/handleMountPoint", "'pim'", "'red'")
 
 The socket is $KIV_INTROSPECT_DIR/<agent>.sock, else /tmp/kiv-<uid>/<agent>.sock.
 Each call is one request on its own connection: "verb TAB format TAB path TAB
 argument NEWLINE"; the agent answers "ok" or "error" on the first line, then
-the body, and closes. Requests are JSON-formatted where the answer is
-structured, so values keep their text form exactly. A refusal raises
+the body, and closes. Answers come as the agent's typed JSON (kivctl --json):
+numbers, booleans, plain strings, objects for values with fields and for
+entity pointers. A refusal raises
 AgentError with the agent's message; no agent to talk to raises OSError.
 """
 
@@ -73,15 +74,18 @@ class Agent:
 
     def ls(self, path="/"):
         """An entity's attributes, or a Dir's entries, as Rows; a collection's
-        entries as a dict of key text to value text."""
+        entries as a dict of key to typed value."""
         answer = json.loads(self.request("ls", path, fmt="json"))
         if isinstance(answer, dict):
             return answer
         return [Row(r["name"], r["kind"], r["type"], r["writable"]) for r in answer]
 
     def get(self, path):
-        """One value's text form (a str); for an entity or a collection, a dict
-        of name (or key) to text form."""
+        """One value, typed as the agent's JSON answer types it: numbers,
+        booleans, None, plain strings, a dict with "_type" and the fields for a
+        value with fields, a dict with "_entity" and "_name" for an entity
+        pointer; for an entity or a collection, a dict of name (or key) to
+        typed value."""
         answer = json.loads(self.request("get", path, fmt="json"))
         if isinstance(answer, dict) and "attributes" in answer and "type" in answer:
             return answer["attributes"]

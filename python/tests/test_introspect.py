@@ -18,12 +18,19 @@ def agent(demo, monkeypatch):
     return introspect.connect(demo.AGENT)
 
 
+def assert_default_collection(answer):
+    # Answers are typed: a string is plain, an entity pointer names its entity.
+    assert answer["vrfName"] == "default"
+    assert sorted(t["_name"] for t in answer["vornPtr"].values()) == ["mfib/default/igmp", "mfib/default/pim"]
+    assert {t["_entity"] for t in answer["vornPtr"].values()} == {"Vorn::Multicast::Fib::Status"}
+
+
 def test_lists_and_reads_what_the_agent_holds(agent, demo):
     assert agent.path == demo.socket
     assert agent.ls("/") == [Row("mfibDir", "entry", "Kiv::Dir", False),
                              Row("mfibDirSm", "entry", "Vorn::Multicast::Fib::MfibDirSm", False),
                              Row("mfibVornDir", "entry", "Vorn::Multicast::Fib::MfibVornDir", False)]
-    assert agent.get("/mfibVornDir/vornColl/default") == {"vrfName": "'default'", "vornPtr": "2 entries"}
+    assert_default_collection(agent.get("/mfibVornDir/vornColl/default"))
     assert agent.entity_type("/mfibVornDir/vornColl/blue") == "Vorn::Multicast::Fib::MfibVornColl"
     rows = agent.ls("/mfibVornDir/vornColl/default")
     assert [r.name for r in rows] == ["vrfName", "vornPtr"] and not rows[0].writable
@@ -31,14 +38,14 @@ def test_lists_and_reads_what_the_agent_holds(agent, demo):
     for app, vrfs in mroute.TableRoot(demo.root).directory().items():
         for vrf, announcement in vrfs.items():
             url = agent.get("/mfibDir/%s/dirColl/%s/vornUrl" % (app, vrf))
-            assert url == "'%s'" % announcement.vornUrl
-    assert sorted(agent.ls("/mfibVornDir/vornColl")) == ["'blue'", "'default'"]
+            assert url == announcement.vornUrl
+    assert sorted(agent.ls("/mfibVornDir/vornColl")) == ["blue", "default"]
 
 
 def test_operations_reach_the_agent(agent):
     # Mounting what is mounted already changes nothing.
     assert agent.invoke("/mfibDirSm/handleMountPoint", "'pim'", mroute.VrfName("default")) is None
-    assert agent.get("/mfibVornDir/vornColl/default") == {"vrfName": "'default'", "vornPtr": "2 entries"}
+    assert_default_collection(agent.get("/mfibVornDir/vornColl/default"))
 
 
 SERVE = """
@@ -60,17 +67,21 @@ def test_a_script_serves_an_entity_that_another_process_writes(shm_root):
         client = introspect.connect(path=path)
         assert [r.name for r in client.ls("/")][:2] == ["bitMapSize", "bitMapMinIndex"]
         client.set("/bitMapMinIndex", "3")
-        assert client.get("/bitMapMinIndex") == "3"
+        assert client.get("/bitMapMinIndex") == 3
         key = mroute.BitMapperKey("Ethernet1", "239.0.0.1")
         client.set("/allocRequestKey", str(key))
-        assert mroute.BitMapperKey.from_text(client.get("/allocRequestKey")) == key
+        typed_key = {"_type": "BitMapper::BitMapperKey", "intfId": {"_type": "Wirly::IntfId", "intfId": "Ethernet1"},
+                     "addr": {"_type": "Wirly::IpGenAddr", "addr": "239.0.0.1"}}
+        assert client.get("/allocRequestKey") == typed_key
         with pytest.raises(AgentError, match="^BitMapper::Config::bitMapSize is read-only$"):
             client.set("/bitMapSize", "9")
         with pytest.raises(AgentError, match="bitMapMinIndex: expected an unsigned integer"):
             client.set("/bitMapMinIndex", "-1")
-        assert client.get("/") == {"bitMapSize": "8", "bitMapMinIndex": "3", "enableRefCount": "False",
-                                   "allocRequestKey": str(key), "allocRequestCount": "0",
-                                   "deallocRequestKey": str(mroute.BitMapperKey()), "deallocRequestCount": "0"}
+        no_key = {"_type": "BitMapper::BitMapperKey", "intfId": {"_type": "Wirly::IntfId", "intfId": ""},
+                  "addr": {"_type": "Wirly::IpGenAddr", "addr": ""}}
+        assert client.get("/") == {"bitMapSize": 8, "bitMapMinIndex": 3, "enableRefCount": False,
+                                   "allocRequestKey": typed_key, "allocRequestCount": 0,
+                                   "deallocRequestKey": no_key, "deallocRequestCount": 0}
     finally:
         server.kill()
         server.wait()
