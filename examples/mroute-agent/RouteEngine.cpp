@@ -602,6 +602,42 @@ std::size_t RouteEngine::handleLink(Wirly::IntfId intf, bool up) {
   return reprogrammed;
 }
 
+std::size_t RouteEngine::expireDrops(std::uint64_t idleNs) {
+  std::size_t gone = 0;
+  std::uint64_t const t = now();
+  for (Wirly::AddressFamily af : {Wirly::ipv4, Wirly::ipv6}) {
+    KernelMfc* mfc = mfc_[idx(af)];
+    if (!mfc) continue;
+    auto& entries = entries_[idx(af)];
+    for (auto it = entries.begin(); it != entries.end();) {
+      KernelEntry& e = it->second;
+      if (e.origin != KernelEntry::drop || !e.installed) {
+        ++it;
+        continue;
+      }
+      KernelMfc::Counters const c = mfc->counters(it->first.source, it->first.group);
+      if (c.valid && c.pkts != e.lastPkts) {
+        e.lastPkts = c.pkts;
+        e.lastActiveNs = t;
+      }
+      if (t - std::max(e.lastActiveNs, e.installedNs) < idleNs) {
+        ++it;
+        continue;
+      }
+      int const err = mfc->mfcDel(it->first.source, it->first.group, e.iif);
+      if (err != 0 && err != ENOENT) {
+        KIV_TRACE(th(), 2, "remove " << sgText(it->first) << " failed: " << std::strerror(err));
+        ++it;
+        continue;
+      }
+      emit("remove " + sgText(it->first));
+      it = entries.erase(it);
+      ++gone;
+    }
+  }
+  return gone;
+}
+
 std::size_t RouteEngine::retryFailed() {
   for (Wirly::AddressFamily af : {Wirly::ipv4, Wirly::ipv6}) {
     if (!mfc_[idx(af)]) continue;
