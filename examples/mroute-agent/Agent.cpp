@@ -10,6 +10,7 @@
 #include <cstring>
 #include <iostream>
 #include <map>
+#include <string_view>
 
 #include "KernelMfc.h"
 #include "Kiv/AttrServer.h"
@@ -317,7 +318,11 @@ bool AgentImpl::doUpcalls(Family& f) {
   f.manager = mrtNotifyPamManagerFactory(f.af, here);
   try {
     if (f.af == Wirly::ipv4) {
-      if (MrtNotifyNetlinkSocketPam::kernelPublishesIpv4Reports(here)) {
+      // MROUTE_AGENT_IPV4_UPCALLS=socket takes the routing socket's reports
+      // even where netlink has them: the path of kernels without them.
+      char const* source = Wirly::Sys::sys().getenv("MROUTE_AGENT_IPV4_UPCALLS");
+      bool const socketOnly = source != nullptr && std::string_view(source) == "socket";
+      if (!socketOnly && MrtNotifyNetlinkSocketPam::kernelPublishesIpv4Reports(here)) {
         f.manager->ipv4NativeReportsIs(true);
         f.manager->useNetlinkIs(true);
       } else {

@@ -537,7 +537,9 @@ bool RouteEngine::handleRecovered(Wirly::AddressFamily af, Wirly::IpGenAddr cons
     it = entries.emplace(sg, e).first;
     ++recovered_;
   }
-  // Known and written, yet the kernel still holds it unresolved: write again.
+  // A dump resumed while the kernel's list changed may name a flow twice,
+  // or one just written: only an entry written long ago is written again.
+  if (!fresh && it->second.installed && now() - it->second.installedNs < staleUpcallNs) return false;
   it->second.installed = false;
   if (!doProgram(af, sg, true)) {
     KernelEntry& e = entries.at(sg);

@@ -296,6 +296,8 @@ TEST_F(EngineTest, IPv6RoutesProgramMifsAndFlowsAreLoggedOnce) {
   clockNs = 5000;
   engine->handleNoCache(Wirly::ipv6, IpGenAddr("2001:db8::2"), IpGenAddr("ff3e::1"), IntfId("Ethernet1"));
   EXPECT_TRUE(engine->handleRecovered(Wirly::ipv6, IpGenAddr("2001:db8::3"), IpGenAddr("ff3e::1")));
+  // Named again by the same dump: not written twice.
+  EXPECT_FALSE(engine->handleRecovered(Wirly::ipv6, IpGenAddr("2001:db8::3"), IpGenAddr("ff3e::1")));
   auto const add = sys.optionsNamed(MRT6_ADD_MFC);
   std::size_t six = 0;
   for (auto const& o : add) six += o.level == IPPROTO_IPV6;
