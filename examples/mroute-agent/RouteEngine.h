@@ -20,7 +20,8 @@
 //   remembers its (*, G), so a change of the (*, G) reprograms exactly those
 //   entries and its withdrawal removes them. A report for which no route
 //   exists installs a drop entry (no outgoing VIF) so the kernel stops
-//   asking; a route that appears later replaces it.
+//   asking; a route that appears later replaces it, and one whose flow
+//   stopped goes after a while (expireDrops).
 // - A refusal of the kernel is recorded as the route's failure reason
 //   (ENOBUFS/ENOMEM/ENOSPC: the table is full) and retried on
 //   retryFailed(). Routes of other VRFs, or of a family without a kernel
