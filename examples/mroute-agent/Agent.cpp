@@ -10,6 +10,7 @@
 #include <cstring>
 #include <iostream>
 #include <map>
+#include <string_view>
 
 #include "KernelMfc.h"
 #include "Kiv/AttrServer.h"
@@ -48,6 +49,9 @@ constexpr int kMaxRescans = 50;
 // queue, a dropped datagram): after upcalls, look once a second for this long.
 constexpr double kQuietScanPeriod = 1.0;
 constexpr double kQuietScanWindow = 10.0;
+// A drop entry whose flow stopped this long ago goes (see expireDrops).
+constexpr std::uint64_t kDropIdleNs = 60'000'000'000ull;
+constexpr int kDropCheckEvery = 10;  // retry periods
 // Receive buffer of the upcall sockets: a burst of reports must fit.
 // MROUTE_AGENT_RCVBUF (bytes) overrides it, to measure the recovery of what
 // a small queue loses.
@@ -164,6 +168,7 @@ class AgentImpl {
   int rescans_ = 0;
   std::uint64_t upcallsAtScan_ = 0;
   double lastUpcallSeen_ = -1e9;
+  std::uint64_t ticks_ = 0;
   std::unique_ptr<LinkWatch> links_;
   std::unique_ptr<ShowServer> show_;
   Kiv::Ptr<Kiv::Dir> introspectRoot_;
@@ -313,7 +318,11 @@ bool AgentImpl::doUpcalls(Family& f) {
   f.manager = mrtNotifyPamManagerFactory(f.af, here);
   try {
     if (f.af == Wirly::ipv4) {
-      if (MrtNotifyNetlinkSocketPam::kernelPublishesIpv4Reports(here)) {
+      // MROUTE_AGENT_IPV4_UPCALLS=socket takes the routing socket's reports
+      // even where netlink has them: the path of kernels without them.
+      char const* source = Wirly::Sys::sys().getenv("MROUTE_AGENT_IPV4_UPCALLS");
+      bool const socketOnly = source != nullptr && std::string_view(source) == "socket";
+      if (!socketOnly && MrtNotifyNetlinkSocketPam::kernelPublishesIpv4Reports(here)) {
         f.manager->ipv4NativeReportsIs(true);
         f.manager->useNetlinkIs(true);
       } else {
@@ -453,6 +462,7 @@ void AgentImpl::run(std::function<bool()> const& stop) {
       upcallsAtScan_ = engine_->upcalls();
     }
     if (now - lastUpcallSeen_ < kQuietScanWindow) requestScan(0);
+    if (++ticks_ % kDropCheckEvery == 0) engine_->expireDrops(kDropIdleNs);
     retryTimer_ = loop_.timerIs(kRetryPeriod < kQuietScanPeriod ? kRetryPeriod : kQuietScanPeriod, retry);
   };
   retryTimer_ = loop_.timerIs(kRetryPeriod, retry);

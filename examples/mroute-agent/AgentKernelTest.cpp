@@ -440,4 +440,23 @@ TEST_F(AgentKernelTest, IPv6UpcallsAreRelayedWhenNetlinkReportsAreSaidMissing) {
   EXPECT_EQ(agent.stop(), 0);
 }
 
+// Kernels without IPv4 netlink reports: the agent reads the routing
+// socket's own reports (igmpmsg) and parses them the same way.
+TEST_F(AgentKernelTest, IPv4UpcallsFromTheRoutingSocketWhereNetlinkHasNone) {
+  NET(net);
+  Publisher pub(root_.path());
+  ASSERT_TRUE(pub.ok());
+  pub.route(IpGenRouteKey(Wirly::IpGenPrefix(Wirly::IpGenAddr("0.0.0.0"), 0), Wirly::IpGenPrefix("239.3.3.3")), {2});
+  AgentProcess agent(net, root_.path(), dir_, {"--ipv4"}, {"MROUTE_AGENT_IPV4_UPCALLS=socket"});
+  ASSERT_TRUE(agent.waitFor("ready")) << agent.dump();
+  Fd d1 = receiver(net.d(1), {"239.3.3.3"}, false);
+  send(net, {"239.3.3.3", "239.3.3.4"}, 1);
+  EXPECT_TRUE(agent.waitFor("upcall nocache (10.1.0.2, 239.3.3.3) on Ethernet1")) << agent.dump();
+  EXPECT_TRUE(agent.waitFor("install (10.1.0.2, 239.3.3.3) Ethernet1 -> Ethernet2")) << agent.dump();
+  EXPECT_TRUE(agent.waitFor("install (10.1.0.2, 239.3.3.4) drop")) << agent.dump();
+  send(net, {"239.3.3.3"}, 2);
+  EXPECT_EQ(received(d1, 2), 3);
+  EXPECT_EQ(agent.stop(), 0);
+}
+
 }  // namespace MrouteAgentKernel

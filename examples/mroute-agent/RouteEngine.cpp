@@ -537,7 +537,9 @@ bool RouteEngine::handleRecovered(Wirly::AddressFamily af, Wirly::IpGenAddr cons
     it = entries.emplace(sg, e).first;
     ++recovered_;
   }
-  // Known and written, yet the kernel still holds it unresolved: write again.
+  // A dump resumed while the kernel's list changed may name a flow twice,
+  // or one just written: only an entry written long ago is written again.
+  if (!fresh && it->second.installed && now() - it->second.installedNs < staleUpcallNs) return false;
   it->second.installed = false;
   if (!doProgram(af, sg, true)) {
     KernelEntry& e = entries.at(sg);
@@ -600,6 +602,42 @@ std::size_t RouteEngine::handleLink(Wirly::IntfId intf, bool up) {
   emit("link " + intfText(intf) + (up ? " up" : " down") + ": reprogrammed " + std::to_string(reprogrammed) + " of " +
        std::to_string(total) + " entries");
   return reprogrammed;
+}
+
+std::size_t RouteEngine::expireDrops(std::uint64_t idleNs) {
+  std::size_t gone = 0;
+  std::uint64_t const t = now();
+  for (Wirly::AddressFamily af : {Wirly::ipv4, Wirly::ipv6}) {
+    KernelMfc* mfc = mfc_[idx(af)];
+    if (!mfc) continue;
+    auto& entries = entries_[idx(af)];
+    for (auto it = entries.begin(); it != entries.end();) {
+      KernelEntry& e = it->second;
+      if (e.origin != KernelEntry::drop || !e.installed) {
+        ++it;
+        continue;
+      }
+      KernelMfc::Counters const c = mfc->counters(it->first.source, it->first.group);
+      if (c.valid && c.pkts != e.lastPkts) {
+        e.lastPkts = c.pkts;
+        e.lastActiveNs = t;
+      }
+      if (t - std::max(e.lastActiveNs, e.installedNs) < idleNs) {
+        ++it;
+        continue;
+      }
+      int const err = mfc->mfcDel(it->first.source, it->first.group, e.iif);
+      if (err != 0 && err != ENOENT) {
+        KIV_TRACE(th(), 2, "remove " << sgText(it->first) << " failed: " << std::strerror(err));
+        ++it;
+        continue;
+      }
+      emit("remove " + sgText(it->first));
+      it = entries.erase(it);
+      ++gone;
+    }
+  }
+  return gone;
 }
 
 std::size_t RouteEngine::retryFailed() {

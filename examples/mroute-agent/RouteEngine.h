@@ -20,7 +20,8 @@
 //   remembers its (*, G), so a change of the (*, G) reprograms exactly those
 //   entries and its withdrawal removes them. A report for which no route
 //   exists installs a drop entry (no outgoing VIF) so the kernel stops
-//   asking; a route that appears later replaces it.
+//   asking; a route that appears later replaces it, and one whose flow
+//   stopped goes after a while (expireDrops).
 // - A refusal of the kernel is recorded as the route's failure reason
 //   (ENOBUFS/ENOMEM/ENOSPC: the table is full) and retried on
 //   retryFailed(). Routes of other VRFs, or of a family without a kernel
@@ -80,7 +81,9 @@ struct KernelEntry {
   int error = 0;                // errno of the last refusal, 0 when installed
   std::uint64_t learnedNs = 0;  // monotonic: upcall or recovery that asked for it
   std::uint64_t installedNs = 0;
-  bool recovered = false;  // learned from the kernel's unresolved list
+  bool recovered = false;          // learned from the kernel's unresolved list
+  std::uint64_t lastPkts = 0;      // drop entries: the kernel's count when last looked at
+  std::uint64_t lastActiveNs = 0;  // and when it last moved
 };
 
 // The agent's state of one route of one VRF, beside its Mroute.
@@ -145,6 +148,11 @@ class RouteEngine {
   // An interface's operational state; returns the entries reprogrammed.
   std::size_t handleLink(Wirly::IntfId intf, bool up);
   bool linkUp(Wirly::IntfId intf) const { return !down_.count(intf); }
+
+  // Removes the drop entries whose packet count has not moved for idleNs,
+  // so that a flood of unrouted groups does not fill the kernel for good; a
+  // flow that comes back asks again. Returns how many went.
+  std::size_t expireDrops(std::uint64_t idleNs);
 
   // Writes again every entry the kernel refused; returns how many remain refused.
   std::size_t retryFailed();

@@ -190,6 +190,25 @@ TEST_F(EngineTest, AFlowWithoutARouteGetsADropEntryThatALaterRouteReplaces) {
   EXPECT_EQ(adds().size(), 1u);
 }
 
+TEST_F(EngineTest, AnIdleDropEntryExpiresAndABusyOneStays) {
+  constexpr std::uint64_t idle = 60'000'000'000ull;
+  engine->handleNoCache(Wirly::ipv4, IpGenAddr("10.1.0.2"), IpGenAddr("239.3.3.1"), IntfId("Ethernet1"));
+  publish(*app, sg("10.1.0.2", "239.3.3.2"), "Ethernet1", {2});
+  clockNs += idle / 2;
+  sys.pktCount = 10;  // the drop entry still sees packets
+  EXPECT_EQ(engine->expireDrops(idle), 0u);
+  clockNs += idle - 1;
+  EXPECT_EQ(engine->expireDrops(idle), 0u);  // moved half an interval ago
+  clockNs += idle;
+  EXPECT_EQ(engine->expireDrops(idle), 1u);
+  EXPECT_EQ(dels(), 1u);
+  EXPECT_EQ(lines.back(), "remove (10.1.0.2, 239.3.3.1)");
+  ASSERT_EQ(engine->entries(Wirly::ipv4).size(), 1u);  // the routed entry never expires
+  // The flow comes back: asked again, dropped again.
+  engine->handleNoCache(Wirly::ipv4, IpGenAddr("10.1.0.2"), IpGenAddr("239.3.3.1"), IntfId("Ethernet1"));
+  EXPECT_EQ(lines.back(), "install (10.1.0.2, 239.3.3.1) drop");
+}
+
 TEST_F(EngineTest, AFullKernelTableIsRecordedOnTheRouteAndRetried) {
   sys.failOption[MRT_ADD_MFC] = ENOBUFS;
   publish(*app, sg("10.1.0.2", "239.4.4.4"), "Ethernet1", {2});
@@ -277,6 +296,8 @@ TEST_F(EngineTest, IPv6RoutesProgramMifsAndFlowsAreLoggedOnce) {
   clockNs = 5000;
   engine->handleNoCache(Wirly::ipv6, IpGenAddr("2001:db8::2"), IpGenAddr("ff3e::1"), IntfId("Ethernet1"));
   EXPECT_TRUE(engine->handleRecovered(Wirly::ipv6, IpGenAddr("2001:db8::3"), IpGenAddr("ff3e::1")));
+  // Named again by the same dump: not written twice.
+  EXPECT_FALSE(engine->handleRecovered(Wirly::ipv6, IpGenAddr("2001:db8::3"), IpGenAddr("ff3e::1")));
   auto const add = sys.optionsNamed(MRT6_ADD_MFC);
   std::size_t six = 0;
   for (auto const& o : add) six += o.level == IPPROTO_IPV6;

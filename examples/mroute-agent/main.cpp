@@ -37,7 +37,9 @@ show  lists what the running agent NAME holds, per VRF and route: owner,
 Environment: VORN_ROOT (the table root), MROUTE_AGENT_DIR (where the show
 socket lies; default /tmp/mroute-agent-<uid>), KIV_INTROSPECT_DIR (kivctl's
 socket), MROUTE_AGENT_RCVBUF (bytes of the upcall queue; default 32 MiB),
-MCAST_NO_NETLINK (relay IPv6 upcalls from the routing socket).
+MCAST_NO_NETLINK (relay IPv6 upcalls from the routing socket),
+MROUTE_AGENT_IPV4_UPCALLS=socket (IPv4 upcalls from the routing socket even
+where the kernel also reports them over netlink).
 
 Exit status: 0 after a signal, 1 when set-up fails (no privilege, the kernel
 table taken, an unknown interface), 2 for a usage error.
