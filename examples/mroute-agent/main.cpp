@@ -1,7 +1,9 @@
 // mroute-agent: a multicast routing agent for one network namespace, built
 // on the library: best routes from the applications' MFIB tables become
 // kernel forwarding entries. See kUsage.
+#include <errno.h>
 #include <signal.h>
+#include <sys/socket.h>
 
 #include <cstring>
 #include <iostream>
@@ -11,6 +13,7 @@
 #include "Agent.h"
 #include "MrouteVersion.h"
 #include "ShowClient.h"
+#include "Wirly/Sys.h"
 
 namespace {
 
@@ -47,6 +50,35 @@ table taken, an unknown interface), 2 for a usage error.
 
 volatile sig_atomic_t stopRequested = 0;
 void onSignal(int) { stopRequested = 1; }
+
+// Inside a user namespace (an unprivileged run under `unshare -Urn`) the
+// kernel refuses SO_RCVBUFFORCE, which the library's report sockets ask for;
+// everything else they need works there. The agent asks for the same size
+// with SO_RCVBUF instead, which the kernel caps at rmem_max.
+class UserNamespaceSys : public Wirly::Sys {
+ public:
+  explicit UserNamespaceSys(Wirly::Sys& next) : next_(next) {}
+  int setsockopt(int fd, int level, int name, void const* value, socklen_t len) override {
+    int const rc = next_.setsockopt(fd, level, name, value, len);
+    if (rc != 0 && errno == EPERM && level == SOL_SOCKET && name == SO_RCVBUFFORCE)
+      return next_.setsockopt(fd, level, SO_RCVBUF, value, len);
+    return rc;
+  }
+  int socket(int d, int t, int p) override { return next_.socket(d, t, p); }
+  int bind(int fd, sockaddr const* a, socklen_t l) override { return next_.bind(fd, a, l); }
+  ssize_t recvmsg(int fd, msghdr* m, int f) override { return next_.recvmsg(fd, m, f); }
+  ssize_t recv(int fd, void* b, size_t l, int f) override { return next_.recv(fd, b, l, f); }
+  ssize_t sendmsg(int fd, msghdr const* m, int f) override { return next_.sendmsg(fd, m, f); }
+  int close(int fd) override { return next_.close(fd); }
+  char const* getenv(char const* n) override { return next_.getenv(n); }
+  int ioctl(int fd, unsigned long r, void* a) override { return next_.ioctl(fd, r, a); }
+  int getsockopt(int fd, int level, int name, void* v, socklen_t* l) override {
+    return next_.getsockopt(fd, level, name, v, l);
+  }
+
+ private:
+  Wirly::Sys& next_;
+};
 
 int usageError(std::string const& what) {
   std::cerr << "mroute-agent: " << what << "\nTry 'mroute-agent --help'.\n";
@@ -115,6 +147,8 @@ int main(int argc, char** argv) {
   ::sigaction(SIGINT, &sa, nullptr);
   ::sigaction(SIGTERM, &sa, nullptr);
   ::signal(SIGPIPE, SIG_IGN);
+  UserNamespaceSys userNamespaceSys(Wirly::Sys::sys());
+  Wirly::SysOverride useIt(&userNamespaceSys);
   try {
     MrouteAgent::Agent agent(o);
     if (int const rc = agent.start()) return rc;
