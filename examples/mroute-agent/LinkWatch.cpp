@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "Kiv/Exception.h"
+#include "NetlinkDump.h"
 #include "Wirly/Sys.h"
 
 namespace MrouteAgent {
@@ -34,24 +35,9 @@ void LinkWatch::open() {
 }
 
 void LinkWatch::doDump() {
-  struct {
-    nlmsghdr h;
-    ifinfomsg i;
-  } req{};
-  req.h.nlmsg_len = sizeof req;
-  req.h.nlmsg_type = RTM_GETLINK;
-  req.h.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
-  req.h.nlmsg_seq = ++seq_;
-  req.i.ifi_family = AF_UNSPEC;
-  sockaddr_nl kernel{};
-  kernel.nl_family = AF_NETLINK;
-  iovec iov{&req, sizeof req};
-  msghdr msg{};
-  msg.msg_name = &kernel;
-  msg.msg_namelen = sizeof kernel;
-  msg.msg_iov = &iov;
-  msg.msg_iovlen = 1;
-  if (Wirly::Sys::sys().sendmsg(fd_, &msg, 0) < 0) throw Kiv::ErrnoException("sendmsg(RTM_GETLINK)", errno);
+  ifinfomsg all{};
+  all.ifi_family = AF_UNSPEC;
+  if (sendDumpRequest(fd_, RTM_GETLINK, all, ++seq_) < 0) throw Kiv::ErrnoException("sendmsg(RTM_GETLINK)", errno);
 }
 
 std::vector<LinkWatch::Event> LinkWatch::parse(std::uint8_t const* buf, std::size_t len, std::uint64_t* malformed) {

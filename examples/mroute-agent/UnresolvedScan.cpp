@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "AgentTrace.h"
+#include "NetlinkDump.h"
 #include "Wirly/Sys.h"
 
 namespace MrouteAgent {
@@ -99,24 +100,9 @@ std::vector<UnresolvedScan::Flow> UnresolvedScan::scan(Wirly::AddressFamily af) 
     return out;
   }
   Wirly::Sys& sys = Wirly::Sys::sys();
-  struct {
-    nlmsghdr h;
-    rtmsg r;
-  } req{};
-  req.h.nlmsg_len = sizeof req;
-  req.h.nlmsg_type = RTM_GETROUTE;
-  req.h.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
-  req.h.nlmsg_seq = ++seq_;
-  req.r.rtm_family = af == Wirly::ipv4 ? familyIpmr : familyIp6mr;
-  sockaddr_nl kernel{};
-  kernel.nl_family = AF_NETLINK;
-  iovec iov{&req, sizeof req};
-  msghdr msg{};
-  msg.msg_name = &kernel;
-  msg.msg_namelen = sizeof kernel;
-  msg.msg_iov = &iov;
-  msg.msg_iovlen = 1;
-  if (sys.sendmsg(fd_, &msg, 0) < 0) {
+  rtmsg table{};
+  table.rtm_family = af == Wirly::ipv4 ? familyIpmr : familyIp6mr;
+  if (sendDumpRequest(fd_, RTM_GETROUTE, table, ++seq_) < 0) {
     ++failures_;
     KIV_TRACE(th(), 2, "unresolved scan: sendmsg: " << std::strerror(errno));
     return out;
