@@ -200,7 +200,6 @@ AgentImpl::~AgentImpl() {
 void AgentImpl::emit(std::string const& line) {
   std::fwrite(line.data(), 1, line.size(), stdout);
   std::fputc('\n', stdout);
-  std::fflush(stdout);
 }
 
 bool AgentImpl::doIntfs() {
@@ -418,6 +417,7 @@ int AgentImpl::start() {
   // Flows the kernel held before this agent could hear of them.
   doScan();
   emit("ready");
+  std::fflush(stdout);
   return 0;
 }
 
@@ -466,7 +466,13 @@ void AgentImpl::run(std::function<bool()> const& stop) {
     retryTimer_ = loop_.timerIs(kRetryPeriod < kQuietScanPeriod ? kRetryPeriod : kQuietScanPeriod, retry);
   };
   retryTimer_ = loop_.timerIs(kRetryPeriod, retry);
-  while (!stop()) loop_.runOnce(0.2);
+  // Event lines go out once per turn of the loop, before it waits again: a
+  // burst of upcalls costs one write per turn instead of one per line, and
+  // a reader still sees every line as soon as the turn that made it ends.
+  while (!stop()) {
+    loop_.runOnce(0.2);
+    std::fflush(stdout);
+  }
   loop_.timerDel(retryTimer_);
   if (flowLog_) std::fflush(flowLog_);
 }

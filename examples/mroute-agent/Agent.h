@@ -11,8 +11,9 @@
 //
 // start() fails (non-zero) on anything that leaves the agent unable to
 // program the kernel: no privilege, another agent owning the kernel's
-// multicast table, an unknown interface. Events go to stdout, one flushed
-// line each; "ready" follows a successful start.
+// multicast table, an unknown interface. Events go to stdout, one line
+// each, flushed at the end of every turn of the event loop; "ready" follows
+// a successful start.
 //
 // The flow log (Options::flowLog): one line per kernel entry that an upcall
 // (or the recovery of a lost one) asked for, written when it is installed:
