@@ -302,7 +302,7 @@ void bindEntities(py::module_& m) {
       .def_property_readonly("mfibDirSm", [](MfibDirReader const& r) { return EntityRef{r.sm}; });
 
   // Serving introspection from a script: the root entity answers kivctl and
-  // mroute.introspect while the script turns the loop.
+  // mroute.agent while the script turns the loop.
   py::class_<Kiv::AttrServer>(m, "AttrServer",
                               "Serves an entity's generic interface on a Unix socket from a loop (see kivctl).")
       .def(py::init([](Kiv::EventLoop& loop, EntityRef const& root, std::string const& path) {

@@ -12,7 +12,7 @@ Any entity answers through the generic attribute interface (Entity:
 attributes(), get, set, collections, invoke); configFactory, statusFactory,
 bitMapperSmFactory, mfibVornDirFactory and MfibDirReader (the MFIB directory
 followed on an EventLoop the script turns) make entities in this process;
-AttrServer serves one to kivctl. mroute.introspect talks to a running agent's
+AttrServer serves one to kivctl. mroute.agent talks to a running agent's
 introspection socket as kivctl does.
 
 Names of the system (types, attributes, table names, factories) are spelled
@@ -29,4 +29,4 @@ from ._mroute import (  # noqa: F401
     ParseError,
     RangeError,
 )
-from . import introspect  # noqa: F401
+from . import agent  # noqa: F401

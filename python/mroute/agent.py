@@ -1,6 +1,6 @@
 """A client of a running agent's introspection socket (Kiv::AttrServer).
 
-    agent = mroute.introspect.connect("mfib-demo-agent")
+    agent = mroute.agent.connect("mfib-demo-agent")
     agent.ls("/")                       # [Row(name, kind, type, writable), ...]
     agent.get("/mfibVornDir/vornColl/default")   # {"vrfName": "default", "vornPtr": {...}}
     agent.get("/mfibDir/pim/dirColl/red/vornUrl")  # "mfib/red/pim"

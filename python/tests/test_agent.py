@@ -1,4 +1,4 @@
-"""mroute.introspect against the demonstration's live agent: the same
+"""mroute.agent against the demonstration's live agent: the same
 answers kivctl gets, refusals as AgentError, no agent as OSError."""
 
 import os
@@ -8,14 +8,14 @@ import sys
 import pytest
 
 import mroute
-from mroute import introspect
-from mroute.introspect import AgentError, Row
+from mroute import agent as agentclient
+from mroute.agent import AgentError, Row
 
 
 @pytest.fixture
 def agent(demo, monkeypatch):
     monkeypatch.setenv("KIV_INTROSPECT_DIR", demo.root)
-    return introspect.connect(demo.AGENT)
+    return agentclient.connect(demo.AGENT)
 
 
 def assert_default_collection(answer):
@@ -64,7 +64,7 @@ def test_a_script_serves_an_entity_that_another_process_writes(shm_root):
     server = subprocess.Popen([sys.executable, "-c", SERVE, path], stdout=subprocess.PIPE, text=True)
     try:
         assert server.stdout.readline() == "ready\n"
-        client = introspect.connect(path=path)
+        client = agentclient.connect(path=path)
         assert [r.name for r in client.ls("/")][:2] == ["bitMapSize", "bitMapMinIndex"]
         client.set("/bitMapMinIndex", "3")
         assert client.get("/bitMapMinIndex") == 3
@@ -102,6 +102,6 @@ def test_refusals_carry_the_agents_message(agent):
 
 def test_no_agent_is_an_os_error(demo):
     with pytest.raises(OSError):
-        introspect.connect(path=os.path.join(demo.root, "nobody.sock")).ls("/")
+        agentclient.connect(path=os.path.join(demo.root, "nobody.sock")).ls("/")
     with pytest.raises(ValueError):
-        introspect.connect()
+        agentclient.connect()
