@@ -394,7 +394,15 @@ int AgentImpl::start() {
   for (auto& f : families_)
     if (f->manager) introspectRoot_->entryIs(f->af == Wirly::ipv4 ? "upcalls4" : "upcalls6", f->manager);
   try {
-    introspect_ = std::make_unique<Kiv::AttrServer>(loop_, introspectRoot_, Kiv::AttrServer::defaultPath(opt_.name));
+    std::string const attrPath = Kiv::AttrServer::defaultPath(opt_.name);
+    std::string const showPath = showSocketPath(opt_.name);
+    // One directory for both would have the second socket replace the first.
+    if (attrPath == showPath) {
+      std::cerr << "mroute-agent: the show socket and the introspection socket would both be " << showPath
+                << ": give MROUTE_AGENT_DIR and KIV_INTROSPECT_DIR different directories\n";
+      return 1;
+    }
+    introspect_ = std::make_unique<Kiv::AttrServer>(loop_, introspectRoot_, attrPath);
   } catch (std::exception const& e) {
     std::cerr << "mroute-agent: no introspection socket: " << e.what() << "\n";
     return 1;
