@@ -158,7 +158,10 @@ class AgentProcess {
       ::close(p[0]);
       ::setenv("VORN_ROOT", root.c_str(), 1);
       ::setenv("MROUTE_AGENT_DIR", dir.c_str(), 1);
-      ::setenv("KIV_INTROSPECT_DIR", dir.c_str(), 1);
+      // The introspection socket has the agent's name too: its own directory.
+      std::string const kiv = dir + "/kiv";
+      ::mkdir(kiv.c_str(), 0700);
+      ::setenv("KIV_INTROSPECT_DIR", kiv.c_str(), 1);
       for (std::string const& e : env) ::putenv(::strdup(e.c_str()));
       std::vector<std::string> args = {
           "ip",     "netns",     "exec", net.r(), MROUTE_AGENT_PATH, "run", "--intf", "Ethernet1,Ethernet2,Ethernet3",
@@ -381,6 +384,13 @@ TEST_F(AgentKernelTest, ForwardsWhatTheTablesSayAndFollowsRouteAndLinkChanges) {
   EXPECT_NE(json.find("\"source\": \"2001:db8:1::2\", \"group\": \"ff3e::1:1\", \"installed\": true, \"packets\": "),
             std::string::npos)
       << json;
+
+  // kivctl reads the same agent by name: its interfaces and its route model.
+  std::string const kivctl = "KIV_INTROSPECT_DIR=" + dir_ + "/kiv " + KIVCTL_PATH + " --agent agent-test ";
+  std::string const vifs = shell(kivctl + "--json get /kernelMfib4/vifIntf");
+  EXPECT_NE(vifs.find("\"3\": {\"_type\": \"Wirly::IntfId\", \"intfId\": \"Ethernet3\"}"), std::string::npos) << vifs;
+  std::string const tables = shell(kivctl + "ls /mroute4");
+  EXPECT_NE(tables.find("vrfMrouteTable"), std::string::npos) << tables;
 
   // Ethernet3 goes down: both entries use it, and only they are rewritten.
   ASSERT_TRUE(run("ip -n " + net.r() + " link set Ethernet3 down"));
