@@ -17,6 +17,8 @@
 #include "Kiv/Dir.h"
 #include "Kiv/EventLoop.h"
 #include "Kiv/Exception.h"
+#include "Kiv/PathTrust.h"
+#include "Kiv/ServerSocket.h"
 #include "Kiv/System.h"
 #include "Kiv/Trace.h"
 #include "LinkWatch.h"
@@ -105,19 +107,7 @@ class RxErrorWatch : public MrtNotifyNetlinkSocketPam::NotifieeConst {
 }  // namespace
 
 std::string showSocketPath(std::string const& name) {
-  std::string dir;
-  if (char const* d = std::getenv("MROUTE_AGENT_DIR"); d != nullptr && *d != '\0') {
-    dir = d;
-  } else {
-    dir = "/tmp/mroute-agent-" + std::to_string(::getuid());
-    if (::mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) throw Kiv::ErrnoException("mkdir", errno);
-    struct stat st {};
-    // Another user may have made the directory first, to read what we serve.
-    if (::lstat(dir.c_str(), &st) != 0) throw Kiv::ErrnoException("lstat", errno);
-    if (!S_ISDIR(st.st_mode) || st.st_uid != ::getuid() || (st.st_mode & 077) != 0)
-      throw Kiv::RangeException(dir + " is not a private directory of this user");
-  }
-  return dir + "/" + name + ".sock";
+  return Kiv::PathTrust::runtimeDir("mroute-agent", "MROUTE_AGENT_DIR") + "/" + name + ".sock";
 }
 
 class AgentImpl {
@@ -143,6 +133,7 @@ class AgentImpl {
   bool doIntfs();
   bool doDirectory();
   bool doKernel(Family& f);
+  bool doSockets();
   bool doUpcalls(Family& f);
   void handleRoutingSocket(Family& f);
   void emit(std::string const& line);
@@ -266,6 +257,52 @@ bool AgentImpl::doDirectory() {
         engine_->flush();
       });
   });
+  return true;
+}
+
+bool AgentImpl::doSockets() {
+  std::string attrPath, showPath;
+  try {
+    attrPath = Kiv::AttrServer::defaultPath(opt_.name);
+  } catch (std::exception const& e) {
+    std::cerr << "mroute-agent: no introspection socket: " << e.what() << "\n";
+    return false;
+  }
+  try {
+    showPath = showSocketPath(opt_.name);
+  } catch (std::exception const& e) {
+    std::cerr << "mroute-agent: no show socket: " << e.what() << "\n";
+    return false;
+  }
+  // One directory for both would have the second socket replace the first.
+  if (attrPath == showPath) {
+    std::cerr << "mroute-agent: the show socket and the introspection socket would both be " << showPath
+              << ": give MROUTE_AGENT_DIR and KIV_INTROSPECT_DIR different directories\n";
+    return false;
+  }
+  // Another agent of the same name (in another network namespace, say)
+  // keeps its sockets: this one does not start.
+  auto inUse = [this](Kiv::SocketInUseException const& e) {
+    std::cerr << "mroute-agent: " << e.what() << ": an agent named '" << opt_.name
+              << "' runs already; stop it or give this one another --name\n";
+    return false;
+  };
+  try {
+    introspect_ = std::make_unique<Kiv::AttrServer>(loop_, introspectRoot_, attrPath);
+  } catch (Kiv::SocketInUseException const& e) {
+    return inUse(e);
+  } catch (std::exception const& e) {
+    std::cerr << "mroute-agent: no introspection socket: " << e.what() << "\n";
+    return false;
+  }
+  try {
+    show_ = std::make_unique<ShowServer>(loop_, *engine_, showPath);
+  } catch (Kiv::SocketInUseException const& e) {
+    return inUse(e);
+  } catch (std::exception const& e) {
+    std::cerr << "mroute-agent: no show socket: " << e.what() << "\n";
+    return false;
+  }
   return true;
 }
 
@@ -393,26 +430,7 @@ int AgentImpl::start() {
   introspectRoot_->entryIs("kernelMfib6", engine_->kernelStatus(Wirly::ipv6));
   for (auto& f : families_)
     if (f->manager) introspectRoot_->entryIs(f->af == Wirly::ipv4 ? "upcalls4" : "upcalls6", f->manager);
-  try {
-    std::string const attrPath = Kiv::AttrServer::defaultPath(opt_.name);
-    std::string const showPath = showSocketPath(opt_.name);
-    // One directory for both would have the second socket replace the first.
-    if (attrPath == showPath) {
-      std::cerr << "mroute-agent: the show socket and the introspection socket would both be " << showPath
-                << ": give MROUTE_AGENT_DIR and KIV_INTROSPECT_DIR different directories\n";
-      return 1;
-    }
-    introspect_ = std::make_unique<Kiv::AttrServer>(loop_, introspectRoot_, attrPath);
-  } catch (std::exception const& e) {
-    std::cerr << "mroute-agent: no introspection socket: " << e.what() << "\n";
-    return 1;
-  }
-  try {
-    show_ = std::make_unique<ShowServer>(loop_, *engine_, showSocketPath(opt_.name));
-  } catch (std::exception const& e) {
-    std::cerr << "mroute-agent: no show socket: " << e.what() << "\n";
-    return 1;
-  }
+  if (!doSockets()) return 1;
   links_ = std::make_unique<LinkWatch>([this](int ifIndex, bool up) { handleLink(ifIndex, up); });
   try {
     links_->open();

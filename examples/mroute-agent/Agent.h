@@ -10,8 +10,10 @@
 //   agent.run([] { return stopRequested; });    // until the predicate is true
 //
 // start() fails (non-zero) on anything that leaves the agent unable to
-// program the kernel: no privilege, another agent owning the kernel's
-// multicast table, an unknown interface. Events go to stdout, one line
+// program the kernel or to be inspected: no privilege, another agent owning
+// the kernel's multicast table, an unknown interface, a table root or socket
+// directory that another user owns, another running agent of the same name
+// (the message names its pid; that agent keeps its sockets). Events go to stdout, one line
 // each, flushed at the end of every turn of the event loop; "ready" follows
 // a successful start.
 //
@@ -55,9 +57,11 @@ class Agent {
 };
 
 // The show socket's path for an agent name: $MROUTE_AGENT_DIR/<name>.sock,
-// else /tmp/mroute-agent-<uid>/<name>.sock (a directory only this user may
-// enter; made when missing). Throws Kiv::RangeException when the directory
-// belongs to someone else or others may enter it.
+// else /run/mroute-agent/<name>.sock for root and
+// $XDG_RUNTIME_DIR/mroute-agent/<name>.sock for other users. The server
+// makes the directory (0700) and refuses one that belongs to another user or
+// that others may write (Kiv/PathTrust.h). Throws Kiv::Exception for a user
+// other than root without MROUTE_AGENT_DIR or XDG_RUNTIME_DIR.
 std::string showSocketPath(std::string const& name);
 
 }  // namespace MrouteAgent

@@ -183,33 +183,18 @@ std::string showJson(RouteEngine const& engine) {
 }
 
 ShowServer::ShowServer(Kiv::EventLoop& loop, RouteEngine const& engine, std::string path)
-    : loop_(loop), engine_(engine), path_(std::move(path)) {
-  sockaddr_un addr{};
-  if (path_.size() >= sizeof addr.sun_path) throw Kiv::RangeException("show socket path too long: " + path_);
-  addr.sun_family = AF_UNIX;
-  std::memcpy(addr.sun_path, path_.c_str(), path_.size() + 1);
-  listen_ = Kiv::FileDesc(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-  if (!listen_) throw Kiv::ErrnoException("socket", errno);
-  ::unlink(path_.c_str());
-  // A closed mask: nobody else can connect between bind and any chmod.
-  mode_t const old = ::umask(077);
-  int const rc = ::bind(listen_.fd(), reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-  int const err = errno;
-  ::umask(old);
-  if (rc != 0) throw Kiv::ErrnoException("bind", err);
-  if (::listen(listen_.fd(), 16) != 0) throw Kiv::ErrnoException("listen", errno);
-  loop_.readableIs(listen_.fd(), [this] { doAccept(); });
+    : loop_(loop), engine_(engine), socket_(std::move(path), {"show socket", "MROUTE_AGENT_DIR"}) {
+  loop_.readableIs(socket_.fd(), [this] { doAccept(); });
 }
 
 ShowServer::~ShowServer() {
   while (!clients_.empty()) doDrop(clients_.begin()->first);
-  loop_.readableDel(listen_.fd());
-  ::unlink(path_.c_str());
+  loop_.readableDel(socket_.fd());
 }
 
 void ShowServer::doAccept() {
   for (;;) {
-    int const fd = ::accept4(listen_.fd(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    int const fd = ::accept4(socket_.fd(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
     if (fd < 0) return;
     Kiv::FileDesc conn(fd);
     ucred cred{};

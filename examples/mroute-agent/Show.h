@@ -28,6 +28,7 @@
 
 #include "Kiv/EventLoop.h"
 #include "Kiv/FileDesc.h"
+#include "Kiv/ServerSocket.h"
 #include "RouteEngine.h"
 
 namespace MrouteAgent {
@@ -39,13 +40,15 @@ class ShowServer {
  public:
   static constexpr double requestTimeout = 2.0;
 
-  // Binds path (replacing a stale socket). Throws Kiv::ErrnoException.
+  // Binds path (replacing a socket nobody answers on). Throws what
+  // Kiv::ServerSocket throws: SocketInUseException when a live process
+  // serves path, UntrustedPathException for its directory.
   ShowServer(Kiv::EventLoop& loop, RouteEngine const& engine, std::string path);
   ~ShowServer();
   ShowServer(ShowServer const&) = delete;
   ShowServer& operator=(ShowServer const&) = delete;
 
-  std::string const& path() const { return path_; }
+  std::string const& path() const { return socket_.path(); }
 
  private:
   struct Client {
@@ -59,8 +62,7 @@ class ShowServer {
 
   Kiv::EventLoop& loop_;
   RouteEngine const& engine_;
-  std::string path_;
-  Kiv::FileDesc listen_;
+  Kiv::ServerSocket socket_;
   std::map<int, Client> clients_;
 };
 

@@ -9,6 +9,7 @@
 #include <iostream>
 
 #include "Agent.h"
+#include "Kiv/ServerSocket.h"
 
 namespace MrouteAgent {
 
@@ -20,19 +21,18 @@ int showMain(std::string const& name, bool json) {
     std::cerr << "mroute-agent: " << e.what() << "\n";
     return 1;
   }
-  sockaddr_un addr{};
-  if (path.size() >= sizeof addr.sun_path) {
-    std::cerr << "mroute-agent: socket path too long: " << path << "\n";
+  Kiv::FileDesc conn;
+  try {
+    conn = Kiv::connectTrusted(path, "show socket");
+  } catch (Kiv::ErrnoException const& e) {
+    std::cerr << "mroute-agent: no agent '" << name << "' answers at " << path << ": " << std::strerror(e.error())
+              << "\n";
+    return 1;
+  } catch (std::exception const& e) {
+    std::cerr << "mroute-agent: " << e.what() << "\n";
     return 1;
   }
-  addr.sun_family = AF_UNIX;
-  std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
-  int const fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd < 0 || ::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-    std::cerr << "mroute-agent: no agent '" << name << "' answers at " << path << ": " << std::strerror(errno) << "\n";
-    if (fd >= 0) ::close(fd);
-    return 1;
-  }
+  int const fd = conn.release();
   std::string const request = json ? "show json\n" : "show text\n";
   if (::write(fd, request.data(), request.size()) != ssize_t(request.size())) {
     std::cerr << "mroute-agent: cannot ask the agent: " << std::strerror(errno) << "\n";

@@ -37,15 +37,19 @@ show  lists what the running agent NAME holds, per VRF and route: owner,
       interfaces, shared OIF set, kernel counters, RPF failures, failures.
         --json           the same as one JSON document
 
-Environment: VORN_ROOT (the table root), MROUTE_AGENT_DIR (where the show
-socket lies; default /tmp/mroute-agent-<uid>), KIV_INTROSPECT_DIR (kivctl's
-socket), MROUTE_AGENT_RCVBUF (bytes of the upcall queue; default 32 MiB),
+Environment: VORN_ROOT (the table root; default /run/vorn for root, else
+$XDG_RUNTIME_DIR/vorn), MROUTE_AGENT_DIR (where the show socket lies;
+default /run/mroute-agent, else $XDG_RUNTIME_DIR/mroute-agent),
+KIV_INTROSPECT_DIR (kivctl's socket; default /run/kiv, else
+$XDG_RUNTIME_DIR/kiv); each must belong to this user or root and be
+writable by nobody else. MROUTE_AGENT_RCVBUF (bytes of the upcall queue; default 32 MiB),
 MCAST_NO_NETLINK (relay IPv6 upcalls from the routing socket),
 MROUTE_AGENT_IPV4_UPCALLS=socket (IPv4 upcalls from the routing socket even
 where the kernel also reports them over netlink).
 
 Exit status: 0 after a signal, 1 when set-up fails (no privilege, the kernel
-table taken, an unknown interface), 2 for a usage error.
+table taken, an unknown interface, a directory another user owns, an agent
+of the same name running), 2 for a usage error.
 )";
 
 volatile sig_atomic_t stopRequested = 0;

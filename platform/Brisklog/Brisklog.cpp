@@ -5,6 +5,7 @@
 #include "Brisklog/Brisklog.h"
 
 #include "Kiv/MappingGuard.h"
+#include "Kiv/PathTrust.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -185,13 +186,23 @@ bool openLocked(State& s) {
     char const* env = std::getenv("BRISKLOG_DIR");
     dir = env && *env ? env : "/dev/shm";
   }
-  ::mkdir(dir.c_str(), 0755);
+  if (dir != "/dev/shm") {
+    // A directory someone else owns could be swapped for a link to a file
+    // of ours, which the open below would truncate.
+    try {
+      Kiv::PathTrust::dirMake(dir, {"trace directory", "BRISKLOG_DIR"});
+    } catch (Kiv::Exception const& e) {
+      std::fprintf(stderr, "brisklog: %s; trace records are off\n", e.what());
+      gOff.store(true);
+      return false;
+    }
+  }
   std::string name = processName();
   pid_t pid = getpid();
   std::string path = dir + "/" + name + "-" + std::to_string(pid) + ".brisklog";
 
   std::size_t bytes = kHeaderBytes + std::size_t(descBytes) + std::size_t(ringCount) * (kRingHeaderBytes + ringBytes);
-  int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
   if (fd < 0) {
     fail(s, "open", path, errno);
     return false;

@@ -20,7 +20,9 @@
 //
 // The write path takes no lock, allocates nothing and makes no system call.
 // The process-wide file is made on the first record: "<dir>/<process>-<pid>.brisklog"
-// with dir from configIs, else $BRISKLOG_DIR, else /dev/shm. A forked child
+// with dir from configIs, else $BRISKLOG_DIR, else /dev/shm; a directory other
+// than /dev/shm must belong to this user or root and be writable by nobody
+// else (Kiv/PathTrust.h), or records are off. A forked child
 // makes its own file on its first record.
 //
 // Threads: each thread claims a ring of its own on its first record and

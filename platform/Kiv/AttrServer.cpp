@@ -1,8 +1,6 @@
 #include "Kiv/AttrServer.h"
 
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -11,6 +9,7 @@
 #include <vector>
 
 #include "Kiv/Exception.h"
+#include "Kiv/PathTrust.h"
 #include "Kiv/Reflect.h"
 #include "Kiv/Trace.h"
 #include "Kiv/ValueJson.h"
@@ -278,51 +277,23 @@ std::string AttrServer::answer(Entity const& root, std::string_view request) {
 }
 
 std::string AttrServer::defaultPath(std::string_view agentName) {
-  std::string dir;
-  if (char const* d = std::getenv("KIV_INTROSPECT_DIR"); d != nullptr && *d != '\0') {
-    dir = d;
-  } else {
-    dir = "/tmp/kiv-" + std::to_string(::getuid());
-    if (::mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) throw ErrnoException("mkdir", errno);
-    struct stat st {};
-    // Another user may have made the directory first, to read what we serve.
-    if (::lstat(dir.c_str(), &st) != 0) throw ErrnoException("lstat", errno);
-    if (!S_ISDIR(st.st_mode) || st.st_uid != ::getuid() || (st.st_mode & 077) != 0)
-      throw RangeException(dir + " is not a private directory of this user");
-  }
-  return dir + "/" + std::string(agentName) + ".sock";
+  return PathTrust::runtimeDir("kiv", "KIV_INTROSPECT_DIR") + "/" + std::string(agentName) + ".sock";
 }
 
 AttrServer::AttrServer(EventLoop& loop, Ptr<Entity> root, std::string path)
-    : loop_(loop), root_(std::move(root)), path_(std::move(path)) {
-  sockaddr_un addr{};
-  if (path_.size() >= sizeof addr.sun_path) throw RangeException("introspection socket path too long: " + path_);
-  addr.sun_family = AF_UNIX;
-  std::memcpy(addr.sun_path, path_.c_str(), path_.size() + 1);
-  listen_ = FileDesc(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-  if (!listen_) throw ErrnoException("socket", errno);
-  ::unlink(path_.c_str());
-  // Bind with a closed mask so that no other user can connect between the
-  // bind and a chmod.
-  mode_t const old = ::umask(077);
-  int const rc = ::bind(listen_.fd(), reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-  int const err = errno;
-  ::umask(old);
-  if (rc != 0) throw ErrnoException("bind", err);
-  if (::listen(listen_.fd(), 16) != 0) throw ErrnoException("listen", errno);
-  loop_.readableIs(listen_.fd(), [this] { doAccept(); });
-  KIV_TRACE(introspectTrace, 4, "serving introspection on " << path_);
+    : loop_(loop), root_(std::move(root)), socket_(std::move(path), {"introspection socket", "KIV_INTROSPECT_DIR"}) {
+  loop_.readableIs(socket_.fd(), [this] { doAccept(); });
+  KIV_TRACE(introspectTrace, 4, "serving introspection on " << socket_.path());
 }
 
 AttrServer::~AttrServer() {
   while (!clients_.empty()) doDrop(clients_.begin()->first);
-  loop_.readableDel(listen_.fd());
-  ::unlink(path_.c_str());
+  loop_.readableDel(socket_.fd());
 }
 
 void AttrServer::doAccept() {
   for (;;) {
-    int fd = ::accept4(listen_.fd(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    int fd = ::accept4(socket_.fd(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
     if (fd < 0) return;
     FileDesc conn(fd);
     ucred cred{};

@@ -8,9 +8,12 @@
 //   // $ kivctl --agent mfib-agent get /mfibVornDir/vornColl/default
 //
 // Nothing listens unless the agent builds an AttrServer. The socket lies in
-// $KIV_INTROSPECT_DIR, or else /tmp/kiv-<uid>/, a directory only the agent's
-// user may enter; the socket itself is mode 0600 and the server also checks
-// each client's user id (SO_PEERCRED) and refuses any other user.
+// $KIV_INTROSPECT_DIR, or else /run/kiv/ for root and $XDG_RUNTIME_DIR/kiv/
+// for other users, a directory that must belong to the agent's user or root
+// and that others may not write (Kiv/PathTrust.h); the socket itself is mode
+// 0600 and the server also checks each client's user id (SO_PEERCRED) and
+// refuses any other user. A second process serving the same path is refused
+// (Kiv/ServerSocket.h): the first keeps its socket.
 //
 // Paths: "/" is the root; a segment names an attribute, a key of the
 // collection before it (its text form, or a bare word read as a string), or
@@ -41,6 +44,7 @@
 #include "Kiv/EventLoop.h"
 #include "Kiv/FileDesc.h"
 #include "Kiv/Ptr.h"
+#include "Kiv/ServerSocket.h"
 
 namespace Kiv {
 
@@ -49,20 +53,22 @@ class AttrServer {
   static constexpr double requestTimeout = 2.0;
   static constexpr std::size_t maxRequest = 64 * 1024;
 
-  // Binds path (replacing a stale socket file) and serves root from loop.
-  // Throws ErrnoException naming the call that failed.
+  // Binds path (replacing a socket nobody answers on) and serves root from
+  // loop. Throws what Kiv::ServerSocket throws: SocketInUseException when a
+  // live process serves path, UntrustedPathException for its directory.
   AttrServer(EventLoop& loop, Ptr<Entity> root, std::string path);
   ~AttrServer();
   AttrServer(AttrServer const&) = delete;
   AttrServer& operator=(AttrServer const&) = delete;
 
-  std::string const& path() const { return path_; }
+  std::string const& path() const { return socket_.path(); }
   // Requests answered (with ok or error) and clients refused or dropped.
   std::uint64_t requests() const { return requests_; }
   std::uint64_t refused() const { return refused_; }
 
-  // Where an agent called agentName listens; creates the directory (0700)
-  // when it is missing.
+  // Where an agent called agentName listens (the server makes the directory,
+  // 0700, when it is missing). Kiv::Exception for a user other than root
+  // without KIV_INTROSPECT_DIR or XDG_RUNTIME_DIR.
   static std::string defaultPath(std::string_view agentName);
 
   // The full answer ("ok\n..." or "error\n<message>\n") to one request line
@@ -81,8 +87,7 @@ class AttrServer {
 
   EventLoop& loop_;
   Ptr<Entity> root_;
-  std::string path_;
-  FileDesc listen_;
+  ServerSocket socket_;
   std::map<int, Client> clients_;
   std::uint64_t requests_ = 0;
   std::uint64_t refused_ = 0;

@@ -1,5 +1,6 @@
 #include "Stelo/EntityManager.h"
 
+#include "Kiv/PathTrust.h"
 #include "Stelo/SharedDir.h"
 #include "Vorn/Region.h"
 
@@ -20,7 +21,21 @@ EntityManager::~EntityManager() {
     if (status->follow() == loop_) status->followIs(nullptr);
 }
 
-void EntityManager::rootIs(std::string root) { root_ = root.empty() ? Vorn::defaultRoot() : std::move(root); }
+void EntityManager::rootIs(std::string root) {
+  root_ = root.empty() ? Vorn::defaultRoot() : std::move(root);
+  rootTrusted_ = false;
+}
+
+void EntityManager::doTrustRoot(bool make) {
+  if (rootTrusted_) return;
+  Kiv::PathTrust::Use const use{"table root", "VORN_ROOT"};
+  if (make) {
+    Kiv::PathTrust::dirMake(root_, use);
+  } else {
+    Kiv::PathTrust::dirCheck(root_, use);
+  }
+  rootTrusted_ = true;
+}
 
 std::string EntityManager::pathOfUrl(std::string const& url) const { return root_ + "/" + Vorn::fileNameOfUrl(url); }
 

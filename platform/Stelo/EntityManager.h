@@ -3,12 +3,20 @@
 // which readers hear of changes, and it holds what is mounted, so that every
 // KivVorn::Mount made from it sees the same entities.
 //
+// The root must belong to this process's user or root and be writable by
+// nobody else (Kiv/PathTrust.h): otherwise another local user could put
+// tables there that this process would read as its own. Mounts check it
+// once, before the first table, and refuse it with the one line of
+// Kiv::UntrustedPathException; a table file in a good root that belongs to
+// someone else is refused on its own and counted (untrustedTables()).
+//
 //   Kiv::EventLoop loop;
-//   auto em = Stelo::EntityManager::entityManagerIs(&loop);   // root: $VORN_ROOT or /dev/shm/vorn
+//   auto em = Stelo::EntityManager::entityManagerIs(&loop);   // root: Vorn::defaultRoot()
 //   KivVorn::Mount mount(em);
 //   mount.doMount("mfib/default/pim", "Vorn::Multicast::Fib::Status", KivVorn::MountInfo(2));
 #pragma once
 
+#include <cstdint>
 #include <map>
 #include <string>
 
@@ -31,6 +39,13 @@ class EntityManager : public Kiv::PtrInterface {
 
   std::string const& root() const { return root_; }
   void rootIs(std::string root);
+  // Checks the root, making it (0755) when `make` and it is missing; only
+  // the first time after construction or rootIs. Kiv::UntrustedPathException
+  // when it may not be used.
+  void doTrustRoot(bool make);
+  // Table files refused because another user owns them or may write them.
+  std::uint64_t untrustedTables() const { return untrustedTables_; }
+  void untrustedTablesInc() { ++untrustedTables_; }
   Kiv::EventLoop* eventLoop() const { return loop_; }
 
   // The region file of `url` under the root; Kiv::ParseException for a URL
@@ -56,6 +71,8 @@ class EntityManager : public Kiv::PtrInterface {
  private:
   Kiv::EventLoop* loop_;
   std::string root_;
+  bool rootTrusted_ = false;
+  std::uint64_t untrustedTables_ = 0;
   std::map<std::string, Kiv::Ptr<Vorn::Status>> mounts_;
   std::map<std::string, Kiv::Ptr<SharedDir>> sharedDirs_;
 };

@@ -8,6 +8,7 @@
 
 #include "Brisklog/Brisklog.h"
 #include "Kiv/Exception.h"
+#include "Kiv/PathTrust.h"
 #include "Kiv/Trace.h"
 #include "Stelo/SharedDir.h"
 #include "Vorn/Registry.h"
@@ -16,19 +17,6 @@ namespace KivVorn {
 
 namespace {
 Kiv::TraceHandle th("Vorn::Mount");
-
-// mkdir -p; false (errno set) on failure.
-bool makeDirs(std::string const& path) {
-  std::string cur;
-  std::size_t pos = 0;
-  while (pos != std::string::npos) {
-    pos = path.find('/', pos + 1);
-    cur = path.substr(0, pos);
-    if (cur.empty()) continue;
-    if (::mkdir(cur.c_str(), 0775) != 0 && errno != EEXIST) return false;
-  }
-  return true;
-}
 }  // namespace
 
 Mount::Mount(Kiv::Ptr<Stelo::EntityManager> entityManager) : entityManager_(std::move(entityManager)) {}
@@ -37,7 +25,7 @@ Mount::~Mount() = default;
 
 void Mount::handleInitialized() {
   KIV_TRACE(th, 9, "void KivVorn::Mount::handleInitialized() root " << entityManager_->root());
-  if (!makeDirs(entityManager_->root())) throw Kiv::ErrnoException("mkdir(" + entityManager_->root() + ")", errno);
+  entityManager_->doTrustRoot(true);
 }
 
 void Mount::doMount(std::string const& url, std::string const& typeName, MountInfo const& mountInfo) {
@@ -80,15 +68,25 @@ void Mount::doMount(std::string const& url, std::string const& typeName, MountIn
     return;
   }
   if (mode == Vorn::Status::Mode::writer) {
-    if (!makeDirs(entityManager_->root())) throw Kiv::ErrnoException("mkdir(" + entityManager_->root() + ")", errno);
+    entityManager_->doTrustRoot(true);
   } else if (::access(path.c_str(), F_OK) != 0) {
     KIV_TRACE(th, 4, "doMount: " << url << ": no table at " << path << " (yet)");
     return;
+  } else {
+    entityManager_->doTrustRoot(false);
   }
   try {
     status->mountIs(path, mode, mountInfo.options);
     if (mode == Vorn::Status::Mode::reader && entityManager_->eventLoop() != nullptr)
       status->followIs(entityManager_->eventLoop());
+  } catch (Kiv::UntrustedPathException const& e) {
+    // Someone else's file in the root: never read as a table, never taken
+    // over by a writer.
+    entityManager_->untrustedTablesInc();
+    KIV_TRACE(th, 2, "doMount: " << url << ": " << e.what());
+    BRISKLOG("KivVorn::Mount", "mount of %s refused: %s", url, e.what());
+    if (mode == Vorn::Status::Mode::writer) throw;
+    return;
   } catch (Pelto::CorruptionDetectedException const& e) {
     KIV_TRACE(th, 2, "doMount: " << url << ": " << e.what());
     BRISKLOG("KivVorn::Mount", "mount of %s failed: %s", url, e.what());

@@ -10,7 +10,11 @@
 // a process that cannot publish or follow its directory has to know. A type name is
 // resolved through Vorn::StatusRegistry. A reader mount of a table that
 // does not exist (yet), holds another type or is corrupt yields no entity:
-// getEntity returns null and the reason is traced ("Vorn::Mount" handle).
+// getEntity returns null and the reason is traced ("Vorn::Mount" handle);
+// so does a table file that another user owns or may write, which is also
+// counted (EntityManager::untrustedTables). A table root that is not
+// trusted (Stelo/EntityManager.h) is refused for every kind with
+// Kiv::UntrustedPathException.
 // A writer mount that cannot create or take its table (no permission, no
 // room, a read-only file system, another writer running) raises the
 // Kiv::Exception that says why.
@@ -63,7 +67,7 @@ class Mount : public Kiv::PtrInterface {
 
   Kiv::Ptr<Stelo::EntityManager> const& entityManager() const { return entityManager_; }
 
-  // Makes sure the root directory exists.
+  // Makes sure the root directory exists and is trusted.
   void handleInitialized();
   void doMount(std::string const& url, std::string const& typeName, MountInfo const& mountInfo);
   // The mounted entity, or null.

@@ -11,6 +11,7 @@
 #include "Kiv/Assert.h"
 #include "Kiv/EventLoop.h"
 #include "Kiv/Exception.h"
+#include "Kiv/PathTrust.h"
 #include "Kiv/Trace.h"
 #include "Stelo/Mount.h"
 #include "Vorn/Region.h"
@@ -257,6 +258,13 @@ void SharedDir::follow(Kiv::Name const& name, ino_t inode) {
   try {
     table->mountIs(entityManager_->pathOfUrl(url), Vorn::Status::Mode::reader);
     table->followIs(entityManager_->eventLoop());
+  } catch (Kiv::UntrustedPathException const& e) {
+    // Another user's file: not an entry, reported once per file.
+    entityManager_->untrustedTablesInc();
+    KIV_TRACE(th, 2, "not mounting " << url << ": " << e.what());
+    if (it != mounted_.end()) drop(name);
+    refused_[name] = inode;
+    return;
   } catch (Pelto::CorruptionDetectedException const& e) {
     ++corruptions_;
     table->corruptionDetected(e.what());

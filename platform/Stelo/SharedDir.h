@@ -34,7 +34,9 @@
 // another running process writes (the table library's exception says who).
 // A table that cannot be mounted because it is
 // corrupt is reported to the table's corruptionDetected hook, counted, and
-// has no entry; the other entries are not affected. The reader needs the
+// has no entry; the other entries are not affected. So is a table file that
+// another user owns or may write (counted by the entity manager's
+// untrustedTables); the root itself is checked when the directory is mounted. The reader needs the
 // entity manager's event loop. A shared directory lives no longer than its
 // entity manager, which stops it when it goes.
 #pragma once

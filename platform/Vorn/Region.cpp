@@ -18,6 +18,7 @@
 
 #include "Kiv/Exception.h"
 #include "Kiv/MappingGuard.h"
+#include "Kiv/PathTrust.h"
 
 namespace Vorn {
 
@@ -139,11 +140,7 @@ std::string urlOfFileName(std::string_view name) {
   return out;
 }
 
-std::string defaultRoot() {
-  char const* env = std::getenv("VORN_ROOT");
-  if (env != nullptr && *env != '\0') return env;
-  return "/dev/shm/vorn";
-}
+std::string defaultRoot() { return Kiv::PathTrust::runtimeDir("vorn", "VORN_ROOT"); }
 
 Region::~Region() {
   if (bellSlot_ >= 0) bellClose();
@@ -288,9 +285,10 @@ std::unique_ptr<Region> Region::create(std::string const& path, std::string_view
   removeStaleTemporaries(path);
   std::string const tmp = path + ".tmp." + std::to_string(getpid());
   ::unlink(tmp.c_str());
-  int fd = ::open(tmp.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0664);
+  // Readers of other users may read a table; only its writer may change it.
+  int fd = ::open(tmp.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
   if (fd < 0) throw Kiv::ErrnoException("open(" + tmp + ")", errno);
-  fchmod(fd, 0664);
+  fchmod(fd, 0644);
   if (ftruncate(fd, static_cast<off_t>(plan.fileSize)) != 0) {
     int e = errno;
     ::close(fd);
@@ -353,11 +351,13 @@ std::unique_ptr<Region> Region::create(std::string const& path, std::string_view
 
 std::unique_ptr<Region> Region::writerIs(std::string const& path, std::string_view typeName,
                                          std::vector<TableShape> const& shapes, std::uint32_t logCapacity) {
-  int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
+  int fd = ::open(path.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC);
   if (fd >= 0) {
     std::unique_ptr<Region> r(new Region());
     r->mode_ = Mode::writer;
     r->path_ = path;
+    r->fd_ = fd;
+    Kiv::PathTrust::fileCheck(fd, path, "table file");
     try {
       struct stat st;
       if (fstat(fd, &st) != 0) throw Kiv::ErrnoException("fstat(" + path + ")", errno);
@@ -385,16 +385,17 @@ std::unique_ptr<Region> Region::writerIs(std::string const& path, std::string_vi
 std::unique_ptr<Region> Region::readerIs(std::string const& path, std::string_view typeName,
                                          std::vector<TableShape> const& shapes) {
   bool writable = true;
-  int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
+  int fd = ::open(path.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC);
   if (fd < 0 && (errno == EACCES || errno == EROFS)) {
     writable = false;
-    fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
   }
   if (fd < 0) throw Kiv::ErrnoException("open(" + path + ")", errno);
   std::unique_ptr<Region> r(new Region());
   r->mode_ = Mode::reader;
   r->path_ = path;
   r->fd_ = fd;
+  Kiv::PathTrust::fileCheck(fd, path, "table file");
   struct stat st;
   if (fstat(fd, &st) != 0) throw Kiv::ErrnoException("fstat(" + path + ")", errno);
   r->map(fd, static_cast<std::uint64_t>(st.st_size), writable);

@@ -76,7 +76,9 @@ struct TableGeometry {
 std::string fileNameOfUrl(std::string_view url);
 // The inverse, for listings; empty when `fileName` is not a region file.
 std::string urlOfFileName(std::string_view fileName);
-// $VORN_ROOT when set and not empty, else "/dev/shm/vorn".
+// $VORN_ROOT when set and not empty, else /run/vorn for root and
+// $XDG_RUNTIME_DIR/vorn for other users (Kiv::PathTrust::runtimeDir, which
+// throws when a user other than root has neither variable).
 std::string defaultRoot();
 
 class Region {
@@ -87,12 +89,16 @@ class Region {
   // type and table shapes match (adopted() is then true). A file of another
   // type or shape, or a corrupt one, is replaced. Capacities of an adopted
   // file are the file's own. A file whose writer is still running is not
-  // taken over: Kiv::Exception names that writer.
+  // taken over: Kiv::Exception names that writer. An existing file that is
+  // not a regular file of this user or root, or that group or others may
+  // write, is refused with Kiv::UntrustedPathException, not replaced.
   static std::unique_ptr<Region> writerIs(std::string const& path, std::string_view typeName,
                                           std::vector<TableShape> const& shapes, std::uint32_t logCapacity);
   // Opens an existing region for reading: Kiv::ErrnoException("open") when
   // there is none, Pelto::CorruptionDetectedException when it is not a valid
-  // region of this type and shape (capacities are taken from the file).
+  // region of this type and shape (capacities are taken from the file),
+  // Kiv::UntrustedPathException when the file is not a regular file of this
+  // user or root or group or others may write it: someone else's table.
   static std::unique_ptr<Region> readerIs(std::string const& path, std::string_view typeName,
                                           std::vector<TableShape> const& shapes);
   // Opens any valid region without a schema, for inspection tools.

@@ -2,7 +2,7 @@
 //
 //   kivctl --agent mfib-demo-agent ls /
 //   kivctl --agent mfib-demo-agent get /mfibVornDir/vornColl/default
-//   kivctl --socket /tmp/kiv-0/x.sock --json get /bitMapperSm
+//   kivctl --socket /run/kiv/x.sock --json get /bitMapperSm
 //   kivctl --agent a set /bitMapperSm/config/bitMapMinIndex 10
 //   kivctl --agent a invoke /bitMapperSm/doAllocBitIndex "Value('BitMapper::BitMapperKey', ...)"
 //   kivctl --agent a invoke /mroute/vrfMrouteTable/default/reviewsInc 5
@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "Kiv/AttrServer.h"
+#include "Kiv/ServerSocket.h"
 #include "MrouteVersion.h"
 
 namespace {
@@ -45,7 +46,8 @@ constexpr char const* usage =
     "  invoke PATH/<counter>Dec [AMOUNT]     subtracts likewise\n"
     "\n"
     "options:\n"
-    "  --agent NAME        the socket of agent NAME in $KIV_INTROSPECT_DIR or /tmp/kiv-<uid>/\n"
+    "  --agent NAME        the socket of agent NAME in $KIV_INTROSPECT_DIR, else /run/kiv/ for\n"
+    "                      root and $XDG_RUNTIME_DIR/kiv/ for other users\n"
     "  --socket PATH       the socket at PATH\n"
     "  --json              answers as typed JSON: numbers, true/false, null, strings,\n"
     "                      objects for values with fields (\"_type\") and entities\n"
@@ -107,16 +109,15 @@ int main(int argc, char** argv) {
       return fail(e.what());
     }
   }
-  sockaddr_un addr{};
-  if (socketPath.size() >= sizeof addr.sun_path) return fail("socket path too long");
-  addr.sun_family = AF_UNIX;
-  std::memcpy(addr.sun_path, socketPath.c_str(), socketPath.size() + 1);
-  int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) return fail(std::string("socket: ") + std::strerror(errno));
-  if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-    int err = errno;
-    ::close(fd);
-    return fail("cannot reach the agent at " + socketPath + ": " + std::strerror(err));
+  int fd = -1;
+  try {
+    // An agent of another user (a socket put where ours should be) is not
+    // asked: it could answer anything.
+    fd = Kiv::connectTrusted(socketPath, "introspection socket").release();
+  } catch (Kiv::ErrnoException const& e) {
+    return fail("cannot reach the agent at " + socketPath + ": " + std::strerror(e.error()));
+  } catch (std::exception const& e) {
+    return fail(e.what());
   }
   std::string req = verb + "\t" + (json ? "json" : "text") + "\t" + rest[1] + "\t" + arg + "\n";
   for (std::size_t sent = 0; sent < req.size();) {
