@@ -16,6 +16,7 @@
 #include "Bind.h"
 #include "BitMapper/BitMapperSchema.h"
 #include "Kiv/Exception.h"
+#include "Kiv/PathTrust.h"
 #include "Mfib/MfibDir.h"
 #include "Schema/Mfib/MfibStatus.h"
 #include "Vorn/Region.h"
@@ -96,6 +97,7 @@ class TableRoot {
   std::string const& path() const { return path_; }
 
   std::vector<std::string> urls() const {
+    trustRoot();
     DIR* d = ::opendir(path_.c_str());
     if (d == nullptr) throw Kiv::ErrnoException("opendir(" + path_ + ")", errno);
     std::vector<std::string> out;
@@ -120,10 +122,14 @@ class TableRoot {
   }
 
   std::unique_ptr<MfibTable> mfib(std::string const& url) const {
-    return std::make_unique<MfibTable>(url, pathOf(path_, url));
+    std::string const path = pathOf(path_, url);
+    if (path != url) trustRoot();
+    return std::make_unique<MfibTable>(url, path);
   }
   std::unique_ptr<BitMapperTable> bitmapper(std::string const& url) const {
-    return std::make_unique<BitMapperTable>(url, pathOf(path_, url));
+    std::string const path = pathOf(path_, url);
+    if (path != url) trustRoot();
+    return std::make_unique<BitMapperTable>(url, path);
   }
 
   // application -> VRF -> its announcement, from each application's part of
@@ -144,6 +150,10 @@ class TableRoot {
   }
 
  private:
+  // Tables under a root that another user could change are not read as
+  // the router's.
+  void trustRoot() const { Kiv::PathTrust::dirCheck(path_, {"table root", "VORN_ROOT"}); }
+
   std::string path_;
 };
 
@@ -229,7 +239,9 @@ void bindTables(py::module_& m) {
           py::arg("key"), "The waiting key's record, or None.");
 
   py::class_<TableRoot>(m, "TableRoot",
-                        "A directory of shared tables: the given path, else $VORN_ROOT, else /dev/shm/vorn.")
+                        "A directory of shared tables: the given path, else $VORN_ROOT, else /run/vorn for root "
+                        "and $XDG_RUNTIME_DIR/vorn for other users. It must belong to this user or root and be "
+                        "writable by nobody else, or listing and mounting by URL raise.")
       .def(py::init<std::optional<std::string>>(), py::arg("path") = py::none())
       .def_property_readonly("path", &TableRoot::path)
       .def("urls", &TableRoot::urls, "The URLs of the region files under the root.")

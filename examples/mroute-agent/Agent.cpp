@@ -402,6 +402,10 @@ int AgentImpl::start() {
     }
   }
   if (!doDirectory()) return 1;
+  // The sockets before the kernel: an agent of the same name that runs
+  // already is named before this one touches anything of the kernel's.
+  introspectRoot_ = Kiv::Dir::DirIs(opt_.name);
+  if (!doSockets()) return 1;
   for (Wirly::AddressFamily af : {Wirly::ipv4, Wirly::ipv6}) {
     if ((af == Wirly::ipv4 && !opt_.ipv4) || (af == Wirly::ipv6 && !opt_.ipv6)) continue;
     families_.push_back(std::make_unique<Family>());
@@ -420,7 +424,6 @@ int AgentImpl::start() {
   // The tables last: every route found now is programmed at once.
   dirSm_ = Vorn::Multicast::Fib::mfibDirSmFactory(dir_, vornDir_, em_);
   engine_->flush();
-  introspectRoot_ = Kiv::Dir::DirIs(opt_.name);
   introspectRoot_->entryIs("mfibDir", dir_);
   introspectRoot_->entryIs("mfibVornDir", vornDir_);
   introspectRoot_->entryIs("mfibDirSm", dirSm_);
@@ -430,7 +433,6 @@ int AgentImpl::start() {
   introspectRoot_->entryIs("kernelMfib6", engine_->kernelStatus(Wirly::ipv6));
   for (auto& f : families_)
     if (f->manager) introspectRoot_->entryIs(f->af == Wirly::ipv4 ? "upcalls4" : "upcalls6", f->manager);
-  if (!doSockets()) return 1;
   links_ = std::make_unique<LinkWatch>([this](int ifIndex, bool up) { handleLink(ifIndex, up); });
   try {
     links_->open();

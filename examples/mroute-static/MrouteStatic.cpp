@@ -30,9 +30,11 @@ char const* const kUsage =
     "usage: mroute-static --app NAME --file ROUTES [--once]\n"
     "       mroute-static --help | --version\n"
     "Publishes the routes of ROUTES as application NAME's MFIB tables under\n"
-    "$VORN_ROOT (default /dev/shm/vorn), re-reads ROUTES on SIGHUP and applies the\n"
-    "differences, and withdraws the tables on SIGINT or SIGTERM. --once publishes\n"
-    "and exits, leaving the tables announced. One route per line:\n"
+    "$VORN_ROOT (default /run/vorn for root, else $XDG_RUNTIME_DIR/vorn; it must\n"
+    "belong to this user or root and be writable by nobody else), re-reads ROUTES\n"
+    "on SIGHUP and applies the differences, and withdraws the tables on SIGINT or\n"
+    "SIGTERM. --once publishes and exits, leaving the tables announced. One route\n"
+    "per line:\n"
     "  <vrf> <source|*> <group> <iif> <oif>[,<oif>...]|- [priority 1..255, default 1]\n"
     "for example: default 10.1.0.2 239.1.1.1 Ethernet1 Ethernet2,Ethernet3 2\n";
 

@@ -7,7 +7,9 @@
     agent.set("/bitMapperConfig/bitMapMinIndex", "10")
     agent.invoke("/mfibDirSm/handleMountPoint", "'pim'", "'red'")
 
-The socket is $KIV_INTROSPECT_DIR/<agent>.sock, else /tmp/kiv-<uid>/<agent>.sock.
+The socket is $KIV_INTROSPECT_DIR/<agent>.sock, else /run/kiv/<agent>.sock for
+root and $XDG_RUNTIME_DIR/kiv/<agent>.sock for other users. A socket served
+by another user than this one or root raises AgentError: it is not asked.
 Each call is one request on its own connection: "verb TAB format TAB path TAB
 argument NEWLINE"; the agent answers "ok" or "error" on the first line, then
 the body, and closes. Answers come as the agent's typed JSON (kivctl --json):
@@ -20,6 +22,7 @@ import collections
 import json
 import os
 import socket
+import struct
 
 Row = collections.namedtuple("Row", "name kind type writable")
 
@@ -30,7 +33,15 @@ class AgentError(Exception):
 
 def socket_path(agent):
     """Where an agent called `agent` listens."""
-    directory = os.environ.get("KIV_INTROSPECT_DIR") or "/tmp/kiv-%d" % os.getuid()
+    directory = os.environ.get("KIV_INTROSPECT_DIR")
+    if not directory:
+        if os.geteuid() == 0:
+            directory = "/run/kiv"
+        elif os.environ.get("XDG_RUNTIME_DIR", "").startswith("/"):
+            directory = os.path.join(os.environ["XDG_RUNTIME_DIR"], "kiv")
+        else:
+            raise AgentError("neither KIV_INTROSPECT_DIR nor XDG_RUNTIME_DIR is set (/run/kiv is root's): "
+                             "set one of them")
     return os.path.join(directory, agent + ".sock")
 
 
@@ -39,6 +50,14 @@ def connect(agent=None, path=None, timeout=5.0):
     if (agent is None) == (path is None):
         raise ValueError("give exactly one of agent and path")
     return Agent(path if path is not None else socket_path(agent), timeout)
+
+
+def _check_server(s, path):
+    """Refuses a socket that another user serves: it could answer anything."""
+    pid, uid, _ = struct.unpack("3i", s.getsockopt(socket.SOL_SOCKET, socket.SO_PEERCRED, struct.calcsize("3i")))
+    if uid not in (0, os.geteuid()):
+        raise AgentError("introspection socket %s is served by uid %d (pid %d), not by this user or root: "
+                         "not talking to it" % (path, uid, pid))
 
 
 class Agent:
@@ -57,6 +76,7 @@ class Agent:
         with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as s:
             s.settimeout(self.timeout)
             s.connect(self.path)
+            _check_server(s, self.path)
             s.sendall(line.encode())
             chunks = []
             while True:

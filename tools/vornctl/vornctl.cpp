@@ -5,8 +5,9 @@
 //   vornctl dump mfib/default/pim route   records in key order
 //   vornctl watch mfib/default/pim        changes as the writer makes them
 //
-// A region is named by its URL (under --root, default $VORN_ROOT or
-// /dev/shm/vorn) or by the path of its file. Records print through the
+// A region is named by its URL (under --root, default $VORN_ROOT, else
+// /run/vorn for root and $XDG_RUNTIME_DIR/vorn for others) or by the path of
+// its file. Records print through the
 // operator<< of the schema types linked into this tool; a type it does not
 // know is dumped as raw bytes.
 #include <dirent.h>
@@ -55,8 +56,10 @@ char const* const kUsage =
     "\n"
     "list, show, dump and dir print JSON with --json.\n"
     "\n"
-    "A region is a URL under the root (default $VORN_ROOT, else /dev/shm/vorn)\n"
-    "or the path of a .vorn file. 'vornctl <command> --help' says more.\n";
+    "A region is a URL under the root (default $VORN_ROOT, else /run/vorn for root\n"
+    "and $XDG_RUNTIME_DIR/vorn for other users) or the path of a .vorn file.\n"
+    "vornctl only reads, so it opens tables whoever owns them; agents do not.\n"
+    "'vornctl <command> --help' says more.\n";
 
 struct Command {
   char const* name;
@@ -317,7 +320,7 @@ Command const commands[] = {
 
 int main(int argc, char** argv) {
   std::vector<std::string> args(argv + 1, argv + argc);
-  std::string root = Vorn::defaultRoot();
+  std::string root;
   if (!args.empty() && args[0] == "--root") {
     if (args.size() < 2 || args[1].empty()) {
       std::cerr << "vornctl: --root needs a directory\n";
@@ -325,6 +328,13 @@ int main(int argc, char** argv) {
     }
     root = args[1];
     args.erase(args.begin(), args.begin() + 2);
+  } else {
+    try {
+      root = Vorn::defaultRoot();
+    } catch (std::exception const& e) {
+      std::cerr << "vornctl: " << e.what() << "\n";
+      return 2;
+    }
   }
   if (!args.empty() && args[0] == "--version") {
     std::cout << "vornctl (libmroute) " << MROUTE_VERSION << "\n";
