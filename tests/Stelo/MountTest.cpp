@@ -143,13 +143,21 @@ TEST_F(SteloMount, ANewWriterAdoptsAndCleanupRemovesTheTable) {
   EXPECT_FALSE(reader->getEntity(url));
 }
 
-TEST(SteloRoot, RootComesFromTheCallerElseTheEnvironmentElseDevShm) {
+TEST(SteloRoot, RootComesFromTheCallerElseTheEnvironmentElseTheRuntimeDirectory) {
   char const* saved = getenv("VORN_ROOT");
   std::string const keep = saved ? saved : "";
   setenv("VORN_ROOT", "/tmp/elsewhere", 1);
   EXPECT_EQ(Stelo::EntityManager::entityManagerIs()->root(), "/tmp/elsewhere");
   EXPECT_EQ(Stelo::EntityManager::entityManagerIs(nullptr, "/tmp/mine")->root(), "/tmp/mine");
   unsetenv("VORN_ROOT");
-  EXPECT_EQ(Stelo::EntityManager::entityManagerIs()->root(), "/dev/shm/vorn");
+  char const* xdg = getenv("XDG_RUNTIME_DIR");
+  std::string const keepXdg = xdg ? xdg : "";
+  setenv("XDG_RUNTIME_DIR", "/run/user/4242", 1);
+  EXPECT_EQ(Stelo::EntityManager::entityManagerIs()->root(), geteuid() == 0 ? "/run/vorn" : "/run/user/4242/vorn");
+  if (xdg) {
+    setenv("XDG_RUNTIME_DIR", keepXdg.c_str(), 1);
+  } else {
+    unsetenv("XDG_RUNTIME_DIR");
+  }
   if (saved) setenv("VORN_ROOT", keep.c_str(), 1);
 }
