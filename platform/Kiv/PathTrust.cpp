@@ -59,9 +59,9 @@ std::string head(Use use, std::string const& path) { return std::string(use.what
 
 void checkTarget(Use use, std::string const& path, struct stat const& st) {
   std::string const owned = "owned by " + ownerText(st.st_uid);
-  if (S_ISLNK(st.st_mode))
-    refuse(head(use, path) + " is a symbolic link (" + owned + "): remove it or " + dirFix(use));
-  if (!S_ISDIR(st.st_mode)) refuse(head(use, path) + " is not a directory (" + owned + "): remove it or " + dirFix(use));
+  if (S_ISLNK(st.st_mode)) refuse(head(use, path) + " is a symbolic link (" + owned + "): remove it or " + dirFix(use));
+  if (!S_ISDIR(st.st_mode))
+    refuse(head(use, path) + " is not a directory (" + owned + "): remove it or " + dirFix(use));
   if (!ownerTrusted(st.st_uid))
     refuse(head(use, path) + " is " + owned + ", " + notOwnerText() + ": remove it or " + dirFix(use));
   if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0)
@@ -205,7 +205,8 @@ std::string ownerText(uid_t uid) {
   passwd pw{};
   passwd* found = nullptr;
   char buf[1024];
-  if (::getpwuid_r(uid, &pw, buf, sizeof buf, &found) == 0 && found != nullptr) out += " (" + std::string(pw.pw_name) + ")";
+  if (::getpwuid_r(uid, &pw, buf, sizeof buf, &found) == 0 && found != nullptr)
+    out += " (" + std::string(pw.pw_name) + ")";
   return out;
 }
 

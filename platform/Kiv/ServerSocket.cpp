@@ -122,11 +122,11 @@ FileDesc connectTrusted(std::string const& path, std::string_view what) {
   if (::getsockopt(fd.fd(), SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0)
     throw ErrnoException("getsockopt(SO_PEERCRED " + path + ")", errno);
   if (!PathTrust::ownerTrusted(cred.uid))
-    throw UntrustedPathException(std::string(what) + " " + path + " is served by " + PathTrust::ownerText(cred.uid) +
-                                 " (pid " + std::to_string(cred.pid) + "), " +
-                                 (::geteuid() == 0 ? std::string("not by root")
-                                                   : "not by " + PathTrust::ownerText(::geteuid()) + " or root") +
-                                 ": not talking to it");
+    throw UntrustedPathException(
+        std::string(what) + " " + path + " is served by " + PathTrust::ownerText(cred.uid) + " (pid " +
+        std::to_string(cred.pid) + "), " +
+        (::geteuid() == 0 ? std::string("not by root") : "not by " + PathTrust::ownerText(::geteuid()) + " or root") +
+        ": not talking to it");
   return fd;
 }
 

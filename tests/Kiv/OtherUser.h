@@ -27,8 +27,7 @@ inline std::string asUser(uid_t uid, std::function<std::string()> const& fn) {
     ::close(p[0]);
     std::string out;
     bool const same = uid == ::geteuid();
-    if (!same &&
-        (::setgroups(0, nullptr) != 0 || ::setresgid(uid, uid, uid) != 0 || ::setresuid(uid, uid, uid) != 0)) {
+    if (!same && (::setgroups(0, nullptr) != 0 || ::setresgid(uid, uid, uid) != 0 || ::setresuid(uid, uid, uid) != 0)) {
       out = "cannot become uid " + std::to_string(uid);
     } else {
       try {

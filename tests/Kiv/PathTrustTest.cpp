@@ -57,8 +57,8 @@ TEST(PathTrust, AMissingDirectoryIsMadeWithTheGivenModeAndThenTrusted) {
   EXPECT_EQ(refusal(deep), "");
   // Dots and doubled slashes are walked like the kernel walks them.
   EXPECT_EQ(refusal(s.path() + "//a/./b/../b/c/"), "");
-  EXPECT_EQ(refusal(s / "missing"), "cannot use table root " + (s / "missing") + ": " + (s / "missing") +
-                                        ": No such file or directory");
+  EXPECT_EQ(refusal(s / "missing"),
+            "cannot use table root " + (s / "missing") + ": " + (s / "missing") + ": No such file or directory");
 }
 
 TEST(PathTrust, ADirectoryOfAnotherUserIsRefusedInOneLineWithOwnerAndFix) {
@@ -80,12 +80,10 @@ TEST(PathTrust, WritableByOthersSymbolicLinksAndFilesAreRefused) {
                                        "): run chmod go-w on it or set VORN_ROOT to a directory you own");
   ASSERT_EQ(::mkdir((s / "good").c_str(), 0755), 0);
   ASSERT_EQ(::symlink((s / "good").c_str(), (s / "link").c_str()), 0);
-  EXPECT_NE(refusal(s / "link", true).find(" is a symbolic link (owned by " + me + "): remove it"),
-            std::string::npos);
+  EXPECT_NE(refusal(s / "link", true).find(" is a symbolic link (owned by " + me + "): remove it"), std::string::npos);
   int const f = ::open((s / "file").c_str(), O_CREAT | O_WRONLY, 0644);
   ::close(f);
-  EXPECT_NE(refusal(s / "file", true).find(" is not a directory (owned by " + me + "): remove it"),
-            std::string::npos);
+  EXPECT_NE(refusal(s / "file", true).find(" is not a directory (owned by " + me + "): remove it"), std::string::npos);
 }
 
 TEST(PathTrust, DirectoriesAboveMustBeTrustedOrStickyAndLinksAboveAreFollowed) {
@@ -108,8 +106,8 @@ TEST(PathTrust, DirectoriesAboveMustBeTrustedOrStickyAndLinksAboveAreFollowed) {
   ASSERT_EQ(::symlink((s / "open").c_str(), (s / "ours").c_str()), 0);
   EXPECT_EQ(refusal(s / "ours/vorn"), "");
   ASSERT_EQ(::lchown((s / "ours").c_str(), kNobody, kNobody), 0);
-  EXPECT_NE(refusal(s / "ours/vorn").find("lies under the symbolic link " + (s / "ours") +
-                                          ", which is owned by uid 65534 (nobody)"),
+  EXPECT_NE(refusal(s / "ours/vorn")
+                .find("lies under the symbolic link " + (s / "ours") + ", which is owned by uid 65534 (nobody)"),
             std::string::npos);
 }
 
@@ -145,8 +143,7 @@ TEST(PathTrust, AFileMustBeRegularOfThisUserOrRootAndNotWritableByOthers) {
   ::close(::open(f.c_str(), O_CREAT | O_WRONLY, 0644));
   EXPECT_EQ(check(f), "");
   ASSERT_EQ(::chmod(f.c_str(), 0664), 0);
-  EXPECT_EQ(check(f), "table file " + f +
-                          " is writable by group or others (mode 0664, owned by " + me +
+  EXPECT_EQ(check(f), "table file " + f + " is writable by group or others (mode 0664, owned by " + me +
                           "): run chmod go-w on it or remove it");
   ASSERT_EQ(::mkfifo((s / "fifo").c_str(), 0600), 0);
   EXPECT_NE(check(s / "fifo").find(" is not a regular file"), std::string::npos);
