@@ -19,7 +19,8 @@ using Mode = Vorn::Status::Mode;
 namespace {
 
 // Runs `body` in a child with its own mount namespace and a 256 KiB tmpfs
-// at `dir`; returns the child's exit status, or -1 with `why` set when the
+// at `dir` (0755: a trace directory others may write would be refused);
+// returns the child's exit status, or -1 with `why` set when the
 // namespace or the mount is not permitted here.
 int inSmallTmpfs(std::string const& dir, int (*body)(std::string const&), std::string& why) {
   int pipeFd[2];
@@ -29,7 +30,7 @@ int inSmallTmpfs(std::string const& dir, int (*body)(std::string const&), std::s
     ::close(pipeFd[0]);
     char ok = 1;
     if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-        mount("tmpfs", dir.c_str(), "tmpfs", 0, "size=256k") != 0) {
+        mount("tmpfs", dir.c_str(), "tmpfs", 0, "size=256k,mode=0755") != 0) {
       ok = 0;
       [[maybe_unused]] ssize_t n = ::write(pipeFd[1], &ok, 1);
       std::perror("mount namespace");

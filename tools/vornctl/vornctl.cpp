@@ -58,7 +58,6 @@ char const* const kUsage =
     "\n"
     "A region is a URL under the root (default $VORN_ROOT, else /run/vorn for root\n"
     "and $XDG_RUNTIME_DIR/vorn for other users) or the path of a .vorn file.\n"
-    "vornctl only reads, so it opens tables whoever owns them; agents do not.\n"
     "'vornctl <command> --help' says more.\n";
 
 struct Command {
