@@ -102,27 +102,3 @@ TEST(SteloRootTrust, ATableFileOfAnotherUserIsRefusedByWritersAndAbsentForReader
   ASSERT_TRUE(reader.getEntity(url));
   EXPECT_EQ(Kiv::ptrCast<Vorn::TestStatus>(reader.getEntity(url))->entry(Vorn::TestKey(1)), VornTest::record(1));
 }
-
-TEST(SteloRootTrust, AnotherUserReadsRootsTablesButNotAThirdUsers) {
-  NEEDS_ROOT();
-  Scratch s;
-  std::string const root = s / "tables";
-  Kiv::Ptr<Stelo::EntityManager> em = Stelo::EntityManager::entityManagerIs(nullptr, root);
-  KivVorn::Mount writer(em);
-  writer.doMount(url, "Vorn::TestStatus", MountInfo(MountInfo::writer));
-  Kiv::ptrCast<Vorn::TestStatus>(writer.getEntity(url))->entryIs(VornTest::record(3));
-  auto readAs = [&](uid_t uid) {
-    return asUser(uid, [&] {
-      Kiv::Ptr<Stelo::EntityManager> rem = Stelo::EntityManager::entityManagerIs(nullptr, root);
-      KivVorn::Mount reader(rem);
-      reader.doMount(url, "Vorn::TestStatus", MountInfo(MountInfo::reader));
-      auto t = Kiv::ptrCast<Vorn::TestStatus>(reader.getEntity(url));
-      return t ? std::to_string(t->entry(Vorn::TestKey(3)).version) : "absent";
-    });
-  };
-  EXPECT_EQ(readAs(kNobody), "1");
-  ASSERT_EQ(::chown(root.c_str(), kNobody - 1, kNobody - 1), 0);
-  EXPECT_EQ(readAs(kNobody), "exception: table root " + root +
-                                 " is owned by uid 65533, not by uid 65534 (nobody) or root: remove it or set "
-                                 "VORN_ROOT to a directory you own");
-}
