@@ -130,6 +130,57 @@ TEST(TrustKernelTest, KernelGroupReceiverHearsNobodyButTheKernel) {
   EXPECT_EQ(manager->noCacheMessage()->group(), Wirly::IpGenAddr("ff0e::9:1"));
 }
 
+// Two routers in one namespace, each with its own multicast routing table:
+// the kernel's IPv4 report names the table, and each receiver hears only
+// its own.
+TEST(TrustKernelTest, KernelReportsOfAnotherTableAreNotHeard) {
+  TOPOLOGY(t);
+  RelayEnvironment env(false);
+  ASSERT_TRUE(MrtNotifyNetlinkSocketPam::kernelPublishesIpv4Reports(t.router()));
+  Kiv::EventLoop loop;
+  DefaultLoop useLoop(&loop);
+  auto receiver = [&](std::uint32_t table) {
+    auto p = mrtNotifyNetlinkSocketPamFactory("MrtNotify", t.router());
+    p->ipv4NativeReportsIs(true);
+    p->mrtTableIs(table);
+    p->optionsIs(nocache);
+    p->enabledIs(true);
+    return p;
+  };
+  auto mine = receiver(MrtNotifyNetlinkSocketPam::defaultMrtTable);
+  auto other = receiver(10);
+
+  // The second router: table 10 on its own routing socket, and traffic
+  // arriving on va looked up there.
+  Fd sd(Wirly::namespaceSocket(t.router(), AF_INET, SOCK_RAW, IPPROTO_IGMP));
+  std::uint32_t const table = 10;
+  int const one = 1;
+  ASSERT_TRUE(setOpt(sd.fd, IPPROTO_IP, MRT_TABLE, table)) << ::strerror(errno);
+  ASSERT_TRUE(setOpt(sd.fd, IPPROTO_IP, MRT_INIT, one)) << ::strerror(errno);
+  vifctl v{};
+  v.vifc_vifi = 0;
+  v.vifc_flags = VIFF_USE_IFINDEX;
+  v.vifc_threshold = 1;
+  v.vifc_lcl_ifindex = ifIndex(t.router(), "va");
+  ASSERT_TRUE(setOpt(sd.fd, IPPROTO_IP, MRT_ADD_VIF, v)) << ::strerror(errno);
+  ASSERT_TRUE(run("ip -n " + t.router().str() + " mrule add iif va lookup 10"));
+
+  ASSERT_TRUE(sendMulticast(t.sender(), "239.5.5.5")) << ::strerror(errno);
+  std::vector<Kiv::Ptr<Wirly::Pkt>> heardMine, heardOther;
+  loop.runUntil(
+      [&] {
+        while (auto p = mine->rxPkt()) heardMine.push_back(p);
+        while (auto p = other->rxPkt()) heardOther.push_back(p);
+        return !heardOther.empty() && mine->rxOtherTableDrops() > 0;
+      },
+      5);
+  EXPECT_EQ(heardOther.size(), 1u) << "the report of table 10";
+  EXPECT_TRUE(heardMine.empty());
+  EXPECT_EQ(mine->rxOtherTableDrops(), 1u);
+  EXPECT_EQ(mine->rxMalformedDrops() + mine->rxUntrustedDrops(), 0u);
+  EXPECT_EQ(other->rxOtherTableDrops(), 0u);
+}
+
 #ifdef MRTMON
 // mrtmon in relay mode: the forger's datagrams are counted and not printed,
 // the trusted report is printed, and it exits normally.
