@@ -171,6 +171,7 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
   from.nl_pid = port;
   d.from(from);
   if (uid >= 0) d.cmsg(SOL_SOCKET, SCM_CREDENTIALS, ucred{1, uid_t(uid), 0});
+  w.sys.calls.clear();  // the fake keeps a record of every call
   w.sys.rx.push_back(d.play());
 
   // The sender is judged before the shape: an untrusted datagram is never
