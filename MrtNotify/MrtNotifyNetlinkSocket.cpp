@@ -5,12 +5,15 @@
 #include <linux/netlink.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <vector>
 
 #include "Kiv/Assert.h"
 #include "Kiv/Exception.h"
+#include "Kiv/System.h"
+#include "MrtNotify/detail/CacheReportCheck.h"
 #include "Wirly/NamespaceSocket.h"
 #include "Wirly/Sys.h"
 
@@ -74,7 +77,19 @@ Kiv::Ptr<MrtNotifyNetlinkSocketPam> mrtNotifyNetlinkSocketPamFactory(Kiv::Name n
   return p;
 }
 
-MrtNotifyNetlinkSocketPam::MrtNotifyNetlinkSocketPam(Kiv::Name name) : MrtNotifySocketPam(std::move(name)) {}
+MrtNotifyNetlinkSocketPam::MrtNotifyNetlinkSocketPam(Kiv::Name name) : MrtNotifySocketPam(std::move(name)) {
+  trustedUid_[0] = true;
+  trustedUid_[::getuid()] = true;
+}
+
+void MrtNotifyNetlinkSocketPam::trustedUidIs(std::uint32_t uid, bool trusted) {
+  bool const changed = trusted ? trustedUid_.emplace(uid, true).second : trustedUid_.erase(uid) != 0;
+  if (changed) notifyAs(&NotifieeConst::onTrustedUid, uid);
+}
+
+void MrtNotifyNetlinkSocketPam::trustedUidDelAll() {
+  while (!trustedUid_.empty()) trustedUidDel(trustedUid_.begin()->first);
+}
 
 MrtNotifyNetlinkSocketPam::~MrtNotifyNetlinkSocketPam() {
   if (txFileDesc_) Wirly::Sys::sys().close(txFileDesc_->fd());
@@ -131,10 +146,12 @@ void MrtNotifyNetlinkSocketPam::doSockInit() {
   if (!native()) {
     KIV_TRACE(trace(), 5, "This Kernel does not support Netlink sockets for multicast events");
     isRtnlIpv6MrouteRSupportedIs(false);
+    rxFromKernel_ = false;
     sd = Wirly::namespaceSocket(netNs(), AF_NETLINK, SOCK_RAW, NETLINK_USERSOCK);
   } else {
     KIV_TRACE(trace(), 5, "Running on Kernel supporting Netlink sockets for multicast events");
     isRtnlIpv6MrouteRSupportedIs(true);
+    rxFromKernel_ = true;
     sd = Wirly::namespaceSocket(netNs(), AF_NETLINK, SOCK_DGRAM, NETLINK_ROUTE);
   }
   if (sd == -1) {
@@ -150,6 +167,8 @@ void MrtNotifyNetlinkSocketPam::doSockInit() {
   addr.nl_family = AF_NETLINK;
   if (Wirly::Sys::sys().bind(sd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) < 0)
     doAbort("MrtNotifyNetlinkSocketPam::doSockInit: bind", errno);
+  // Before joining: no relayed datagram may arrive without its sender.
+  if (!rxFromKernel_ && setIntOption(sd, SOL_SOCKET, SO_PASSCRED, 1) < 0) doAbort("setsockopt(SO_PASSCRED)", errno);
   // Deliberately small: a burst overflows it and the next read says so
   // (ENOBUFS) instead of the agent falling ever further behind.
   if (setIntOption(sd, SOL_SOCKET, SO_RCVBUFFORCE, int(maxRxPktData())) < 0)
@@ -307,15 +326,18 @@ void MrtNotifyNetlinkSocketPam::doGetRxPkt() {
   KIV_ASSERT(maxSize >= maxRxPktData());
   pkt->headDataIs(maxRxPktData());
 
-  // recvmsg rather than recv: the sender's address is what tells a relay
-  // from an impostor.
+  // recvmsg rather than recv: the sender's address and credentials are
+  // what tell the kernel or a relay from an impostor.
   sockaddr_nl from{};
+  alignas(cmsghdr) std::uint8_t control[CMSG_SPACE(sizeof(ucred))];
   iovec iov{pkt->data(), pkt->len()};
   msghdr msg{};
   msg.msg_name = &from;
   msg.msg_namelen = sizeof(from);
   msg.msg_iov = &iov;
   msg.msg_iovlen = 1;
+  msg.msg_control = control;
+  msg.msg_controllen = sizeof(control);
   ssize_t const n = Wirly::Sys::sys().recvmsg(sd(), &msg, int(rxFlags()));
   if (n < 0) {
     int const err = errno;
@@ -335,17 +357,90 @@ void MrtNotifyNetlinkSocketPam::doGetRxPkt() {
     rxErrorsInc(1);
     return;
   }
-  std::uint32_t sender = 0;
-  if (msg.msg_namelen >= sizeof(sockaddr_nl) && from.nl_family == AF_NETLINK) sender = from.nl_pid;
-  if (Kiv::changed(rxSenderPortId_, sender)) notifyAs(&NotifieeConst::onRxSenderPortId);
-  if (!acceptedSenders_.empty() && !acceptedSenders_.count(sender)) {
-    KIV_TRACE(trace(), 3, "Discarding packet from port id " << sender << ", not an accepted sender");
-    ++rxSenderRejects_;
-    notifyAs(&NotifieeConst::onRxSenderRejects);
+  if (!doCheckSender(msg)) return;
+  Detail::ReportCheck const check = Detail::checkCacheReports(pkt->data(), std::size_t(n), af(), mrtTable_);
+  if (check.verdict == Detail::ReportVerdict::malformed || !check.hasReport) {
+    doDrop(DropReason::malformed, check.why ? check.why : "no cache report");
+    return;
+  }
+  if (check.verdict == Detail::ReportVerdict::otherTable) {
+    KIV_TRACE(trace(), 6, "Report for table " << check.table << ", not " << mrtTable_);
+    doDrop(DropReason::otherTable, "report for another table");
     return;
   }
   pkt->trim(std::size_t(n));
   doRxPktEnqueue(pkt);
+}
+
+bool MrtNotifyNetlinkSocketPam::doCheckSender(msghdr const& msg) {
+  std::uint32_t port = 0;
+  bool const named =
+      msg.msg_namelen >= sizeof(sockaddr_nl) && static_cast<sockaddr_nl const*>(msg.msg_name)->nl_family == AF_NETLINK;
+  if (named) port = static_cast<sockaddr_nl const*>(msg.msg_name)->nl_pid;
+  std::uint32_t uid = noUid;
+  if (!(msg.msg_flags & MSG_CTRUNC)) {
+    for (cmsghdr const* c = CMSG_FIRSTHDR(&msg); c;
+         c = CMSG_NXTHDR(const_cast<msghdr*>(&msg), const_cast<cmsghdr*>(c))) {
+      if (c->cmsg_level != SOL_SOCKET || c->cmsg_type != SCM_CREDENTIALS || c->cmsg_len < CMSG_LEN(sizeof(ucred)))
+        continue;
+      ucred cred;
+      std::memcpy(&cred, CMSG_DATA(c), sizeof(cred));
+      uid = cred.uid;
+    }
+  }
+  if (Kiv::changed(rxSenderPortId_, port)) notifyAs(&NotifieeConst::onRxSenderPortId);
+  if (Kiv::changed(rxSenderUid_, uid)) notifyAs(&NotifieeConst::onRxSenderUid);
+  if (!named) {
+    doDrop(DropReason::untrusted, "no sender address");
+    return false;
+  }
+  if (rxFromKernel_) {
+    if (port == 0) return true;
+    KIV_TRACE(trace(), 6, "Report from port id " << port << " on the kernel's group");
+    doDrop(DropReason::untrusted, "not from the kernel");
+    return false;
+  }
+  if (uid == noUid) {
+    doDrop(DropReason::untrusted, "no credentials");
+    return false;
+  }
+  if (!trustedUid(uid)) {
+    KIV_TRACE(trace(), 6, "Report from uid " << uid << " port id " << port);
+    doDrop(DropReason::untrusted, "uid not trusted");
+    return false;
+  }
+  if (!acceptedSenders_.empty() && !acceptedSenders_.count(port)) {
+    KIV_TRACE(trace(), 6, "Report from port id " << port << ", not an accepted sender");
+    doDrop(DropReason::untrusted, "port id not accepted");
+    return false;
+  }
+  return true;
+}
+
+void MrtNotifyNetlinkSocketPam::doDrop(DropReason reason, char const* detail) {
+  static char const* const names[] = {"untrusted sender", "malformed", "other table"};
+  switch (reason) {
+    case DropReason::untrusted:
+      rxUntrustedDropsInc(1);
+      break;
+    case DropReason::malformed:
+      rxMalformedDropsInc(1);
+      break;
+    case DropReason::otherTable:
+      rxOtherTableDropsInc(1);
+      break;
+  }
+  auto const i = std::size_t(reason);
+  KIV_TRACE(trace(), 6, "Dropping datagram (" << names[i] << "): " << detail);
+  DropSummary& s = dropSummary_[i];
+  ++s.since;
+  double const now = Kiv::System::currentTime();
+  if (now - s.lastAt < 1.0) return;
+  KIV_TRACE(trace(), 2,
+            "Dropped " << s.since << " datagram(s) (" << names[i] << ") since the last such line; last: " << detail
+                       << nsText());
+  s.lastAt = now;
+  s.since = 0;
 }
 
 void MrtNotifyNetlinkSocketPam::enableTxIs(bool e) {

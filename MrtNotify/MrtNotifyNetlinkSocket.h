@@ -40,13 +40,34 @@
 // The program only ever accepts whole datagrams or none: a shorter accept
 // length would cut the kernel's shared buffer for every listener.
 //
-// Hardened receive: every datagram's sender port id is recorded
-// (rxSenderPortId; 0 is the kernel). Any local process may send to a
-// user-socket group, so a receiver that knows its relay can accept only it:
-// acceptedSenderIs(portId). The list is empty by default: every sender.
-// Datagrams longer than maxRxPktData arrive cut short and are dropped and
-// counted in rxErrors, like failed reads (ENOBUFS after a queue overflow);
-// the socket carries on after either.
+// Who is heard, checked for every datagram before any byte of it is read
+// (in this order; the first that fails drops the datagram):
+// 1. The read itself: an error, an empty datagram, or one longer than
+//    maxRxPktData (it arrives cut short) counts in rxErrors.
+// 2. The sender. On NETLINK_ROUTE (native) only the kernel is heard: sender
+//    port id 0, from the address recvmsg gives. Any process may unicast to
+//    this socket's port id, so the filter alone is no proof. On the
+//    user-socket relay groups any local process may send, so the socket
+//    sets SO_PASSCRED and hears only senders whose SCM_CREDENTIALS uid is in
+//    trustedUid: uid 0 and this process's real uid from the start (the
+//    kernel stamps the sender's real uid; a sender can claim only ids it
+//    holds). A datagram without credentials is untrusted. acceptedSenderIs
+//    narrows the relay senders further to port ids. Fails: rxUntrustedDrops.
+// 3. The shape (detail/CacheReportCheck.h has the wire layout): framing,
+//    attribute lengths within the report, the size of each value for the
+//    family, no attribute twice. Fails: rxMalformedDrops.
+// 4. The table: an IPv4 kernel report names its multicast routing table
+//    (attribute 6 with a 4-byte value); one for a table other than mrtTable
+//    (253, the default table, unless set) belongs to another router in the
+//    namespace. Fails: rxOtherTableDrops. IPv6 kernel reports and relayed
+//    reports name no table, so no table check is possible for them: a
+//    receiver of a non-default IPv6 table hears every table's reports.
+// A dropped datagram is never handed on, so nothing of it reaches the
+// parser. Each drop is traced at level 6; at level 2 one line per reason
+// at most every second says how many went since the last such line.
+// What passes reaches the parser, whose remaining assertions (family byte,
+// known message type, resolvable VIF) hold for the kernel and for this
+// system's relay, the only senders heard.
 #pragma once
 
 #include <cstdint>
@@ -84,8 +105,16 @@ class MrtNotifyNetlinkSocketPam : public MrtNotifySocketPam {
     virtual void onTxErrors() {}
     virtual void onIpv4NativeReports() {}
     virtual void onRxSenderPortId() {}
-    virtual void onRxSenderRejects() {}
+    virtual void onRxSenderUid() {}
+    virtual void onTrustedUid(std::uint32_t) {}
+    virtual void onMrtTable() {}
+    virtual void onRxUntrustedDrops() {}
+    virtual void onRxMalformedDrops() {}
+    virtual void onRxOtherTableDrops() {}
   };
+
+  // The kernel's default multicast routing table (RT_TABLE_DEFAULT).
+  static constexpr std::uint32_t defaultMrtTable = 253;
 
   KIV_REFLECT_BEGIN_DERIVED(MrtNotifyNetlinkSocketPam, MrtNotifySocketPam,
                             "Routing::Multicast::Notify::MrtNotifyNetlinkSocketPam")
@@ -127,8 +156,38 @@ class MrtNotifyNetlinkSocketPam : public MrtNotifySocketPam {
   std::uint32_t txErrors() const { return txErrors_; }
   std::uint32_t txErrorsInc(std::uint32_t n = 1) { return ownCounterInc(txErrors_, n, &NotifieeConst::onTxErrors); }
 
+  // The port id and uid of the last datagram's sender; the uid is
+  // noUid when it came without credentials (always so on NETLINK_ROUTE).
+  static constexpr std::uint32_t noUid = 0xFFFFFFFF;
   std::uint32_t rxSenderPortId() const { return rxSenderPortId_; }
-  std::uint32_t rxSenderRejects() const { return rxSenderRejects_; }
+  std::uint32_t rxSenderUid() const { return rxSenderUid_; }
+
+  // Uids whose datagrams on a relay group are heard (see the header). True
+  // adds, false removes, as trustedUidDel does.
+  bool trustedUid(std::uint32_t uid) const { return trustedUid_.count(uid) != 0; }
+  std::map<std::uint32_t, bool> const& trustedUidMap() const { return trustedUid_; }
+  void trustedUidIs(std::uint32_t uid, bool trusted);
+  void trustedUidDel(std::uint32_t uid) { trustedUidIs(uid, false); }
+  void trustedUidDelAll();
+
+  // The multicast routing table whose kernel reports are heard.
+  std::uint32_t mrtTable() const { return mrtTable_; }
+  void mrtTableIs(std::uint32_t t) { ownAttrIs(mrtTable_, t, &NotifieeConst::onMrtTable); }
+
+  // Datagrams dropped before parsing, by reason.
+  std::uint32_t rxUntrustedDrops() const { return rxUntrustedDrops_; }
+  std::uint32_t rxUntrustedDropsInc(std::uint32_t n = 1) {
+    return ownCounterInc(rxUntrustedDrops_, n, &NotifieeConst::onRxUntrustedDrops);
+  }
+  std::uint32_t rxMalformedDrops() const { return rxMalformedDrops_; }
+  std::uint32_t rxMalformedDropsInc(std::uint32_t n = 1) {
+    return ownCounterInc(rxMalformedDrops_, n, &NotifieeConst::onRxMalformedDrops);
+  }
+  std::uint32_t rxOtherTableDrops() const { return rxOtherTableDrops_; }
+  std::uint32_t rxOtherTableDropsInc(std::uint32_t n = 1) {
+    return ownCounterInc(rxOtherTableDrops_, n, &NotifieeConst::onRxOtherTableDrops);
+  }
+
   std::set<std::uint32_t> const& acceptedSenders() const { return acceptedSenders_; }
   void acceptedSenderIs(std::uint32_t portId) { acceptedSenders_.insert(portId); }
   void acceptedSenderDel(std::uint32_t portId) { acceptedSenders_.erase(portId); }
@@ -145,7 +204,12 @@ class MrtNotifyNetlinkSocketPam : public MrtNotifySocketPam {
   KIV_REFLECT_COUNTER_RO(rxErrors)
   KIV_REFLECT_COUNTER_RO(txErrors)
   KIV_REFLECT_SCALAR_RO(rxSenderPortId)
-  KIV_REFLECT_COUNTER_RO(rxSenderRejects)
+  KIV_REFLECT_SCALAR_RO(rxSenderUid)
+  KIV_REFLECT_COLLECTION(trustedUid, std::uint32_t, trustedUid_.size(), trustedUid_)
+  KIV_REFLECT_SCALAR(mrtTable)
+  KIV_REFLECT_COUNTER_RO(rxUntrustedDrops)
+  KIV_REFLECT_COUNTER_RO(rxMalformedDrops)
+  KIV_REFLECT_COUNTER_RO(rxOtherTableDrops)
   KIV_REFLECT_SCALAR_RO(txPortId)
   void txMrtNotification(Kiv::Ptr<Wirly::MrtMessage> const& mrtMsg, std::uint16_t mifId);
   void txMrtNotificationWithIntfId(Kiv::Ptr<Wirly::MrtMessage> const& mrtMsg, std::uint64_t const& intfId);
@@ -183,9 +247,22 @@ class MrtNotifyNetlinkSocketPam : public MrtNotifySocketPam {
   int group() const;
   bool native() const;
   void doTxMrtNotification(Kiv::Ptr<Wirly::MrtMessage> const& mrtMsg, std::uint16_t idType, std::uint64_t id);
+  // Who sent the datagram msg carries; false when they are not heard.
+  bool doCheckSender(struct msghdr const& msg);
+  // Counts and traces one dropped datagram of `reason`.
+  enum class DropReason : std::uint8_t { untrusted, malformed, otherTable };
+  void doDrop(DropReason reason, char const* detail);
+
+  // Rate limit of the level-2 drop summaries, one per reason.
+  struct DropSummary {
+    double lastAt = -1e9;
+    std::uint32_t since = 0;
+  };
   void doCloseTx();
 
   bool isRtnlIpv6MrouteRSupported_ = false;
+  // The receiving socket is NETLINK_ROUTE: only the kernel is heard.
+  bool rxFromKernel_ = false;
   bool ipv4NativeReports_ = false;
   std::map<std::uint8_t, Wirly::IpFilter> rxFilter_;
   std::uint8_t bpfLen_ = 0;
@@ -193,7 +270,13 @@ class MrtNotifyNetlinkSocketPam : public MrtNotifySocketPam {
   std::uint32_t rxErrors_ = 0;
   std::uint32_t txErrors_ = 0;
   std::uint32_t rxSenderPortId_ = 0;
-  std::uint32_t rxSenderRejects_ = 0;
+  std::uint32_t rxSenderUid_ = noUid;
+  std::map<std::uint32_t, bool> trustedUid_;
+  std::uint32_t mrtTable_ = defaultMrtTable;
+  std::uint32_t rxUntrustedDrops_ = 0;
+  std::uint32_t rxMalformedDrops_ = 0;
+  std::uint32_t rxOtherTableDrops_ = 0;
+  DropSummary dropSummary_[3];
   std::set<std::uint32_t> acceptedSenders_;
   Kiv::Ptr<Wirly::FileDescriptor> txFileDesc_;
   std::uint32_t txPortId_ = 0;

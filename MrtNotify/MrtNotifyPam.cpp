@@ -1,12 +1,14 @@
 #include "MrtNotify/MrtNotifyPam.h"
 
 #include <netinet/in.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <iomanip>
 
 #include "Brisklog/Brisklog.h"
 #include "Kiv/Assert.h"
+#include "MrtNotify/detail/CacheReportCheck.h"
 #include "Wirly/BrisklogArg.h"
 
 namespace Routing::Multicast::Notify {
@@ -193,6 +195,8 @@ Kiv::TraceHandle& MrtNotifyPamManager::trace() {
 
 MrtNotifyPamManager::MrtNotifyPamManager(Wirly::AddressFamily af, Wirly::NamespaceName const& netNs)
     : Kiv::Entity("MrtNotifyPamManager"), af_(af), netNs_(netNs) {
+  trustedUid_[0] = true;
+  trustedUid_[::getuid()] = true;
   handlePamInit();
 }
 
@@ -211,6 +215,23 @@ void MrtNotifyPamManager::optionsIs(std::uint32_t options) {
 }
 
 void MrtNotifyPamManager::ipv4NativeReportsIs(bool v) { ipv4NativeReports_ = v; }
+
+void MrtNotifyPamManager::trustedUidIs(std::uint32_t uid, bool trusted) {
+  if (trusted)
+    trustedUid_[uid] = true;
+  else
+    trustedUid_.erase(uid);
+  if (auto nl = Kiv::ptrCast<MrtNotifyNetlinkSocketPam>(pam_)) nl->trustedUidIs(uid, trusted);
+}
+
+void MrtNotifyPamManager::trustedUidDelAll() {
+  while (!trustedUid_.empty()) trustedUidDel(trustedUid_.begin()->first);
+}
+
+void MrtNotifyPamManager::mrtTableIs(std::uint32_t t) {
+  mrtTable_ = t;
+  if (auto nl = Kiv::ptrCast<MrtNotifyNetlinkSocketPam>(pam_)) nl->mrtTableIs(t);
+}
 
 void MrtNotifyPamManager::handlePamInit() {
   KIV_TRACE(trace(), 9, "void " << className << "::handlePamInit()");
@@ -245,6 +266,11 @@ void MrtNotifyPamManager::handlePamInit() {
     KIV_ASSERT(0 && "Unsupported address family.");
   }
   next->optionsIs(options_);
+  if (auto nl = Kiv::ptrCast<MrtNotifyNetlinkSocketPam>(next)) {
+    nl->trustedUidDelAll();
+    for (auto const& [uid, trusted] : trustedUid_) nl->trustedUidIs(uid, trusted);
+    nl->mrtTableIs(mrtTable_);
+  }
   pamIs(next);
 }
 
@@ -330,6 +356,14 @@ Wirly::MrtMessageType MrtNotifyPamManager::doReadNetlinkForm(Kiv::Ptr<Wirly::Pkt
                                                              VifStatus const& vifStatus) {
   std::uint8_t* const b = pkt->data();
   std::size_t remaining = pkt->len();
+  // The receiving socket has checked this already; a datagram handed in
+  // any other way gets the same check here.
+  Detail::ReportCheck const check = Detail::checkCacheReports(b, remaining, af_, mrtTable_, false);
+  if (check.verdict == Detail::ReportVerdict::malformed) {
+    KIV_TRACE(trace(), 3, "Dropping malformed datagram of " << remaining << " bytes: " << check.why);
+    traceInvalid();
+    return Wirly::MrtMessageType::none;
+  }
   Wirly::MrtMessage::Ptr taken;
   for (std::size_t at = 0; remaining >= NLMSG_HDRLEN;) {
     // The receive buffer starts 4-aligned and netlink frames keep that.

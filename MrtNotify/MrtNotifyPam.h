@@ -24,20 +24,27 @@
 //   source and group). Shorter datagrams are traced and dropped.
 // - netlink: one or more nlmsghdr-framed messages; only the first
 //   RTM_NEWCACHEREPORT of a datagram is used. Frames are walked only while
-//   nlmsg_len lies within what is left; attributes only while rta_len lies
-//   within the report. An attribute whose length does not fit its type is
-//   traced and skipped. Attribute 6 is read as this system's 64-bit
+//   RTM_NEWCACHEREPORT of a datagram is used. Before anything is read the
+//   datagram's shape is checked (detail/CacheReportCheck.h: framing,
+//   attribute lengths, value sizes for the family, no attribute twice); a
+//   malformed datagram is traced and dropped whole ("MrtNotify Rcv:
+//   Invalid MRT Alert"). Attribute 6 is read as this system's 64-bit
 //   interface id only when its rta_len is 12: the kernel itself sends a
-//   4-byte routing table id under that number, which is skipped.
+//   4-byte routing table id under that number, which the receiving socket
+//   has already compared with its table.
 // What is not tolerated, by design (assertions): a cache report of the wrong
 // rtgen_family, one without a recognised message type, and a netlink
 // no-cache or wrong-VIF report whose VIF/MIF the kernel status does not know.
+// They hold for what the kernel and this system's relay send; the receiving
+// socket hears no one else (MrtNotifyNetlinkSocketPam), so no local user
+// reaches them.
 #pragma once
 
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 
 #include <cstdint>
+#include <map>
 
 #include "Kiv/Trace.h"
 #include "MrtNotify/MrtNotifyNetlinkSocket.h"
@@ -193,6 +200,18 @@ class MrtNotifyPamManager : public Kiv::Entity {
   void ipv4NativeReportsIs(bool v);
   KIV_REFLECT_SCALAR(ipv4NativeReports)
 
+  // Who is heard on a relay group, and the table whose kernel reports are
+  // heard (MrtNotifyNetlinkSocketPam says how). Kept here so that a
+  // replaced socket hears the same; a change reaches the current one.
+  bool trustedUid(std::uint32_t uid) const { return trustedUid_.count(uid) != 0; }
+  void trustedUidIs(std::uint32_t uid, bool trusted);
+  void trustedUidDel(std::uint32_t uid) { trustedUidIs(uid, false); }
+  void trustedUidDelAll();
+  KIV_REFLECT_COLLECTION(trustedUid, std::uint32_t, trustedUid_.size(), trustedUid_)
+  std::uint32_t mrtTable() const { return mrtTable_; }
+  void mrtTableIs(std::uint32_t t);
+  KIV_REFLECT_SCALAR(mrtTable)
+
   // Chooses and creates the receiving socket (left disabled).
   void handlePamInit();
   KIV_REFLECT_OPERATION(handlePamInit)
@@ -254,6 +273,8 @@ class MrtNotifyPamManager : public Kiv::Entity {
   bool useNetlink_ = false;
   std::uint32_t options_ = 0;
   bool ipv4NativeReports_ = false;
+  std::map<std::uint32_t, bool> trustedUid_;
+  std::uint32_t mrtTable_ = MrtNotifyNetlinkSocketPam::defaultMrtTable;
   std::uint32_t wrongVifCounter_ = 0;
   Kiv::Ptr<WrongVifMessage> wrongVifMessage_;
   std::uint32_t noCacheCounter_ = 0;

@@ -3,8 +3,14 @@
 #include <gtest/gtest.h>
 #include <linux/netlink.h>
 
+#include <unistd.h>
 #include "FakeSys.h"
+
+#include <algorithm>
+
 #include "Kiv/Exception.h"
+#include "Kiv/Reflect.h"
+#include "Kiv/System.h"
 #include "Kiv/Trace.h"
 
 namespace Routing::Multicast::Notify {
@@ -21,6 +27,7 @@ std::string const detachFilter = "setsockopt(1,27)";
 std::string const rcvbufForce = "setsockopt(1,33)";
 std::string const addMembership = "setsockopt(270,1)";
 std::string const dropMembership = "setsockopt(270,2)";
+std::string const passCred = "setsockopt(1,16)";
 
 class MrtNotifyNetlinkSocketTest : public ::testing::Test {
  protected:
@@ -89,8 +96,11 @@ TEST_F(MrtNotifyNetlinkSocketTest, SocketKindAndGroupFollowFamilyAndEnvironment)
     auto p = make(c.af);
     p->ipv4NativeReportsIs(c.ipv4Native);
     p->enabledIs(true);
-    EXPECT_EQ(local.calls, (Strings{c.socket, attachFilter + "=12", "bind", rcvbufForce + "=1490",
-                                    addMembership + "=" + std::to_string(c.group)}));
+    Strings want{c.socket, attachFilter + "=12", "bind", rcvbufForce + "=1490",
+                 addMembership + "=" + std::to_string(c.group)};
+    // A relay group's senders are known by their credentials.
+    if (!c.native) want.insert(want.begin() + 3, passCred + "=1");
+    EXPECT_EQ(local.calls, want);
     EXPECT_EQ(p->isRtnlIpv6MrouteRSupported(), c.native);
     EXPECT_TRUE(p->enabled());
     std::size_t const before = local.calls.size();
@@ -113,11 +123,13 @@ TEST_F(MrtNotifyNetlinkSocketTest, SetupFailureClosesTheSocketAndRaisesTheCall) 
       {"bind", "MrtNotifyNetlinkSocketPam::doSockInit: bind"},
       {rcvbufForce, "setsocketopt(SO_RCVBUFFORCE)"},
       {addMembership, "setsocketopt(NETLINK_ADD_MEMBERSHIP, RTNLGRP_IPV6_MROUTE_R)"},
+      {passCred, "setsockopt(SO_PASSCRED)"},
   };
   for (auto const& c : cases) {
     SCOPED_TRACE(c.failing);
     FakeSys local;
     local.fail[c.failing] = EPERM;
+    if (c.failing == passCred) local.env["MCAST_NO_NETLINK"] = "1";
     auto p = make(Wirly::ipv6);
     try {
       p->enabledIs(true);
@@ -172,26 +184,83 @@ TEST_F(MrtNotifyNetlinkSocketTest, OptionsReplaceTheFilterInPlaceOnlyWhileEnable
   EXPECT_TRUE(sys.openSockets().empty());
 }
 
+template <class T>
+void put(std::vector<std::uint8_t>& b, std::size_t at, T const& v) {
+  if (b.size() < at + sizeof(T)) b.resize(at + sizeof(T));
+  std::memcpy(b.data() + at, &v, sizeof(T));
+}
+
+// A cache report; attributes appended as given, each padded to 4 bytes.
+struct Report {
+  std::vector<std::uint8_t> b = std::vector<std::uint8_t>(20, 0);
+  explicit Report(std::uint8_t family) { b[16] = family; }
+  Report& attr(std::uint16_t type, std::vector<std::uint8_t> const& v) {
+    std::size_t const at = b.size();
+    put(b, at, std::uint16_t(4 + v.size()));
+    put(b, at + 2, type);
+    b.insert(b.end(), v.begin(), v.end());
+    b.resize((b.size() + 3) & ~std::size_t(3), 0);
+    return *this;
+  }
+  template <class T>
+  Report& value(std::uint16_t type, T const& v) {
+    auto const* p = reinterpret_cast<std::uint8_t const*>(&v);
+    return attr(type, std::vector<std::uint8_t>(p, p + sizeof(T)));
+  }
+  std::vector<std::uint8_t> done() const {
+    auto out = b;
+    put(out, 0, std::uint32_t(out.size()));
+    put(out, 4, std::uint16_t(96));
+    return out;
+  }
+};
+
+// What the kernel sends for an IPv4 no-cache upcall of table `table`, in
+// its order: type, VIF, source, group, table, packet.
+Report kernelIpv4Report(std::uint32_t table = 253) {
+  Report r(128);
+  r.attr(1, {1}).value(2, std::uint32_t(0)).attr(3, {10, 0, 1, 2}).attr(4, {239, 1, 1, 1});
+  r.value(6, table).attr(5, std::vector<std::uint8_t>(8, 0));
+  return r;
+}
+Report relayIpv6Report() {
+  Report r(129);
+  std::vector<std::uint8_t> addr(16, 0);
+  addr[0] = 0x20;
+  r.attr(1, {1}).attr(3, addr);
+  addr[0] = 0xff;
+  r.attr(4, addr).value(2, std::uint32_t(1));
+  return r;
+}
+
 class MrtNotifyNetlinkRxTest : public MrtNotifyNetlinkSocketTest {
  protected:
   void SetUp() override {
     pam = make(Wirly::ipv4);
     pam->enabledIs(true);
   }
-  static Datagram from(std::uint32_t portId, std::size_t len = 32) {
+  // A datagram from a port id, with the sender's credentials when uid is given.
+  static Datagram from(std::uint32_t portId, std::vector<std::uint8_t> payload, std::int64_t uid = -1) {
     sockaddr_nl a{};
     a.nl_family = AF_NETLINK;
     a.nl_pid = portId;
     Datagram d;
-    d.payload.assign(len, 0x60);
+    d.payload = std::move(payload);
     d.from(a);
+    if (uid >= 0) d.cmsg(SOL_SOCKET, SCM_CREDENTIALS, ucred{4242, uid_t(uid), 0});
     return d;
+  }
+  // Plays one datagram; true when it was handed on.
+  bool heard(Datagram const& d) {
+    sys.rx.push_back(d.play());
+    return bool(pam->rxPkt());
   }
   Kiv::Ptr<MrtNotifyNetlinkSocketPam> pam;
 };
 
 TEST_F(MrtNotifyNetlinkRxTest, ReadErrorsAreCountedAndTheSocketCarriesOn) {
   Kiv::TraceCapture cap("Mroute::MrtNotifySocket/2");
+  auto const report = kernelIpv4Report().done();
   sys.rx.push_back(rxError(EAGAIN));
   EXPECT_FALSE(pam->rxPkt());
   EXPECT_EQ(pam->rxErrors(), 0u);
@@ -199,29 +268,168 @@ TEST_F(MrtNotifyNetlinkRxTest, ReadErrorsAreCountedAndTheSocketCarriesOn) {
   EXPECT_FALSE(pam->rxPkt());
   EXPECT_EQ(pam->rxErrors(), 1u);
   EXPECT_EQ(cap.count("recvmsg failed with 105 (No buffer space available) "), 1u);
-  sys.rx.push_back(from(0, 4000).play());
-  EXPECT_FALSE(pam->rxPkt()) << "a datagram cut short is not handed on";
+  auto big = report;
+  big.resize(4000);
+  EXPECT_FALSE(heard(from(7, big, 0))) << "a datagram cut short is not handed on";
   EXPECT_EQ(pam->rxErrors(), 2u);
-  sys.rx.push_back(from(0).play());
+  sys.rx.push_back(from(7, report, 0).play());
   auto pkt = pam->rxPkt();
   ASSERT_TRUE(pkt);
-  EXPECT_EQ(pkt->len(), 32u);
+  EXPECT_EQ(pkt->len(), report.size());
   EXPECT_EQ(pam->rxPktCount(), 2u);
   EXPECT_TRUE(pam->enabled());
 }
 
-TEST_F(MrtNotifyNetlinkRxTest, AcceptedSendersRestrictWhatIsQueued) {
-  sys.rx.push_back(from(4711).play());
-  ASSERT_TRUE(pam->rxPkt()) << "every sender is accepted by default";
-  EXPECT_EQ(pam->rxSenderPortId(), 4711u);
+TEST_F(MrtNotifyNetlinkRxTest, RelaySendersAreHeardOnlyWithTrustedCredentials) {
+  auto const report = kernelIpv4Report().done();
+  EXPECT_EQ(pam->trustedUidMap(), (std::map<std::uint32_t, bool>{{0, true}, {::getuid(), true}}))
+      << "root and this process's own uid from the start";
+  EXPECT_TRUE(heard(from(4711, report, 0)));
+  EXPECT_TRUE(heard(from(4711, report, ::getuid())));
+  EXPECT_EQ(pam->rxUntrustedDrops(), 0u);
 
+  EXPECT_FALSE(heard(from(4711, report, 65534)));
+  EXPECT_EQ(pam->rxSenderUid(), 65534u);
+  EXPECT_FALSE(heard(from(4711, report))) << "no credentials";
+  EXPECT_EQ(pam->rxSenderUid(), MrtNotifyNetlinkSocketPam::noUid);
+  Datagram cut = from(4711, report, 0);
+  cut.flags = MSG_CTRUNC;
+  EXPECT_FALSE(heard(cut)) << "credentials cut off";
+  Datagram anonymous = from(4711, report, 0);
+  anonymous.name.clear();
+  EXPECT_FALSE(heard(anonymous)) << "no sender address";
+  EXPECT_EQ(pam->rxUntrustedDrops(), 4u);
+
+  // Configured: another uid joins, root leaves; port ids narrow further.
+  pam->trustedUidIs(1000, true);
+  EXPECT_TRUE(heard(from(4711, report, 1000)));
+  Kiv::attrEntryDel(*pam, "trustedUid", "0");
+  EXPECT_FALSE(heard(from(4711, report, 0)));
   pam->acceptedSenderIs(4711);
-  sys.rx.push_back(from(666).play());
-  sys.rx.push_back(from(4711).play());
-  EXPECT_FALSE(pam->rxPkt());
-  EXPECT_EQ(pam->rxSenderRejects(), 1u);
+  EXPECT_FALSE(heard(from(666, report, 1000)));
   EXPECT_EQ(pam->rxSenderPortId(), 666u);
-  EXPECT_TRUE(pam->rxPkt());
+  EXPECT_TRUE(heard(from(4711, report, 1000)));
+  EXPECT_EQ(pam->rxUntrustedDrops(), 6u);
+  EXPECT_EQ(pam->rxMalformedDrops(), 0u);
+  EXPECT_EQ(pam->rxPktCount(), 10u) << "every datagram read is counted, dropped or not";
+}
+
+TEST_F(MrtNotifyNetlinkRxTest, OnTheKernelsGroupOnlyPortIdZeroIsHeard) {
+  FakeSys local;
+  auto native = make(Wirly::ipv4);
+  native->ipv4NativeReportsIs(true);
+  native->enabledIs(true);
+  EXPECT_EQ(std::count(local.calls.begin(), local.calls.end(), passCred + "=1"), 0);
+  auto const report = kernelIpv4Report().done();
+  for (std::uint32_t port : {0u, 4711u, 0u}) {
+    local.rx.push_back(from(port, report).play());
+    EXPECT_EQ(bool(native->rxPkt()), port == 0) << port;
+  }
+  // Credentials say nothing here: root unicasting to this port is still not the kernel.
+  local.rx.push_back(from(99, report, 0).play());
+  EXPECT_FALSE(native->rxPkt());
+  EXPECT_EQ(native->rxUntrustedDrops(), 2u);
+}
+
+TEST_F(MrtNotifyNetlinkRxTest, ReportsOfAnotherTableAreDroppedBeforeParsing) {
+  EXPECT_EQ(pam->mrtTable(), 253u);
+  EXPECT_TRUE(heard(from(7, kernelIpv4Report(253).done(), 0)));
+  EXPECT_FALSE(heard(from(7, kernelIpv4Report(10).done(), 0)));
+  EXPECT_EQ(pam->rxOtherTableDrops(), 1u);
+  Kiv::attrSet(*pam, "mrtTable", "10");
+  EXPECT_TRUE(heard(from(7, kernelIpv4Report(10).done(), 0)));
+  EXPECT_FALSE(heard(from(7, kernelIpv4Report(253).done(), 0)));
+  // The relay's 8-byte interface id under the same number names no table.
+  Report relayed(128);
+  relayed.attr(1, {1}).attr(3, {10, 0, 1, 2}).attr(4, {239, 1, 1, 1}).value(6, std::uint64_t(0x0102030405));
+  EXPECT_TRUE(heard(from(7, relayed.done(), 0)));
+  EXPECT_EQ(pam->rxOtherTableDrops(), 2u);
+  EXPECT_EQ(pam->rxMalformedDrops(), 0u);
+}
+
+TEST_F(MrtNotifyNetlinkRxTest, MalformedDatagramsAreDroppedAndCounted) {
+  FakeSys local;
+  local.env["MCAST_NO_NETLINK"] = "1";
+  auto v6 = make(Wirly::ipv6);
+  v6->enabledIs(true);
+  auto const good = relayIpv6Report().done();
+  struct Case {
+    char const* what;
+    std::vector<std::uint8_t> bytes;
+  };
+  auto with = [](Report r, auto edit) {
+    edit(r);
+    return r.done();
+  };
+  std::vector<Case> cases = {
+      {"4-byte source", with(Report(129),
+                             [](Report& r) {
+                               r.attr(1, {1}).attr(3, {10, 0, 0, 1}).value(2, 1u);
+                             })},
+      {"empty message type", with(Report(129), [](Report& r) { r.attr(1, {}).value(2, 1u); })},
+      {"2-byte MIF", with(Report(129),
+                          [](Report& r) {
+                            r.attr(1, {1}).attr(2, {1, 0});
+                          })},
+      {"message type twice", with(Report(129), [](Report& r) { r.attr(1, {1}).attr(1, {3}).value(2, 1u); })},
+      {"4-byte attribute 6", with(Report(129), [](Report& r) { r.attr(1, {1}).value(6, 253u); })},
+      {"shorter than a header", std::vector<std::uint8_t>(good.begin(), good.begin() + 12)},
+      {"no cache report", std::vector<std::uint8_t>{16, 0, 0, 0, 3, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}},
+  };
+  // The message type cut off by the report's length, though its byte is in the datagram.
+  auto cutType = good;
+  put(cutType, 0, std::uint32_t(22));
+  cases.push_back({"message type cut off", cutType});
+  auto longer = good;
+  put(longer, 0, std::uint32_t(good.size() + 4));
+  cases.push_back({"report longer than the datagram", longer});
+  auto reach = good;
+  put(reach, 20, std::uint16_t(200));
+  cases.push_back({"attribute beyond the report", reach});
+  auto tail = good;
+  tail.insert(tail.end(), {1, 2, 3, 4, 5});
+  cases.push_back({"bytes after the last message", tail});
+  std::uint32_t n = 0;
+  for (auto const& c : cases) {
+    SCOPED_TRACE(c.what);
+    local.rx.push_back(from(7, c.bytes, 0).play());
+    EXPECT_FALSE(v6->rxPkt());
+    EXPECT_EQ(v6->rxMalformedDrops(), ++n);
+  }
+  // Still heard: the relay's report, one followed by DONE, one with an attribute type unknown here.
+  auto done = good;
+  done.insert(done.end(), {16, 0, 0, 0, 3, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0});
+  auto extra = relayIpv6Report();
+  extra.attr(9, {1, 2, 3});
+  for (auto const& b : {good, done, extra.done()}) {
+    local.rx.push_back(from(7, b, 0).play());
+    EXPECT_TRUE(v6->rxPkt());
+  }
+  EXPECT_EQ(v6->rxMalformedDrops(), n);
+  EXPECT_EQ(v6->rxUntrustedDrops() + v6->rxOtherTableDrops(), 0u);
+}
+
+TEST_F(MrtNotifyNetlinkRxTest, DropsAreTracedEachAtDetailAndSummedAtMostOncePerSecond) {
+  Kiv::FakeClock clock;
+  auto const report = kernelIpv4Report().done();
+  Kiv::TraceCapture cap("Mroute::MrtNotifySocket/0-6");
+  for (int i = 0; i < 5; ++i) EXPECT_FALSE(heard(from(7, report, 65534)));
+  clock.advance(0.5);
+  EXPECT_FALSE(heard(from(7, report, 65534)));
+  EXPECT_FALSE(heard(from(7, kernelIpv4Report(9).done(), 0)));
+  clock.advance(0.6);
+  EXPECT_FALSE(heard(from(7, report, 65534)));
+  auto const level2 = [&](std::string const& needle) {
+    std::size_t k = 0;
+    for (auto const& l : cap.lines()) k += l.level == 2 && l.text.find(needle) != std::string::npos;
+    return k;
+  };
+  EXPECT_EQ(level2("Dropped 1 datagram(s) (untrusted sender) since the last such line; last: uid not trusted"), 1u);
+  EXPECT_EQ(level2("Dropped 6 datagram(s) (untrusted sender)"), 1u);
+  EXPECT_EQ(level2("Dropped 1 datagram(s) (other table)"), 1u);
+  EXPECT_EQ(level2("Dropped"), 3u);
+  EXPECT_EQ(cap.count("Report from uid 65534 port id 7"), 7u);
+  EXPECT_EQ(pam->rxUntrustedDrops(), 7u);
 }
 
 // A message of the kinds the relay sends.
@@ -356,7 +564,12 @@ TEST_F(MrtNotifyNetlinkSocketTest, AnswersByNameWithTheBaseSocketsAttributesFirs
                             "rxErrors",
                             "txErrors",
                             "rxSenderPortId",
-                            "rxSenderRejects",
+                            "rxSenderUid",
+                            "trustedUid",
+                            "mrtTable",
+                            "rxUntrustedDrops",
+                            "rxMalformedDrops",
+                            "rxOtherTableDrops",
                             "txPortId"}));
   // Enabled by name, the socket builds and attaches the same program.
   Kiv::attrSet(*p, "options", "7");

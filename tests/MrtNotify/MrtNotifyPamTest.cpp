@@ -8,6 +8,7 @@
 #include <memory>
 #include <vector>
 
+#include "FakeSys.h"
 #include "Kiv/Trace.h"
 
 namespace Routing::Multicast::Notify {
@@ -250,32 +251,44 @@ TEST_P(NetlinkTest, OnlyTheFirstCacheReportOfADatagramIsUsedAndFramesAreWalked) 
   EXPECT_EQ(w.total(), 1);
 }
 
-TEST_P(NetlinkTest, AttributesThatDoNotFitAreSkippedAndNeverReadPast) {
+TEST_P(NetlinkTest, UnknownAttributesAreSkippedAndMisshapenReportsDroppedWhole) {
   auto m = manager();
+  Watch w(m);
   Fam const f = GetParam();
   Kiv::TraceCapture cap("Mroute::MrtNotifyPam");
-  // Type 7, a short source, the kernel's 4-byte table id under 6: skipped;
-  // the report is still published with the VIF's interface.
+  // Type 7 is skipped; the report is still published with the VIF's
+  // interface. On IPv4 the kernel's 4-byte table id under 6 is no
+  // interface id.
   Report r = report(1);
-  r.attr(7, Bytes{1, 2, 3, 4}).attr(3, Bytes{9, 9}).attr(6, Bytes{253, 0, 0, 0});
+  r.attr(7, Bytes{1, 2, 3, 4});
+  if (f.af == Wirly::ipv4) r.attr(6, Bytes{253, 0, 0, 0});
   EXPECT_EQ(m->readMrtMessage(packet(r.done()), status), Type::igmpNoCache);
   EXPECT_EQ(m->noCacheMessage()->intfId(), Wirly::IntfId("Ethernet3"));
-  EXPECT_EQ(m->noCacheMessage()->source(), Wirly::IpGenAddr(f.src));
   EXPECT_EQ(cap.count("Unexpected Netlink attribute type: 7"), 1u);
 
-  // An attribute claiming more than the report holds ends the walk: what
-  // follows it in the buffer (a destination) is not taken.
+  // An address of the other family's size (the 4-byte IPv6 source), an
+  // attribute claiming more than the report holds (what follows it in the
+  // buffer is a destination), an empty message type: nothing of them is
+  // taken, not even the valid attributes before the fault.
+  Report shortSrc(f.rtnl);
+  shortSrc.msgType(1).vif(3).attr(3, addrBytes(f.af == Wirly::ipv4 ? "2001:db8::1" : "10.0.0.1")).dst(f.grp);
   Report cut(f.rtnl);
   cut.msgType(1).vif(3).src(f.src);
-  Bytes b = cut.done();
-  std::size_t const lenAt = b.size();
+  Bytes cutBytes = cut.done();
+  std::size_t const lenAt = cutBytes.size();
   Report tail(f.rtnl);
   tail.dst(f.other);
-  b.insert(b.end(), tail.b.begin() + 20, tail.b.end());
-  put(b, lenAt, std::uint16_t(200));
-  put(b, 0, std::uint32_t(lenAt + 8));
-  EXPECT_EQ(m->readMrtMessage(packet(b), status), Type::igmpNoCache);
-  EXPECT_EQ(m->noCacheMessage()->group(), Wirly::IpGenAddr()) << "no destination inside the report";
+  cutBytes.insert(cutBytes.end(), tail.b.begin() + 20, tail.b.end());
+  put(cutBytes, lenAt, std::uint16_t(200));
+  put(cutBytes, 0, std::uint32_t(lenAt + 8));
+  Report emptyType(f.rtnl);
+  emptyType.attr(1, Bytes{}).vif(3).src(f.src).dst(f.grp);
+  cap.clear();
+  for (Bytes const& bad : {shortSrc.done(), cutBytes, emptyType.done()})
+    EXPECT_EQ(m->readMrtMessage(packet(bad), status), Type::none);
+  EXPECT_EQ(cap.count("MrtNotify Rcv: Invalid MRT Alert"), 3u);
+  EXPECT_EQ(cap.count("Dropping malformed datagram"), 3u);
+  EXPECT_EQ(w.total(), 1);
 }
 
 // Every cut of a report, its nlmsg_len saying so, in a buffer of exactly
@@ -393,6 +406,68 @@ TEST_F(ParserDeathTest, ReportsTheParserRefusesStopTheProcess) {
       "0 && \"Address Family unknown\"");
   EXPECT_DEATH(mrtNotifyPamManagerFactory(Wirly::AddressFamily(7), Wirly::NamespaceName()),
                "0 && \"Unsupported address family.\"");
+}
+
+// The receive path in front of the parser: what an untrusted sender sends
+// never reaches it, so the parser's invariants are the trusted senders'.
+class ReceivePathTest : public ParserTest {
+ protected:
+  void SetUp() override {
+    ParserTest::SetUp();
+    sys.env["MCAST_NO_NETLINK"] = "1";
+    manager->optionsIs(nocache | wrongvif | wholepkt);
+    manager->pam()->enabledIs(true);
+  }
+  // Plays one datagram from `uid` through the socket and the parser.
+  Type deliver(Bytes const& b, uid_t uid) {
+    MrtNotifyTest::Datagram d;
+    d.payload = b;
+    sockaddr_nl from{};
+    from.nl_family = AF_NETLINK;
+    from.nl_pid = 5150;
+    d.from(from).cmsg(SOL_SOCKET, SCM_CREDENTIALS, ucred{1, uid, uid});
+    sys.rx.push_back(d.play());
+    auto pkt = manager->pam()->rxPkt();
+    return pkt ? manager->readMrtMessage(pkt, status) : Type::none;
+  }
+  MrtNotifyNetlinkSocketPam& socket() { return static_cast<MrtNotifyNetlinkSocketPam&>(*manager->pam()); }
+  MrtNotifyTest::FakeSys sys;
+  Kiv::Ptr<MrtNotifyPamManager> manager = mrtNotifyPamManagerFactory(Wirly::ipv6, Wirly::NamespaceName());
+};
+
+using ReceivePathDeathTest = ReceivePathTest;
+
+TEST_F(ReceivePathDeathTest, AnUnknownMifStopsTheProcessOnlyFromATrustedSender) {
+  Report unknownMif(129);
+  unknownMif.msgType(1).vif(77).src("2001:db8::1").dst("ff0e::1");
+  Report noType(129);
+  noType.vif(3).src("2001:db8::1");
+  for (Bytes const& b : {unknownMif.done(), noType.done()}) EXPECT_EQ(deliver(b, 65534), Type::none);
+  EXPECT_EQ(socket().rxUntrustedDrops(), 2u);
+  EXPECT_EQ(manager->noCacheCounter(), 0u);
+  EXPECT_DEATH(deliver(unknownMif.done(), 0), "mrtMsg->intfId\\(\\)");
+}
+
+TEST_F(ReceivePathTest, TrustAndTableFollowTheManagerIntoEverySocket) {
+  Report r(129);
+  r.msgType(1).vif(3).src("2001:db8::1").dst("ff0e::1");
+  EXPECT_EQ(deliver(r.done(), 0), Type::igmpNoCache);
+  EXPECT_EQ(deliver(r.done(), 1000), Type::none);
+  manager->trustedUidIs(1000, true);
+  EXPECT_TRUE(socket().trustedUid(1000)) << "reaches the socket in use";
+  EXPECT_EQ(deliver(r.done(), 1000), Type::igmpNoCache);
+  Kiv::attrSet(*manager, "mrtTable", "10");
+  EXPECT_EQ(socket().mrtTable(), 10u);
+
+  auto v4 = mrtNotifyPamManagerFactory(Wirly::ipv4, Wirly::NamespaceName());
+  v4->trustedUidIs(1000, true);
+  v4->trustedUidDel(0);
+  v4->mrtTableIs(10);
+  v4->useNetlinkIs(true);
+  auto& nl = static_cast<MrtNotifyNetlinkSocketPam&>(*v4->pam());
+  EXPECT_EQ(nl.trustedUidMap().count(1000), 1u) << "and a socket made later";
+  EXPECT_FALSE(nl.trustedUid(0));
+  EXPECT_EQ(nl.mrtTable(), 10u);
 }
 
 TEST_F(ParserTest, UnknownMsgtypeByteIsTracedAsARawCharacter) {

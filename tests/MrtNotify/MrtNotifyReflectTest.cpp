@@ -48,7 +48,7 @@ TEST_F(MrtNotifyReflect, EveryEntityListsItsAttributesInModelOrder) {
       {manager,
        "Routing::Multicast::Notify::MrtNotifyPamManager",
        {"af", "pam", "netNs", "useNetlink", "wrongVifCounter", "wrongVifMessage", "noCacheCounter", "noCacheMessage",
-        "wholePktCounter", "wholePktMessage", "options", "ipv4NativeReports"},
+        "wholePktCounter", "wholePktMessage", "options", "ipv4NativeReports", "trustedUid", "mrtTable"},
        {"handlePamInit", "readMrtMessage"}},
       {manager->noCacheMessage(), "Routing::Multicast::Notify::NoCacheMessage", message, {}},
       {manager->wrongVifMessage(), "Routing::Multicast::Notify::WrongVifMessage", message, {}},

@@ -26,6 +26,18 @@ std::function<ssize_t(msghdr*)> datagram(Bytes const& payload) {
   return d.play();
 }
 
+// A report as the kernel sends it: from port id 0, with credentials for
+// the relay groups (those of root).
+std::function<ssize_t(msghdr*)> fromKernel(Bytes const& payload) {
+  Datagram d;
+  d.payload = payload;
+  sockaddr_nl kernel{};
+  kernel.nl_family = AF_NETLINK;
+  d.from(kernel);
+  d.cmsg(SOL_SOCKET, SCM_CREDENTIALS, ucred{0, 0, 0});
+  return d.play();
+}
+
 Bytes addrBytes(char const* text) {
   Wirly::IpGenAddr const a(text);
   return Bytes(a.bytes(), a.bytes() + a.byteLength());
@@ -79,7 +91,7 @@ class ReviewTest : public ::testing::Test {
   void burst(int n, double cost = 0) {
     for (int i = 0; i < n; ++i) {
       std::string const grp = "ff0e::" + std::to_string(i + 1);
-      auto play = datagram(noCacheReport(129, "2001:db8::2", grp.c_str()));
+      auto play = fromKernel(noCacheReport(129, "2001:db8::2", grp.c_str()));
       sys.rx.push_back([this, play, cost](msghdr* m) {
         clock.advance(cost);
         return play(m);
@@ -143,13 +155,13 @@ TEST_F(ReviewTest, InitializingTwiceEnablesOnceBufferFirstThenLargePackets) {
 TEST_F(ReviewTest, ReadableSocketDrivesTheReviewAndAReplacedSocketIsFollowed) {
   auto v4 = mrtNotifyPamManagerFactory(Wirly::ipv4, Wirly::NamespaceName());
   auto sm = initialized(v4);
-  sys.rx.push_back(datagram(noCacheReport(128, "10.0.1.2", "239.1.1.1")));
+  sys.rx.push_back(fromKernel(noCacheReport(128, "10.0.1.2", "239.1.1.1")));
   v4->useNetlinkIs(true);  // an observer of the counters could do this mid-review
   auto const next = v4->pam();
   next->enabledIs(true);
   // The descriptor reactor's read announces the datagram; the review takes
   // it and everything behind it.
-  sys.rx.push_back(datagram(noCacheReport(128, "10.0.1.2", "239.1.1.2")));
+  sys.rx.push_back(fromKernel(noCacheReport(128, "10.0.1.2", "239.1.1.2")));
   next->doGetRxPkt();
   EXPECT_EQ(v4->noCacheCounter(), 2u);
   EXPECT_EQ(v4->noCacheMessage()->group(), Wirly::IpGenAddr("239.1.1.2"));

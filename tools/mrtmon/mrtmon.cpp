@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "Kiv/EventLoop.h"
 #include "Kiv/Exception.h"
@@ -40,6 +41,11 @@ Options:
                                   notification options (platform kernels)
   -o, --options LIST    kinds to receive, comma-separated: nocache,
                         wrongvif, wholepkt (default all three)
+      --trust-uid UID   also hear relayed reports sent by this uid
+                        (repeatable); by default only root's and the
+                        user's own are heard
+      --table N         hear the kernel's IPv4 reports of multicast routing
+                        table N only (default 253, the default table)
       --vif N=INTF      name the interface of VIF/MIF N (repeatable), as the
                         agent's kernel status would; other indices print as
                         "vifN"
@@ -51,6 +57,9 @@ Options:
 
 Text lines: <kind> intf <interface> src <source> grp <group> len <bytes>.
 JSON lines: {"kind":..,"intf":..,"src":..,"grp":..,"len":..}.
+Datagrams from senders not heard (on the kernel's group anyone but the
+kernel), of another table, or malformed are dropped before parsing and
+counted in the counters line ("untrusted", "othertable", "malformed").
 Exit status: 0 on a normal end (count, timeout, SIGINT/SIGTERM), 1 when the
 socket cannot be opened, 2 for a usage error.
 )";
@@ -75,6 +84,8 @@ struct Options {
   bool json = false;
   std::optional<std::uint64_t> count;
   std::optional<double> timeout;
+  std::vector<std::uint32_t> trustUids;
+  std::optional<std::uint32_t> table;
   Kiv::Ptr<Routing::KernelMfib::Status> status = Routing::KernelMfib::Status::statusIs("mrtmon");
 };
 
@@ -173,6 +184,15 @@ int parseArgs(int argc, char** argv, Options& o) {
         return usageError("--vif " + std::string(s) + ": " + e.what());
       }
       named[n] = true;
+    } else if (a == "--trust-uid" || a == "--table") {
+      char const* v = value(a.data());
+      char* end = nullptr;
+      unsigned long const n = v ? std::strtoul(v, &end, 10) : 0;
+      if (!v || !*v || *end || n > 0xFFFFFFFEul) return usageError(std::string(a) + " needs a number");
+      if (a == "--table")
+        o.table = std::uint32_t(n);
+      else
+        o.trustUids.push_back(std::uint32_t(n));
     } else if (a == "-c" || a == "--count") {
       char const* v = value("--count");
       char* end = nullptr;
@@ -214,6 +234,8 @@ int main(int argc, char** argv) {
     manager->useNetlinkIs(true);
   }
   manager->optionsIs(o.kinds);
+  for (std::uint32_t uid : o.trustUids) manager->trustedUidIs(uid, true);
+  if (o.table) manager->mrtTableIs(*o.table);
   Printer printer(manager, o.json);
   auto sm = mrtNotifySmFactory(manager, o.status);
   try {
@@ -248,7 +270,8 @@ int main(int argc, char** argv) {
   std::cerr << "mrtmon: nocache " << manager->noCacheCounter() << " wrongvif " << manager->wrongVifCounter()
             << " wholepkt " << manager->wholePktCounter() << " datagrams " << manager->pam()->rxPktCount();
   if (auto const* nl = dynamic_cast<MrtNotifyNetlinkSocketPam const*>(manager->pam().ptr()))
-    std::cerr << " rxErrors " << nl->rxErrors();
+    std::cerr << " rxErrors " << nl->rxErrors() << " untrusted " << nl->rxUntrustedDrops() << " othertable "
+              << nl->rxOtherTableDrops() << " malformed " << nl->rxMalformedDrops();
   std::cerr << std::endl;
   sm = nullptr;
   manager = nullptr;
