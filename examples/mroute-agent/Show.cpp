@@ -145,6 +145,10 @@ std::string showText(RouteEngine const& engine) {
   }
   os << "upcalls " << engine.upcalls() << "  recovered flows " << engine.recoveredFlows() << "  routes not programmed "
      << engine.notProgrammed() << "  entries refused " << engine.failedEntries() << "\n";
+  UpcallBudget const& b = *engine.budget();
+  os << "flows without a route: admitted " << b.admittedReports() << "  over interface budget "
+     << b.overIntfBudgetReports() << "  over total budget " << b.overTotalBudgetReports() << "  drop entries "
+     << b.dropEntries() << " of " << b.dropEntryMax() << "  refused at maximum " << b.dropEntryMaxRefusals() << "\n";
   return os.str();
 }
 
@@ -178,7 +182,12 @@ std::string showJson(RouteEngine const& engine) {
   auto drops = dropRows(engine);
   for (std::size_t i = 0; i < drops.size(); ++i) os << (i ? ", " : "") << entryJson(drops[i].second);
   os << "], \"upcalls\": " << engine.upcalls() << ", \"recovered\": " << engine.recoveredFlows()
-     << ", \"notProgrammed\": " << engine.notProgrammed() << ", \"refused\": " << engine.failedEntries() << "}\n";
+     << ", \"notProgrammed\": " << engine.notProgrammed() << ", \"refused\": " << engine.failedEntries();
+  UpcallBudget const& b = *engine.budget();
+  os << ", \"unrouted\": {\"admitted\": " << b.admittedReports()
+     << ", \"overIntfBudget\": " << b.overIntfBudgetReports() << ", \"overTotalBudget\": " << b.overTotalBudgetReports()
+     << ", \"dropEntries\": " << b.dropEntries() << ", \"dropEntryMax\": " << b.dropEntryMax()
+     << ", \"dropEntryMaxRefusals\": " << b.dropEntryMaxRefusals() << "}}\n";
   return os.str();
 }
 

@@ -16,7 +16,12 @@
 //       "packets": 3, "bytes": 87, "rpfFailures": 0, "failures": "",
 //       "entries": [{"source": "10.1.0.2", "group": "239.1.1.1", "installed": true,
 //                    "packets": 3, "bytes": 87, "learnedNs": ..., "installedNs": ...}]}]}],
-//    "dropEntries": [...], "upcalls": n, "recovered": n, "notProgrammed": n}
+//    "dropEntries": [...], "upcalls": n, "recovered": n, "notProgrammed": n, "refused": n,
+//    "unrouted": {"admitted": n, "overIntfBudget": n, "overTotalBudget": n,
+//                 "dropEntries": n, "dropEntryMax": n, "dropEntryMaxRefusals": n}}
+//
+// "unrouted" is the UpcallBudget: reports of flows without a route that the
+// agent acted on, those refused by reason, and the drop entries held.
 //
 // Protocol: the client sends one line, "show text" or "show json", and
 // reads until the agent closes. Only the agent's own user is served
