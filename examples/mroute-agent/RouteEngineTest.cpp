@@ -313,3 +313,130 @@ TEST_F(EngineTest, IPv6RoutesProgramMifsAndFlowsAreLoggedOnce) {
 }
 
 }  // namespace MrouteAgentTest
+
+namespace MrouteAgentTest {
+
+// Reports of flows without a route, as a local user's flood makes them.
+class BudgetTest : public EngineTest {
+ protected:
+  void budget(UpcallRate perIntf, UpcallRate total, std::uint32_t dropMax = 1000) {
+    engine->budget()->settingsIs({perIntf, total, dropMax});
+  }
+  // One report of an unrouted flow per call, each to a new group.
+  void unrouted(char const* intf, int n = 1) {
+    for (int i = 0; i < n; ++i) {
+      std::string const g = "239.50." + std::to_string(next / 250) + "." + std::to_string(next % 250 + 1);
+      ++next;
+      engine->handleNoCache(Wirly::ipv4, IpGenAddr("10.1.0.2"), IpGenAddr(g), IntfId(intf));
+    }
+  }
+  UpcallBudget const& b() const { return *engine->budget(); }
+  int next = 0;
+};
+
+TEST_F(BudgetTest, UnroutedReportsAreBoundedPerInterfaceAndInTotalAndRefillWithTime) {
+  budget({10, 3}, {20, 5});
+  unrouted("Ethernet1", 5);
+  EXPECT_EQ(adds().size(), 3u);
+  EXPECT_EQ(b().overIntfBudgetReports(), 2u);
+  // Ethernet2 has its own bucket, but only two tokens are left in total.
+  unrouted("Ethernet2", 5);
+  EXPECT_EQ(adds().size(), 2u);
+  EXPECT_EQ(b().overTotalBudgetReports(), 3u);
+  EXPECT_EQ(b().admittedReports(), 5u);
+  // A refused report leaves no trace in the event lines or the entries.
+  EXPECT_EQ(std::count_if(lines.begin(), lines.end(), [](auto const& l) { return l.rfind("upcall nocache", 0) == 0; }),
+            5);
+  EXPECT_EQ(engine->entries(Wirly::ipv4).size(), 5u);
+
+  // 100 ms: one token more for Ethernet1, two in total.
+  clockNs += 100'000'000;
+  unrouted("Ethernet1", 2);
+  EXPECT_EQ(adds().size(), 1u);
+  EXPECT_EQ(b().overIntfBudgetReports(), 3u);
+  // Long idle: the buckets hold their burst, no more.
+  clockNs += 60'000'000'000ull;
+  unrouted("Ethernet1", 4);
+  EXPECT_EQ(adds().size(), 3u);
+  EXPECT_EQ(b().overIntfBudgetReports(), 4u);
+  // A clock that steps back refills nothing.
+  clockNs -= 30'000'000'000ull;
+  unrouted("Ethernet2", 3);
+  EXPECT_EQ(adds().size(), 2u);  // what the total bucket had left
+  EXPECT_EQ(b().overTotalBudgetReports(), 4u);
+}
+
+TEST_F(BudgetTest, ARoutedFlowIsNeverRefused) {
+  budget({0, 0}, {0, 0}, 0);  // nothing for flows without a route
+  publish(*app, starG("239.2.2.2"), "Ethernet1", {2});
+  publish(*app, sg("10.1.0.9", "239.2.2.3"), "Ethernet1", {3});
+  adds();
+  unrouted("Ethernet1", 3);
+  EXPECT_TRUE(adds().empty());
+  engine->handleNoCache(Wirly::ipv4, IpGenAddr("10.1.0.2"), IpGenAddr("239.2.2.2"), IntfId("Ethernet1"));
+  engine->handleRecovered(Wirly::ipv4, IpGenAddr("10.1.0.3"), IpGenAddr("239.2.2.2"));
+  // An (S, G) route whose entry the kernel lost: its report is not refused either.
+  clockNs += 3 * RouteEngine::staleUpcallNs;
+  engine->handleNoCache(Wirly::ipv4, IpGenAddr("10.1.0.9"), IpGenAddr("239.2.2.3"), IntfId("Ethernet1"));
+  auto a = adds();
+  ASSERT_EQ(a.size(), 3u);
+  EXPECT_EQ(oifsOf(a[0]), (std::vector<int>{2}));
+  EXPECT_EQ(oifsOf(a[2]), (std::vector<int>{3}));
+  EXPECT_EQ(b().admittedReports(), 0u);
+  EXPECT_EQ(b().overIntfBudgetReports(), 3u);
+  // A flow found in the kernel's unresolved list meets the budget too, as
+  // the unknown interface.
+  EXPECT_FALSE(engine->handleRecovered(Wirly::ipv4, IpGenAddr("10.1.0.3"), IpGenAddr("239.2.9.9")));
+  EXPECT_TRUE(adds().empty());
+  EXPECT_EQ(b().overIntfBudgetReports(), 4u);
+  EXPECT_EQ(engine->recoveredFlows(), 1u);
+}
+
+TEST_F(BudgetTest, DropEntriesAreCappedAndCountedAsTheyComeAndGo) {
+  budget({1000, 1000}, {1000, 1000}, 2);
+  unrouted("Ethernet1", 3);
+  EXPECT_EQ(adds().size(), 2u);
+  EXPECT_EQ(b().dropEntries(), 2u);
+  EXPECT_EQ(b().dropEntryMaxRefusals(), 1u);
+  unrouted("Ethernet1");
+  auto const atMax = [this] {
+    return std::count(lines.begin(), lines.end(),
+                      "drop entries at their maximum of 2: flows without a route get none until some expire");
+  };
+  EXPECT_EQ(atMax(), 1);  // said once, counted each time
+  EXPECT_EQ(b().dropEntryMaxRefusals(), 2u);
+
+  // A route takes over a drop entry: room for one more.
+  publish(*app, sg("10.1.0.2", "239.50.0.1"), "Ethernet1", {2});
+  EXPECT_EQ(b().dropEntries(), 1u);
+  unrouted("Ethernet1");
+  EXPECT_EQ(b().dropEntries(), 2u);
+  // Its withdrawal removes the entry; a flow that asks again may be capped.
+  withdraw(*app, sg("10.1.0.2", "239.50.0.1"));
+  EXPECT_EQ(b().dropEntries(), 2u);
+  engine->handleNoCache(Wirly::ipv4, IpGenAddr("10.1.0.2"), IpGenAddr("239.50.0.1"), IntfId("Ethernet1"));
+  EXPECT_EQ(b().dropEntryMaxRefusals(), 3u);
+  EXPECT_EQ(atMax(), 2);  // the count went below the maximum and came back
+  adds();
+
+  // Idle drop entries expire and free their places.
+  clockNs += 120'000'000'000ull;
+  EXPECT_EQ(engine->expireDrops(60'000'000'000ull), 2u);
+  EXPECT_EQ(b().dropEntries(), 0u);
+  unrouted("Ethernet1");
+  EXPECT_EQ(adds().size(), 1u);
+
+  std::string const text = showText(*engine);
+  EXPECT_NE(text.find("flows without a route: admitted 4  over interface budget 0  over total budget 0  drop entries 1 "
+                      "of 2  refused at maximum 3"),
+            std::string::npos)
+      << text;
+  EXPECT_NE(showJson(*engine).find("\"unrouted\": {\"admitted\": 4, \"overIntfBudget\": 0, \"overTotalBudget\": 0, "
+                                   "\"dropEntries\": 1, \"dropEntryMax\": 2, \"dropEntryMaxRefusals\": 3}}"),
+            std::string::npos);
+  // kivctl reads the same counters by name.
+  EXPECT_EQ(Kiv::attrGet(b(), "dropEntryMaxRefusals"), "3");
+  EXPECT_EQ(Kiv::attrGet(b(), "dropEntries"), "1");
+}
+
+}  // namespace MrouteAgentTest
