@@ -639,6 +639,10 @@ void floodWhileRealFlowsStart(AgentKernelTest& t, bool v6, std::vector<std::stri
 
   std::string const json =
       shell("MROUTE_AGENT_DIR=" + t.dir() + " " + MROUTE_AGENT_PATH + " show --json --name agent-test");
+  // kivctl reads the same counters by name.
+  std::string const budget =
+      shell("KIV_INTROSPECT_DIR=" + t.dir() + "/kiv " + KIVCTL_PATH + " --agent agent-test --json get /upcallBudget");
+  EXPECT_NE(budget.find("\"dropEntries\": " + std::to_string(dropMax)), std::string::npos) << budget;
   std::size_t const kernelDrops = std::stoul(
       "0" + shell("ip netns exec " + net.r() + " ip " + (v6 ? "-6 " : "") + "mroute show | grep -vic unresolved"));
   EXPECT_EQ(agent.stop(), 0) << "the agent did not survive the flood";
