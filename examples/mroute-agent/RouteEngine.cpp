@@ -509,8 +509,10 @@ void RouteEngine::doDropCount(bool wasDrop, bool isDrop) {
   if (budget_->dropEntries() < budget_->dropEntryMax()) atDropEntryMax_ = false;
 }
 
-bool RouteEngine::doAdmit(Wirly::AddressFamily af, SgKey const& sg, std::uint16_t vif) {
-  if (entries_[idx(af)].count(sg) || routeFor(af, sg)) return true;
+bool RouteEngine::doAdmit(Wirly::AddressFamily af, SgKey const& sg, std::uint16_t vif, bool* routed) {
+  bool const hasRoute = routeFor(af, sg).has_value();
+  if (routed) *routed = hasRoute;
+  if (hasRoute || entries_[idx(af)].count(sg)) return true;
   UpcallBudget::Verdict const v = budget_->doAdmit(vif, now());
   if (v == UpcallBudget::admitted) return true;
   if (v == UpcallBudget::overDropEntryMax && !atDropEntryMax_) {
@@ -530,10 +532,11 @@ void RouteEngine::handleNoCache(Wirly::AddressFamily af, Wirly::IpGenAddr const&
                                 Wirly::IntfId intf) {
   ++upcalls_;
   SgKey const sg{group, source};
-  if (mfc_[idx(af)] && !doAdmit(af, sg, kernelStatus_[idx(af)]->intfVif(intf))) return;
+  bool routed = false;
+  if (mfc_[idx(af)] && !doAdmit(af, sg, kernelStatus_[idx(af)]->intfVif(intf), &routed)) return;
   emit("upcall nocache " + sgText(sg) + " on " + intfText(intf));
   if (!mfc_[idx(af)]) return;
-  if (routeFor(af, sg)) ++routedUpcalls_;
+  if (routed) ++routedUpcalls_;
   auto& entries = entries_[idx(af)];
   auto it = entries.find(sg);
   if (it == entries.end()) {

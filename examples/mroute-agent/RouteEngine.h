@@ -207,7 +207,8 @@ class RouteEngine {
   bool doWrite(Wirly::AddressFamily af, SgKey const& sg, KernelEntry& e);
   // Whether a flow the kernel asks about gets any work: always when it has
   // an entry or a route, else as the budget says.
-  bool doAdmit(Wirly::AddressFamily af, SgKey const& sg, std::uint16_t vif);
+  // *routed (when given) says whether it has a route.
+  bool doAdmit(Wirly::AddressFamily af, SgKey const& sg, std::uint16_t vif, bool* routed = nullptr);
   // Keeps the budget's count of drop entries as an entry comes, goes or
   // changes origin.
   void doDropCount(bool wasDrop, bool isDrop);
