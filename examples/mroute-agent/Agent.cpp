@@ -6,6 +6,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
@@ -139,6 +141,8 @@ class AgentImpl {
   void emit(std::string const& line);
   void requestScan(double delay);
   void doScan();
+  // One line for what the upcall budget refused since the last one.
+  void doBudgetLine();
   void handleLink(int ifIndex, bool up);
   std::string appNameOf(L3::VrfName const& vrf, Vorn::Multicast::Fib::Status const& table) const;
 
@@ -157,9 +161,10 @@ class AgentImpl {
   UnresolvedScan scan_;
   Kiv::EventLoop::TimerId scanTimer_ = 0;
   int rescans_ = 0;
-  std::uint64_t upcallsAtScan_ = 0;
+  std::uint64_t upcallsAtScan_ = 0;  // routed upcalls seen by the last scan
   double lastUpcallSeen_ = -1e9;
   std::uint64_t ticks_ = 0;
+  std::array<std::uint64_t, 3> budgetSeen_{};
   std::unique_ptr<LinkWatch> links_;
   std::unique_ptr<ShowServer> show_;
   Kiv::Ptr<Kiv::Dir> introspectRoot_;
@@ -249,6 +254,7 @@ bool AgentImpl::doDirectory() {
   engine_ = std::make_unique<RouteEngine>(
       intfs_, vornDir_,
       [this](L3::VrfName const& v, Vorn::Multicast::Fib::Status const& t) { return appNameOf(v, t); });
+  engine_->budget()->settingsIs(opt_.budget);
   engine_->sinkIs([this](std::string const& line) { emit(line); });
   engine_->flushRequestIs([this] {
     if (flushTimer_ == 0)
@@ -431,6 +437,7 @@ int AgentImpl::start() {
   introspectRoot_->entryIs("mroute6", engine_->mrouteTableColl(Wirly::ipv6));
   introspectRoot_->entryIs("kernelMfib4", engine_->kernelStatus(Wirly::ipv4));
   introspectRoot_->entryIs("kernelMfib6", engine_->kernelStatus(Wirly::ipv6));
+  introspectRoot_->entryIs("upcallBudget", engine_->budget());
   for (auto& f : families_)
     if (f->manager) introspectRoot_->entryIs(f->af == Wirly::ipv4 ? "upcalls4" : "upcalls6", f->manager);
   links_ = std::make_unique<LinkWatch>([this](int ifIndex, bool up) { handleLink(ifIndex, up); });
@@ -464,6 +471,7 @@ void AgentImpl::requestScan(double delay) {
 
 void AgentImpl::doScan() {
   std::size_t unresolved = 0;
+  std::uint64_t const refusedBefore = engine_->refusedUnrouted();
   for (auto& f : families_) {
     if (!f->mfc) continue;
     for (UnresolvedScan::Flow const& flow : scan_.scan(f->af)) {
@@ -471,12 +479,27 @@ void AgentImpl::doScan() {
       ++unresolved;
     }
   }
-  upcallsAtScan_ = engine_->upcalls();
+  // Flows the budget refused stay unresolved until the kernel gives up on
+  // them: looking again soon would only find them again.
+  unresolved -= std::min<std::uint64_t>(unresolved, engine_->refusedUnrouted() - refusedBefore);
+  upcallsAtScan_ = engine_->routedUpcalls();
   if (unresolved != 0 && ++rescans_ <= kMaxRescans) {
     requestScan(kRescanDelay);
     return;
   }
   if (unresolved == 0) rescans_ = 0;
+}
+
+void AgentImpl::doBudgetLine() {
+  UpcallBudget const& b = *engine_->budget();
+  std::uint64_t const intf = b.overIntfBudgetReports(), total = b.overTotalBudgetReports(),
+                      cap = b.dropEntryMaxRefusals();
+  std::uint64_t const n = intf + total + cap - budgetSeen_[0] - budgetSeen_[1] - budgetSeen_[2];
+  if (n == 0) return;
+  emit("upcall budget: refused " + std::to_string(n) + " reports of flows without a route (interface " +
+       std::to_string(intf - budgetSeen_[0]) + ", total " + std::to_string(total - budgetSeen_[1]) +
+       ", drop entries at maximum " + std::to_string(cap - budgetSeen_[2]) + ")");
+  budgetSeen_ = {intf, total, cap};
 }
 
 void AgentImpl::run(std::function<bool()> const& stop) {
@@ -485,10 +508,14 @@ void AgentImpl::run(std::function<bool()> const& stop) {
     if (engine_->failedEntries() != 0) engine_->retryFailed();
     if (flowLog_) std::fflush(flowLog_);
     double const now = Kiv::System::currentTime();
-    if (engine_->upcalls() != upcallsAtScan_) {
+    // Only a lost report of a routed flow costs traffic; reports of flows
+    // without a route come by the thousand in a flood, and each scan then
+    // reads every flow the kernel holds.
+    if (engine_->routedUpcalls() != upcallsAtScan_) {
       lastUpcallSeen_ = now;
-      upcallsAtScan_ = engine_->upcalls();
+      upcallsAtScan_ = engine_->routedUpcalls();
     }
+    doBudgetLine();
     if (now - lastUpcallSeen_ < kQuietScanWindow) requestScan(0);
     if (++ticks_ % kDropCheckEvery == 0) engine_->expireDrops(kDropIdleNs);
     retryTimer_ = loop_.timerIs(kRetryPeriod < kQuietScanPeriod ? kRetryPeriod : kQuietScanPeriod, retry);

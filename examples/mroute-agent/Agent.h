@@ -17,6 +17,11 @@
 // each, flushed at the end of every turn of the event loop; "ready" follows
 // a successful start.
 //
+// Reports of flows that no route covers are bounded by Options::budget
+// (UpcallBudget): past it they are only counted, and once a second that
+// anything was refused the agent prints one line of how many:
+//   upcall budget: refused <n> reports of flows without a route (interface <a>, total <b>, drop entries at maximum <c>)
+//
 // The flow log (Options::flowLog): one line per kernel entry that an upcall
 // (or the recovery of a lost one) asked for, written when it is installed:
 //   <ipv4|ipv6> <source> <group> <learnedNs> <installedNs> <upcall|recovered>
@@ -33,6 +38,8 @@
 #include <string>
 #include <vector>
 
+#include "UpcallBudget.h"
+
 namespace MrouteAgent {
 
 class AgentImpl;
@@ -45,6 +52,8 @@ class Agent {
     bool ipv4 = true;
     bool ipv6 = true;
     std::string flowLog;  // file, empty: none
+    // Work given to reports of flows without a route, and the drop entries held.
+    UpcallBudget::Settings budget;
   };
 
   explicit Agent(Options const& o);

@@ -369,8 +369,10 @@ std::optional<IpGenRouteKey> RouteEngine::routeFor(Wirly::AddressFamily af, SgKe
   unsigned const len = hostLen(af);
   IpGenRouteKey const exactKey(Wirly::IpGenPrefix(sg.source, len), Wirly::IpGenPrefix(sg.group, len));
   if (vrf->second.count(exactKey)) return exactKey;
-  Wirly::IpGenAddr const any = af == Wirly::ipv4 ? Wirly::IpGenAddr("0.0.0.0") : Wirly::IpGenAddr("::");
-  IpGenRouteKey const starKey(Wirly::IpGenPrefix(any, 0), Wirly::IpGenPrefix(sg.group, len));
+  // Every report of a flood comes here: no address parsed per call.
+  static Wirly::IpGenAddr const any4("0.0.0.0"), any6("::");
+  IpGenRouteKey const starKey(Wirly::IpGenPrefix(af == Wirly::ipv4 ? any4 : any6, 0),
+                              Wirly::IpGenPrefix(sg.group, len));
   if (vrf->second.count(starKey)) return starKey;
   return std::nullopt;
 }
@@ -454,10 +456,12 @@ bool RouteEngine::doProgram(Wirly::AddressFamily af, SgKey const& sg, bool creat
     it->second.routeKey = want.routeKey;
     return false;
   }
-  if (it == entries.end())
+  if (it == entries.end()) {
     it = entries.emplace(sg, want).first;
-  else {
+    doDropCount(false, want.origin == KernelEntry::drop);
+  } else {
     want.installedNs = it->second.installedNs;
+    doDropCount(it->second.origin == KernelEntry::drop, want.origin == KernelEntry::drop);
     it->second = want;
   }
   doWrite(af, sg, it->second);
@@ -495,12 +499,44 @@ bool RouteEngine::doWrite(Wirly::AddressFamily af, SgKey const& sg, KernelEntry&
   return true;
 }
 
+void RouteEngine::doDropCount(bool wasDrop, bool isDrop) {
+  if (wasDrop == isDrop) return;
+  if (isDrop) {
+    budget_->dropEntriesInc();
+    return;
+  }
+  budget_->dropEntriesDec();
+  if (budget_->dropEntries() < budget_->dropEntryMax()) atDropEntryMax_ = false;
+}
+
+bool RouteEngine::doAdmit(Wirly::AddressFamily af, SgKey const& sg, std::uint16_t vif, bool* routed) {
+  bool const hasRoute = routeFor(af, sg).has_value();
+  if (routed) *routed = hasRoute;
+  if (hasRoute || entries_[idx(af)].count(sg)) return true;
+  UpcallBudget::Verdict const v = budget_->doAdmit(vif, now());
+  if (v == UpcallBudget::admitted) return true;
+  if (v == UpcallBudget::overDropEntryMax && !atDropEntryMax_) {
+    atDropEntryMax_ = true;
+    emit("drop entries at their maximum of " + std::to_string(budget_->dropEntryMax()) +
+         ": flows without a route get none until some expire");
+  }
+  KIV_TRACE(th(), 6,
+            "refused " << sgText(sg) << " on vif " << vif
+                       << (v == UpcallBudget::overIntfBudget    ? ": interface budget"
+                           : v == UpcallBudget::overTotalBudget ? ": total budget"
+                                                                : ": drop entries at maximum"));
+  return false;
+}
+
 void RouteEngine::handleNoCache(Wirly::AddressFamily af, Wirly::IpGenAddr const& source, Wirly::IpGenAddr const& group,
                                 Wirly::IntfId intf) {
   ++upcalls_;
-  emit("upcall nocache " + sgText({group, source}) + " on " + intfText(intf));
-  if (!mfc_[idx(af)]) return;
   SgKey const sg{group, source};
+  bool routed = false;
+  if (mfc_[idx(af)] && !doAdmit(af, sg, kernelStatus_[idx(af)]->intfVif(intf), &routed)) return;
+  emit("upcall nocache " + sgText(sg) + " on " + intfText(intf));
+  if (!mfc_[idx(af)]) return;
+  if (routed) ++routedUpcalls_;
   auto& entries = entries_[idx(af)];
   auto it = entries.find(sg);
   if (it == entries.end()) {
@@ -508,6 +544,7 @@ void RouteEngine::handleNoCache(Wirly::AddressFamily af, Wirly::IpGenAddr const&
     e.learnedNs = now();
     // Placeholder until doProgram decides: a flow nobody asked for before.
     it = entries.emplace(sg, e).first;
+    doDropCount(false, true);
     it->second.iif = kernelStatus_[idx(af)]->intfVif(intf);
     it->second.installed = false;
   } else if (it->second.installed) {
@@ -531,10 +568,13 @@ bool RouteEngine::handleRecovered(Wirly::AddressFamily af, Wirly::IpGenAddr cons
   auto it = entries.find(sg);
   bool const fresh = it == entries.end();
   if (fresh) {
+    // The dump does not say where the flow came in: the unknown interface's budget.
+    if (!doAdmit(af, sg, 0)) return false;
     KernelEntry e;
     e.learnedNs = now();
     e.recovered = true;
     it = entries.emplace(sg, e).first;
+    doDropCount(false, true);
     ++recovered_;
   }
   // A dump resumed while the kernel's list changed may name a flow twice,
@@ -634,6 +674,7 @@ std::size_t RouteEngine::expireDrops(std::uint64_t idleNs) {
       }
       emit("remove " + sgText(it->first));
       it = entries.erase(it);
+      doDropCount(true, false);
       ++gone;
     }
   }

@@ -21,7 +21,10 @@
 //   entries and its withdrawal removes them. A report for which no route
 //   exists installs a drop entry (no outgoing VIF) so the kernel stops
 //   asking; a route that appears later replaces it, and one whose flow
-//   stopped goes after a while (expireDrops).
+//   stopped goes after a while (expireDrops). Reports and recovered flows
+//   without a route are first put to the UpcallBudget: one it refuses is
+//   counted there and costs nothing more (no line, no entry). A flow that
+//   has a route, or already an entry, never meets the budget.
 // - A refusal of the kernel is recorded as the route's failure reason
 //   (ENOBUFS/ENOMEM/ENOSPC: the table is full) and retried on
 //   retryFailed(). Routes of other VRFs, or of a family without a kernel
@@ -46,6 +49,7 @@
 #include "Mfib/MfibVorn.h"
 #include "MrouteLib/MrouteLib.h"
 #include "Schema/KernelMfibStatus.h"
+#include "UpcallBudget.h"
 
 namespace MrouteAgent {
 
@@ -163,6 +167,12 @@ class RouteEngine {
   std::map<SgKey, KernelEntry> const& entries(Wirly::AddressFamily af) const { return entries_[idx(af)]; }
   std::uint64_t notProgrammed() const { return notProgrammed_; }
   std::uint64_t upcalls() const { return upcalls_; }
+  // Reports and recovered flows without a route that the budget refused.
+  std::uint64_t refusedUnrouted() const { return budget_->refusals(); }
+  // No-cache reports of flows that have a route: the ones whose loss would
+  // cost traffic.
+  std::uint64_t routedUpcalls() const { return routedUpcalls_; }
+  Kiv::Ptr<UpcallBudget> const& budget() const { return budget_; }
   std::uint64_t recoveredFlows() const { return recovered_; }
 
   static std::string keyText(IpGenRouteKey const& k);
@@ -195,6 +205,13 @@ class RouteEngine {
   // Returns whether the kernel was written (or the entry removed).
   bool doProgram(Wirly::AddressFamily af, SgKey const& sg, bool create, std::uint16_t askedVif = 0);
   bool doWrite(Wirly::AddressFamily af, SgKey const& sg, KernelEntry& e);
+  // Whether a flow the kernel asks about gets any work: always when it has
+  // an entry or a route, else as the budget says.
+  // *routed (when given) says whether it has a route.
+  bool doAdmit(Wirly::AddressFamily af, SgKey const& sg, std::uint16_t vif, bool* routed = nullptr);
+  // Keeps the budget's count of drop entries as an entry comes, goes or
+  // changes origin.
+  void doDropCount(bool wasDrop, bool isDrop);
   RouteState* kernelRoute(IpGenRouteKey const& key);
   // The default VRF's route that forwards (S, G): exact, else (*, G).
   std::optional<IpGenRouteKey> routeFor(Wirly::AddressFamily af, SgKey const& sg) const;
@@ -223,6 +240,9 @@ class RouteEngine {
   std::uint64_t notProgrammed_ = 0;
   std::uint64_t upcalls_ = 0;
   std::uint64_t recovered_ = 0;
+  std::uint64_t routedUpcalls_ = 0;
+  Kiv::Ptr<UpcallBudget> budget_ = UpcallBudget::upcallBudgetIs("upcallBudget");
+  bool atDropEntryMax_ = false;
 };
 
 }  // namespace MrouteAgent

@@ -4,102 +4,10 @@
 
 #include <algorithm>
 
-#include "AgentTestSys.h"
+#include "EngineTest.h"
 #include "Show.h"
-#include "tests/Mfib/MfibTestUtil.h"
 
 namespace MrouteAgentTest {
-
-using namespace MrouteAgent;
-using Vorn::Multicast::Fib::OifIndex;
-using Vorn::Multicast::Fib::OifIndexIntf;
-using Vorn::Multicast::Fib::Route;
-using Vorn::Multicast::Fib::RoutePriority;
-using Wirly::IntfId;
-using Wirly::IpGenAddr;
-
-IpGenRouteKey sg(char const* s, char const* g) { return IpGenRouteKey(s, g); }
-IpGenRouteKey starG(char const* g) {
-  IpGenAddr const grp(g);
-  IpGenAddr const any(grp.af() == Wirly::ipv4 ? "0.0.0.0" : "::");
-  return IpGenRouteKey(Wirly::IpGenPrefix(any, 0), Wirly::IpGenPrefix(grp));
-}
-
-// An agent's engine over tables of this process, programming a kernel that
-// is the recording Sys: three interfaces, VIFs 1..3.
-class EngineTest : public testing::Test {
- protected:
-  void SetUp() override {
-    v4.open();
-    v6.open();
-    engine = std::make_unique<RouteEngine>(std::vector<IntfConfig>{{IntfId("Ethernet1"), "Ethernet1", 11, 1},
-                                                                   {IntfId("Ethernet2"), "Ethernet2", 12, 2},
-                                                                   {IntfId("Ethernet3"), "Ethernet3", 13, 3}},
-                                           vornDir, [](L3::VrfName const&, Status const& t) { return t.name().str(); });
-    engine->sinkIs([this](std::string const& l) { lines.push_back(l); });
-    engine->clockIs([this] { return clockNs; });
-    engine->mfcIs(Wirly::ipv4, &v4);
-    engine->mfcIs(Wirly::ipv6, &v6);
-    app = table("default", "static");
-  }
-  void TearDown() override { engine.reset(); }
-
-  Kiv::Ptr<Status> table(char const* vrf, std::string const& name) {
-    Kiv::Ptr<Status> t = tables.table(name);
-    for (unsigned n = 1; n <= 3; ++n)
-      t->oifIndexIntfIs(OifIndexIntf(OifIndex(std::uint16_t(n)), IntfId("Ethernet" + std::to_string(n))));
-    vornDir->vornCollIs(L3::VrfName(vrf))->vornPtrIs(t.ptr(), t);
-    engine->flush();
-    return t;
-  }
-  void publish(Status& t, IpGenRouteKey const& key, char const* iif, std::vector<unsigned> oifs, unsigned prio = 1) {
-    Route r(key);
-    r.specialIntf1Is(IntfId(iif));
-    for (unsigned n : oifs) r.oifIs(OifIndex(std::uint16_t(n)), true);
-    r.priorityIs(RoutePriority(std::uint8_t(prio)));
-    t.routePublish(r);
-    engine->flush();
-  }
-  void withdraw(Status& t, IpGenRouteKey const& key) {
-    t.routeDel(key);
-    engine->flush();
-  }
-  // The IPv4 entries written since the last call, decoded.
-  std::vector<mfcctl> adds() {
-    std::vector<mfcctl> out;
-    auto const all = sys.optionsNamed(MRT_ADD_MFC);
-    for (std::size_t i = seenAdds; i < all.size(); ++i) {
-      if (all[i].level != IPPROTO_IP) continue;
-      mfcctl m;
-      std::memcpy(&m, all[i].bytes.data(), sizeof m);
-      out.push_back(m);
-    }
-    seenAdds = all.size();
-    return out;
-  }
-  std::size_t dels() const {
-    std::size_t n = 0;
-    for (auto const& o : sys.optionsNamed(MRT_DEL_MFC)) n += o.level == IPPROTO_IP;
-    return n;
-  }
-  static std::vector<int> oifsOf(mfcctl const& m) {
-    std::vector<int> out;
-    for (int i = 0; i < 32; ++i)
-      if (m.mfcc_ttls[i]) out.push_back(i);
-    return out;
-  }
-  bool printed(std::string const& line) const { return std::find(lines.begin(), lines.end(), line) != lines.end(); }
-
-  AgentTestSys sys;
-  MfibTest::Tables tables;
-  Kiv::Ptr<MfibVornDir> vornDir = Vorn::Multicast::Fib::mfibVornDirFactory();
-  KernelMfc v4{Wirly::ipv4}, v6{Wirly::ipv6};
-  std::unique_ptr<RouteEngine> engine;
-  Kiv::Ptr<Status> app;
-  std::vector<std::string> lines;
-  std::uint64_t clockNs = 1000;
-  std::size_t seenAdds = 0;
-};
 
 TEST_F(EngineTest, AnSgRouteIsInstalledAsSoonAsItIsBestAndSharesItsOifSet) {
   publish(*app, sg("10.1.0.2", "239.1.1.1"), "Ethernet1", {2, 3}, 5);
@@ -310,6 +218,133 @@ TEST_F(EngineTest, IPv6RoutesProgramMifsAndFlowsAreLoggedOnce) {
   publish(*app, starG("ff3e::1"), "Ethernet1", {2});
   EXPECT_EQ(log.size(), 2u);
   EXPECT_TRUE(printed("install (2001:db8::3, ff3e::1) Ethernet1 -> Ethernet2"));
+}
+
+}  // namespace MrouteAgentTest
+
+namespace MrouteAgentTest {
+
+// Reports of flows without a route, as a local user's flood makes them.
+class BudgetTest : public EngineTest {
+ protected:
+  void budget(UpcallRate perIntf, UpcallRate total, std::uint32_t dropMax = 1000) {
+    engine->budget()->settingsIs({perIntf, total, dropMax});
+  }
+  // One report of an unrouted flow per call, each to a new group.
+  void unrouted(char const* intf, int n = 1) {
+    for (int i = 0; i < n; ++i) {
+      std::string const g = "239.50." + std::to_string(next / 250) + "." + std::to_string(next % 250 + 1);
+      ++next;
+      engine->handleNoCache(Wirly::ipv4, IpGenAddr("10.1.0.2"), IpGenAddr(g), IntfId(intf));
+    }
+  }
+  UpcallBudget const& b() const { return *engine->budget(); }
+  int next = 0;
+};
+
+TEST_F(BudgetTest, UnroutedReportsAreBoundedPerInterfaceAndInTotalAndRefillWithTime) {
+  budget({10, 3}, {20, 5});
+  unrouted("Ethernet1", 5);
+  EXPECT_EQ(adds().size(), 3u);
+  EXPECT_EQ(b().overIntfBudgetReports(), 2u);
+  // Ethernet2 has its own bucket, but only two tokens are left in total.
+  unrouted("Ethernet2", 5);
+  EXPECT_EQ(adds().size(), 2u);
+  EXPECT_EQ(b().overTotalBudgetReports(), 3u);
+  EXPECT_EQ(b().admittedReports(), 5u);
+  // A refused report leaves no trace in the event lines or the entries.
+  EXPECT_EQ(std::count_if(lines.begin(), lines.end(), [](auto const& l) { return l.rfind("upcall nocache", 0) == 0; }),
+            5);
+  EXPECT_EQ(engine->entries(Wirly::ipv4).size(), 5u);
+
+  // 100 ms: one token more for Ethernet1, two in total.
+  clockNs += 100'000'000;
+  unrouted("Ethernet1", 2);
+  EXPECT_EQ(adds().size(), 1u);
+  EXPECT_EQ(b().overIntfBudgetReports(), 3u);
+  // Long idle: the buckets hold their burst, no more.
+  clockNs += 60'000'000'000ull;
+  unrouted("Ethernet1", 4);
+  EXPECT_EQ(adds().size(), 3u);
+  EXPECT_EQ(b().overIntfBudgetReports(), 4u);
+  // A clock that steps back refills nothing.
+  clockNs -= 30'000'000'000ull;
+  unrouted("Ethernet2", 3);
+  EXPECT_EQ(adds().size(), 2u);  // what the total bucket had left
+  EXPECT_EQ(b().overTotalBudgetReports(), 4u);
+}
+
+TEST_F(BudgetTest, ARoutedFlowIsNeverRefused) {
+  budget({0, 0}, {0, 0}, 0);  // nothing for flows without a route
+  publish(*app, starG("239.2.2.2"), "Ethernet1", {2});
+  publish(*app, sg("10.1.0.9", "239.2.2.3"), "Ethernet1", {3});
+  adds();
+  unrouted("Ethernet1", 3);
+  EXPECT_TRUE(adds().empty());
+  engine->handleNoCache(Wirly::ipv4, IpGenAddr("10.1.0.2"), IpGenAddr("239.2.2.2"), IntfId("Ethernet1"));
+  engine->handleRecovered(Wirly::ipv4, IpGenAddr("10.1.0.3"), IpGenAddr("239.2.2.2"));
+  // An (S, G) route whose entry the kernel lost: its report is not refused either.
+  clockNs += 3 * RouteEngine::staleUpcallNs;
+  engine->handleNoCache(Wirly::ipv4, IpGenAddr("10.1.0.9"), IpGenAddr("239.2.2.3"), IntfId("Ethernet1"));
+  auto a = adds();
+  ASSERT_EQ(a.size(), 3u);
+  EXPECT_EQ(oifsOf(a[0]), (std::vector<int>{2}));
+  EXPECT_EQ(oifsOf(a[2]), (std::vector<int>{3}));
+  EXPECT_EQ(b().admittedReports(), 0u);
+  EXPECT_EQ(b().overIntfBudgetReports(), 3u);
+  // A flow found in the kernel's unresolved list meets the budget too, as
+  // the unknown interface.
+  EXPECT_FALSE(engine->handleRecovered(Wirly::ipv4, IpGenAddr("10.1.0.3"), IpGenAddr("239.2.9.9")));
+  EXPECT_TRUE(adds().empty());
+  EXPECT_EQ(b().overIntfBudgetReports(), 4u);
+  EXPECT_EQ(engine->recoveredFlows(), 1u);
+}
+
+TEST_F(BudgetTest, DropEntriesAreCappedAndCountedAsTheyComeAndGo) {
+  budget({1000, 1000}, {1000, 1000}, 2);
+  unrouted("Ethernet1", 3);
+  EXPECT_EQ(adds().size(), 2u);
+  EXPECT_EQ(b().dropEntries(), 2u);
+  EXPECT_EQ(b().dropEntryMaxRefusals(), 1u);
+  unrouted("Ethernet1");
+  auto const atMax = [this] {
+    return std::count(lines.begin(), lines.end(),
+                      "drop entries at their maximum of 2: flows without a route get none until some expire");
+  };
+  EXPECT_EQ(atMax(), 1);  // said once, counted each time
+  EXPECT_EQ(b().dropEntryMaxRefusals(), 2u);
+
+  // A route takes over a drop entry: room for one more.
+  publish(*app, sg("10.1.0.2", "239.50.0.1"), "Ethernet1", {2});
+  EXPECT_EQ(b().dropEntries(), 1u);
+  unrouted("Ethernet1");
+  EXPECT_EQ(b().dropEntries(), 2u);
+  // Its withdrawal removes the entry; a flow that asks again may be capped.
+  withdraw(*app, sg("10.1.0.2", "239.50.0.1"));
+  EXPECT_EQ(b().dropEntries(), 2u);
+  engine->handleNoCache(Wirly::ipv4, IpGenAddr("10.1.0.2"), IpGenAddr("239.50.0.1"), IntfId("Ethernet1"));
+  EXPECT_EQ(b().dropEntryMaxRefusals(), 3u);
+  EXPECT_EQ(atMax(), 2);  // the count went below the maximum and came back
+  adds();
+
+  // Idle drop entries expire and free their places.
+  clockNs += 120'000'000'000ull;
+  EXPECT_EQ(engine->expireDrops(60'000'000'000ull), 2u);
+  EXPECT_EQ(b().dropEntries(), 0u);
+  unrouted("Ethernet1");
+  EXPECT_EQ(adds().size(), 1u);
+
+  std::string const text = showText(*engine);
+  EXPECT_NE(text.find("flows without a route: admitted 4  over interface budget 0  over total budget 0  drop entries 1 "
+                      "of 2  refused at maximum 3"),
+            std::string::npos)
+      << text;
+  EXPECT_NE(showJson(*engine).find("\"unrouted\": {\"admitted\": 4, \"overIntfBudget\": 0, \"overTotalBudget\": 0, "
+                                   "\"dropEntries\": 1, \"dropEntryMax\": 2, \"dropEntryMaxRefusals\": 3}}"),
+            std::string::npos);
+  // kivctl reads the same counters by name.
+  EXPECT_EQ(Kiv::attrGet(b(), "dropEntryMaxRefusals"), "3");
+  EXPECT_EQ(Kiv::attrGet(b(), "dropEntries"), "1");
 }
 
 }  // namespace MrouteAgentTest

@@ -10,6 +10,7 @@
 
 #include "Agent.h"
 #include "Kiv/ServerSocket.h"
+#include "Show.h"
 
 namespace MrouteAgent {
 
@@ -39,16 +40,10 @@ int showMain(std::string const& name, bool json) {
     ::close(fd);
     return 1;
   }
-  char buf[65536];
-  for (;;) {
-    ssize_t const n = ::read(fd, buf, sizeof buf);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) break;
-    std::cout.write(buf, n);
-  }
+  int const rc = showAnswer(fd, std::cout, std::cerr);
   ::close(fd);
   std::cout.flush();
-  return 0;
+  return rc;
 }
 
 }  // namespace MrouteAgent

@@ -5,6 +5,7 @@
 #include <signal.h>
 #include <sys/socket.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <iostream>
 #include <string>
@@ -19,6 +20,7 @@ namespace {
 
 char const* const kUsage = R"(Usage:
   mroute-agent run --intf IF[,IF...] [--name NAME] [--ipv4|--ipv6] [--flow-log FILE]
+                   [--unrouted-rate R[/B]] [--unrouted-total-rate R[/B]] [--drop-entry-max N]
   mroute-agent show [--json] [--name NAME]
   mroute-agent --help | --version
 
@@ -33,8 +35,22 @@ run   programs the kernel's multicast forwarding cache of the current network
         --flow-log FILE  per installed flow: family, source, group, the
                          monotonic nanoseconds at which the agent learned of
                          it and installed it, and how it learned of it
+      A packet of a flow that no route covers makes the kernel ask the
+      agent, which then installs a drop entry so the kernel stops asking.
+      Any local user can send to many such groups, so that work is bounded;
+      reports past the bounds are only counted (see show). Flows that have
+      a route are never bounded.
+        --unrouted-rate R[/B]        such reports acted on per second per
+                                     incoming interface, bursts of B
+                                     (default 1000/1000)
+        --unrouted-total-rate R[/B]  the same for all interfaces together
+                                     (default 2000/2000)
+        --drop-entry-max N           most drop entries held at once
+                                     (default 8192); idle ones expire
 show  lists what the running agent NAME holds, per VRF and route: owner,
-      interfaces, shared OIF set, kernel counters, RPF failures, failures.
+      interfaces, shared OIF set, kernel counters, RPF failures, failures;
+      then the drop entries and the agent's counters, the upcall budget's
+      included. Exits 1 with a message when the answer is incomplete.
         --json           the same as one JSON document
 
 Environment: VORN_ROOT (the table root; default /run/vorn for root, else
@@ -84,6 +100,23 @@ class UserNamespaceSys : public Wirly::Sys {
   Wirly::Sys& next_;
 };
 
+// "R" or "R/B" (B defaults to R); false on anything else.
+bool parseRate(char const* text, MrouteAgent::UpcallBudget::Rate& out) {
+  if (!text) return false;
+  char* end = nullptr;
+  double const rate = std::strtod(text, &end);
+  if (end == text || !(rate >= 0) || rate > 1e9) return false;
+  double burst = rate;
+  if (*end == '/') {
+    char const* b = end + 1;
+    burst = std::strtod(b, &end);
+    if (end == b || !(burst >= 0) || burst > 1e9) return false;
+  }
+  if (*end != '\0') return false;
+  out = {rate, burst};
+  return true;
+}
+
 int usageError(std::string const& what) {
   std::cerr << "mroute-agent: " << what << "\nTry 'mroute-agent --help'.\n";
   return 2;
@@ -129,6 +162,17 @@ int main(int argc, char** argv) {
       char const* v = value();
       if (!v) return usageError("--flow-log needs a file");
       o.flowLog = v;
+    } else if (a == "--unrouted-rate" && cmd == "run") {
+      if (!parseRate(value(), o.budget.perIntf)) return usageError("--unrouted-rate needs RATE or RATE/BURST");
+    } else if (a == "--unrouted-total-rate" && cmd == "run") {
+      if (!parseRate(value(), o.budget.total)) return usageError("--unrouted-total-rate needs RATE or RATE/BURST");
+    } else if (a == "--drop-entry-max" && cmd == "run") {
+      char const* v = value();
+      char* end = nullptr;
+      unsigned long const n = v ? std::strtoul(v, &end, 10) : 0;
+      if (!v || end == v || *end != '\0' || *v == '-' || n > 0xffffffffu)
+        return usageError("--drop-entry-max needs a count");
+      o.budget.dropEntryMax = static_cast<std::uint32_t>(n);
     } else if (a == "--json" && cmd == "show") {
       json = true;
     } else if (a == "--help" || a == "-h") {
