@@ -4,11 +4,13 @@
 // Brisklog.h.
 #include "Brisklog/Brisklog.h"
 
+#include "Brisklog/Retention.h"
 #include "Kiv/MappingGuard.h"
 
 #include <errno.h>
 #include <fcntl.h>
 #include <pthread.h>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -47,11 +49,14 @@ struct State {
   Config config;
   bool configured = false;
   bool atforkDone = false;
+  bool atexitDone = false;
   std::uint32_t nextGeneration = 1;
   std::uint32_t generation = 0;  // of the open file, 0 when none
   char* base = nullptr;
   std::size_t bytes = 0;
   std::string path;
+  int fd = -1;  // open, and locked, while the file is in use
+  std::uint32_t keepPerProgram = 0;
   // Someone may truncate or remove-and-shrink the file under the writer;
   // records then go nowhere, but the process lives.
   Kiv::MappingGuard guard;
@@ -72,6 +77,15 @@ std::uint32_t envNumber(char const* name, std::uint32_t fallback) {
   return (end && *end == '\0' && n > 0 && n <= 0xffffffffu) ? std::uint32_t(n) : fallback;
 }
 
+// Like envNumber, but 0 is a value.
+std::uint64_t envCount(char const* name, std::uint64_t fallback) {
+  char const* v = std::getenv(name);
+  if (!v || !*v) return fallback;
+  char* end = nullptr;
+  unsigned long long n = std::strtoull(v, &end, 10);
+  return (end && *end == '\0' && n < (1ull << 44)) ? n : fallback;
+}
+
 Config configFromEnv() {
   Config c;
   if (char const* d = std::getenv("BRISKLOG_DIR")) c.dir = d;
@@ -83,6 +97,8 @@ Config configFromEnv() {
     std::string v(on);
     c.enabled = !(v == "off" || v == "0" || v == "no");
   }
+  c.keepPerProgram = std::uint32_t(std::min<std::uint64_t>(envCount("BRISKLOG_KEEP", c.keepPerProgram), 1u << 20));
+  c.dirBudgetBytes = envCount("BRISKLOG_DIR_MB", c.dirBudgetBytes >> 20) << 20;
   return c;
 }
 
@@ -149,6 +165,8 @@ void fail(State& s, char const* call, std::string const& what, int err) {
 void unmapLocked(State& s) {
   s.guard.release();
   if (s.base) munmap(s.base, s.bytes);
+  if (s.fd >= 0) ::close(s.fd);
+  s.fd = -1;
   s.base = nullptr;
   s.bytes = 0;
   s.generation = 0;
@@ -157,12 +175,76 @@ void unmapLocked(State& s) {
   gGeneration.store(kClosed);
 }
 
+RingHeader* ringAt(State& s, std::uint32_t i) {
+  FileHeader const* h = reinterpret_cast<FileHeader const*>(s.base);
+  return reinterpret_cast<RingHeader*>(s.base + h->layout.ringOffset +
+                                       std::uint64_t(i) * (kRingHeaderBytes + h->layout.ringBytes));
+}
+
 // The child of a fork must not write into its parent's file; it makes its own
-// on its first record. Only the forking thread exists in the child.
+// on its first record. Only the forking thread exists in the child. Closing
+// its copy of the descriptor leaves the parent's lock in place.
 void afterForkInChild() {
   State& s = state();
   new (&s.mutex) std::mutex;
   unmapLocked(s);
+}
+
+// A new file, locked by this process for as long as it keeps the
+// descriptor. A file left at the path by an earlier process with this pid
+// is replaced, not reused: a reader may still have it mapped, and a pruner
+// that locked it may be about to remove it by name.
+int createLocked(std::string const& path) {
+  for (int attempt = 0; attempt < 4; ++attempt) {
+    int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0644);
+    if (fd < 0) {
+      if (errno != EEXIST || (::unlink(path.c_str()) != 0 && errno != ENOENT)) return -1;
+      continue;
+    }
+    // A pruner may have taken the new, still empty, file for an abandoned
+    // one between the open and the lock; then the name no longer leads here.
+    struct stat mine {
+    }, named{};
+    if (flock(fd, LOCK_EX) == 0 && fstat(fd, &mine) == 0 && stat(path.c_str(), &named) == 0 &&
+        mine.st_ino == named.st_ino && mine.st_dev == named.st_dev)
+      return fd;
+    ::close(fd);
+  }
+  errno = EAGAIN;
+  return -1;
+}
+
+// What a process that ends normally never wrote goes back to the file
+// system. A page past each ring's head is kept for the records that other
+// threads, which exit() stops wherever they are, may be writing meanwhile.
+void trimLocked(State& s) {
+  FileHeader const* h = reinterpret_cast<FileHeader const*>(s.base);
+  FileLayout const& l = h->layout;
+  std::uint64_t const page = std::uint64_t(sysconf(_SC_PAGESIZE));
+  auto giveBack = [&](std::uint64_t from, std::uint64_t to) {
+    from = (from + page - 1) / page * page;
+    to = to / page * page;
+    if (to > from) fallocate(s.fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, off_t(from), off_t(to - from));
+  };
+  std::uint32_t const used = __atomic_load_n(&h->descriptorUsed, __ATOMIC_RELAXED);
+  giveBack(l.descriptorOffset + used, l.ringOffset);
+  for (std::uint32_t i = 0; i < l.ringCount; ++i) {
+    std::uint64_t const data = l.ringOffset + std::uint64_t(i) * (kRingHeaderBytes + l.ringBytes) + kRingHeaderBytes;
+    std::uint64_t const head = __atomic_load_n(&ringAt(s, i)->head, __ATOMIC_ACQUIRE);
+    if (head + page < l.ringBytes) giveBack(data + head + page, data + l.ringBytes);
+  }
+}
+
+void atExit() {
+  State& s = state();
+  // Another thread may hold the lock for good as the process ends.
+  std::unique_lock<std::mutex> lock(s.mutex, std::try_to_lock);
+  if (!lock.owns_lock() || s.generation == 0 || s.guard.truncated()) return;
+  if (s.keepPerProgram == 0) {
+    ::unlink(s.path.c_str());
+    return;
+  }
+  trimLocked(s);
 }
 
 bool openLocked(State& s) {
@@ -191,7 +273,7 @@ bool openLocked(State& s) {
   std::string path = dir + "/" + name + "-" + std::to_string(pid) + ".brisklog";
 
   std::size_t bytes = kHeaderBytes + std::size_t(descBytes) + std::size_t(ringCount) * (kRingHeaderBytes + ringBytes);
-  int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  int fd = createLocked(path);
   if (fd < 0) {
     fail(s, "open", path, errno);
     return false;
@@ -213,9 +295,10 @@ bool openLocked(State& s) {
     return false;
   }
   void* m = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-  int err = errno;
-  ::close(fd);
   if (m == MAP_FAILED) {
+    int err = errno;
+    ::close(fd);
+    ::unlink(path.c_str());
     fail(s, "mmap", path, err);
     return false;
   }
@@ -271,6 +354,8 @@ bool openLocked(State& s) {
   s.base = base;
   s.bytes = bytes;
   s.path = path;
+  s.fd = fd;
+  s.keepPerProgram = c.keepPerProgram;
   s.generation = s.nextGeneration++;
   if (s.nextGeneration == kClosed) s.nextGeneration = 1;
   gTicksPerSecond.store(std::uint64_t(tps));
@@ -280,6 +365,13 @@ bool openLocked(State& s) {
     pthread_atfork(nullptr, nullptr, afterForkInChild);
     s.atforkDone = true;
   }
+  if (!s.atexitDone) {
+    std::atexit(atExit);
+    s.atexitDone = true;
+  }
+  // Once this file is made and locked, so that processes starting at the
+  // same time see it as in use.
+  prune(dir, Retention{c.keepPerProgram, c.dirBudgetBytes}, name);
   return true;
 }
 
@@ -311,12 +403,6 @@ std::uint32_t registerLocked(State& s, CallSite const& site, char const* signatu
   __atomic_store_n(&h->descriptorCount, id, __ATOMIC_RELEASE);
   __atomic_store_n(&h->descriptorUsed, used + std::uint32_t(need), __ATOMIC_RELEASE);
   return id;
-}
-
-RingHeader* ringAt(State& s, std::uint32_t i) {
-  FileHeader const* h = reinterpret_cast<FileHeader const*>(s.base);
-  return reinterpret_cast<RingHeader*>(s.base + h->layout.ringOffset +
-                                       std::uint64_t(i) * (kRingHeaderBytes + h->layout.ringBytes));
 }
 
 // Set once the thread's ring is freed at its end; a record written later

@@ -23,6 +23,16 @@
 // with dir from configIs, else $BRISKLOG_DIR, else /dev/shm. A forked child
 // makes its own file on its first record.
 //
+// Retention: the file takes its whole size when made, so that a process
+// that crashes leaves every committed record. A process that exits normally
+// gives back the parts of its rings and descriptor table it never wrote
+// (the file keeps its apparent size; `du` shows what it costs). The writer
+// holds a lock on its file while it runs; when a process makes its file it
+// prunes the directory (Brisklog/Retention.h): of processes that have gone
+// it keeps the newest `keepPerProgram` files per process name, and removes
+// gone files oldest first while the directory's trace files take more than
+// `dirBudgetBytes`. Files of running processes are never removed.
+//
 // Threads: each thread claims a ring of its own on its first record and
 // writes it without atomic read-modify-write; when every exclusive ring is
 // taken, further threads share the last ring and reserve space in it by
@@ -64,11 +74,14 @@ struct Config {
   std::uint32_t maxStringBytes = 200;
   bool useTsc = true;  // false, or no invariant TSC: CLOCK_MONOTONIC
   bool enabled = true;
+  std::uint32_t keepPerProgram = 3;            // files of gone processes kept per name
+  std::uint64_t dirBudgetBytes = 64ull << 20;  // all trace files of the directory; 0: no bound
 };
 
 // The configuration the next file is made with: the environment's
 // (BRISKLOG_DIR, BRISKLOG_RING_KB, BRISKLOG_RINGS, BRISKLOG_CLOCK=tsc|monotonic,
-// BRISKLOG=off) until configIs is called.
+// BRISKLOG=off, BRISKLOG_KEEP=<files>, BRISKLOG_DIR_MB=<MiB, 0: no bound>)
+// until configIs is called.
 Config config();
 // Closes the current file; the next record makes a new one with `c`.
 void configIs(Config const& c);

@@ -19,6 +19,7 @@
 #include <fstream>
 
 #include "Brisklog/Layout.h"
+#include "Brisklog/Retention.h"
 
 namespace Brisklog {
 
@@ -338,30 +339,7 @@ void Reader::validateHeader() {
   cursors_.resize(l.ringCount);
 }
 
-bool Reader::writerAlive() const {
-  if (!usable_ || info_.pid == 0) return false;
-  if (kill(pid_t(info_.pid), 0) != 0 && errno != EPERM) return false;
-  // A zombie writes no more.
-  std::ifstream stat("/proc/" + std::to_string(info_.pid) + "/stat");
-  std::string statLine;
-  if (stat && std::getline(stat, statLine)) {
-    std::size_t close = statLine.rfind(')');
-    if (close != std::string::npos && close + 2 < statLine.size() &&
-        (statLine[close + 2] == 'Z' || statLine[close + 2] == 'X'))
-      return false;
-  }
-  // A reused pid runs some other program.
-  std::ifstream comm("/proc/" + std::to_string(info_.pid) + "/comm");
-  std::string name;
-  if (comm && std::getline(comm, name)) {
-    for (char& ch : name) {
-      bool ok = std::isalnum(static_cast<unsigned char>(ch)) || ch == '.' || ch == '_' || ch == '-';
-      if (!ok) ch = '_';
-    }
-    return name == info_.processName;
-  }
-  return true;
-}
+bool Reader::writerAlive() const { return usable_ && writerRuns(path_); }
 
 void Reader::refreshClock() {
   FileHeader const* h = reinterpret_cast<FileHeader const*>(map_);
