@@ -32,6 +32,13 @@ thread_local constinit ThreadSlot tSlot __attribute__((tls_model("initial-exec")
 constexpr std::uint32_t kClosed = 0xffffffffu;
 std::atomic<std::uint32_t> gGeneration{kClosed};
 
+// Where the threads writing the shared ring have reserved: a position | 1,
+// 0 for a free slot. A writer takes a slot before it reserves and frees it
+// once its record is committed.
+constexpr std::uint32_t kIntentSlots = 64;
+std::atomic<std::uint64_t> gIntent[kIntentSlots];
+std::atomic<std::uint32_t> gIntentsUsed{0};  // slots ever taken: the ones to look at
+
 }  // namespace detail
 
 namespace {
@@ -188,6 +195,8 @@ void afterForkInChild() {
   State& s = state();
   new (&s.mutex) std::mutex;
   unmapLocked(s);
+  // Threads that were mid-record in the parent do not exist here.
+  for (auto& intent : detail::gIntent) intent.store(0, std::memory_order_relaxed);
 }
 
 // A new file, locked by this process for as long as it keeps the
@@ -493,17 +502,85 @@ void syncClock(std::uint64_t now) {
   __atomic_store_n(&h->syncBusy, 0, __ATOMIC_RELEASE);
 }
 
+std::atomic<std::uint64_t>* takeIntent(ThreadSlot& t, std::uint64_t value) {
+  std::uint32_t const first = t.intent ? t.intent - 1 : std::uint32_t(gettid()) % kIntentSlots;
+  for (std::uint32_t k = 0; k < kIntentSlots; ++k) {
+    std::uint32_t const i = (first + k) % kIntentSlots;
+    std::uint64_t expected = 0;
+    if (gIntent[i].compare_exchange_strong(expected, value, std::memory_order_seq_cst)) {
+      t.intent = i + 1;
+      std::uint32_t used = gIntentsUsed.load(std::memory_order_relaxed);
+      while (used <= i && !gIntentsUsed.compare_exchange_weak(used, i + 1, std::memory_order_seq_cst)) {
+      }
+      return &gIntent[i];
+    }
+  }
+  t.intent = 0;  // more threads than slots mid-record: this record goes unannounced
+  return nullptr;
+}
+
+// Waits until no slot announces a reservation of an earlier lap whose
+// record may still be written into [from, from + length) of the ring. A
+// reservation is announced before it is made (both sequentially
+// consistent), so a writer that reserved before this one is seen here, or
+// has finished. A slot announces where its writer saw the head, so its
+// record lies within two records' length of it (a padding marker and a
+// record at the next lap's start when it wraps).
+// The reservation a writer last gave up waiting for: a thread stopped for
+// good costs one wait, not one per record or per thread.
+std::atomic<std::uint64_t> gGivenUp{0};
+
+void awaitEarlierLap(ThreadSlot const& t, std::atomic<std::uint64_t> const* mine, std::uint64_t from,
+                     std::uint64_t length) {
+  std::uint64_t const ringBytes = t.mask + 1;
+  std::uint64_t const reach = 2 * std::uint64_t(t.maxRecord);
+  std::uint32_t const used = gIntentsUsed.load(std::memory_order_seq_cst);
+  for (std::uint32_t i = 0; i < used; ++i) {
+    if (&gIntent[i] == mine) continue;
+    std::uint64_t const v = gIntent[i].load(std::memory_order_seq_cst);
+    std::uint64_t const at = v & ~std::uint64_t(1);
+    if (v == 0 || from + length <= at + ringBytes) continue;  // not a lap behind
+    std::uint64_t const gap = (from - at) & t.mask;
+    if (gap >= reach && gap + length <= ringBytes) continue;  // elsewhere in the ring
+    if (v == gGivenUp.load(std::memory_order_relaxed)) continue;
+    std::uint64_t const deadline = ticks(t) + gTicksPerSecond.load(std::memory_order_relaxed) / 10;
+    for (int spin = 0; gIntent[i].load(std::memory_order_acquire) == v; ++spin) {
+      if (spin < 64) {
+#if defined(__x86_64__) || defined(__i386__)
+        __builtin_ia32_pause();
+#endif
+        continue;
+      }
+      if (ticks(t) > deadline) {
+        // Stopped for good, it seems: write anyway, and do not wait for it again.
+        gGivenUp.store(v, std::memory_order_relaxed);
+        break;
+      }
+      sched_yield();
+    }
+  }
+}
+
 std::uint64_t reserveShared(ThreadSlot& t, std::uint64_t need) {
-  std::uint64_t pos = __atomic_load_n(&t.ring->head, __ATOMIC_RELAXED);
+  std::uint64_t pos = __atomic_load_n(&t.ring->head, __ATOMIC_SEQ_CST);
+  std::atomic<std::uint64_t>* mine = takeIntent(t, pos | 1);
   std::uint64_t start;
-  do {
+  for (;;) {
     start = pos;
     if ((pos & t.mask) + need > t.mask + 1) start = (pos | t.mask) + 1;
-  } while (!__atomic_compare_exchange_n(&t.ring->head, &pos, start + need, true, __ATOMIC_ACQ_REL, __ATOMIC_RELAXED));
+    if (__atomic_compare_exchange_n(&t.ring->head, &pos, start + need, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST))
+      break;
+    if (mine) mine->store(pos | 1, std::memory_order_seq_cst);
+  }
+  awaitEarlierLap(t, mine, pos, start + need - pos);
   if (start != pos) {
     __atomic_store_n(reinterpret_cast<std::uint64_t*>(t.data + (pos & t.mask)), pos ^ kPadKey, __ATOMIC_RELEASE);
   }
   return start;
+}
+
+void doneShared(ThreadSlot& t) {
+  if (t.intent) gIntent[t.intent - 1].store(0, std::memory_order_release);
 }
 
 }  // namespace detail

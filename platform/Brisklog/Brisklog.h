@@ -36,10 +36,16 @@
 // Threads: each thread claims a ring of its own on its first record and
 // writes it without atomic read-modify-write; when every exclusive ring is
 // taken, further threads share the last ring and reserve space in it by
-// compare-and-swap; their records are built on the stack and carry a
-// checksum, so that a thread preempted mid-record, which may finish in space
-// the others have reused, leaves records the decoder drops and reports
-// rather than prints mixed. A thread's ring is freed when the thread ends.
+// compare-and-swap. A thread writing there first says where it reserves;
+// a thread that comes round the ring to space another has reserved a lap
+// earlier and not yet finished (it was preempted mid-record) waits for it,
+// yielding the processor, for up to 100 ms, so that no record is lost to a
+// preemption, even on a busy machine. Past that (a thread stopped for
+// longer, by a debugger say; the writers wait for it once) it writes anyway: the
+// records are built on the stack and carry a checksum, so the late one,
+// finishing in space the others have reused, leaves records the decoder
+// drops and reports rather than prints mixed. A thread's ring is freed when
+// the thread ends.
 // configIs() and close() must not run while another thread writes.
 //
 // Crash survival: a record is committed by storing its position stamp last,
@@ -148,6 +154,7 @@ struct ThreadSlot {
   std::uint32_t maxString;
   std::uint64_t nextSyncTicks;
   std::uint32_t useTsc;
+  std::uint32_t intent;  // the shared ring's reservation slot last used, +1
 };
 
 extern thread_local constinit ThreadSlot tSlot __attribute__((tls_model("initial-exec")));
@@ -157,7 +164,10 @@ extern std::atomic<std::uint32_t> gGeneration;
 // False when nothing should be written.
 bool prepare(CallSite& site, char const* signature);
 void syncClock(std::uint64_t ticks);
+// Space in the shared ring, once no record of an earlier lap is still being
+// written there; the caller ends the reservation with doneShared().
 std::uint64_t reserveShared(ThreadSlot& t, std::uint64_t need);
+void doneShared(ThreadSlot& t);
 
 inline std::uint64_t ticks(ThreadSlot const& t) {
 #if defined(__x86_64__) || defined(__i386__)
@@ -367,6 +377,7 @@ template <class... N>
   char* slot = t.data + (pos & t.mask);
   std::memcpy(slot + 8, r + 8, span - 8);
   __atomic_store_n(reinterpret_cast<std::uint64_t*>(slot), pos ^ kRecordKey, __ATOMIC_RELEASE);
+  doneShared(t);
 }
 
 template <class... N>
