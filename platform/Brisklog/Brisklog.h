@@ -18,10 +18,10 @@
 // `brisklogArg(T const&)`, found by argument-dependent lookup, that returns
 // one of these.
 //
-// The write path takes no lock, allocates nothing and makes no system call.
-// The process-wide file is made on the first record: "<dir>/<process>-<pid>.brisklog"
-// with dir from configIs, else $BRISKLOG_DIR, else /dev/shm. A forked child
-// makes its own file on its first record.
+// The write path takes no lock, allocates nothing and makes no system call
+// (but for the rare wait in the shared ring, below). The process-wide file is made on the first record:
+// "<dir>/<process>-<pid>.brisklog" with dir from configIs, else $BRISKLOG_DIR, else /dev/shm. A forked child makes its
+// own file on its first record.
 //
 // Retention: the file takes its whole size when made, so that a process
 // that crashes leaves every committed record. A process that exits normally
@@ -41,11 +41,11 @@
 // earlier and not yet finished (it was preempted mid-record) waits for it,
 // yielding the processor, for up to 100 ms, so that no record is lost to a
 // preemption, even on a busy machine. Past that (a thread stopped for
-// longer, by a debugger say; the writers wait for it once) it writes anyway: the
-// records are built on the stack and carry a checksum, so the late one,
-// finishing in space the others have reused, leaves records the decoder
-// drops and reports rather than prints mixed. A thread's ring is freed when
-// the thread ends.
+// longer, by a debugger say; the writers wait for it once) it writes
+// anyway: the records are built on the stack and carry a checksum, so the
+// late one, finishing in space the others have reused, leaves records the
+// decoder drops and reports rather than prints mixed. A thread's ring is
+// freed when the thread ends.
 // configIs() and close() must not run while another thread writes.
 //
 // Crash survival: a record is committed by storing its position stamp last,
