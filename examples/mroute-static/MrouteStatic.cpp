@@ -5,10 +5,19 @@
 //   mroute-static --app static --file /etc/mroutes      # until SIGINT/SIGTERM
 //   kill -HUP <pid>                                      # re-read, apply the differences
 //
-// After every (re)load it prints "static <app>: <n> routes (+a -r ~c)";
-// malformed lines go to stderr as "<file>:<line>: ...". On SIGINT or
-// SIGTERM it withdraws its tables. --once publishes and exits, leaving the
-// tables announced; a later run for the same application takes them over.
+// After every (re)load it prints "static <app>: <n> routes (+a -r ~c)", and
+// when lines were refused "; <k> refused: <m> malformed, <t> table full, ...";
+// the same counts go to the trace. Malformed lines go to stderr as
+// "<file>:<line>: ...". On SIGINT or SIGTERM it withdraws its tables. --once
+// publishes and exits, leaving the tables announced; a later run for the
+// same application takes them over.
+//
+// Exit status: 0 when the last load published every route of the file; 1
+// when it refused a line (or, on a reload, could not read the file, which
+// keeps the routes published before), or the file could not be read at the
+// start; 2 for a usage error. A daemon keeps running and publishing what it
+// can after a refusal; its status when it is stopped tells whether the
+// tables it withdrew matched the file.
 #include <signal.h>
 
 #include <cerrno>
@@ -18,6 +27,7 @@
 #include <string>
 #include <vector>
 
+#include "Brisklog/Brisklog.h"
 #include "Kiv/Exception.h"
 #include "MrouteVersion.h"
 #include "RouteFile.h"
@@ -36,7 +46,9 @@ char const* const kUsage =
     "SIGTERM. --once publishes and exits, leaving the tables announced. One route\n"
     "per line:\n"
     "  <vrf> <source|*> <group> <iif> <oif>[,<oif>...]|- [priority 1..255, default 1]\n"
-    "for example: default 10.1.0.2 239.1.1.1 Ethernet1 Ethernet2,Ethernet3 2\n";
+    "for example: default 10.1.0.2 239.1.1.1 Ethernet1 Ethernet2,Ethernet3 2\n"
+    "Exit status: 0 when the last load published every line, 1 when it refused\n"
+    "any (malformed, table full, ...) or the file could not be read, 2 for usage.\n";
 
 bool validAppName(std::string const& name) {
   if (name.empty() || name.size() > 64 || name[0] == '.') return false;
@@ -61,11 +73,19 @@ bool read(std::string const& file, MrouteStatic::ParsedFile& parsed) {
   return true;
 }
 
-void apply(MrouteStatic::StaticPublisher& pub, MrouteStatic::ParsedFile const& parsed) {
-  MrouteStatic::StaticPublisher::Change const c = pub.apply(parsed.routes);
+// Publishes the file's routes; false when any line was refused.
+bool apply(MrouteStatic::StaticPublisher& pub, MrouteStatic::ParsedFile const& parsed) {
+  MrouteStatic::StaticPublisher::Change c = pub.apply(parsed.routes);
+  c.malformed = parsed.errors.size();
   for (std::string const& p : pub.problems()) std::cerr << "mroute-static: " << p << "\n";
   std::cerr.flush();
   std::cout << pub.summary(c) << std::endl;
+  BRISKLOG("MrouteStatic",
+           "load: %zu routes (+%zu -%zu ~%zu), refused %zu: malformed %zu, table full %zu, no interface index %zu, "
+           "no VRF table %zu, not published %zu",
+           c.routes, c.added, c.removed, c.changed, c.refused(), c.malformed, c.tableFull, c.noOifIndex, c.noTable,
+           c.otherwise);
+  return c.refused() == 0;
 }
 
 }  // namespace
@@ -120,21 +140,24 @@ int main(int argc, char** argv) {
     }
     auto em = Stelo::EntityManager::entityManagerIs();
     MrouteStatic::StaticPublisher pub(app, em);
-    apply(pub, parsed);
-    if (once) return 0;
+    bool complete = apply(pub, parsed);
+    if (once) return complete ? 0 : 1;
     for (;;) {
       int const sig = ::sigwaitinfo(&signals, nullptr);
       if (sig < 0) continue;  // EINTR
       if (sig == SIGHUP) {
-        if (read(file, parsed))
-          apply(pub, parsed);
-        else
+        if (read(file, parsed)) {
+          complete = apply(pub, parsed);
+        } else {
+          complete = false;
           std::cerr << "; keeping " << pub.published().size() << " routes" << std::endl;
+          BRISKLOG("MrouteStatic", "reload: cannot read %s; keeping %zu routes", file, pub.published().size());
+        }
         continue;
       }
       pub.withdraw();
       std::cout << "static " << app << ": withdrawn" << std::endl;
-      return 0;
+      return complete ? 0 : 1;
     }
   } catch (std::exception const& e) {
     std::cerr << "mroute-static: " << app << ": " << e.what() << std::endl;

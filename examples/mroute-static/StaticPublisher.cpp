@@ -29,6 +29,16 @@ std::string StaticPublisher::summary(Change const& c) const {
   std::ostringstream os;
   os << "static " << app_ << ": " << c.routes << " routes (+" << c.added << " -" << c.removed << " ~" << c.changed
      << ")";
+  if (c.refused() == 0) return os.str();
+  os << "; " << c.refused() << " refused:";
+  char const* sep = " ";
+  for (auto [n, reason] : {std::pair{c.malformed, "malformed"}, std::pair{c.tableFull, "table full"},
+                           std::pair{c.noOifIndex, "no interface index left"}, std::pair{c.noTable, "no VRF table"},
+                           std::pair{c.otherwise, "not published"}}) {
+    if (n == 0) continue;
+    os << sep << n << " " << reason;
+    sep = ", ";
+  }
   return os.str();
 }
 
@@ -142,10 +152,19 @@ StaticPublisher::Change StaticPublisher::apply(RouteMap const& routes) {
     auto old = published_.find(id);
     if (old != published_.end() && old->second == r) continue;
     Vrf* vrf = doAddVrf(id.first);
-    if (vrf == nullptr || !doMapOifs(id.first, *vrf, r)) continue;
+    if (vrf == nullptr) {
+      ++c.noTable;
+      continue;
+    }
+    if (!doMapOifs(id.first, *vrf, r)) {
+      ++c.noOifIndex;
+      continue;
+    }
     try {
       vrf->table->routePublish(routeOf(id.second, r, *vrf));
     } catch (Kiv::Exception const& e) {
+      // A full table is the one refusal the table names as a range error.
+      ++(dynamic_cast<Kiv::RangeException const*>(&e) ? c.tableFull : c.otherwise);
       problems_.push_back("VRF " + id.first.str() + ": route (" + sourceText(id.second) + ", " +
                           id.second.group().address().str() + ") not published: " + e.what());
       continue;

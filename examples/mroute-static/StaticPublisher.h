@@ -25,8 +25,8 @@
 //   killed, or ran with --once) takes them over: the first apply() brings
 //   them to the file and counts against what they held.
 // - What cannot be published (a full table, a VRF without room for another
-//   interface) is left out, said in problems(), and tried again on the next
-//   apply().
+//   interface) is left out, counted by reason in the Change, said in
+//   problems(), and tried again on the next apply().
 #pragma once
 
 #include <cstddef>
@@ -49,6 +49,13 @@ class StaticPublisher {
     std::size_t added = 0;
     std::size_t removed = 0;
     std::size_t changed = 0;
+    // Routes given but left out, by reason.
+    std::size_t malformed = 0;   // lines the route file refused (counted by the caller)
+    std::size_t tableFull = 0;   // the VRF's table had no room
+    std::size_t noOifIndex = 0;  // the VRF had no index left for an outgoing interface
+    std::size_t noTable = 0;     // the VRF's table could not be made
+    std::size_t otherwise = 0;   // the table refused the route for another reason
+    std::size_t refused() const { return malformed + tableFull + noOifIndex + noTable + otherwise; }
   };
 
   // Kiv::Exception when the application cannot publish in the MFIB
@@ -67,7 +74,9 @@ class StaticPublisher {
   RouteMap const& published() const { return published_; }
   // What the last apply() could not publish, one line each.
   std::vector<std::string> const& problems() const { return problems_; }
-  // "static <app>: <n> routes (+<added> -<removed> ~<changed>)"
+  // "static <app>: <n> routes (+<added> -<removed> ~<changed>)", followed,
+  // when routes were left out, by "; <k> refused: <m> malformed, <t> table
+  // full, ..." naming each reason that counted.
   std::string summary(Change const& c) const;
   // Where a VRF's table lives: mfib/<vrf>/<app>.
   std::string tableUrl(L3::VrfName const& vrf) const;

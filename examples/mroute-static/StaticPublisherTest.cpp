@@ -234,7 +234,7 @@ TEST(MrouteStaticProgram, ReloadsOnHangupAndWithdrawsOnTerminate) {
   EXPECT_EQ(line(e), file +
                          ":2: expected 'vrf source|* group iif oif[,oif...]|- [priority]', found 1 fields; "
                          "line skipped\n");
-  EXPECT_EQ(line(o), "static static: 1 routes (+1 -0 ~0)\n");
+  EXPECT_EQ(line(o), "static static: 1 routes (+1 -0 ~0); 1 refused: 1 malformed\n");
   write("default 10.1.0.2 239.1.1.1 Ethernet1 Ethernet3\nred 10.1.0.2 239.1.1.1 Ethernet1 Ethernet3\n");
   ::kill(pid, SIGHUP);
   EXPECT_EQ(line(o), "static static: 2 routes (+1 -0 ~1)\n");
@@ -248,10 +248,57 @@ TEST(MrouteStaticProgram, ReloadsOnHangupAndWithdrawsOnTerminate) {
   EXPECT_EQ(line(o), "static static: withdrawn\n");
   int status = 0;
   ASSERT_EQ(::waitpid(pid, &status, 0), pid);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  // The last load left the file's routes out: the tables it withdrew were not the file's.
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << status;
   EXPECT_EQ(announced(root.path()), "");
   std::fclose(o);
   std::fclose(e);
+}
+
+// A route the publisher cannot place is counted by its reason, and tried
+// again on the next apply.
+TEST_F(StaticPublisherTest, RoutesWithoutRoomAreCountedByReason) {
+  StaticPublisher pub("static", em);
+  std::string text;
+  for (int i = 1; i <= OifIndex::endValue + 2; ++i)
+    text += "default 10.1.0.2 239.1." + std::to_string(i / 256) + "." + std::to_string(i % 256) +
+            " Ethernet1000 Ethernet" + std::to_string(i) + "\n";
+  StaticPublisher::Change c = pub.apply(routes(text));
+  EXPECT_EQ(counts(c), "512 +512 -0 ~0");
+  EXPECT_EQ(c.noOifIndex, 2u);
+  EXPECT_EQ(c.refused(), 2u);
+  c.malformed = 1;
+  EXPECT_EQ(pub.summary(c),
+            "static static: 512 routes (+512 -0 ~0); 3 refused: 1 malformed, 2 no interface index left");
+  ASSERT_EQ(pub.problems().size(), 2u);
+  EXPECT_EQ(pub.problems()[0], "VRF default: no room for outgoing interface Ethernet513 (512 in use)");
+}
+
+// --once: the exit status says whether every line was published.
+TEST(MrouteStaticProgram, OneShotExitsNonZeroWhenAnyLineIsRefused) {
+  VornTest::PrivateRoot root;
+  std::string const file = root.path() + "/../mroute-static-once-" + std::to_string(::getpid()) + ".routes";
+  auto once = [&](std::string const& text, std::string& out) {
+    std::ofstream(file) << text;
+    std::string const cmd =
+        "VORN_ROOT=" + root.path() + " " + MROUTE_STATIC_PATH + " --app static --file " + file + " --once 2>/dev/null";
+    FILE* p = ::popen(cmd.c_str(), "r");
+    char buf[512];
+    out.clear();
+    while (std::fgets(buf, sizeof buf, p)) out += buf;
+    int const status = ::pclose(p);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  };
+  std::string out;
+  EXPECT_EQ(once("default 10.1.0.2 239.1.1.1 Ethernet1 Ethernet2\n", out), 0);
+  EXPECT_EQ(out, "static static: 1 routes (+1 -0 ~0)\n");
+  EXPECT_EQ(once("default 10.1.0.2 239.1.1.1 Ethernet1 Ethernet2\n"
+                 "default 10.1.0.2 239.1.1.2 Ethernet1 Ethernet1\n"
+                 "default 10.1.0.2 10.1.1.3 Ethernet1 Ethernet2\n",
+                 out),
+            1);
+  EXPECT_EQ(out, "static static: 1 routes (+0 -0 ~0); 2 refused: 2 malformed\n");
+  std::remove(file.c_str());
 }
 
 }  // namespace

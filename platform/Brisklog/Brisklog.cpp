@@ -4,12 +4,14 @@
 // Brisklog.h.
 #include "Brisklog/Brisklog.h"
 
+#include "Brisklog/Retention.h"
 #include "Kiv/MappingGuard.h"
 #include "Kiv/PathTrust.h"
 
 #include <errno.h>
 #include <fcntl.h>
 #include <pthread.h>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -31,6 +33,13 @@ thread_local constinit ThreadSlot tSlot __attribute__((tls_model("initial-exec")
 constexpr std::uint32_t kClosed = 0xffffffffu;
 std::atomic<std::uint32_t> gGeneration{kClosed};
 
+// Where the threads writing the shared ring have reserved: a position | 1,
+// 0 for a free slot. A writer takes a slot before it reserves and frees it
+// once its record is committed.
+constexpr std::uint32_t kIntentSlots = 64;
+std::atomic<std::uint64_t> gIntent[kIntentSlots];
+std::atomic<std::uint32_t> gIntentsUsed{0};  // slots ever taken: the ones to look at
+
 }  // namespace detail
 
 namespace {
@@ -48,11 +57,14 @@ struct State {
   Config config;
   bool configured = false;
   bool atforkDone = false;
+  bool atexitDone = false;
   std::uint32_t nextGeneration = 1;
   std::uint32_t generation = 0;  // of the open file, 0 when none
   char* base = nullptr;
   std::size_t bytes = 0;
   std::string path;
+  int fd = -1;  // open, and locked, while the file is in use
+  std::uint32_t keepPerProgram = 0;
   // Someone may truncate or remove-and-shrink the file under the writer;
   // records then go nowhere, but the process lives.
   Kiv::MappingGuard guard;
@@ -73,6 +85,15 @@ std::uint32_t envNumber(char const* name, std::uint32_t fallback) {
   return (end && *end == '\0' && n > 0 && n <= 0xffffffffu) ? std::uint32_t(n) : fallback;
 }
 
+// Like envNumber, but 0 is a value.
+std::uint64_t envCount(char const* name, std::uint64_t fallback) {
+  char const* v = std::getenv(name);
+  if (!v || !*v) return fallback;
+  char* end = nullptr;
+  unsigned long long n = std::strtoull(v, &end, 10);
+  return (end && *end == '\0' && n < (1ull << 44)) ? n : fallback;
+}
+
 Config configFromEnv() {
   Config c;
   if (char const* d = std::getenv("BRISKLOG_DIR")) c.dir = d;
@@ -84,6 +105,8 @@ Config configFromEnv() {
     std::string v(on);
     c.enabled = !(v == "off" || v == "0" || v == "no");
   }
+  c.keepPerProgram = std::uint32_t(std::min<std::uint64_t>(envCount("BRISKLOG_KEEP", c.keepPerProgram), 1u << 20));
+  c.dirBudgetBytes = envCount("BRISKLOG_DIR_MB", c.dirBudgetBytes >> 20) << 20;
   return c;
 }
 
@@ -150,6 +173,8 @@ void fail(State& s, char const* call, std::string const& what, int err) {
 void unmapLocked(State& s) {
   s.guard.release();
   if (s.base) munmap(s.base, s.bytes);
+  if (s.fd >= 0) ::close(s.fd);
+  s.fd = -1;
   s.base = nullptr;
   s.bytes = 0;
   s.generation = 0;
@@ -158,12 +183,78 @@ void unmapLocked(State& s) {
   gGeneration.store(kClosed);
 }
 
+RingHeader* ringAt(State& s, std::uint32_t i) {
+  FileHeader const* h = reinterpret_cast<FileHeader const*>(s.base);
+  return reinterpret_cast<RingHeader*>(s.base + h->layout.ringOffset +
+                                       std::uint64_t(i) * (kRingHeaderBytes + h->layout.ringBytes));
+}
+
 // The child of a fork must not write into its parent's file; it makes its own
-// on its first record. Only the forking thread exists in the child.
+// on its first record. Only the forking thread exists in the child. Closing
+// its copy of the descriptor leaves the parent's lock in place.
 void afterForkInChild() {
   State& s = state();
   new (&s.mutex) std::mutex;
   unmapLocked(s);
+  // Threads that were mid-record in the parent do not exist here.
+  for (auto& intent : detail::gIntent) intent.store(0, std::memory_order_relaxed);
+}
+
+// A new file, locked by this process for as long as it keeps the
+// descriptor. A file left at the path by an earlier process with this pid
+// is replaced, not reused: a reader may still have it mapped, and a pruner
+// that locked it may be about to remove it by name.
+int createLocked(std::string const& path) {
+  for (int attempt = 0; attempt < 4; ++attempt) {
+    int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0644);
+    if (fd < 0) {
+      if (errno != EEXIST || (::unlink(path.c_str()) != 0 && errno != ENOENT)) return -1;
+      continue;
+    }
+    // A pruner may have taken the new, still empty, file for an abandoned
+    // one between the open and the lock; then the name no longer leads here.
+    struct stat mine {
+    }, named{};
+    if (flock(fd, LOCK_EX) == 0 && fstat(fd, &mine) == 0 && stat(path.c_str(), &named) == 0 &&
+        mine.st_ino == named.st_ino && mine.st_dev == named.st_dev)
+      return fd;
+    ::close(fd);
+  }
+  errno = EAGAIN;
+  return -1;
+}
+
+// What a process that ends normally never wrote goes back to the file
+// system. A page past each ring's head is kept for the records that other
+// threads, which exit() stops wherever they are, may be writing meanwhile.
+void trimLocked(State& s) {
+  FileHeader const* h = reinterpret_cast<FileHeader const*>(s.base);
+  FileLayout const& l = h->layout;
+  std::uint64_t const page = std::uint64_t(sysconf(_SC_PAGESIZE));
+  auto giveBack = [&](std::uint64_t from, std::uint64_t to) {
+    from = (from + page - 1) / page * page;
+    to = to / page * page;
+    if (to > from) fallocate(s.fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, off_t(from), off_t(to - from));
+  };
+  std::uint32_t const used = __atomic_load_n(&h->descriptorUsed, __ATOMIC_RELAXED);
+  giveBack(l.descriptorOffset + used, l.ringOffset);
+  for (std::uint32_t i = 0; i < l.ringCount; ++i) {
+    std::uint64_t const data = l.ringOffset + std::uint64_t(i) * (kRingHeaderBytes + l.ringBytes) + kRingHeaderBytes;
+    std::uint64_t const head = __atomic_load_n(&ringAt(s, i)->head, __ATOMIC_ACQUIRE);
+    if (head + page < l.ringBytes) giveBack(data + head + page, data + l.ringBytes);
+  }
+}
+
+void atExit() {
+  State& s = state();
+  // Another thread may hold the lock for good as the process ends.
+  std::unique_lock<std::mutex> lock(s.mutex, std::try_to_lock);
+  if (!lock.owns_lock() || s.generation == 0 || s.guard.truncated()) return;
+  if (s.keepPerProgram == 0) {
+    ::unlink(s.path.c_str());
+    return;
+  }
+  trimLocked(s);
 }
 
 bool openLocked(State& s) {
@@ -202,7 +293,7 @@ bool openLocked(State& s) {
   std::string path = dir + "/" + name + "-" + std::to_string(pid) + ".brisklog";
 
   std::size_t bytes = kHeaderBytes + std::size_t(descBytes) + std::size_t(ringCount) * (kRingHeaderBytes + ringBytes);
-  int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
+  int fd = createLocked(path);
   if (fd < 0) {
     fail(s, "open", path, errno);
     return false;
@@ -224,9 +315,10 @@ bool openLocked(State& s) {
     return false;
   }
   void* m = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-  int err = errno;
-  ::close(fd);
   if (m == MAP_FAILED) {
+    int err = errno;
+    ::close(fd);
+    ::unlink(path.c_str());
     fail(s, "mmap", path, err);
     return false;
   }
@@ -282,6 +374,8 @@ bool openLocked(State& s) {
   s.base = base;
   s.bytes = bytes;
   s.path = path;
+  s.fd = fd;
+  s.keepPerProgram = c.keepPerProgram;
   s.generation = s.nextGeneration++;
   if (s.nextGeneration == kClosed) s.nextGeneration = 1;
   gTicksPerSecond.store(std::uint64_t(tps));
@@ -291,6 +385,13 @@ bool openLocked(State& s) {
     pthread_atfork(nullptr, nullptr, afterForkInChild);
     s.atforkDone = true;
   }
+  if (!s.atexitDone) {
+    std::atexit(atExit);
+    s.atexitDone = true;
+  }
+  // Once this file is made and locked, so that processes starting at the
+  // same time see it as in use.
+  prune(dir, Retention{c.keepPerProgram, c.dirBudgetBytes}, name);
   return true;
 }
 
@@ -322,12 +423,6 @@ std::uint32_t registerLocked(State& s, CallSite const& site, char const* signatu
   __atomic_store_n(&h->descriptorCount, id, __ATOMIC_RELEASE);
   __atomic_store_n(&h->descriptorUsed, used + std::uint32_t(need), __ATOMIC_RELEASE);
   return id;
-}
-
-RingHeader* ringAt(State& s, std::uint32_t i) {
-  FileHeader const* h = reinterpret_cast<FileHeader const*>(s.base);
-  return reinterpret_cast<RingHeader*>(s.base + h->layout.ringOffset +
-                                       std::uint64_t(i) * (kRingHeaderBytes + h->layout.ringBytes));
 }
 
 // Set once the thread's ring is freed at its end; a record written later
@@ -418,17 +513,85 @@ void syncClock(std::uint64_t now) {
   __atomic_store_n(&h->syncBusy, 0, __ATOMIC_RELEASE);
 }
 
+std::atomic<std::uint64_t>* takeIntent(ThreadSlot& t, std::uint64_t value) {
+  std::uint32_t const first = t.intent ? t.intent - 1 : std::uint32_t(gettid()) % kIntentSlots;
+  for (std::uint32_t k = 0; k < kIntentSlots; ++k) {
+    std::uint32_t const i = (first + k) % kIntentSlots;
+    std::uint64_t expected = 0;
+    if (gIntent[i].compare_exchange_strong(expected, value, std::memory_order_seq_cst)) {
+      t.intent = i + 1;
+      std::uint32_t used = gIntentsUsed.load(std::memory_order_relaxed);
+      while (used <= i && !gIntentsUsed.compare_exchange_weak(used, i + 1, std::memory_order_seq_cst)) {
+      }
+      return &gIntent[i];
+    }
+  }
+  t.intent = 0;  // more threads than slots mid-record: this record goes unannounced
+  return nullptr;
+}
+
+// Waits until no slot announces a reservation of an earlier lap whose
+// record may still be written into [from, from + length) of the ring. A
+// reservation is announced before it is made (both sequentially
+// consistent), so a writer that reserved before this one is seen here, or
+// has finished. A slot announces where its writer saw the head, so its
+// record lies within two records' length of it (a padding marker and a
+// record at the next lap's start when it wraps).
+// The reservation a writer last gave up waiting for: a thread stopped for
+// good costs one wait, not one per record or per thread.
+std::atomic<std::uint64_t> gGivenUp{0};
+
+void awaitEarlierLap(ThreadSlot const& t, std::atomic<std::uint64_t> const* mine, std::uint64_t from,
+                     std::uint64_t length) {
+  std::uint64_t const ringBytes = t.mask + 1;
+  std::uint64_t const reach = 2 * std::uint64_t(t.maxRecord);
+  std::uint32_t const used = gIntentsUsed.load(std::memory_order_seq_cst);
+  for (std::uint32_t i = 0; i < used; ++i) {
+    if (&gIntent[i] == mine) continue;
+    std::uint64_t const v = gIntent[i].load(std::memory_order_seq_cst);
+    std::uint64_t const at = v & ~std::uint64_t(1);
+    if (v == 0 || from + length <= at + ringBytes) continue;  // not a lap behind
+    std::uint64_t const gap = (from - at) & t.mask;
+    if (gap >= reach && gap + length <= ringBytes) continue;  // elsewhere in the ring
+    if (v == gGivenUp.load(std::memory_order_relaxed)) continue;
+    std::uint64_t const deadline = ticks(t) + gTicksPerSecond.load(std::memory_order_relaxed) / 10;
+    for (int spin = 0; gIntent[i].load(std::memory_order_acquire) == v; ++spin) {
+      if (spin < 64) {
+#if defined(__x86_64__) || defined(__i386__)
+        __builtin_ia32_pause();
+#endif
+        continue;
+      }
+      if (ticks(t) > deadline) {
+        // Stopped for good, it seems: write anyway, and do not wait for it again.
+        gGivenUp.store(v, std::memory_order_relaxed);
+        break;
+      }
+      sched_yield();
+    }
+  }
+}
+
 std::uint64_t reserveShared(ThreadSlot& t, std::uint64_t need) {
-  std::uint64_t pos = __atomic_load_n(&t.ring->head, __ATOMIC_RELAXED);
+  std::uint64_t pos = __atomic_load_n(&t.ring->head, __ATOMIC_SEQ_CST);
+  std::atomic<std::uint64_t>* mine = takeIntent(t, pos | 1);
   std::uint64_t start;
-  do {
+  for (;;) {
     start = pos;
     if ((pos & t.mask) + need > t.mask + 1) start = (pos | t.mask) + 1;
-  } while (!__atomic_compare_exchange_n(&t.ring->head, &pos, start + need, true, __ATOMIC_ACQ_REL, __ATOMIC_RELAXED));
+    if (__atomic_compare_exchange_n(&t.ring->head, &pos, start + need, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST))
+      break;
+    if (mine) mine->store(pos | 1, std::memory_order_seq_cst);
+  }
+  awaitEarlierLap(t, mine, pos, start + need - pos);
   if (start != pos) {
     __atomic_store_n(reinterpret_cast<std::uint64_t*>(t.data + (pos & t.mask)), pos ^ kPadKey, __ATOMIC_RELEASE);
   }
   return start;
+}
+
+void doneShared(ThreadSlot& t) {
+  if (t.intent) gIntent[t.intent - 1].store(0, std::memory_order_release);
 }
 
 }  // namespace detail

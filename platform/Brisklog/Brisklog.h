@@ -18,20 +18,35 @@
 // `brisklogArg(T const&)`, found by argument-dependent lookup, that returns
 // one of these.
 //
-// The write path takes no lock, allocates nothing and makes no system call.
-// The process-wide file is made on the first record: "<dir>/<process>-<pid>.brisklog"
-// with dir from configIs, else $BRISKLOG_DIR, else /dev/shm; a directory other
-// than /dev/shm must belong to this user or root and be writable by nobody
-// else (Kiv/PathTrust.h), or records are off. A forked child
-// makes its own file on its first record.
+// The write path takes no lock, allocates nothing and makes no system call
+// (but for the rare wait in the shared ring, below). The process-wide file is made on the first record:
+// "<dir>/<process>-<pid>.brisklog" with dir from configIs, else $BRISKLOG_DIR, else /dev/shm; a directory other
+// than /dev/shm must belong to this user or root and be writable by nobody else (Kiv/PathTrust.h), or records
+// are off. A forked child makes its own file on its first record.
+//
+// Retention: the file takes its whole size when made, so that a process
+// that crashes leaves every committed record. A process that exits normally
+// gives back the parts of its rings and descriptor table it never wrote
+// (the file keeps its apparent size; `du` shows what it costs). The writer
+// holds a lock on its file while it runs; when a process makes its file it
+// prunes the directory (Brisklog/Retention.h): of processes that have gone
+// it keeps the newest `keepPerProgram` files per process name, and removes
+// gone files oldest first while the directory's trace files take more than
+// `dirBudgetBytes`. Files of running processes are never removed.
 //
 // Threads: each thread claims a ring of its own on its first record and
 // writes it without atomic read-modify-write; when every exclusive ring is
 // taken, further threads share the last ring and reserve space in it by
-// compare-and-swap; their records are built on the stack and carry a
-// checksum, so that a thread preempted mid-record, which may finish in space
-// the others have reused, leaves records the decoder drops and reports
-// rather than prints mixed. A thread's ring is freed when the thread ends.
+// compare-and-swap. A thread writing there first says where it reserves;
+// a thread that comes round the ring to space another has reserved a lap
+// earlier and not yet finished (it was preempted mid-record) waits for it,
+// yielding the processor, for up to 100 ms, so that no record is lost to a
+// preemption, even on a busy machine. Past that (a thread stopped for
+// longer, by a debugger say; the writers wait for it once) it writes
+// anyway: the records are built on the stack and carry a checksum, so the
+// late one, finishing in space the others have reused, leaves records the
+// decoder drops and reports rather than prints mixed. A thread's ring is
+// freed when the thread ends.
 // configIs() and close() must not run while another thread writes.
 //
 // Crash survival: a record is committed by storing its position stamp last,
@@ -66,11 +81,14 @@ struct Config {
   std::uint32_t maxStringBytes = 200;
   bool useTsc = true;  // false, or no invariant TSC: CLOCK_MONOTONIC
   bool enabled = true;
+  std::uint32_t keepPerProgram = 3;            // files of gone processes kept per name
+  std::uint64_t dirBudgetBytes = 64ull << 20;  // all trace files of the directory; 0: no bound
 };
 
 // The configuration the next file is made with: the environment's
 // (BRISKLOG_DIR, BRISKLOG_RING_KB, BRISKLOG_RINGS, BRISKLOG_CLOCK=tsc|monotonic,
-// BRISKLOG=off) until configIs is called.
+// BRISKLOG=off, BRISKLOG_KEEP=<files>, BRISKLOG_DIR_MB=<MiB, 0: no bound>)
+// until configIs is called.
 Config config();
 // Closes the current file; the next record makes a new one with `c`.
 void configIs(Config const& c);
@@ -137,6 +155,7 @@ struct ThreadSlot {
   std::uint32_t maxString;
   std::uint64_t nextSyncTicks;
   std::uint32_t useTsc;
+  std::uint32_t intent;  // the shared ring's reservation slot last used, +1
 };
 
 extern thread_local constinit ThreadSlot tSlot __attribute__((tls_model("initial-exec")));
@@ -146,7 +165,10 @@ extern std::atomic<std::uint32_t> gGeneration;
 // False when nothing should be written.
 bool prepare(CallSite& site, char const* signature);
 void syncClock(std::uint64_t ticks);
+// Space in the shared ring, once no record of an earlier lap is still being
+// written there; the caller ends the reservation with doneShared().
 std::uint64_t reserveShared(ThreadSlot& t, std::uint64_t need);
+void doneShared(ThreadSlot& t);
 
 inline std::uint64_t ticks(ThreadSlot const& t) {
 #if defined(__x86_64__) || defined(__i386__)
@@ -356,6 +378,7 @@ template <class... N>
   char* slot = t.data + (pos & t.mask);
   std::memcpy(slot + 8, r + 8, span - 8);
   __atomic_store_n(reinterpret_cast<std::uint64_t*>(slot), pos ^ kRecordKey, __ATOMIC_RELEASE);
+  doneShared(t);
 }
 
 template <class... N>

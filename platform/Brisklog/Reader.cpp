@@ -19,6 +19,7 @@
 #include <fstream>
 
 #include "Brisklog/Layout.h"
+#include "Brisklog/Retention.h"
 
 namespace Brisklog {
 
@@ -338,30 +339,7 @@ void Reader::validateHeader() {
   cursors_.resize(l.ringCount);
 }
 
-bool Reader::writerAlive() const {
-  if (!usable_ || info_.pid == 0) return false;
-  if (kill(pid_t(info_.pid), 0) != 0 && errno != EPERM) return false;
-  // A zombie writes no more.
-  std::ifstream stat("/proc/" + std::to_string(info_.pid) + "/stat");
-  std::string statLine;
-  if (stat && std::getline(stat, statLine)) {
-    std::size_t close = statLine.rfind(')');
-    if (close != std::string::npos && close + 2 < statLine.size() &&
-        (statLine[close + 2] == 'Z' || statLine[close + 2] == 'X'))
-      return false;
-  }
-  // A reused pid runs some other program.
-  std::ifstream comm("/proc/" + std::to_string(info_.pid) + "/comm");
-  std::string name;
-  if (comm && std::getline(comm, name)) {
-    for (char& ch : name) {
-      bool ok = std::isalnum(static_cast<unsigned char>(ch)) || ch == '.' || ch == '_' || ch == '-';
-      if (!ok) ch = '_';
-    }
-    return name == info_.processName;
-  }
-  return true;
-}
+bool Reader::writerAlive() const { return usable_ && writerRuns(path_); }
 
 void Reader::refreshClock() {
   FileHeader const* h = reinterpret_cast<FileHeader const*>(map_);
@@ -564,8 +542,13 @@ bool Reader::decode(std::uint32_t ring, std::uint64_t pos, char const* bytes, st
   return true;
 }
 
-// The end of the furthest record in a ring found by its stamp alone, or 0.
-std::uint64_t Reader::lastStampedEnd(std::uint64_t data, std::uint64_t ringBytes) const {
+// The end of the furthest record in a ring found by its stamp, or 0. The
+// stamp alone is not enough: a word inside a record (a checksum, an
+// argument) matches some position's stamp now and then, and it is taken
+// only if a whole record of the ring's kind follows, naming a known call
+// site, and in the shared ring with a checksum that holds.
+std::uint64_t Reader::lastStampedEnd(std::uint32_t index, std::uint64_t data, std::uint64_t ringBytes) const {
+  bool const shared = index == sharedRing_;
   std::uint64_t best = 0;
   for (std::uint64_t off = 0; off + sizeof(RecordHeader) <= ringBytes; off += 8) {
     if (!in(data + off, sizeof(RecordHeader))) break;
@@ -574,8 +557,15 @@ std::uint64_t Reader::lastStampedEnd(std::uint64_t data, std::uint64_t ringBytes
     RecordHeader rh;
     std::memcpy(&rh, map_ + data + off, sizeof rh);
     if (rh.bytes < sizeof(RecordHeader) || rh.bytes > info_.maxRecordBytes) continue;
-    std::uint64_t const span = align8(rh.bytes) + ((rh.flags & kRecordChecked) ? 8 : 0);
-    if (off + span > ringBytes) continue;
+    if ((rh.flags & ~(kRecordTruncated | kRecordChecked)) != 0 || bool(rh.flags & kRecordChecked) != shared) continue;
+    if (rh.descriptorId != 0 && descriptors_.count(rh.descriptorId) == 0) continue;
+    std::uint64_t const span = align8(rh.bytes) + (shared ? 8 : 0);
+    if (off + span > ringBytes || !in(data + off, span)) continue;
+    if (shared) {
+      std::uint64_t sum;
+      std::memcpy(&sum, map_ + data + off + span - 8, 8);
+      if (recordChecksum(pos, map_ + data + off + 8, span - 16) != sum) continue;
+    }
     best = std::max(best, pos + span);
   }
   return best;
@@ -592,19 +582,34 @@ void Reader::readRing(std::uint32_t index, std::vector<Record>& out) {
     problem(name + "lies beyond the end of the file; its records are lost");
     return;
   }
+  if (c.headDamaged) return;
   std::uint64_t head = load64(base);
-  if (head > kMaxSanePosition || (head & 7)) {
+  bool const insane = head > kMaxSanePosition || (head & 7);
+  if (insane && c.started) {
     problem(name + "head position " + std::to_string(head) + " is damaged; ring skipped");
     return;
   }
   if (!c.started) {
-    std::uint64_t const found = lastStampedEnd(data, ringBytes);
-    // Records are reserved before they are written, so none can end past
-    // the head; one that does means the head was damaged. Read up to it.
-    if (found > head && load64(base) == head) {
-      problem(name + "head position " + std::to_string(head) + " is damaged: records run up to position " +
-              std::to_string(found));
+    // The head is checked against the records themselves, found by their
+    // stamps: records are reserved before they are written, so none ends
+    // past the head; and the head runs ahead of the last one that ends only
+    // by what writers had reserved and not yet finished, a record or two per
+    // thread, far less than half a ring. A head outside those bounds was
+    // damaged: the ring is read up to its last record instead, so that a
+    // head moved a lap (or 2^40 bytes) on does not hide the ring.
+    std::uint64_t const found = lastStampedEnd(index, data, ringBytes);
+    std::string what;
+    if (insane)
+      what = "is not a record position";
+    else if (found > head && load64(base) == head)
+      what = "lies before the end of its records";
+    else if (head - found > ringBytes / 2)
+      what = found == 0 ? "is past the ring's start, which holds no record" : "lies far past the end of its records";
+    if (!what.empty()) {
+      problem(name + "head position " + std::to_string(head) + " is damaged: it " + what +
+              "; records read up to position " + std::to_string(found));
       head = found;
+      c.headDamaged = true;
     }
   }
   std::uint64_t floor = head > ringBytes ? head - ringBytes : 0;
@@ -637,7 +642,7 @@ void Reader::readRing(std::uint32_t index, std::vector<Record>& out) {
       return kGo;
     }
     std::uint64_t length = (atHead ? head : p) - gapStart;
-    if (load64(base) > gapStart + ringBytes) {
+    if (!c.headDamaged && load64(base) > gapStart + ringBytes) {
       // Not damage: a live writer went a whole ring past while this was read.
       note(name + "records were overwritten while being read");
       c.started = false;
@@ -703,7 +708,7 @@ void Reader::readRing(std::uint32_t index, std::vector<Record>& out) {
       if (whole) {
         copy.assign(map_ + off, map_ + off + span);
         std::atomic_thread_fence(std::memory_order_acquire);
-        if (load64(base) > p + ringBytes) {
+        if (!c.headDamaged && load64(base) > p + ringBytes) {
           // Overwritten while being copied: start over after the wrap next time.
           note(name + "records were overwritten while being read");
           c.started = false;

@@ -11,7 +11,10 @@
 // not a trace file at all. Nothing in it is trusted: every offset and length
 // is checked against the file's real size before it is used, a region that
 // holds no record is skipped and reported, and reading never throws, crashes
-// or loops without end. What cannot be decoded is reported in problems();
+// or loops without end. A ring's head is checked against the ring's own
+// records: one that lies before the last record, or far past it (moved on by
+// a lap or more), is reported in problems() by ring, and the ring is read up
+// to its last record. What cannot be decoded is reported in problems();
 // expected losses (an incomplete last record of a killed writer, records
 // overwritten before a follower read them, a record that a live writer
 // sharing a ring with other threads had not finished after 50 ms, a record
@@ -119,13 +122,14 @@ class Reader {
   struct Cursor {
     bool started = false;
     std::uint64_t next = 0;
+    bool headDamaged = false;  // read once, up to its last record, and left
   };
 
   void openFile();
   void validateHeader();
   void readDescriptors();
   void readRing(std::uint32_t index, std::vector<Record>& out);
-  std::uint64_t lastStampedEnd(std::uint64_t data, std::uint64_t ringBytes) const;
+  std::uint64_t lastStampedEnd(std::uint32_t index, std::uint64_t data, std::uint64_t ringBytes) const;
   bool decode(std::uint32_t ring, std::uint64_t pos, char const* bytes, std::size_t n, Record& out);
   std::int64_t wallNs(std::uint64_t ticks) const;
   void refreshClock();

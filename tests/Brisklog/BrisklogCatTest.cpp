@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "Brisklog/Brisklog.h"
+#include "Brisklog/Layout.h"
 #include "TraceDir.h"
 
 namespace {
@@ -96,6 +97,31 @@ TEST(BrisklogCat, DamagedOrForeignFilesAreReportedAndTheOthersStillPrinted) {
   EXPECT_NE(r.err.find(junk + ": not a trace file"), std::string::npos) << r.err;
   ASSERT_EQ(lines(r.out).size(), 1u);
   EXPECT_NE(r.out.find("Good still here"), std::string::npos);
+}
+
+// A ring head moved a lap on must not hide the ring with nothing said.
+TEST(BrisklogCat, AnImplausibleRingHeadIsReportedWithTheRingsRecords) {
+  TraceDir dir(1u << 16, 1);
+  BRISKLOG("Moved", "record %d", 1);
+  BRISKLOG("Moved", "record %d", 2);
+  std::string const file = Brisklog::path();
+  Brisklog::close();
+  std::size_t const headAt = Brisklog::kHeaderBytes + (64u << 10);
+  std::fstream f(file, std::ios::in | std::ios::out | std::ios::binary);
+  std::uint64_t head = 0;
+  f.seekg(std::streamoff(headAt));
+  f.read(reinterpret_cast<char*>(&head), 8);
+  head += std::uint64_t(1) << 40;
+  f.seekp(std::streamoff(headAt));
+  f.write(reinterpret_cast<char const*>(&head), 8);
+  f.close();
+  ToolRun r = brisklogCat(file, dir.dir() + "/err");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find(file + ": ring 0: head position " + std::to_string(head) + " is damaged"), std::string::npos)
+      << r.err;
+  std::vector<std::string> got = lines(r.out);
+  ASSERT_EQ(got.size(), 2u) << r.out;
+  EXPECT_EQ(afterTime(got[1]), "Moved record 2");
 }
 
 TEST(BrisklogCat, ListShowsEachFilesProcessAndWhetherItRuns) {

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "Brisklog/Reader.h"
+#include "Brisklog/Retention.h"
 #include "MrouteVersion.h"
 
 namespace {
@@ -44,7 +45,8 @@ Options:
       --list [DIR]      list the trace files in DIR (default $BRISKLOG_DIR,
                         else /dev/shm) with their process and whether it runs
       --prune [DIR]     remove the trace files in DIR whose process has gone
-                        (and files that are not readable trace files)
+                        (and abandoned files that are not readable trace
+                        files); a running writer holds a lock on its file
   -h, --help            show this text
       --version         print the version
 
@@ -199,18 +201,14 @@ int listFiles(std::string dir, bool prune) {
   }
   closedir(d);
   std::sort(names.begin(), names.end());
+  if (prune) {
+    for (std::string const& p : Brisklog::prune(dir, Brisklog::Retention{0, 0}).removed)
+      std::cout << "removed " << p << '\n';
+    return 0;
+  }
   for (std::string const& n : names) {
     std::string path = dir + "/" + n;
     Brisklog::Reader r(path);
-    if (prune) {
-      if (r.usable() && r.writerAlive()) continue;
-      if (unlink(path.c_str()) != 0) {
-        std::cerr << "brisklog-cat: " << path << ": " << std::strerror(errno) << '\n';
-        continue;
-      }
-      std::cout << "removed " << path << '\n';
-      continue;
-    }
     if (!r.usable()) {
       std::cout << path << "  unreadable: " << (r.problems().empty() ? "?" : r.problems().front()) << '\n';
       continue;
