@@ -11,7 +11,7 @@ ${CXX:-clang++} -std=c++20 -g -O1 -fsanitize=fuzzer,address,undefined -fno-sanit
   -I"$top" -I"$top/platform" -I"$top/tests/MrtNotify" \
   "$top/tests/MrtNotify/fuzz/MrtNotifyFuzz.cpp" "$top"/MrtNotify/*.cpp \
   "$top"/platform/Wirly/*.cpp "$top"/platform/Schema/*.cpp \
-  "$top"/platform/Brisklog/Brisklog.cpp "$top"/platform/Brisklog/Reader.cpp \
+  "$top"/platform/Brisklog/*.cpp \
   $kiv \
   -o "$out"
 echo "built $out"
