@@ -67,8 +67,32 @@ class Config : public Kiv::Entity {
   bool const enableRefCount_;
 };
 
+// The hash of Status's collection. An allocation looks its key up and then
+// inserts it, a release looks it up and then removes it: the second hash of
+// the same key comes from a one-entry memo, a comparison instead of a full
+// mix. Deliberately not noexcept: the standard library then keeps each
+// node's hash, so removing through an iterator and growing the table hash
+// nothing again.
+class StatusKeyHash {
+ public:
+  std::size_t operator()(BitMapperKey const& k) const {
+    if (!(k == memoKey_)) {
+      memoKey_ = k;
+      memoHash_ = k.hash();
+    }
+    return memoHash_;
+  }
+
+ private:
+  // Starts as the null key with its own hash, so the memo is never wrong.
+  mutable BitMapperKey memoKey_;
+  mutable std::size_t memoHash_ = BitMapperKey().hash();
+};
+
 class Status : public Kiv::Entity {
  public:
+  using BitIndexColl = std::unordered_map<BitMapperKey, BitIndex, StatusKeyHash>;
+
   class NotifieeConst : public Kiv::NotifieeConstBase<Status> {
    public:
     using NotifieeConstBase::NotifieeConstBase;
@@ -96,7 +120,7 @@ class Status : public Kiv::Entity {
   BitIndex bitIndexDel(BitMapperKey const& key);
   void bitIndexDelAll();
   std::size_t bitIndexs() const { return bitIndex_.size(); }
-  std::unordered_map<BitMapperKey, BitIndex> const& bitIndexMap() const { return bitIndex_; }
+  BitIndexColl const& bitIndexMap() const { return bitIndex_; }
   KIV_REFLECT_COLLECTION(bitIndex, BitMapperKey, bitIndexs(), bitIndex_)
 
   KIV_ATTR(std::uint32_t, waitlistChangeCount, onWaitlistChangeCount, 0)
@@ -105,7 +129,7 @@ class Status : public Kiv::Entity {
  private:
   Status() = default;
 
-  std::unordered_map<BitMapperKey, BitIndex> bitIndex_;
+  BitIndexColl bitIndex_;
 };
 
 // Only the low 8 bits of enableRefCount are kept, as a bool.

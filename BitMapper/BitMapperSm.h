@@ -123,6 +123,7 @@ class BitMapperSm : public Kiv::Entity {
   void doFillFreePool(std::uint32_t min, std::uint32_t max, bool skipRecorded);
   BitIndexMap doLookup(BitIndex index) const;
   WaitlistMap doLookup(BitMapperKey const& key) const;
+  bool doWaitlistEmpty() const;
 
   Kiv::Ptr<Config> config_;
   Kiv::Ptr<Status> status_;
