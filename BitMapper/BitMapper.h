@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <unordered_map>
 
+#include "BitMapper/BitIndexColl.h"
 #include "BitMapper/BitMapperSchema.h"
 #include "Kiv/Entity.h"
 #include "Kiv/Reflect.h"
@@ -67,32 +68,8 @@ class Config : public Kiv::Entity {
   bool const enableRefCount_;
 };
 
-// The hash of Status's collection. An allocation looks its key up and then
-// inserts it, a release looks it up and then removes it: the second hash of
-// the same key comes from a one-entry memo, a comparison instead of a full
-// mix. Deliberately not noexcept: the standard library then keeps each
-// node's hash, so removing through an iterator and growing the table hash
-// nothing again.
-class StatusKeyHash {
- public:
-  std::size_t operator()(BitMapperKey const& k) const {
-    if (!(k == memoKey_)) {
-      memoKey_ = k;
-      memoHash_ = k.hash();
-    }
-    return memoHash_;
-  }
-
- private:
-  // Starts as the null key with its own hash, so the memo is never wrong.
-  mutable BitMapperKey memoKey_;
-  mutable std::size_t memoHash_ = BitMapperKey().hash();
-};
-
 class Status : public Kiv::Entity {
  public:
-  using BitIndexColl = std::unordered_map<BitMapperKey, BitIndex, StatusKeyHash>;
-
   class NotifieeConst : public Kiv::NotifieeConstBase<Status> {
    public:
     using NotifieeConstBase::NotifieeConstBase;
@@ -112,8 +89,8 @@ class Status : public Kiv::Entity {
 
   // The key's index, BitIndex::waitlist() while it waits, or null.
   BitIndex bitIndex(BitMapperKey const& key) const {
-    auto it = bitIndex_.find(key);
-    return it == bitIndex_.end() ? BitIndex::null() : it->second;
+    auto const* e = bitIndex_.find(key);
+    return e ? e->second : BitIndex::null();
   }
   void bitIndexIs(BitMapperKey const& key, BitIndex index);
   // Returns the removed index, or null when the key was absent.
