@@ -8,18 +8,16 @@ using AllHook = void (Status::NotifieeConst::*)();
 }  // namespace
 
 void Status::bitIndexIs(BitMapperKey const& key, BitIndex index) {
-  auto [it, added] = bitIndex_.try_emplace(key, index);
-  if (!added && !Kiv::changed(it->second, index)) return;
+  auto [held, added] = bitIndex_.tryEmplace(key, index);
+  if (!added && !Kiv::changed(*held, index)) return;
   notify(KeyHook(&NotifieeConst::onBitIndex), key);
 }
 
 BitIndex Status::bitIndexDel(BitMapperKey const& key) {
-  auto it = bitIndex_.find(key);
-  if (it == bitIndex_.end()) return BitIndex::null();
-  BitIndex old = it->second;
-  bitIndex_.erase(it);
+  std::optional<BitIndex> const old = bitIndex_.erase(key);
+  if (!old) return BitIndex::null();
   notify(KeyHook(&NotifieeConst::onBitIndex), key);
-  return old;
+  return *old;
 }
 
 void Status::bitIndexDelAll() {

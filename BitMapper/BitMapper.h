@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <unordered_map>
 
+#include "BitMapper/BitIndexColl.h"
 #include "BitMapper/BitMapperSchema.h"
 #include "Kiv/Entity.h"
 #include "Kiv/Reflect.h"
@@ -88,15 +89,15 @@ class Status : public Kiv::Entity {
 
   // The key's index, BitIndex::waitlist() while it waits, or null.
   BitIndex bitIndex(BitMapperKey const& key) const {
-    auto it = bitIndex_.find(key);
-    return it == bitIndex_.end() ? BitIndex::null() : it->second;
+    auto const* e = bitIndex_.find(key);
+    return e ? e->second : BitIndex::null();
   }
   void bitIndexIs(BitMapperKey const& key, BitIndex index);
   // Returns the removed index, or null when the key was absent.
   BitIndex bitIndexDel(BitMapperKey const& key);
   void bitIndexDelAll();
   std::size_t bitIndexs() const { return bitIndex_.size(); }
-  std::unordered_map<BitMapperKey, BitIndex> const& bitIndexMap() const { return bitIndex_; }
+  BitIndexColl const& bitIndexMap() const { return bitIndex_; }
   KIV_REFLECT_COLLECTION(bitIndex, BitMapperKey, bitIndexs(), bitIndex_)
 
   KIV_ATTR(std::uint32_t, waitlistChangeCount, onWaitlistChangeCount, 0)
@@ -105,7 +106,7 @@ class Status : public Kiv::Entity {
  private:
   Status() = default;
 
-  std::unordered_map<BitMapperKey, BitIndex> bitIndex_;
+  BitIndexColl bitIndex_;
 };
 
 // Only the low 8 bits of enableRefCount are kept, as a bool.

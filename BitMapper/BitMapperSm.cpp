@@ -71,6 +71,19 @@ WaitlistMap BitMapperSm::doLookup(BitMapperKey const& key) const {
   }
 }
 
+// This process is the table's only writer, so its size is exact: an empty
+// waitlist needs no lookup. A size the table cannot vouch for is reported
+// and answered "not empty", so the lookup runs as usual.
+bool BitMapperSm::doWaitlistEmpty() const {
+  VornStatus::WaitlistMapTable const& table = vornStatus_->waitlistMapTable();
+  try {
+    return table.size() == 0;
+  } catch (Pelto::CorruptionDetectedException const& e) {
+    table.corruptionDetected(e.what());
+    return false;
+  }
+}
+
 void BitMapperSm::doFillFreePool(std::uint32_t min, std::uint32_t max, bool skipRecorded) {
   minBitIndexIs(min);
   maxBitIndexIs(max);
@@ -136,7 +149,7 @@ BitIndex BitMapperSm::doAllocBitIndex(BitMapperKey const& bitMapperKey) {
     BitIndex const index = bitIndexFreePoolDeq();
     BitIndexMap record(index, bitMapperKey, 0, current != BitIndex::waitlist());
     // Every request filed while the key waited counts.
-    WaitlistMap const wm = doLookup(bitMapperKey);
+    WaitlistMap const wm = doWaitlistEmpty() ? WaitlistMap() : doLookup(bitMapperKey);
     record.refCountIs(wm == WaitlistMap() ? 1 : wm.requestCount());
     vornStatus_->bitIndexMapIs(record);
     status_->bitIndexIs(bitMapperKey, index);
@@ -197,6 +210,7 @@ void BitMapperSm::handleDeallocRequestCount() {
 }
 
 bool BitMapperSm::reviewKeyWaitlist() {
+  if (doWaitlistEmpty()) return true;
   VornStatus::WaitlistMapTable const& table = vornStatus_->waitlistMapTable();
   try {
     // Served keys are deleted as the walk goes; next() continues after a key

@@ -30,9 +30,13 @@ namespace BitMapper {
 
 class BitMapperSm : public Kiv::Entity {
  public:
-  // An entry of the free pool: `index` is its queue sequence number.
-  using BitIndexFreePool = Kiv::LinkQueue<BitIndex>;
-  using KivBitIndexFreePool = BitIndexFreePool::Entry;
+  // An entry of the free pool: `index` is its queue sequence number,
+  // `bitIndex` the free index.
+  struct KivBitIndexFreePool {
+    std::uint32_t index;
+    BitIndex bitIndex;
+  };
+  using BitIndexFreePool = Kiv::LinkQueue<BitIndex, KivBitIndexFreePool, &KivBitIndexFreePool::bitIndex>;
   using BitIndexFreePoolMetadata = Kiv::LinkQueueMetadata;
 
   class KivConfig : public Config::NotifieeConst {
@@ -119,6 +123,7 @@ class BitMapperSm : public Kiv::Entity {
   void doFillFreePool(std::uint32_t min, std::uint32_t max, bool skipRecorded);
   BitIndexMap doLookup(BitIndex index) const;
   WaitlistMap doLookup(BitMapperKey const& key) const;
+  bool doWaitlistEmpty() const;
 
   Kiv::Ptr<Config> config_;
   Kiv::Ptr<Status> status_;

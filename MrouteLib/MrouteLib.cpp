@@ -54,6 +54,14 @@ void OifSet::handleDel() {
   mrouteTable_->oifSetDel(portVlanSet_);
 }
 
+OifSetPtr OifSetPtr::fromStrep(std::string_view text) {
+  if (text.find("Value(") == std::string_view::npos) return OifSetPtr(Kiv::valueFromStrep<OifSet*>(text));
+  Kiv::ValueReader r(text, "MrouteLib::OifSetPtr");
+  OifSetPtr p(r.isNone("ptr") ? nullptr : r.get<OifSet*>("ptr"));
+  r.done();
+  return p;
+}
+
 // ---- Mroute ----
 
 namespace {

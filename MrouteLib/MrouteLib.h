@@ -140,6 +140,9 @@ class OifSet : public Kiv::Entity {
 
 // A non-owning reference to a registered OifSet, as the registry stores it.
 // Equal when it names the same set. Text form: the pointer ("0x55d0c0de").
+// Reading also takes the value's own form,
+// Value('MrouteLib::OifSetPtr', ** {'ptr': 0x55d0c0de}), whose one
+// attribute `ptr` is that pointer (None for null).
 class OifSetPtr {
  public:
   OifSetPtr() = default;
@@ -148,7 +151,8 @@ class OifSetPtr {
   explicit operator bool() const { return ptr_ != nullptr; }
 
   std::string valueToStrep() const { return Kiv::valueToStrep(ptr_); }
-  static OifSetPtr fromStrep(std::string_view text) { return OifSetPtr(Kiv::valueFromStrep<OifSet*>(text)); }
+  // Kiv::ParseException for any other text.
+  static OifSetPtr fromStrep(std::string_view text);
 
   friend bool operator==(OifSetPtr a, OifSetPtr b) { return a.ptr_ == b.ptr_; }
 

@@ -1,7 +1,8 @@
 // Kiv::LinkQueue: a first-in first-out queue whose entries carry 32-bit
 // sequence numbers.
 //
-// Each entry is {index, payload}; the head is the oldest. enq() numbers a new
+// Each entry is {index, payload} (the payload's member may be named by the
+// user, see LinkQueue's parameters); the head is the oldest. enq() numbers a new
 // entry with the larger of the queue's next sequence number and the tail's
 // number plus one, so numbers strictly increase from head to tail, and a
 // number whose entry just left is not handed out again at once:
@@ -70,16 +71,24 @@ std::ostream& operator<<(std::ostream& os, LinkQueueMetadata const& m);
 [[noreturn]] void linkQueueIndexSpaceFull();
 
 template <class Payload>
+struct LinkQueueEntry {
+  std::uint32_t index;
+  Payload payload;
+};
+
+// Entry is an aggregate whose first member is the 32-bit `index` and whose
+// member `Field` holds the payload, so that a user can give the payload the
+// name it has in its own model.
+template <class Payload, class EntryT = LinkQueueEntry<Payload>, Payload EntryT::*Field = &EntryT::payload>
 class LinkQueue {
   struct Node;
 
  public:
   using Index = std::uint32_t;
+  using Entry = EntryT;
+  using PayloadType = Payload;
 
-  struct Entry {
-    Index index;
-    Payload payload;
-  };
+  static Payload const& payloadOf(Entry const& e) { return e.*Field; }
 
   class const_iterator {
    public:
@@ -112,7 +121,7 @@ class LinkQueue {
   LinkQueue() = default;
   // Delegates so that a payload copy that throws still runs the destructor.
   LinkQueue(LinkQueue const& o) : LinkQueue() {
-    for (Entry const& e : o) append(newNode(e.index, e.payload));
+    for (Entry const& e : o) append(newNode(e.index, e.*Field));
     next_ = o.next_;
     mod_ = o.mod_;
     count_ = o.count_;
@@ -149,7 +158,7 @@ class LinkQueue {
   std::optional<Payload> deq() {
     Node* n = head_;
     if (n == nullptr) return std::nullopt;
-    std::optional<Payload> out(std::move(n->entry.payload));
+    std::optional<Payload> out(std::move(n->entry.*Field));
     head_ = n->next;
     if (head_ == nullptr) tail_ = nullptr;
     release(n);
@@ -198,9 +207,9 @@ class LinkQueue {
     }
     if (n->entry.index == index) {
       if constexpr (std::equality_comparable<Payload>) {
-        if (n->entry.payload == payload) return;
+        if (n->entry.*Field == payload) return;
       }
-      n->entry.payload = std::move(payload);
+      n->entry.*Field = std::move(payload);
       ++mod_;
       return;
     }

@@ -423,7 +423,7 @@ template <class Self, class Names, class Queue, class SetF, class DelF>
 Attr queue(Queue, SetF, DelF) {
   std::string_view const name = Names::attr();
   using Q = std::decay_t<std::invoke_result_t<Queue, Self const&>>;
-  using P = std::decay_t<decltype(std::declval<typename Q::Entry>().payload)>;
+  using P = typename Q::PayloadType;
   Attr a;
   a.name = name;
   a.kind = AttrKind::collection;
@@ -438,12 +438,12 @@ Attr queue(Queue, SetF, DelF) {
     auto const* entry = Queue{}(ReflectDetail::self<Self>(e)).entry(keyFromPath<std::uint32_t>(k));
     if (entry == nullptr) return std::string("None");
     return queueEntryText(Self::kivTypeName, Names::attr(), Names::field(), entry->index,
-                          ReflectDetail::text<P>(entry->payload));
+                          ReflectDetail::text<P>(Q::payloadOf(*entry)));
   };
   a.forEach = [](Entity const& e, std::function<void(std::string const&, std::string const&)> const& f) {
     for (auto const& entry : Queue{}(ReflectDetail::self<Self>(e)))
       f(valueToStrep(entry.index), queueEntryText(Self::kivTypeName, Names::attr(), Names::field(), entry.index,
-                                                  ReflectDetail::text<P>(entry.payload)));
+                                                  ReflectDetail::text<P>(Q::payloadOf(entry))));
   };
   a.writable = true;
   a.entryIs = [](Entity& e, std::string_view k, std::string_view v) {

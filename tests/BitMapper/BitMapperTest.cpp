@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <map>
 #include <sstream>
 
 #include "BitMapper/BitMapper.h"
@@ -110,6 +111,58 @@ TEST(BitMapperReflect, ConfigAndStatusListTheirAttributesInOrderAndGuardTheFixed
 
   Kiv::Ptr<Status> s = statusFactory();
   EXPECT_EQ(attrNames(*s), (std::vector<std::string>{"bitIndex", "waitlistChangeCount"}));
+}
+
+// Status's open-addressed collection against a std::map through a long
+// mix of inserts, replacements and removals in a table that grows from
+// nothing: removal closes the gap in a run of neighbours, so every key
+// must stay findable whatever was removed before it.
+TEST(BitIndexColl, AgreesWithAMapThroughGrowthAndRemovals) {
+  BitIndexColl c;
+  std::map<BitMapperKey, BitIndex> m;
+  std::uint32_t h = 99;
+  auto check = [&] {
+    ASSERT_EQ(c.size(), m.size());
+    std::size_t walked = 0;
+    for (auto const& [k, v] : c) {
+      ++walked;
+      auto it = m.find(k);
+      ASSERT_NE(it, m.end());
+      EXPECT_EQ(v, it->second);
+    }
+    EXPECT_EQ(walked, m.size());
+  };
+  for (unsigned step = 0; step < 20000; ++step) {
+    h = h * 1103515245u + 12345u;
+    // Few distinct keys while the table is small keep its runs long.
+    BitMapperKey const k = key((h >> 8) % (step < 5000 ? 40 : 3000));
+    BitIndex const v(std::uint16_t((h >> 4) % 1000));
+    if ((h >> 20) % 3 == 0) {
+      auto const removed = c.erase(k);
+      auto it = m.find(k);
+      ASSERT_EQ(removed.has_value(), it != m.end());
+      if (it != m.end()) {
+        EXPECT_EQ(*removed, it->second);
+        m.erase(it);
+      }
+      EXPECT_EQ(c.find(k), nullptr);
+    } else {
+      auto [held, added] = c.tryEmplace(k, v);
+      auto [it, mAdded] = m.try_emplace(k, v);
+      ASSERT_EQ(added, mAdded);
+      EXPECT_EQ(*held, it->second);
+    }
+    if (step % 997 == 0) check();
+  }
+  check();
+  for (auto const& [k, v] : m) {
+    ASSERT_NE(c.find(k), nullptr);
+    EXPECT_EQ(c.find(k)->second, v);
+  }
+  c.clear();
+  EXPECT_TRUE(c.empty());
+  EXPECT_EQ(c.begin(), c.end());
+  EXPECT_FALSE(c.erase(key(1)).has_value());
 }
 
 TEST(BitMapperReflect, StatusBitIndexWalkedByNameEqualsTheTypedWalk) {

@@ -41,7 +41,7 @@ class Allocator {
   }
   std::vector<unsigned> pool() const {
     std::vector<unsigned> out;
-    for (auto const& e : sm->bitIndexFreePool()) out.push_back(e.payload.value());
+    for (auto const& e : sm->bitIndexFreePool()) out.push_back(e.bitIndex.value());
     return out;
   }
 

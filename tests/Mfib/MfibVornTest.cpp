@@ -139,6 +139,67 @@ TEST_F(MfibVornCollTest, MergeIteratorSkipsTheRestOfATableThatFailsAStep) {
   EXPECT_GE(a->routeTable().corruptions(), 1u);
 }
 
+// Four tables whose keys interleave, with runs that only one table holds
+// (longer than a cursor steps before it jumps), ties and priority 0: the
+// iterator, the one-pass unbeatenKeys and routes() all give the positions
+// the rule gives, in table order and key order within a table.
+TEST_F(MfibVornCollTest, MergeWalkAndOnePassFollowTheRuleOverInterleavedTables) {
+  Kiv::Ptr<Status> c = tables.table("c"), d = tables.table("d");
+  for (auto const& t : {a, b, c, d}) add(t);
+  std::vector<Status*> order;
+  for (auto const& [k, t] : coll->vornPtrMap()) order.push_back(const_cast<Status*>(k));
+  constexpr unsigned kKeys = 600;
+  // priority[t][n]: -1 when table t does not hold key n.
+  std::vector<std::vector<int>> priority(4, std::vector<int>(kKeys, -1));
+  std::uint32_t h = 12345;
+  for (unsigned n = 0; n < kKeys; ++n) {
+    for (unsigned t = 0; t < 4; ++t) {
+      h = h * 1103515245u + 12345u;
+      bool held = (h >> 16) % 3 != 0;
+      if (n >= 200 && n < 300) held = t == 2;  // a run only the third table holds
+      if (n >= 400 && n < 420) held = t != 1;  // a run the second table lacks
+      if (held) priority[t][n] = n % 50 == 7 ? 3 : int((h >> 8) % 4);
+    }
+  }
+  for (unsigned t = 0; t < 4; ++t)
+    for (unsigned n = 0; n < kKeys; ++n)
+      if (priority[t][n] >= 0) order[t]->routePublish(route(key(n), unsigned(priority[t][n])));
+
+  std::vector<std::pair<Status const*, IpGenRouteKey>> expected;
+  for (unsigned t = 0; t < 4; ++t)
+    for (unsigned n = 0; n < kKeys; ++n) {
+      if (priority[t][n] < 0) continue;
+      bool beaten = false;
+      for (unsigned u = 0; u < 4; ++u) beaten |= u != t && priority[u][n] > priority[t][n];
+      if (!beaten) expected.emplace_back(order[t], key(n));
+    }
+  EXPECT_EQ(walk(coll), expected);
+  EXPECT_EQ(coll->routes(), expected.size());
+
+  std::vector<std::pair<Status const*, IpGenRouteKey>> onePass;
+  auto const keys = unbeatenKeys(*coll);
+  ASSERT_EQ(keys.size(), 4u);
+  for (unsigned t = 0; t < 4; ++t)
+    for (auto const& k : keys[t]) onePass.emplace_back(order[t], k);
+  EXPECT_EQ(onePass, expected);
+}
+
+// A table whose walk fails yields nothing after the failure, but its other
+// routes still beat: the iterator and the one-pass agree.
+TEST_F(MfibVornCollTest, AFailedTableStillBeatsWithItsIntactRoutes) {
+  add(a);
+  add(b);
+  for (unsigned n = 1; n <= 3; ++n) a->routePublish(route(key(n), 5));
+  for (unsigned n = 1; n <= 4; ++n) b->routePublish(route(key(n), 1));
+  tear(*a, key(2));
+  decltype(walk(coll)) const expected{{a.ptr(), key(1)}, {b.ptr(), key(2)}, {b.ptr(), key(4)}};
+  EXPECT_EQ(walk(coll), expected);
+  auto const keys = unbeatenKeys(*coll);
+  EXPECT_EQ(keys[0], (std::vector<IpGenRouteKey>{key(1)}));
+  EXPECT_EQ(keys[1], (std::vector<IpGenRouteKey>{key(2), key(4)}));
+  EXPECT_GE(a->routeTable().corruptions(), 2u);
+}
+
 TEST(MfibVornDirRouteKey, OrdersByTableThenKeyAndReadsBackItsText) {
   auto const* t1 = reinterpret_cast<Status const*>(0x1000);
   auto const* t2 = reinterpret_cast<Status const*>(0x2000);
@@ -200,6 +261,37 @@ TEST_F(OrderRouteSmTest, InitialPassAndLaterChangesKeepTheBestOwner) {
   cap.clear();
   sm->handleInitialized();
   EXPECT_EQ(cap.texts(), (std::vector<std::string>{"void Vorn::Multicast::Fib::OrderRouteSm::handleInitialized()"}));
+}
+
+// The initial pass writes the same entries in the same order whether it
+// goes through the iterator (traced) or the one-pass merge: a notifiee of
+// the output hears the same sequence, ties written once per tied table.
+TEST_F(OrderRouteSmTest, InitialPassIsTheSameTracedOrNot) {
+  struct Heard : RouteOrderedCollection::NotifieeConst {
+    using RouteOrderedCollection::NotifieeConst::NotifieeConst;
+    void onRoute(IpGenRouteKey k) override { keys.push_back(k); }
+    std::vector<IpGenRouteKey> keys;
+  };
+  Kiv::Ptr<Status> c = tables.table("c");
+  for (auto const& t : {a, b, c}) add(t);
+  for (unsigned n = 0; n < 60; ++n) {
+    a->routePublish(route(key(n), n % 3));
+    if (n % 2 == 0) b->routePublish(route(key(n), n % 5 == 0 ? n % 3 : 2));
+    if (n % 3 != 1) c->routePublish(route(key(n), 1 + n % 2));
+  }
+  Heard plainHeard(out);
+  auto plain = orderRouteSmFactory(coll, out);
+  auto tracedOut = RouteOrderedCollection::create();
+  Heard tracedHeard(tracedOut);
+  Kiv::Ptr<OrderRouteSm> traced;
+  {
+    Kiv::TraceCapture cap("Mroute::MfibVorn/8");
+    traced = orderRouteSmFactory(coll, tracedOut);
+    EXPECT_TRUE(cap.contains("Done"));
+  }
+  EXPECT_EQ(plainHeard.keys, tracedHeard.keys);
+  EXPECT_EQ(out->routeMap(), tracedOut->routeMap());
+  EXPECT_GT(plainHeard.keys.size(), out->routes());  // some ties were written twice
 }
 
 TEST_F(OrderRouteSmTest, ZombieMachineHearsNothing) {

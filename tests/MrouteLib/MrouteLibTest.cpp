@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "Kiv/Trace.h"
+#include "Kiv/ValueText.h"
 #include "MrouteLibTestUtil.h"
 
 using namespace MrouteLib;
@@ -323,6 +324,30 @@ TEST(MrouteTableDeathTest, InitialisationRunsOnce) {
 }
 
 // ---- Collection and OIF sets ----
+
+// Both text forms name the same set: the bare pointer it prints, and the
+// value form with its one attribute `ptr`; anything else is refused.
+TEST(OifSetPtrText, ReadsThePointerAndItsOwnValueForm) {
+  auto coll = mrouteTableCollFactory();
+  Kiv::Ptr<OifSet> held = coll->oifSetFor(setOf({pv("Ethernet1", 11)}));
+  OifSetPtr const p = coll->oifSet(setOf({pv("Ethernet1", 11)}));
+  ASSERT_EQ(p.ptr(), held.ptr());
+  std::string const ptrText = p.valueToStrep();
+  std::string const valueText = Kiv::ValueWriter("MrouteLib::OifSetPtr").fieldRaw("ptr", ptrText).str();
+  EXPECT_EQ(valueText, "Value('MrouteLib::OifSetPtr', ** {'ptr': " + ptrText + "})");
+  EXPECT_EQ(Kiv::valueFromStrep<OifSetPtr>(ptrText), p);
+  EXPECT_EQ(Kiv::valueFromStrep<OifSetPtr>(valueText), p);
+  EXPECT_EQ(Kiv::valueFromStrep<OifSetPtr>("Value('MrouteLib::OifSetPtr', ** {'ptr': None})"), OifSetPtr());
+  EXPECT_EQ(Kiv::valueFromStrep<OifSetPtr>(OifSetPtr().valueToStrep()), OifSetPtr());
+
+  EXPECT_THROW(Kiv::valueFromStrep<OifSetPtr>("Value('MrouteLib::OifSet', ** {'ptr': " + ptrText + "})"),
+               Kiv::ParseException);
+  EXPECT_THROW(Kiv::valueFromStrep<OifSetPtr>("Value('MrouteLib::OifSetPtr', ** {'value': " + ptrText + "})"),
+               Kiv::ParseException);
+  EXPECT_THROW(Kiv::valueFromStrep<OifSetPtr>("Value('MrouteLib::OifSetPtr', ** {'ptr': " + ptrText + ", 'x': 1})"),
+               Kiv::ParseException);
+  EXPECT_THROW(Kiv::valueFromStrep<OifSetPtr>("Value('MrouteLib::OifSetPtr', ** {'ptr': 12})"), Kiv::ParseException);
+}
 
 TEST(MrouteTableColl, EqualSetsAreSharedAndTheRegistryEmptiesWithTheLastRoute) {
   auto coll = mrouteTableCollFactory();
