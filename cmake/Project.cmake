@@ -46,7 +46,7 @@ function(mroute_library name)
   # spelling: platform/Schema/Mfib -> Schema/Mfib.
   file(RELATIVE_PATH rel ${CMAKE_SOURCE_DIR} ${CMAKE_CURRENT_SOURCE_DIR})
   string(REGEX REPLACE "^platform/" "" rel ${rel})
-  file(GLOB headers ${CMAKE_CURRENT_SOURCE_DIR}/*.h)
+  file(GLOB headers CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.h)
   install(FILES ${headers} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/mroute/${rel})
   if(EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/detail)
     install(DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}/detail
