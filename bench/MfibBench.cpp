@@ -101,7 +101,7 @@ class Fixture {
     std::string const dir = "/dev/shm/mfib-bench-" + std::to_string(getpid());
     ::mkdir(dir.c_str(), 0700);
     Vorn::MountOptions options;
-    options.capacity["route"] = kRoutesPerTable + 1024;
+    options.limit["route"] = kRoutesPerTable + 1024;
     for (unsigned t = 0; t < kMaxTables; ++t) {
       std::string const path = dir + "/t" + std::to_string(t);
       Kiv::Ptr<Status> writer = new Status("bench-writer-" + std::to_string(t));

@@ -62,7 +62,7 @@ bool dirEmpty(std::string const& dir) {
 int tableTooLargeIsRefused(std::string const& dir) {
   std::string const path = dir + "/t.vorn";
   Vorn::MountOptions big;
-  big.capacity["entry"] = 4096;  // about 1.5 MiB
+  big.limit["entry"] = 4096;  // about 1.5 MiB
   try {
     mounted(path, Mode::writer, big);
     std::fprintf(stderr, "a table larger than the file system was made\n");
@@ -76,7 +76,7 @@ int tableTooLargeIsRefused(std::string const& dir) {
   if (!dirEmpty(dir)) return 3;
   // One that fits is written through to the file: another mapping sees it.
   Vorn::MountOptions small;
-  small.capacity["entry"] = 64;
+  small.limit["entry"] = 64;
   auto w = mounted(path, Mode::writer, small);
   for (std::uint64_t n = 0; n < 64; ++n) w->entryIs(record(n));
   auto r = mounted(path, Mode::reader);
@@ -108,7 +108,7 @@ int readOnlyFileSystemIsRead(std::string const& dir) {
   std::string const path = dir + "/t.vorn";
   try {
     Vorn::MountOptions small;
-    small.capacity["entry"] = 64;
+    small.limit["entry"] = 64;
     auto w = mounted(path, Mode::writer, small);
     for (std::uint64_t n = 0; n < 10; ++n) w->entryIs(record(n));
   } catch (std::exception const& e) {

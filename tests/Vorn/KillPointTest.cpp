@@ -35,7 +35,7 @@ void killAtTarget(char const* step) {
 
 Vorn::MountOptions smallTable() {
   Vorn::MountOptions options;
-  options.capacity["entry"] = 32;  // 64 hash slots: 17 deletes force a rebuild
+  options.limit["entry"] = 32;  // 64 hash slots: 17 deletes force a rebuild
   return options;
 }
 
