@@ -25,6 +25,9 @@ char const* const kSteps[] = {
     "rebuild.slot", "log.change",  "adopt.claim", "adopt.scan",     "adopt.head",    "adopt.link",    "adopt.end",
 };
 
+// Steps of a growth, reached by the growing workload below.
+char const* const kGrowSteps[] = {"grow.reserve", "grow.slots", "grow.publish"};
+
 char const* gTarget = nullptr;
 int gAt = 0;
 int gHits = 0;
@@ -48,11 +51,25 @@ void workload(Vorn::TestStatus& w) {
   w.entryIs(record(4, 3));
 }
 
+// A table of 24 records in room for 63, grown by 80 more (to 127), with
+// writes to old and new records after the growth.
+Vorn::MountOptions growingTable() {
+  Vorn::MountOptions options;
+  options.limit["entry"] = 500;
+  return options;
+}
+void growingWorkload(Vorn::TestStatus& w) {
+  for (std::uint64_t n = 300; n < 380; ++n) w.entryIs(record(n));
+  for (std::uint64_t n = 0; n < 4; ++n) w.entryIs(record(n, 2));
+  for (std::uint64_t n = 300; n < 310; ++n) w.entryDel(TestKey(n));
+}
+
 std::vector<std::uint64_t> const& keySpace() {
   static std::vector<std::uint64_t> const keys = [] {
     std::vector<std::uint64_t> k;
     for (std::uint64_t n = 0; n < 24; ++n) k.push_back(n);
     for (std::uint64_t n = 100; n < 108; ++n) k.push_back(n);
+    for (std::uint64_t n = 300; n < 380; ++n) k.push_back(n);
     k.push_back(200);
     return k;
   }();
@@ -89,16 +106,15 @@ class VornKillPoint : public ::testing::Test {
   std::string path = root.file("t.vorn");
 };
 
-}  // namespace
-
-TEST_F(VornKillPoint, EveryReaderOperationWorksAfterAWriterKilledAtAnyStepIsAdopted) {
-  for (char const* step : kSteps) {
+void killAtEveryStep(std::string const& path, std::vector<char const*> const& steps,
+                     Vorn::MountOptions const& options, void (*work)(Vorn::TestStatus&)) {
+  for (char const* step : steps) {
     bool reached = false;
     for (int at : {1, 2, 5}) {
       std::string const where = std::string(step) + " #" + std::to_string(at);
       ::unlink(path.c_str());
       {
-        auto w = mounted(path, Mode::writer, smallTable());
+        auto w = mounted(path, Mode::writer, options);
         for (std::uint64_t n = 0; n < 24; ++n) w->entryIs(record(n));
       }
       pid_t child = fork();
@@ -107,8 +123,8 @@ TEST_F(VornKillPoint, EveryReaderOperationWorksAfterAWriterKilledAtAnyStepIsAdop
         gAt = at;
         Vorn::stepHook = killAtTarget;
         try {
-          auto w = mounted(path, Mode::writer, smallTable());
-          workload(*w);
+          auto w = mounted(path, Mode::writer, options);
+          work(*w);
         } catch (...) {
           _exit(2);
         }
@@ -149,7 +165,7 @@ TEST_F(VornKillPoint, EveryReaderOperationWorksAfterAWriterKilledAtAnyStepIsAdop
         }
       }
 
-      auto w = mounted(path, Mode::writer, smallTable());
+      auto w = mounted(path, Mode::writer, options);
       expectServes(*w, where + ", writer");
       auto r = mounted(path, Mode::reader);
       expectServes(*r, where + ", reader");
@@ -158,11 +174,27 @@ TEST_F(VornKillPoint, EveryReaderOperationWorksAfterAWriterKilledAtAnyStepIsAdop
       w->entryIs(record(200));
       expectServes(*r, where + ", after new writes");
       w = nullptr;
-      auto w2 = mounted(path, Mode::writer, smallTable());
+      auto w2 = mounted(path, Mode::writer, options);
       expectServes(*w2, where + ", second adoption");
+      // It still grows to its limit after the adoption.
+      std::uint32_t const limit = w2->entryTable().limit();
+      for (std::uint64_t n = 1000; w2->entryTable().size() < limit; ++n) w2->entryIs(record(n));
+      EXPECT_EQ(w2->entryTable().capacity(), limit) << where;
+      EXPECT_THROW(w2->entryIs(record(999)), Kiv::RangeException) << where;
     }
     EXPECT_TRUE(reached) << "the writer never reached step " << step;
   }
+}
+
+}  // namespace
+
+TEST_F(VornKillPoint, EveryReaderOperationWorksAfterAWriterKilledAtAnyStepIsAdopted) {
+  killAtEveryStep(path, std::vector<char const*>(std::begin(kSteps), std::end(kSteps)), smallTable(), workload);
+}
+
+TEST_F(VornKillPoint, AWriterKilledAtAnyStepOfAGrowthIsAdoptedLikeAnyOther) {
+  killAtEveryStep(path, std::vector<char const*>(std::begin(kGrowSteps), std::end(kGrowSteps)), growingTable(),
+                  growingWorkload);
 }
 
 // Killed while making a new region: the table is not there yet, and the
