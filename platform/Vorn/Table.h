@@ -39,6 +39,13 @@
 //     reader checks that the current node's lseq did not move, so the link
 //     it followed still held; a node is unlinked (changing its predecessors'
 //     lseq) before it is marked dead or reused.
+//   - shape (Control): capacity and hash index in one word, loaded after
+//     structGen; the writer stores a new one (room and index made first)
+//     before it moves structGen, so an operation on an old shape retries.
+//     Entries never move, so a link or hint into them stays good.
+// Between a writer's death and the next adoption, the one record it was
+// inserting or deleting may be walked but not looked up (or the reverse),
+// and size() may differ by one from what a walk yields.
 // Failure modes: a counter that stays odd (a writer killed mid-write) is
 // waited for within a bound (one bound for a whole-table scan) and then
 // reported as corruption for that entry only; a structGen left odd by a
