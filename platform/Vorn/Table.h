@@ -609,13 +609,10 @@ class Table : public TableBase {
     if (following_) {
       try {
         std::uint64_t stamp = 0;
-        if (lookup(k, nullptr, stamp))
-          seen_[k] = stamp;
-        else
-          seen_.erase(k);
+        seenDelta_[k] = lookup(k, nullptr, stamp) ? stamp : kGone;
       } catch (Pelto::CorruptionDetectedException const& e) {
         // Forget it: the next resync announces it again if it differs.
-        seen_.erase(k);
+        seenDelta_[k] = kGone;
         corruptionDetected(e.what());
       }
     }
@@ -623,22 +620,26 @@ class Table : public TableBase {
   }
   void snapshotStart() override {
     following_ = true;
-    seen_ = scan();
+    seenBase_ = scan();
+    seenDelta_.clear();
   }
   void snapshotStop() override {
     following_ = false;
-    seen_.clear();
+    seenBase_.clear();
+    seenBase_.shrink_to_fit();
+    seenDelta_.clear();
   }
   void resync() override {
-    std::map<K, std::uint64_t> now = scan();
+    Seen now = scan();
+    Seen seen = seenNow();
     std::vector<K> changed;
-    auto a = seen_.begin();
+    auto a = seen.begin();
     auto b = now.begin();
-    while (a != seen_.end() || b != now.end()) {
-      if (b == now.end() || (a != seen_.end() && a->first < b->first)) {
+    while (a != seen.end() || b != now.end()) {
+      if (b == now.end() || (a != seen.end() && a->first < b->first)) {
         changed.push_back(a->first);
         ++a;
-      } else if (a == seen_.end() || b->first < a->first) {
+      } else if (a == seen.end() || b->first < a->first) {
         changed.push_back(b->first);
         ++b;
       } else {
@@ -647,7 +648,8 @@ class Table : public TableBase {
         ++b;
       }
     }
-    seen_ = std::move(now);
+    seenBase_ = std::move(now);
+    seenDelta_.clear();
     for (K const& k : changed) {
       if (hook_) hook_(k);
       if (!region_) return;
@@ -1005,19 +1007,45 @@ class Table : public TableBase {
     }
   }
 
-  std::map<K, std::uint64_t> scan() const {
+  // Every record's key and stamp, in key order: one pass over the entries
+  // in use and a sort, no allocation per record.
+  using Seen = std::vector<std::pair<K, std::uint64_t>>;
+  Seen scan() const {
     ScanBound bound(*this);
-    std::map<K, std::uint64_t> out;
+    Seen out;
     shapeRefresh();
+    out.reserve(std::min(capacity_, control_->size.load(std::memory_order_relaxed)));
     for (std::uint32_t i = 1; i <= capacity_; ++i) {
       K k;
       std::uint64_t stamp;
       try {
-        if (readEntry(i, &k, nullptr, stamp)) out[k] = stamp;
+        if (readEntry(i, &k, nullptr, stamp)) out.emplace_back(k, stamp);
       } catch (Pelto::CorruptionDetectedException const& e) {
         corruptionDetected(e.what());
         if (region_->truncated()) break;
       }
+    }
+    auto const byKey = [](auto const& a, auto const& b) { return a.first < b.first; };
+    std::sort(out.begin(), out.end(), byKey);
+    // One key twice comes only from damage: keep one.
+    out.erase(std::unique(out.begin(), out.end(), [](auto const& a, auto const& b) { return equal(a.first, b.first); }),
+              out.end());
+    return out;
+  }
+  // What this reader last saw: the snapshot with the changes heard since.
+  Seen seenNow() const {
+    Seen out;
+    out.reserve(seenBase_.size() + seenDelta_.size());
+    auto a = seenBase_.begin();
+    auto b = seenDelta_.begin();
+    while (a != seenBase_.end() || b != seenDelta_.end()) {
+      if (b == seenDelta_.end() || (a != seenBase_.end() && a->first < b->first)) {
+        out.push_back(*a++);
+        continue;
+      }
+      if (a != seenBase_.end() && !(b->first < a->first)) ++a;
+      if (b->second != kGone) out.emplace_back(b->first, b->second);
+      ++b;
     }
     return out;
   }
@@ -1033,7 +1061,11 @@ class Table : public TableBase {
   mutable std::uint64_t fallbackEpoch_ = 0;
   Hook hook_;
   bool following_ = false;
-  std::map<K, std::uint64_t> seen_;
+  // A following reader's view, for the comparison after the log wrapped: a
+  // sorted snapshot and the changes heard since (kGone: deleted).
+  static constexpr std::uint64_t kGone = 0;
+  Seen seenBase_;
+  std::map<K, std::uint64_t> seenDelta_;
 };
 
 // A new writer takes over the records of the file: records whose write was
