@@ -68,6 +68,13 @@ inline constexpr std::uint32_t shapeCapacity(std::uint64_t s) { return std::uint
 inline constexpr std::uint32_t shapeSlotShift(std::uint64_t s) { return std::uint32_t(s >> 32) & 0xff; }
 inline constexpr std::uint32_t shapeArea(std::uint64_t s) { return std::uint32_t(s >> 40) & 1; }
 inline constexpr bool shapeSpare(std::uint64_t s) { return (s >> 41) != 0; }
+// A shape a writer can have stored for a table of this limit.
+inline constexpr bool shapeFits(std::uint64_t s, std::uint32_t limit, std::uint32_t slotCountMax) {
+  std::uint32_t const capacity = shapeCapacity(s);
+  std::uint32_t const shift = shapeSlotShift(s);
+  return !shapeSpare(s) && capacity != 0 && capacity <= limit && shift < 32 &&
+         (std::uint64_t(1) << shift) >= 2ull * capacity && (std::uint64_t(1) << shift) <= slotCountMax;
+}
 
 // Mutable per-table state. structGen is odd while the writer rebuilds the
 // hash slots or the skip list in place, and moves (by two) when the table

@@ -185,7 +185,8 @@ void Region::validate(std::string_view typeName, std::vector<TableShape> const* 
   if (h->tableCount == 0 || h->tableCount > Layout::kMaxTables) fail("table count " + std::to_string(h->tableCount));
   if (shapes != nullptr && shapes->size() != h->tableCount)
     fail("holds " + std::to_string(h->tableCount) + " tables, the type has " + std::to_string(shapes->size()));
-  std::uint64_t const controlsEnd = Layout::kHeaderSize + Layout::roundUp(h->tableCount * sizeof(Layout::Control), 4096);
+  std::uint64_t const controlsEnd =
+      Layout::kHeaderSize + Layout::roundUp(h->tableCount * sizeof(Layout::Control), 4096);
   std::uint32_t maxKey = 0;
   for (std::uint32_t i = 0; i < h->tableCount; ++i) maxKey = std::max(maxKey, h->tables[i].keySize);
   if (h->maxKeySize != maxKey) fail("largest key " + std::to_string(h->maxKeySize) + " does not match the tables");
@@ -232,6 +233,9 @@ void Region::validate(std::string_view typeName, std::vector<TableShape> const* 
     if (d.end != d.entriesOffset + (std::uint64_t(d.limit) + 1) * d.entrySize || d.end > size_)
       fail(tw + "entries run past the end of the file");
     previousEnd = d.end;
+    auto const* control = reinterpret_cast<Layout::Control const*>(base_ + d.controlOffset);
+    if (!Layout::shapeFits(control->shape.load(std::memory_order_acquire), d.limit, d.slotCountMax))
+      fail(tw + "shape does not fit its limit");
     TableGeometry g;
     g.index = i;
     g.name = name;

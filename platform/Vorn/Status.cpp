@@ -49,7 +49,13 @@ void Status::mountIs(std::string const& path, Mode mode, MountOptions const& opt
   region_ = std::move(region);
   mode_ = mode;
   path_ = path;
-  for (std::uint32_t i = 0; i < tables_.size(); ++i) tables_[i]->attach(region_.get(), i);
+  try {
+    // A table's shape is checked, and a writer's room made, here.
+    for (std::uint32_t i = 0; i < tables_.size(); ++i) tables_[i]->attach(region_.get(), i);
+  } catch (...) {
+    unmount();
+    throw;
+  }
   if (mode == Mode::writer && region_->adopted()) {
     KIV_TRACE(th, 4,
               "mountIs: adopting " << path << " from writer epoch " << region_->header()->writerEpoch.load() - 1);

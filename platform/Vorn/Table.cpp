@@ -76,6 +76,10 @@ void TableBase::attach(Region* region, std::uint32_t index) {
     rng_ ^= static_cast<std::uint64_t>(getpid()) * 0x9e3779b97f4a7c15ull ^
             static_cast<std::uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count());
     prev_.assign((std::size_t(capacity_) + 1) * Layout::kMaxLevel, Layout::kNone);
+    // A writer killed between the room and the shape, or a damaged shape:
+    // the pages the shape names are allocated before this writer uses them.
+    region->reserve(entriesOffset_, (std::uint64_t(capacity_) + 1) * entrySize_);
+    region->reserve(slotsOffset_[Layout::shapeArea(shape_)], (std::uint64_t(slotMask_) + 1) * sizeof(Layout::Slot));
     if (!region->adopted()) {
       free_.reserve(capacity_);
       for (std::uint32_t i = capacity_; i >= 1; --i) free_.push_back(i);
@@ -87,8 +91,7 @@ void TableBase::shapeIs(std::uint64_t shape) const {
   std::uint32_t const capacity = Layout::shapeCapacity(shape);
   std::uint32_t const shift = Layout::shapeSlotShift(shape);
   std::uint32_t const slots = shift < 32 ? 1u << shift : 0;
-  if (Layout::shapeSpare(shape) || capacity == 0 || capacity > limit_ || slots < 2ull * capacity ||
-      slots > region_->table(index_).slotCountMax)
+  if (!Layout::shapeFits(shape, limit_, region_->table(index_).slotCountMax))
     fail("shape of " + std::to_string(capacity) + " records in 2^" + std::to_string(shift) +
          " hash slots does not fit the limit of " + std::to_string(limit_));
   // Entries only grow (while the writer runs and on adoption alike).

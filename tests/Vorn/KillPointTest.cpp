@@ -108,8 +108,8 @@ class VornKillPoint : public ::testing::Test {
   std::string path = root.file("t.vorn");
 };
 
-void killAtEveryStep(std::string const& path, std::vector<char const*> const& steps,
-                     Vorn::MountOptions const& options, void (*work)(Vorn::TestStatus&)) {
+void killAtEveryStep(std::string const& path, std::vector<char const*> const& steps, Vorn::MountOptions const& options,
+                     void (*work)(Vorn::TestStatus&)) {
   for (char const* step : steps) {
     bool reached = false;
     for (int at : {1, 2, 5}) {

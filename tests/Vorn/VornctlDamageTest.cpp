@@ -66,8 +66,7 @@ TEST_F(Vornctl, ShowRefusesImpossibleCountsAndSaysSo) {
   ToolRun bad = vornctl(root.path(), "show t");
   EXPECT_EQ(bad.status, 1);
   EXPECT_EQ(bad.out.find("1500000000"), std::string::npos) << bad.out;
-  EXPECT_NE(bad.err.find("damaged: table 'entry': size 1500000000 exceeds capacity 63"), std::string::npos)
-      << bad.err;
+  EXPECT_NE(bad.err.find("damaged: table 'entry': size 1500000000 exceeds capacity 63"), std::string::npos) << bad.err;
   EXPECT_NE(bad.err.find("1500000000 tombstones in 128 hash slots"), std::string::npos) << bad.err;
 }
 

@@ -162,7 +162,8 @@ std::size_t rawDump(Vorn::Region const& r, Vorn::TableGeometry const& g, std::si
   std::uint32_t x = next0(0);
   std::size_t n = 0;
   while (x != Vorn::Layout::kNone && n < limit) {
-    if (x == 0 || x > capacity || n > capacity) r.fail("table '" + g.name + "': broken links at entry " + std::to_string(x));
+    if (x == 0 || x > capacity || n > capacity)
+      r.fail("table '" + g.name + "': broken links at entry " + std::to_string(x));
     hex(std::cout, entry(x) + g.keyOffset, g.keySize);
     std::cout << " -> ";
     hex(std::cout, entry(x) + g.recordOffset, g.recordSize);
