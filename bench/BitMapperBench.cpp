@@ -32,7 +32,7 @@ void BitMapperAllocRelease(benchmark::State& state) {
   ::unlink(path.c_str());
   Kiv::Ptr<BitMapper::VornStatus> vorn = new BitMapper::VornStatus("bench");
   Vorn::MountOptions options;
-  options.capacity["bitIndexMap"] = size;
+  options.limit["bitIndexMap"] = size;
   vorn->mountIs(path, Vorn::Status::Mode::writer, options);
   auto config = BitMapper::configFactory(size, false);
   auto status = BitMapper::statusFactory();

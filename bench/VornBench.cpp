@@ -67,7 +67,7 @@ struct Fixture {
     mkdir(benchDir().c_str(), 0700);
     path = benchDir() + "/t" + std::to_string(n) + ".vorn";
     Vorn::MountOptions options;
-    options.capacity["entry"] = static_cast<std::uint32_t>(n + n / 8 + 64);
+    options.limit["entry"] = static_cast<std::uint32_t>(n + n / 8 + 64);
     writer = new Vorn::TestStatus("bench");
     writer->mountIs(path, Vorn::Status::Mode::writer, options);
     std::string const lmdbDir = benchDir() + "/lmdb" + std::to_string(n);

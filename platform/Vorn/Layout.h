@@ -2,22 +2,35 @@
 // field of a shared table lives. Readers in other processes and the writer
 // agree on it through the magic and the layout version in the header.
 //
-//   [Header | per table: Control, hash slots, entries (+1 skip-list head) | change log]
+//   [Header | Controls | change log | per table: hash slots A, hash slots B,
+//    entries (entry 0 the skip-list head, then records 1..limit)]
+//
+// The file is as long as every table at its limit, but sparse: the writer
+// allocates (posix_fallocate) only the pages in use, so a new table costs a
+// few pages, and the file system refuses space at the write that needs it.
+// A table grows by allocating more entries at the end of its entry area and
+// rebuilding its hash index in the other slot area; its current shape
+// (capacity, slot count, slot area) is one 64-bit word in its Control, so a
+// reader sees the old shape or the new one, never a mix. Entries never
+// move, so links and a reader's place in an ordered walk survive a growth.
 //
 // Everything here lives in shared memory written by another process: any
-// field may hold any bits. Geometry (offsets, sizes, counts) is copied out
-// and validated once at mount; a reader never trusts a stored index, link
-// or count without checking it against that validated geometry.
+// field may hold any bits. Fixed geometry (offsets, sizes, limits) is copied
+// out and validated once at mount, a shape each time it changes; a reader
+// never trusts a stored index, link or count without checking it against
+// that validated geometry.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 
 namespace Vorn::Layout {
 
 inline constexpr std::uint64_t kMagic = 0x3147455236524f56ull;  // "VOR6REG1"
-inline constexpr std::uint32_t kVersion = 1;
+inline constexpr std::uint32_t kVersion = 2;
 inline constexpr std::uint32_t kMaxTables = 8;
 inline constexpr std::uint32_t kNameLen = 48;
 inline constexpr std::uint32_t kTypeLen = 96;
@@ -36,24 +49,44 @@ struct TableDesc {
   std::uint32_t entrySize;  // EntryHead + key + record, rounded up to 8
   std::uint32_t keyOffset;  // within an entry
   std::uint32_t recordOffset;
-  std::uint32_t capacity;     // records; entry `capacity` is the skip-list head
-  std::uint32_t slotCount;    // hash slots, a power of two >= 2 * capacity
-  std::uint32_t linksOffset;  // within an entry: the skip-list tower
+  std::uint32_t limit;         // records the table may grow to
+  std::uint32_t slotCountMax;  // each slot area's room: a power of two >= 2 * limit
+  std::uint32_t linksOffset;   // within an entry: the skip-list tower
   std::uint64_t controlOffset;
-  std::uint64_t slotsOffset;
-  std::uint64_t entriesOffset;
+  std::uint64_t slotsOffset[2];
+  std::uint64_t entriesOffset;  // limit + 1 entries, the head first
   std::uint64_t end;
 };
 
+// A table's current shape, packed in one word so that it changes at once:
+// capacity (records, entries 1..capacity exist) in bits 0-31, log2 of the
+// slot count in bits 32-39, the slot area in use in bit 40.
+inline constexpr std::uint64_t packShape(std::uint32_t capacity, std::uint32_t slotShift, std::uint32_t area) {
+  return std::uint64_t(capacity) | std::uint64_t(slotShift) << 32 | std::uint64_t(area) << 40;
+}
+inline constexpr std::uint32_t shapeCapacity(std::uint64_t s) { return std::uint32_t(s); }
+inline constexpr std::uint32_t shapeSlotShift(std::uint64_t s) { return std::uint32_t(s >> 32) & 0xff; }
+inline constexpr std::uint32_t shapeArea(std::uint64_t s) { return std::uint32_t(s >> 40) & 1; }
+inline constexpr bool shapeSpare(std::uint64_t s) { return (s >> 41) != 0; }
+// A shape a writer can have stored for a table of this limit.
+inline constexpr bool shapeFits(std::uint64_t s, std::uint32_t limit, std::uint32_t slotCountMax) {
+  std::uint32_t const capacity = shapeCapacity(s);
+  std::uint32_t const shift = shapeSlotShift(s);
+  return !shapeSpare(s) && capacity != 0 && capacity <= limit && shift < 32 &&
+         (std::uint64_t(1) << shift) >= 2ull * capacity && (std::uint64_t(1) << shift) <= slotCountMax;
+}
+
 // Mutable per-table state. structGen is odd while the writer rebuilds the
-// hash slots or the skip list; every reader operation samples it before and
-// after and retries when it moved.
+// hash slots or the skip list in place, and moves (by two) when the table
+// grows; every reader operation samples it before and after and retries
+// when it moved.
 struct alignas(64) Control {
   std::atomic<std::uint64_t> structGen;
+  std::atomic<std::uint64_t> shape;
   std::atomic<std::uint32_t> size;
   std::atomic<std::uint32_t> tombstones;
   std::atomic<std::uint32_t> topLevel;  // highest level in use, a hint for readers
-  std::uint32_t reserved[7];
+  std::uint32_t reserved[5];
 };
 
 // A hash slot: 0 empty, low word kNone a tombstone, otherwise
@@ -97,6 +130,7 @@ struct BellSlot {
   std::atomic<std::uint32_t> nonce;  // names the doorbell file
 };
 
+// The change log's pages are allocated as the log first fills them.
 // One change-log record: seq is 2*position+1 while written, 2*position+2
 // when complete. The key follows, padded to the region's largest key.
 struct LogHead {
@@ -110,7 +144,7 @@ struct Header {
   std::uint64_t magic;
   std::uint32_t version;
   std::uint32_t headerSize;
-  std::uint64_t fileSize;
+  std::uint64_t fileSize;  // every table at its limit; sparse
   char typeName[kTypeLen];
   std::uint32_t tableCount;
   std::uint32_t logCapacity;  // a power of two
@@ -130,5 +164,17 @@ struct Header {
 inline constexpr std::uint64_t kHeaderSize = (sizeof(Header) + 4095) & ~std::uint64_t(4095);
 
 inline constexpr std::uint64_t roundUp(std::uint64_t v, std::uint64_t a) { return (v + a - 1) / a * a; }
+
+// Hash slots for a table of `capacity` records: at most half full.
+inline constexpr std::uint32_t slotCountFor(std::uint32_t capacity) {
+  return static_cast<std::uint32_t>(std::bit_ceil(std::max<std::uint64_t>(16, 2ull * capacity)));
+}
+// A new table holds 63 records (64 entries with the head) or its limit,
+// and doubles its entries each time it fills, up to the limit.
+inline constexpr std::uint32_t kInitialCapacity = 63;
+inline constexpr std::uint32_t initialCapacity(std::uint32_t limit) { return std::min(limit, kInitialCapacity); }
+inline constexpr std::uint32_t grownCapacity(std::uint32_t capacity, std::uint32_t limit) {
+  return static_cast<std::uint32_t>(std::min<std::uint64_t>(limit, 2ull * (std::uint64_t(capacity) + 1) - 1));
+}
 
 }  // namespace Vorn::Layout

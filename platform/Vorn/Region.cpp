@@ -11,6 +11,7 @@
 #include <dirent.h>
 
 #include <algorithm>
+#include <bit>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -181,8 +182,18 @@ void Region::validate(std::string_view typeName, std::vector<TableShape> const* 
   if (h->tableCount == 0 || h->tableCount > Layout::kMaxTables) fail("table count " + std::to_string(h->tableCount));
   if (shapes != nullptr && shapes->size() != h->tableCount)
     fail("holds " + std::to_string(h->tableCount) + " tables, the type has " + std::to_string(shapes->size()));
-  std::uint64_t previousEnd = Layout::kHeaderSize;
+  std::uint64_t const controlsEnd =
+      Layout::kHeaderSize + Layout::roundUp(h->tableCount * sizeof(Layout::Control), 4096);
   std::uint32_t maxKey = 0;
+  for (std::uint32_t i = 0; i < h->tableCount; ++i) maxKey = std::max(maxKey, h->tables[i].keySize);
+  if (h->maxKeySize != maxKey) fail("largest key " + std::to_string(h->maxKeySize) + " does not match the tables");
+  if (!isPow2(h->logCapacity) || h->logCapacity > (1u << 24)) fail("log capacity " + std::to_string(h->logCapacity));
+  if (maxKey > Layout::kMaxKeySize || h->logEntrySize != sizeof(Layout::LogHead) + Layout::roundUp(maxKey, 8))
+    fail("log entry size " + std::to_string(h->logEntrySize));
+  if (h->logOffset < controlsEnd || h->logOffset % 4096 != 0 ||
+      h->logOffset + std::uint64_t(h->logCapacity) * h->logEntrySize > size_)
+    fail("change log out of place");
+  std::uint64_t previousEnd = h->logOffset + std::uint64_t(h->logCapacity) * h->logEntrySize;
   geometry_.clear();
   for (std::uint32_t i = 0; i < h->tableCount; ++i) {
     Layout::TableDesc d = h->tables[i];
@@ -206,18 +217,22 @@ void Region::validate(std::string_view typeName, std::vector<TableShape> const* 
     if (expect.entrySize != d.entrySize || expect.keyOffset != d.keyOffset || expect.recordOffset != d.recordOffset ||
         expect.linksOffset != d.linksOffset)
       fail(tw + "entry layout does not match its key and record sizes");
-    if (d.capacity == 0 || d.capacity > Layout::kMaxCapacity) fail(tw + "capacity " + std::to_string(d.capacity));
-    if (!isPow2(d.slotCount) || d.slotCount < 2ull * d.capacity || d.slotCount > 4ull * Layout::kMaxCapacity)
-      fail(tw + "slot count " + std::to_string(d.slotCount) + " for capacity " + std::to_string(d.capacity));
-    if (d.controlOffset < previousEnd || d.controlOffset % 64 != 0) fail(tw + "control offset out of place");
-    if (d.slotsOffset < d.controlOffset + sizeof(Layout::Control) || d.slotsOffset % 8 != 0)
-      fail(tw + "slots offset out of place");
-    if (d.entriesOffset < d.slotsOffset + std::uint64_t(d.slotCount) * 8 || d.entriesOffset % 8 != 0)
-      fail(tw + "entries offset out of place");
-    if (d.end != d.entriesOffset + (std::uint64_t(d.capacity) + 1) * d.entrySize || d.end > size_)
+    if (d.limit == 0 || d.limit > Layout::kMaxCapacity) fail(tw + "limit " + std::to_string(d.limit));
+    if (d.slotCountMax != Layout::slotCountFor(d.limit))
+      fail(tw + "slot room " + std::to_string(d.slotCountMax) + " for limit " + std::to_string(d.limit));
+    if (d.controlOffset != Layout::kHeaderSize + i * sizeof(Layout::Control)) fail(tw + "control out of place");
+    std::uint64_t const slotBytes = std::uint64_t(d.slotCountMax) * sizeof(Layout::Slot);
+    if (d.slotsOffset[0] < previousEnd || d.slotsOffset[0] % 4096 != 0) fail(tw + "slots out of place");
+    if (d.slotsOffset[1] < d.slotsOffset[0] + slotBytes || d.slotsOffset[1] % 4096 != 0)
+      fail(tw + "second slots out of place");
+    if (d.entriesOffset < d.slotsOffset[1] + slotBytes || d.entriesOffset % 4096 != 0)
+      fail(tw + "entries out of place");
+    if (d.end != d.entriesOffset + (std::uint64_t(d.limit) + 1) * d.entrySize || d.end > size_)
       fail(tw + "entries run past the end of the file");
     previousEnd = d.end;
-    maxKey = std::max(maxKey, d.keySize);
+    auto const* control = reinterpret_cast<Layout::Control const*>(base_ + d.controlOffset);
+    if (!Layout::shapeFits(control->shape.load(std::memory_order_acquire), d.limit, d.slotCountMax))
+      fail(tw + "shape does not fit its limit");
     TableGeometry g;
     g.index = i;
     g.name = name;
@@ -227,23 +242,21 @@ void Region::validate(std::string_view typeName, std::vector<TableShape> const* 
     g.keyOffset = d.keyOffset;
     g.recordOffset = d.recordOffset;
     g.linksOffset = d.linksOffset;
-    g.capacity = d.capacity;
-    g.slotCount = d.slotCount;
+    g.limit = d.limit;
+    g.slotCountMax = d.slotCountMax;
     g.control = reinterpret_cast<Layout::Control*>(base_ + d.controlOffset);
-    g.slots = reinterpret_cast<Layout::Slot*>(base_ + d.slotsOffset);
+    for (int a = 0; a < 2; ++a) {
+      g.slotsOffset[a] = d.slotsOffset[a];
+      g.slots[a] = reinterpret_cast<Layout::Slot*>(base_ + d.slotsOffset[a]);
+    }
+    g.entriesOffset = d.entriesOffset;
     g.entries = base_ + d.entriesOffset;
     geometry_.push_back(std::move(g));
   }
-  if (h->maxKeySize != maxKey) fail("largest key " + std::to_string(h->maxKeySize) + " does not match the tables");
-  if (!isPow2(h->logCapacity) || h->logCapacity > (1u << 24)) fail("log capacity " + std::to_string(h->logCapacity));
-  if (h->logEntrySize != sizeof(Layout::LogHead) + Layout::roundUp(maxKey, 8))
-    fail("log entry size " + std::to_string(h->logEntrySize));
-  if (h->logOffset < previousEnd || h->logOffset % 8 != 0 ||
-      h->logOffset + std::uint64_t(h->logCapacity) * h->logEntrySize > size_)
-    fail("change log out of place");
   logCapacity_ = h->logCapacity;
   logEntrySize_ = h->logEntrySize;
   maxKeySize_ = maxKey;
+  logOffset_ = h->logOffset;
   log_ = base_ + h->logOffset;
 }
 
@@ -254,33 +267,35 @@ std::unique_ptr<Region> Region::create(std::string const& path, std::string_view
   if (typeName.empty() || typeName.size() >= Layout::kTypeLen)
     throw Kiv::RangeException("Vorn type name '" + std::string(typeName) + "' is empty or too long");
   Plan plan;
-  std::uint64_t off = Layout::kHeaderSize;
-  for (TableShape const& s : shapes) {
+  for (TableShape const& s : shapes) plan.maxKeySize = std::max(plan.maxKeySize, s.keySize);
+  plan.logCapacity = pow2AtLeast(logCapacity == 0 ? 4096 : std::min<std::uint32_t>(logCapacity, 1u << 24));
+  plan.logEntrySize = static_cast<std::uint32_t>(sizeof(Layout::LogHead) + Layout::roundUp(plan.maxKeySize, 8));
+  plan.logOffset = Layout::kHeaderSize + Layout::roundUp(shapes.size() * sizeof(Layout::Control), 4096);
+  std::uint64_t off = plan.logOffset + std::uint64_t(plan.logCapacity) * plan.logEntrySize;
+  for (std::size_t i = 0; i < shapes.size(); ++i) {
+    TableShape const& s = shapes[i];
     Layout::TableDesc d;
     std::memset(&d, 0, sizeof d);
     if (s.name.empty() || s.name.size() >= Layout::kNameLen)
       throw Kiv::RangeException("Vorn table name '" + s.name + "' is empty or too long");
-    if (s.capacity == 0 || s.capacity > Layout::kMaxCapacity)
-      throw Kiv::RangeException("Vorn table '" + s.name + "': capacity " + std::to_string(s.capacity) +
-                                " is not in 1.." + std::to_string(Layout::kMaxCapacity));
+    if (s.limit == 0 || s.limit > Layout::kMaxCapacity)
+      throw Kiv::RangeException("Vorn table '" + s.name + "': limit " + std::to_string(s.limit) + " is not in 1.." +
+                                std::to_string(Layout::kMaxCapacity));
     std::memcpy(d.name, s.name.data(), s.name.size());
     d.keySize = s.keySize;
     d.recordSize = s.recordSize;
     shapeEntry(d);
-    d.capacity = s.capacity;
-    d.slotCount = pow2AtLeast(std::max<std::uint64_t>(16, 2ull * s.capacity));
-    d.controlOffset = Layout::roundUp(off, 64);
-    d.slotsOffset = d.controlOffset + sizeof(Layout::Control);
-    d.entriesOffset = Layout::roundUp(d.slotsOffset + std::uint64_t(d.slotCount) * 8, 64);
-    d.end = d.entriesOffset + (std::uint64_t(d.capacity) + 1) * d.entrySize;
+    d.limit = s.limit;
+    d.slotCountMax = Layout::slotCountFor(s.limit);
+    d.controlOffset = Layout::kHeaderSize + i * sizeof(Layout::Control);
+    d.slotsOffset[0] = Layout::roundUp(off, 4096);
+    d.slotsOffset[1] = Layout::roundUp(d.slotsOffset[0] + std::uint64_t(d.slotCountMax) * 8, 4096);
+    d.entriesOffset = Layout::roundUp(d.slotsOffset[1] + std::uint64_t(d.slotCountMax) * 8, 4096);
+    d.end = d.entriesOffset + (std::uint64_t(d.limit) + 1) * d.entrySize;
     off = d.end;
-    plan.maxKeySize = std::max(plan.maxKeySize, s.keySize);
     plan.tables.push_back(d);
   }
-  plan.logCapacity = pow2AtLeast(logCapacity == 0 ? 4096 : std::min<std::uint32_t>(logCapacity, 1u << 24));
-  plan.logEntrySize = static_cast<std::uint32_t>(sizeof(Layout::LogHead) + Layout::roundUp(plan.maxKeySize, 8));
-  plan.logOffset = Layout::roundUp(off, 64);
-  plan.fileSize = Layout::roundUp(plan.logOffset + std::uint64_t(plan.logCapacity) * plan.logEntrySize, 4096);
+  plan.fileSize = Layout::roundUp(off, 4096);
 
   removeStaleTemporaries(path);
   std::string const tmp = path + ".tmp." + std::to_string(getpid());
@@ -289,28 +304,39 @@ std::unique_ptr<Region> Region::create(std::string const& path, std::string_view
   int fd = ::open(tmp.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
   if (fd < 0) throw Kiv::ErrnoException("open(" + tmp + ")", errno);
   fchmod(fd, 0644);
+  // As long as every table at its limit, but with holes: only what is
+  // reserved below (and later, as tables grow) takes memory.
   if (ftruncate(fd, static_cast<off_t>(plan.fileSize)) != 0) {
     int e = errno;
     ::close(fd);
     ::unlink(tmp.c_str());
     throw Kiv::ErrnoException("ftruncate(" + tmp + ")", e);
   }
-  // Every page now, not when first touched: a full file system must refuse
-  // the table here, not fault a write that the writer then believes done.
-  if (int e = posix_fallocate(fd, 0, static_cast<off_t>(plan.fileSize)); e != 0) {
-    ::close(fd);
-    ::unlink(tmp.c_str());
-    throw Kiv::ErrnoException("posix_fallocate(" + tmp + ", " + std::to_string(plan.fileSize) + " bytes)", e);
-  }
   std::unique_ptr<Region> r(new Region());
   r->mode_ = Mode::writer;
-  r->path_ = path;
+  r->path_ = tmp;
+  std::vector<std::uint32_t> initial;
   try {
     r->map(fd, plan.fileSize, true);
+    // Every page written below now, not when first touched: a full file
+    // system must refuse the table here, not fault a write that the writer
+    // then believes done.
+    r->reserve(0, plan.logOffset);
+    r->logOffset_ = plan.logOffset;
+    r->logCapacity_ = plan.logCapacity;
+    r->logEntrySize_ = plan.logEntrySize;
+    r->logGrow(0);
+    for (Layout::TableDesc const& d : plan.tables) {
+      std::uint32_t const capacity = Layout::initialCapacity(d.limit);
+      r->reserve(d.slotsOffset[0], std::uint64_t(Layout::slotCountFor(capacity)) * 8);
+      r->reserve(d.entriesOffset, (std::uint64_t(capacity) + 1) * d.entrySize);
+      initial.push_back(capacity);
+    }
   } catch (...) {
     ::unlink(tmp.c_str());
     throw;
   }
+  r->path_ = path;
   Layout::Header* h = r->header_;
   h->version = Layout::kVersion;
   h->headerSize = Layout::kHeaderSize;
@@ -327,7 +353,9 @@ std::unique_ptr<Region> Region::create(std::string const& path, std::string_view
     h->tables[i] = d;
     auto* c = reinterpret_cast<Layout::Control*>(r->base_ + d.controlOffset);
     c->topLevel.store(1, std::memory_order_relaxed);
-    unsigned char* headEntry = r->base_ + d.entriesOffset + std::uint64_t(d.capacity) * d.entrySize;
+    c->shape.store(Layout::packShape(initial[i], std::countr_zero(Layout::slotCountFor(initial[i])), 0),
+                   std::memory_order_relaxed);
+    unsigned char* headEntry = r->base_ + d.entriesOffset;
     reinterpret_cast<Layout::EntryHead*>(headEntry)->level = Layout::kMaxLevel;
     auto* links = reinterpret_cast<Layout::Link*>(headEntry + d.linksOffset);
     for (std::uint32_t l = 0; l < Layout::kMaxLevel; ++l) links[l].store(Layout::kNone, std::memory_order_relaxed);
@@ -339,7 +367,9 @@ std::unique_ptr<Region> Region::create(std::string const& path, std::string_view
   h->writerPid.store(static_cast<std::uint32_t>(getpid()), std::memory_order_relaxed);
   h->writerEpoch.store(1, std::memory_order_relaxed);
   h->magic = Layout::kMagic;
+  std::uint64_t const logReserved = r->logReservedEntries_;
   r->validate(typeName, nullptr);
+  r->logReservedEntries_ = logReserved;
   writerStep("create.rename");
   if (::rename(tmp.c_str(), path.c_str()) != 0) {
     int e = errno;
@@ -494,6 +524,27 @@ std::uint32_t Region::waitEven(std::atomic<std::uint32_t> const& seq, std::strin
 
 std::uint64_t Region::waitEven64(std::atomic<std::uint64_t> const& seq, std::string_view what) const {
   return waitEvenImpl(*this, seq, what, std::chrono::steady_clock::time_point::max());
+}
+
+void Region::reserve(std::uint64_t offset, std::uint64_t length) {
+  std::uint64_t const from = offset / 4096 * 4096;
+  std::uint64_t const to = std::min(size_, Layout::roundUp(offset + length, 4096));
+  if (to <= from) return;
+  if (int e = posix_fallocate(fd_, static_cast<off_t>(from), static_cast<off_t>(to - from)); e != 0)
+    throw Kiv::ErrnoException("posix_fallocate(" + path_ + ", " + std::to_string(to - from) + " bytes)", e);
+}
+
+void Region::logGrow(std::uint64_t position) {
+  std::uint64_t const total = std::uint64_t(logCapacity_) * logEntrySize_;
+  std::uint64_t want = total;
+  if (position < logCapacity_) {
+    // Doubling: a table written without pause allocates its log in a few
+    // steps, an idle one keeps a page.
+    std::uint64_t const had = logReservedEntries_ * logEntrySize_;
+    want = std::min(total, std::max(Layout::roundUp((position + 1) * logEntrySize_, 4096), 2 * had));
+  }
+  reserve(logOffset_, want);
+  logReservedEntries_ = want >= total ? ~std::uint64_t(0) : want / logEntrySize_;
 }
 
 std::uint64_t Region::logChange(std::uint32_t table, void const* key, std::uint32_t keySize) {

@@ -21,6 +21,7 @@
 // change, so one wake-up covers a burst.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -49,10 +50,12 @@ struct TableShape {
   std::string name;
   std::uint32_t keySize = 0;
   std::uint32_t recordSize = 0;
-  std::uint32_t capacity = 0;
+  std::uint32_t limit = 0;  // records the table may grow to
 };
 
-// A table's validated geometry, local to this process.
+// A table's validated fixed geometry, local to this process. Its current
+// capacity and hash index live in the Control's shape word; the tables
+// validate that each time it changes.
 struct TableGeometry {
   std::uint32_t index = 0;
   std::string name;
@@ -62,11 +65,22 @@ struct TableGeometry {
   std::uint32_t keyOffset = 0;
   std::uint32_t recordOffset = 0;
   std::uint32_t linksOffset = 0;
-  std::uint32_t capacity = 0;
-  std::uint32_t slotCount = 0;
+  std::uint32_t limit = 0;
+  std::uint32_t slotCountMax = 0;
   Layout::Control* control = nullptr;
-  Layout::Slot* slots = nullptr;
-  unsigned char* entries = nullptr;
+  Layout::Slot* slots[2] = {nullptr, nullptr};
+  unsigned char* entries = nullptr;  // entry 0 is the skip-list head
+  std::uint64_t slotsOffset[2] = {0, 0};
+  std::uint64_t entriesOffset = 0;
+  // The shape now, as stored (unchecked beyond the limits): for tools.
+  std::uint32_t capacity() const {
+    return std::min(Layout::shapeCapacity(control->shape.load(std::memory_order_acquire)), limit);
+  }
+  Layout::Slot* slotsNow() const { return slots[Layout::shapeArea(control->shape.load(std::memory_order_acquire))]; }
+  std::uint32_t slotCount() const {
+    std::uint32_t const s = Layout::shapeSlotShift(control->shape.load(std::memory_order_acquire));
+    return s < 32 ? std::min<std::uint32_t>(1u << s, slotCountMax) : slotCountMax;
+  }
 };
 
 // Maps a table URL ("mfib/default/pim") to a file name under the root:
@@ -87,16 +101,17 @@ class Region {
 
   // Creates the region at `path`, or adopts the file already there when its
   // type and table shapes match (adopted() is then true). A file of another
-  // type or shape, or a corrupt one, is replaced. Capacities of an adopted
-  // file are the file's own. A file whose writer is still running is not
-  // taken over: Kiv::Exception names that writer. An existing file that is
-  // not a regular file of this user or root, or that group or others may
-  // write, is refused with Kiv::UntrustedPathException, not replaced.
+  // type or shape, or a corrupt one, is replaced. Limits of an adopted
+  // file are the file's own. A new table starts small (a few pages) and
+  // grows towards its limit as it is written. A file whose writer is still
+  // running is not taken over: Kiv::Exception names that writer. An existing
+  // file that is not a regular file of this user or root, or that group or
+  // others may write, is refused with Kiv::UntrustedPathException, not replaced.
   static std::unique_ptr<Region> writerIs(std::string const& path, std::string_view typeName,
                                           std::vector<TableShape> const& shapes, std::uint32_t logCapacity);
   // Opens an existing region for reading: Kiv::ErrnoException("open") when
   // there is none, Pelto::CorruptionDetectedException when it is not a valid
-  // region of this type and shape (capacities are taken from the file),
+  // region of this type and shape (limits are taken from the file),
   // Kiv::UntrustedPathException when the file is not a regular file of this
   // user or root or group or others may write it: someone else's table.
   static std::unique_ptr<Region> readerIs(std::string const& path, std::string_view typeName,
@@ -146,6 +161,18 @@ class Region {
       std::chrono::steady_clock::time_point deadline = std::chrono::steady_clock::time_point::max()) const;
   std::uint64_t waitEven64(std::atomic<std::uint64_t> const& seq, std::string_view what) const;
 
+  // Writer: allocates `length` bytes of the file from `offset` (rounded out
+  // to whole pages) before they are first written, so that a full file
+  // system refuses the write that needs them rather than faulting the
+  // process. Kiv::ErrnoException("posix_fallocate(...)") when it is full.
+  void reserve(std::uint64_t offset, std::uint64_t length);
+  // Writer: makes sure the next change has its place in the change log
+  // (the log's pages are allocated as it first fills them). Called before
+  // a table changes, so that a full file system refuses the change.
+  void logReserve() {
+    std::uint64_t const p = header_->logHead.load(std::memory_order_relaxed);
+    if (__builtin_expect(p >= logReservedEntries_, 0)) logGrow(p);
+  }
   // Writer: appends one change and rings the armed doorbells. Returns the
   // change's log position + 1 (the record's stamp).
   std::uint64_t logChange(std::uint32_t table, void const* key, std::uint32_t keySize);
@@ -177,6 +204,7 @@ class Region {
   void map(int fd, std::uint64_t size, bool writable);
   void validate(std::string_view typeName, std::vector<TableShape> const* shapes);
   void ring(std::uint64_t armed);
+  void logGrow(std::uint64_t position);
   // Takes the writer lock; false when another open file holds it.
   bool writerLockTake();
   bool writerLockHeld() const;
@@ -196,6 +224,9 @@ class Region {
   std::uint32_t logEntrySize_ = 0;
   std::uint32_t maxKeySize_ = 0;
   unsigned char* log_ = nullptr;
+  std::uint64_t logOffset_ = 0;
+  // Writer: log positions whose place is allocated (all once a lap is done).
+  std::uint64_t logReservedEntries_ = 0;
   Kiv::MappingGuard guard_;
   // Reader doorbell.
   int bellSlot_ = -1;

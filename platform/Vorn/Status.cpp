@@ -39,9 +39,9 @@ void Status::mountIs(std::string const& path, Mode mode, MountOptions const& opt
   if (mounted()) throw Kiv::Exception(std::string(typeName()) + " is already mounted on " + path_);
   std::vector<TableShape> shapes;
   for (TableBase* t : tables_) {
-    auto it = options.capacity.find(t->name());
+    auto it = options.limit.find(t->name());
     shapes.push_back(
-        {t->name(), t->keySize(), t->recordSize(), it != options.capacity.end() ? it->second : t->defaultCapacity()});
+        {t->name(), t->keySize(), t->recordSize(), it != options.limit.end() ? it->second : t->defaultCapacity()});
   }
   std::unique_ptr<Region> region = mode == Mode::writer
                                        ? Region::writerIs(path, typeName(), shapes, options.logCapacity)
@@ -49,7 +49,13 @@ void Status::mountIs(std::string const& path, Mode mode, MountOptions const& opt
   region_ = std::move(region);
   mode_ = mode;
   path_ = path;
-  for (std::uint32_t i = 0; i < tables_.size(); ++i) tables_[i]->attach(region_.get(), i);
+  try {
+    // A table's shape is checked, and a writer's room made, here.
+    for (std::uint32_t i = 0; i < tables_.size(); ++i) tables_[i]->attach(region_.get(), i);
+  } catch (...) {
+    unmount();
+    throw;
+  }
   if (mode == Mode::writer && region_->adopted()) {
     KIV_TRACE(th, 4,
               "mountIs: adopting " << path << " from writer epoch " << region_->header()->writerEpoch.load() - 1);

@@ -34,8 +34,9 @@ namespace Vorn {
 class TableBase;
 
 struct MountOptions {
-  // Records per table, by table name; tables not named keep their default.
-  std::map<std::string, std::uint32_t> capacity;
+  // Records a table may grow to, by table name; tables not named keep
+  // their schema's default. A table starts small and grows as written.
+  std::map<std::string, std::uint32_t> limit;
   // Change-log entries (rounded up to a power of two); 0: 4096.
   std::uint32_t logCapacity = 0;
 };

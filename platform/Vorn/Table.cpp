@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <bit>
 #include <chrono>
 
 #include "Kiv/Trace.h"
@@ -35,7 +36,7 @@ std::uint32_t TableBase::size() const {
   checkUsable(false);
   std::uint32_t const n = control_->size.load(std::memory_order_relaxed);
   region_->checkTruncated();
-  if (n > capacity_) fail("size " + std::to_string(n) + " exceeds capacity " + std::to_string(capacity_));
+  if (n > limit_) fail("size " + std::to_string(n) + " exceeds the limit " + std::to_string(limit_));
   return n;
 }
 
@@ -50,14 +51,24 @@ void TableBase::attach(Region* region, std::uint32_t index) {
   region_ = region;
   index_ = index;
   control_ = g.control;
-  slots_ = g.slots;
   entries_ = g.entries;
   entrySize_ = g.entrySize;
   keyOffset_ = g.keyOffset;
   recordOffset_ = g.recordOffset;
   linksOffset_ = g.linksOffset;
-  capacity_ = g.capacity;
-  slotMask_ = g.slotCount - 1;
+  limit_ = g.limit;
+  for (int a = 0; a < 2; ++a) {
+    slotArea_[a] = g.slots[a];
+    slotsOffset_[a] = g.slotsOffset[a];
+  }
+  entriesOffset_ = g.entriesOffset;
+  shape_ = 0;
+  try {
+    shapeIs(control_->shape.load(std::memory_order_acquire));
+  } catch (...) {
+    region_ = nullptr;
+    throw;
+  }
   free_.clear();
   tombstones_ = 0;
   topLevel_ = 1;
@@ -65,11 +76,70 @@ void TableBase::attach(Region* region, std::uint32_t index) {
     rng_ ^= static_cast<std::uint64_t>(getpid()) * 0x9e3779b97f4a7c15ull ^
             static_cast<std::uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count());
     prev_.assign((std::size_t(capacity_) + 1) * Layout::kMaxLevel, Layout::kNone);
+    // A writer killed between the room and the shape, or a damaged shape:
+    // the pages the shape names are allocated before this writer uses them.
+    region->reserve(entriesOffset_, (std::uint64_t(capacity_) + 1) * entrySize_);
+    region->reserve(slotsOffset_[Layout::shapeArea(shape_)], (std::uint64_t(slotMask_) + 1) * sizeof(Layout::Slot));
     if (!region->adopted()) {
       free_.reserve(capacity_);
-      for (std::uint32_t i = capacity_; i-- > 0;) free_.push_back(i);
+      for (std::uint32_t i = capacity_; i >= 1; --i) free_.push_back(i);
     }
   }
+}
+
+void TableBase::shapeIs(std::uint64_t shape) const {
+  std::uint32_t const capacity = Layout::shapeCapacity(shape);
+  std::uint32_t const shift = Layout::shapeSlotShift(shape);
+  std::uint32_t const slots = shift < 32 ? 1u << shift : 0;
+  if (!Layout::shapeFits(shape, limit_, region_->table(index_).slotCountMax))
+    fail("shape of " + std::to_string(capacity) + " records in 2^" + std::to_string(shift) +
+         " hash slots does not fit the limit of " + std::to_string(limit_));
+  // Entries only grow (while the writer runs and on adoption alike).
+  if (capacity < capacity_)
+    fail("capacity went down from " + std::to_string(capacity_) + " to " + std::to_string(capacity));
+  capacity_ = capacity;
+  slotMask_ = slots - 1;
+  slots_ = slotArea_[Layout::shapeArea(shape)];
+  shape_ = shape;
+}
+
+void TableBase::grow() {
+  std::uint32_t const capacity = Layout::grownCapacity(capacity_, limit_);
+  std::uint32_t const slots = Layout::slotCountFor(capacity);
+  std::uint32_t const area = Layout::shapeArea(shape_) ^ 1;
+  // Room first: a full file system refuses here, with the table unchanged.
+  writerStep("grow.reserve");
+  region_->reserve(entriesOffset_ + (std::uint64_t(capacity_) + 1) * entrySize_,
+                   std::uint64_t(capacity - capacity_) * entrySize_);
+  region_->reserve(slotsOffset_[area], std::uint64_t(slots) * sizeof(Layout::Slot));
+  region_->checkTruncated();
+  // The new index is built where no reader looks (a reader still on the
+  // area from two growths ago sees structGen moved and retries).
+  writerStep("grow.slots");
+  Layout::Slot* const to = slotArea_[area];
+  for (std::uint32_t i = 0; i < slots; ++i) to[i].store(Layout::kSlotEmpty, std::memory_order_relaxed);
+  for (std::uint32_t i = 1; i <= capacity_; ++i) {
+    if (head(i)->live != 1) continue;
+    std::uint64_t const h = hashOfEntry(i);
+    std::uint32_t p = std::uint32_t(h) & (slots - 1);
+    while (to[p].load(std::memory_order_relaxed) != Layout::kSlotEmpty) p = (p + 1) & (slots - 1);
+    to[p].store((h >> 32) << 32 | (std::uint64_t(i) + 1), std::memory_order_relaxed);
+  }
+  prev_.resize((std::size_t(capacity) + 1) * Layout::kMaxLevel, Layout::kNone);
+  privateGrow(capacity);
+  // One store publishes capacity and index together; structGen moves after
+  // it, so a reader that worked with the old shape retries.
+  writerStep("grow.publish");
+  std::uint64_t const shape = Layout::packShape(capacity, std::countr_zero(slots), area);
+  control_->shape.store(shape, std::memory_order_release);
+  control_->structGen.store(control_->structGen.load(std::memory_order_relaxed) + 2, std::memory_order_release);
+  std::uint32_t const old = capacity_;
+  shapeIs(shape);
+  free_.reserve(capacity - old + free_.size());
+  for (std::uint32_t i = capacity; i > old; --i) free_.push_back(i);
+  tombstones_ = 0;
+  control_->tombstones.store(0, std::memory_order_relaxed);
+  KIV_TRACE(th, 6, "grow: table '" << name_ << "' from " << old << " to " << capacity << " records");
 }
 
 void TableBase::detach() {
@@ -102,7 +172,7 @@ void TableBase::rebuildHashSlots() {
   genBegin();
   writerStep("rebuild.start");
   for (std::uint32_t i = 0; i <= slotMask_; ++i) slots_[i].store(Layout::kSlotEmpty, std::memory_order_relaxed);
-  for (std::uint32_t i = 0; i < capacity_; ++i) {
+  for (std::uint32_t i = 1; i <= capacity_; ++i) {
     if (head(i)->live != 1) continue;
     std::uint64_t const h = hashOfEntry(i);
     std::uint32_t p = std::uint32_t(h) & slotMask_;
@@ -118,6 +188,8 @@ void TableBase::rebuildHashSlots() {
 
 void TableBase::fail(std::string const& text) const {
   if (region_ == nullptr) throw Pelto::CorruptionDetectedException("table '" + name_ + "': " + text);
+  // What a cut file left (zeros) is no news beyond the cut itself.
+  region_->checkTruncated();
   region_->fail("table '" + name_ + "': " + text);
 }
 
@@ -128,7 +200,7 @@ void TableBase::readOnly() const {
 }
 
 void TableBase::full() const {
-  throw Kiv::RangeException("Vorn table '" + name_ + "' is full: capacity " + std::to_string(capacity_) + " records");
+  throw Kiv::RangeException("Vorn table '" + name_ + "' is full: its limit is " + std::to_string(limit_) + " records");
 }
 
 void TableBase::retriesExhausted() const {

@@ -39,6 +39,13 @@
 //     reader checks that the current node's lseq did not move, so the link
 //     it followed still held; a node is unlinked (changing its predecessors'
 //     lseq) before it is marked dead or reused.
+//   - shape (Control): capacity and hash index in one word, loaded after
+//     structGen; the writer stores a new one (room and index made first)
+//     before it moves structGen, so an operation on an old shape retries.
+//     Entries never move, so a link or hint into them stays good.
+// Between a writer's death and the next adoption, the one record it was
+// inserting or deleting may be walked but not looked up (or the reverse),
+// and size() may differ by one from what a walk yields.
 // Failure modes: a counter that stays odd (a writer killed mid-write) is
 // waited for within a bound (one bound for a whole-table scan) and then
 // reported as corruption for that entry only; a structGen left odd by a
@@ -117,9 +124,14 @@ class TableBase {
   std::string const& name() const { return name_; }
   std::uint32_t keySize() const { return keySize_; }
   std::uint32_t recordSize() const { return recordSize_; }
+  // The schema's limit, used when the mount options name none.
   std::uint32_t defaultCapacity() const { return defaultCapacity_; }
-  // 0 while unmounted.
+  // Records the table holds before it grows again (it grows by doubling as
+  // it is written, towards limit()); as last seen by this process. 0 while
+  // unmounted.
   std::uint32_t capacity() const { return capacity_; }
+  // Records the table may grow to. 0 while unmounted.
+  std::uint32_t limit() const { return limit_; }
   bool mounted() const { return region_ != nullptr; }
   Status* owner() const { return owner_; }
   // Position in the status's table list and in the region.
@@ -167,18 +179,24 @@ class TableBase {
     if (owner_->changeHook_) owner_->changeHook_(*this, key);
   }
 
-  // Geometry, copied at attach for the hot paths.
+  // Geometry, copied at attach for the hot paths. The shape (capacity and
+  // hash index) is refreshed whenever the writer changes it.
   Region* region_ = nullptr;
   Layout::Control* control_ = nullptr;
-  Layout::Slot* slots_ = nullptr;
+  mutable Layout::Slot* slots_ = nullptr;
   unsigned char* entries_ = nullptr;
   std::uint32_t entrySize_ = 0;
   std::uint32_t keyOffset_ = 0;
   std::uint32_t recordOffset_ = 0;
   std::uint32_t linksOffset_ = 0;
-  std::uint32_t capacity_ = 0;
-  std::uint32_t slotMask_ = 0;
+  mutable std::uint32_t capacity_ = 0;
+  mutable std::uint32_t slotMask_ = 0;
+  mutable std::uint64_t shape_ = 0;
+  std::uint32_t limit_ = 0;
   std::uint32_t index_ = 0;
+  Layout::Slot* slotArea_[2] = {nullptr, nullptr};
+  std::uint64_t slotsOffset_[2] = {0, 0};
+  std::uint64_t entriesOffset_ = 0;
   // Writer state. prev_ holds every entry's predecessor at each level, so
   // a delete unlinks without searching; it is the writer's alone.
   std::vector<std::uint32_t> free_;
@@ -195,7 +213,9 @@ class TableBase {
     return reinterpret_cast<Layout::Link*>(entries_ + std::size_t(i) * entrySize_ + linksOffset_);
   }
   unsigned char* recordAt(std::uint32_t i) const { return entries_ + std::size_t(i) * entrySize_ + recordOffset_; }
-  std::uint32_t headEntry() const { return capacity_; }
+  // Entry 0 is the skip-list head; records are entries 1..capacity_.
+  static constexpr std::uint32_t headEntry() { return 0; }
+  bool isRecord(std::uint32_t i) const { return i - 1u < capacity_; }
   std::uint32_t& prevOf(std::uint32_t i, std::uint32_t level) {
     return prev_[std::size_t(i) * Layout::kMaxLevel + level];
   }
@@ -216,11 +236,28 @@ class TableBase {
   void genEnd() {
     control_->structGen.store((control_->structGen.load(std::memory_order_relaxed) | 1) + 1, std::memory_order_release);
   }
-  // Reader bracket.
+  // Reader bracket. The shape is loaded after structGen: the writer stores
+  // a new shape before it moves structGen, so an operation that used an old
+  // shape sees structGen moved at its end and retries.
   std::uint64_t readBegin() const {
     std::uint64_t g = control_->structGen.load(std::memory_order_acquire);
     if (g & 1) g = waitGen();
+    shapeRefresh();
     return g;
+  }
+  void shapeRefresh() const {
+    std::uint64_t const s = control_->shape.load(std::memory_order_acquire);
+    if (__builtin_expect(s != shape_, 0)) shapeIs(s);
+  }
+  // Takes a new shape; the corruption exception when it is impossible.
+  void shapeIs(std::uint64_t shape) const;
+  // After an index beyond the known capacity: whether the shape moved
+  // meanwhile (and was taken), so that the caller retries rather than fail.
+  bool shapeMoved() const {
+    std::uint64_t const s = control_->shape.load(std::memory_order_acquire);
+    if (s == shape_) return false;
+    shapeIs(s);
+    return true;
   }
   bool readEnd(std::uint64_t g) const {
     std::atomic_thread_fence(std::memory_order_acquire);
@@ -234,8 +271,10 @@ class TableBase {
     std::uint32_t s = head(i)->dseq.load(std::memory_order_acquire);
     return (s & 1) ? waitEven(head(i)->dseq, i) : s;
   }
+  // A link to an entry beyond the known capacity is good when the table
+  // grew meanwhile (entries never move), corrupt otherwise.
   std::uint32_t checkedLink(std::uint32_t from, std::uint32_t level, std::uint32_t to) const {
-    if (to != Layout::kNone && to >= capacity_) linkFail(from, level, to);
+    if (to != Layout::kNone && !isRecord(to) && !(shapeMoved() && isRecord(to))) linkFail(from, level, to);
     return to;
   }
   [[noreturn]] void linkFail(std::uint32_t from, std::uint32_t level, std::uint32_t to) const;
@@ -244,6 +283,13 @@ class TableBase {
   // Traces that reads now come from a private index of the entries.
   void fallbackNoticed() const;
   void rebuildHashSlots();
+  // Writer: doubles the entries (up to the limit) and rebuilds the hash
+  // index for them in the other slot area, then publishes the new shape.
+  // Raises full() at the limit, Kiv::ErrnoException when the file system
+  // has no room; the table is unchanged then.
+  void grow();
+  // Writer: the private per-entry state follows a growth.
+  virtual void privateGrow(std::uint32_t capacity) = 0;
   void checkUsable(bool forWrite) const {
     if (region_ == nullptr) notMounted();
     if (forWrite && !writer()) readOnly();
@@ -309,10 +355,16 @@ class Table : public TableBase {
   // raises Kiv::RangeException.
   bool is(R const& r) {
     checkUsable(true);
+    region_->logReserve();
     K const k = keyOf(r);
     std::uint64_t const h = hash(k);
     std::uint32_t pos, ins;
     std::uint32_t idx = writerFind(k, h, pos, ins);
+    if (idx == Layout::kNone && free_.empty()) {
+      if (capacity_ >= limit_) full();
+      grow();
+      writerFind(k, h, pos, ins);
+    }
     if (idx != Layout::kNone) {
       R cur;
       std::memcpy(static_cast<void*>(&cur), recordAt(idx), sizeof(R));
@@ -324,7 +376,6 @@ class Table : public TableBase {
       e->stamp = region_->nextStamp();
       writeEnd(e->dseq);
     } else {
-      if (free_.empty()) full();
       idx = free_.back();
       std::uint32_t preds[Layout::kMaxLevel];
       findPreds(k, preds);
@@ -352,7 +403,7 @@ class Table : public TableBase {
       for (std::uint32_t l = 0; l < level; ++l) {
         prevOf(idx, l) = preds[l];
         std::uint32_t const s = mirror_[idx].next[l];
-        if (s < capacity_) prevOf(s, l) = idx;
+        if (s != Layout::kNone) prevOf(s, l) = idx;
       }
       // Link bottom-up: a reader that sees the node at level l finds it at
       // every level below.
@@ -391,6 +442,7 @@ class Table : public TableBase {
   // Removes the record under `k`; false when there was none.
   bool del(K const& k) {
     checkUsable(true);
+    region_->logReserve();
     std::uint64_t const h = hash(k);
     std::uint32_t pos, ins;
     std::uint32_t const idx = writerFind(k, h, pos, ins);
@@ -403,7 +455,7 @@ class Table : public TableBase {
     bool known = true;
     for (std::uint32_t l = 0; l < level && known; ++l) {
       preds[l] = prevOf(idx, l);
-      known = (preds[l] < capacity_ || preds[l] == headEntry()) && mirror_[preds[l]].next[l] == idx;
+      known = preds[l] <= capacity_ && mirror_[preds[l]].next[l] == idx;
     }
     if (!known) findPreds(k, preds);
     // Unlink top-down, then retire the entry: a reader standing on it sees
@@ -427,7 +479,7 @@ class Table : public TableBase {
     }
     for (std::uint32_t l = 0; l < level; ++l) {
       std::uint32_t const s = mirror_[idx].next[l];
-      if (s < capacity_) prevOf(s, l) = preds[l];
+      if (s != Layout::kNone) prevOf(s, l) = preds[l];
     }
     aheadRefresh(Layout::kNone, preds[0]);
     slots_[pos].store(Layout::kSlotTombstone, std::memory_order_release);
@@ -456,7 +508,7 @@ class Table : public TableBase {
   bool first(K& key, R& rec, IterHint& hint) const { return seek(nullptr, false, key, rec, hint); }
   bool next(K const& after, K& key, R& rec, IterHint& hint) const {
     checkUsable(false);
-    if (hint.entry < capacity_) {
+    if (isRecord(hint.entry)) {
       int r = stepFromHint(after, key, rec, hint);
       if (r >= 0) return r == 1;
     }
@@ -473,16 +525,18 @@ class Table : public TableBase {
   }
 
   // Unordered iteration over entry positions: cheap, stable under deletes
-  // of other records. `pos` is the caller's cursor (start at 0).
+  // of other records and under growth (new entries come last). `pos` is
+  // the caller's cursor (start at 0).
   bool unorderedFirst(std::uint32_t& pos, K& key, R& rec) const {
     pos = 0;
     return unorderedNext(pos, key, rec);
   }
   bool unorderedNext(std::uint32_t& pos, K& key, R& rec) const {
     checkUsable(false);
+    shapeRefresh();
     for (; pos < capacity_; ++pos) {
       std::uint64_t stamp;
-      if (readEntry(pos, &key, &rec, stamp)) {
+      if (readEntry(pos + 1, &key, &rec, stamp)) {
         ++pos;
         return true;
       }
@@ -536,9 +590,13 @@ class Table : public TableBase {
   void attach(Region* region, std::uint32_t index) override {
     TableBase::attach(region, index);
     if (!writer()) return;
+    mirror_.clear();
+    privateGrow(capacity_);
+  }
+  void privateGrow(std::uint32_t capacity) override {
     Node empty;
     std::fill(std::begin(empty.next), std::end(empty.next), Layout::kNone);
-    mirror_.assign(std::size_t(capacity_) + 1, empty);
+    mirror_.resize(std::size_t(capacity) + 1, empty);
   }
   void detach() override {
     TableBase::detach();
@@ -551,13 +609,10 @@ class Table : public TableBase {
     if (following_) {
       try {
         std::uint64_t stamp = 0;
-        if (lookup(k, nullptr, stamp))
-          seen_[k] = stamp;
-        else
-          seen_.erase(k);
+        seenDelta_[k] = lookup(k, nullptr, stamp) ? stamp : kGone;
       } catch (Pelto::CorruptionDetectedException const& e) {
         // Forget it: the next resync announces it again if it differs.
-        seen_.erase(k);
+        seenDelta_[k] = kGone;
         corruptionDetected(e.what());
       }
     }
@@ -565,22 +620,26 @@ class Table : public TableBase {
   }
   void snapshotStart() override {
     following_ = true;
-    seen_ = scan();
+    seenBase_ = scan();
+    seenDelta_.clear();
   }
   void snapshotStop() override {
     following_ = false;
-    seen_.clear();
+    seenBase_.clear();
+    seenBase_.shrink_to_fit();
+    seenDelta_.clear();
   }
   void resync() override {
-    std::map<K, std::uint64_t> now = scan();
+    Seen now = scan();
+    Seen seen = seenNow();
     std::vector<K> changed;
-    auto a = seen_.begin();
+    auto a = seen.begin();
     auto b = now.begin();
-    while (a != seen_.end() || b != now.end()) {
-      if (b == now.end() || (a != seen_.end() && a->first < b->first)) {
+    while (a != seen.end() || b != now.end()) {
+      if (b == now.end() || (a != seen.end() && a->first < b->first)) {
         changed.push_back(a->first);
         ++a;
-      } else if (a == seen_.end() || b->first < a->first) {
+      } else if (a == seen.end() || b->first < a->first) {
         changed.push_back(b->first);
         ++b;
       } else {
@@ -589,7 +648,8 @@ class Table : public TableBase {
         ++b;
       }
     }
-    seen_ = std::move(now);
+    seenBase_ = std::move(now);
+    seenDelta_.clear();
     for (K const& k : changed) {
       if (hook_) hook_(k);
       if (!region_) return;
@@ -637,7 +697,7 @@ class Table : public TableBase {
     std::uint32_t const tag = std::uint32_t(h >> 32);
     for (unsigned attempt = 0; attempt < kRetries; ++attempt) {
       std::uint64_t const g = readBegin();
-      int r = lookupOnce(k, h, tag, out, stamp);
+      int r = lookupOnce(k, h, tag, out, stamp, g);
       if (r >= 0 && readEnd(g)) {
         region_->checkTruncated();
         return r == 1;
@@ -646,7 +706,7 @@ class Table : public TableBase {
     retriesExhausted();
   }
   // 1 hit, 0 miss, -1 raced: retry.
-  int lookupOnce(K const& k, std::uint64_t h, std::uint32_t tag, R* out, std::uint64_t& stamp) const {
+  int lookupOnce(K const& k, std::uint64_t h, std::uint32_t tag, R* out, std::uint64_t& stamp, std::uint64_t g) const {
     std::uint32_t pos = std::uint32_t(h) & slotMask_;
     for (std::uint32_t n = 0; n <= slotMask_; ++n, pos = (pos + 1) & slotMask_) {
       std::uint64_t const s = slots_[pos].load(std::memory_order_acquire);
@@ -654,7 +714,11 @@ class Table : public TableBase {
       if (lo == Layout::kSlotEmpty) return 0;
       if (lo == Layout::kSlotTombstone || std::uint32_t(s >> 32) != tag) continue;
       std::uint32_t const idx = lo - 1;
-      if (idx >= capacity_) slotFail(pos, s);
+      if (!isRecord(idx)) {
+        // An index from a newer shape, or this one rebuilt under us.
+        if (shapeMoved() || !readEnd(g)) return -1;
+        slotFail(pos, s);
+      }
       Layout::EntryHead const* e = head(idx);
       std::uint32_t const l1 = stableL(idx);
       K kk;
@@ -670,6 +734,7 @@ class Table : public TableBase {
       if (e->dseq.load(std::memory_order_relaxed) != d1 || e->lseq.load(std::memory_order_relaxed) != l1) return -1;
       return 1;
     }
+    if (shapeMoved() || !readEnd(g)) return -1;
     loopFail("hash probe");
   }
 
@@ -730,7 +795,7 @@ class Table : public TableBase {
     // The next few steps are already on their way (fetched by the steps
     // before); start on the one after them.
     std::uint32_t const ahead = nh->ahead.load(std::memory_order_relaxed);
-    if (ahead < capacity_) {
+    if (isRecord(ahead)) {
       unsigned char const* p = entries_ + std::size_t(ahead) * entrySize_;
       for (std::uint32_t off = 0; off < entrySize_; off += 64) __builtin_prefetch(p + off);
     }
@@ -766,7 +831,7 @@ class Table : public TableBase {
     std::uint32_t top = control_->topLevel.load(std::memory_order_acquire);
     if (top == 0 || top > Layout::kMaxLevel) top = Layout::kMaxLevel;
     std::uint64_t steps = 0;
-    std::uint64_t const bound = (std::uint64_t(capacity_) + 1) * Layout::kMaxLevel;
+    std::uint64_t const bound = (std::uint64_t(limit_) + 1) * Layout::kMaxLevel;
     std::uint32_t cand = Layout::kNone, cs = 0;
     K ck;
     for (std::uint32_t l = top; l-- > 0;) {
@@ -824,7 +889,8 @@ class Table : public TableBase {
     if (writer() || region_->writerAlive()) return false;
     ScanBound bound(*this);
     fallback_.clear();
-    for (std::uint32_t i = 0; i < capacity_; ++i) {
+    shapeRefresh();
+    for (std::uint32_t i = 1; i <= capacity_; ++i) {
       K k;
       std::uint64_t stamp;
       try {
@@ -888,7 +954,7 @@ class Table : public TableBase {
       }
       if (std::uint32_t(s >> 32) != tag) continue;
       std::uint32_t const idx = lo - 1;
-      if (idx >= capacity_) slotFail(p, s);
+      if (!isRecord(idx)) slotFail(p, s);
       K kk;
       std::memcpy(static_cast<void*>(&kk), keyAt(idx), sizeof(K));
       if (head(idx)->live == 1 && equal(kk, k)) {
@@ -916,7 +982,7 @@ class Table : public TableBase {
       back[nb++] = x;
       if (x == headEntry()) break;
       x = prevOf(x, 0);
-      if (x >= capacity_ && x != headEntry()) break;
+      if (x > capacity_) break;
     }
     std::uint32_t y = pred;
     for (unsigned i = 0; i <= kAhead; ++i) fwd[i] = y = y == Layout::kNone ? y : mirror_[y].next[0];
@@ -941,18 +1007,45 @@ class Table : public TableBase {
     }
   }
 
-  std::map<K, std::uint64_t> scan() const {
+  // Every record's key and stamp, in key order: one pass over the entries
+  // in use and a sort, no allocation per record.
+  using Seen = std::vector<std::pair<K, std::uint64_t>>;
+  Seen scan() const {
     ScanBound bound(*this);
-    std::map<K, std::uint64_t> out;
-    for (std::uint32_t i = 0; i < capacity_; ++i) {
+    Seen out;
+    shapeRefresh();
+    out.reserve(std::min(capacity_, control_->size.load(std::memory_order_relaxed)));
+    for (std::uint32_t i = 1; i <= capacity_; ++i) {
       K k;
       std::uint64_t stamp;
       try {
-        if (readEntry(i, &k, nullptr, stamp)) out[k] = stamp;
+        if (readEntry(i, &k, nullptr, stamp)) out.emplace_back(k, stamp);
       } catch (Pelto::CorruptionDetectedException const& e) {
         corruptionDetected(e.what());
         if (region_->truncated()) break;
       }
+    }
+    auto const byKey = [](auto const& a, auto const& b) { return a.first < b.first; };
+    std::sort(out.begin(), out.end(), byKey);
+    // One key twice comes only from damage: keep one.
+    out.erase(std::unique(out.begin(), out.end(), [](auto const& a, auto const& b) { return equal(a.first, b.first); }),
+              out.end());
+    return out;
+  }
+  // What this reader last saw: the snapshot with the changes heard since.
+  Seen seenNow() const {
+    Seen out;
+    out.reserve(seenBase_.size() + seenDelta_.size());
+    auto a = seenBase_.begin();
+    auto b = seenDelta_.begin();
+    while (a != seenBase_.end() || b != seenDelta_.end()) {
+      if (b == seenDelta_.end() || (a != seenBase_.end() && a->first < b->first)) {
+        out.push_back(*a++);
+        continue;
+      }
+      if (a != seenBase_.end() && !(b->first < a->first)) ++a;
+      if (b->second != kGone) out.emplace_back(b->first, b->second);
+      ++b;
     }
     return out;
   }
@@ -968,7 +1061,11 @@ class Table : public TableBase {
   mutable std::uint64_t fallbackEpoch_ = 0;
   Hook hook_;
   bool following_ = false;
-  std::map<K, std::uint64_t> seen_;
+  // A following reader's view, for the comparison after the log wrapped: a
+  // sorted snapshot and the changes heard since (kGone: deleted).
+  static constexpr std::uint64_t kGone = 0;
+  Seen seenBase_;
+  std::map<K, std::uint64_t> seenDelta_;
 };
 
 // A new writer takes over the records of the file: records whose write was
@@ -988,7 +1085,7 @@ void Table<K, R, KeyOf>::adopt() {
   writerStep("adopt.scan");
   std::vector<std::uint32_t> keep;
   std::vector<K> dropped;
-  for (std::uint32_t i = 0; i < capacity_; ++i) {
+  for (std::uint32_t i = 1; i <= capacity_; ++i) {
     Layout::EntryHead* e = head(i);
     std::uint32_t const l = e->lseq.load(std::memory_order_relaxed);
     std::uint32_t const d = e->dseq.load(std::memory_order_relaxed);
@@ -1070,15 +1167,16 @@ void Table<K, R, KeyOf>::adopt() {
   aheadSet(headEntry());
   for (std::uint32_t i : unique) aheadSet(i);
   free_.clear();
-  std::vector<bool> used(capacity_, false);
+  std::vector<bool> used(std::size_t(capacity_) + 1, false);
   for (std::uint32_t i : unique) used[i] = true;
-  for (std::uint32_t i = capacity_; i-- > 0;)
+  for (std::uint32_t i = capacity_; i >= 1; --i)
     if (!used[i]) free_.push_back(i);
   control_->size.store(std::uint32_t(unique.size()), std::memory_order_relaxed);
   rebuildHashSlots();
   writerStep("adopt.end");
   genEnd();
   for (K const& k : dropped) {
+    region_->logReserve();
     changeLogged(&k);
     if (hook_) hook_(k);
   }

@@ -175,7 +175,7 @@ TEST_F(BitMapperSmDeathTest, SpaceReachingTheWaitlistMarkerMistakesAWaitingKeyFo
 template <class K>
 Vorn::Layout::EntryHead* entryHeadOf(Vorn::Status const& s, std::uint32_t t, K const& k) {
   Vorn::TableGeometry const& g = s.region()->table(t);
-  for (std::uint32_t i = 0; i < g.capacity; ++i) {
+  for (std::uint32_t i = 1; i <= g.capacity(); ++i) {
     auto* h = reinterpret_cast<Vorn::Layout::EntryHead*>(g.entries + std::size_t(i) * g.entrySize);
     K stored;
     std::memcpy(static_cast<void*>(&stored), g.entries + std::size_t(i) * g.entrySize + g.keyOffset, sizeof stored);

@@ -291,7 +291,7 @@ TEST_F(MfibDirAcrossProcesses, ATornRecordIsReportedAndLeavesItsVrfAsLastSeen) {
   Vorn::TableGeometry const& g = region->table(table->dirCollTable().index());
   L3::VrfName const red("red");
   bool torn = false;
-  for (std::uint32_t i = 0; i < g.capacity && !torn; ++i) {
+  for (std::uint32_t i = 1; i <= g.capacity() && !torn; ++i) {
     auto* h = reinterpret_cast<Vorn::Layout::EntryHead*>(g.entries + std::size_t(i) * g.entrySize);
     L3::VrfName stored;
     std::memcpy(static_cast<void*>(&stored), g.entries + std::size_t(i) * g.entrySize + g.keyOffset, sizeof stored);

@@ -44,7 +44,7 @@ inline void tear(Status& s, IpGenRouteKey const& k) {
   waitpid(child, nullptr, 0);
   s.region()->header()->writerPid.store(static_cast<std::uint32_t>(child));
   Vorn::TableGeometry const& g = s.region()->table(s.routeTable().index());
-  for (std::uint32_t i = 0; i < g.capacity; ++i) {
+  for (std::uint32_t i = 1; i <= g.capacity(); ++i) {
     auto* h = reinterpret_cast<Vorn::Layout::EntryHead*>(g.entries + std::size_t(i) * g.entrySize);
     IpGenRouteKey stored;
     std::memcpy(static_cast<void*>(&stored), g.entries + std::size_t(i) * g.entrySize + g.keyOffset, sizeof stored);

@@ -49,7 +49,7 @@ void tear(Vorn::Status& s, Table const& table, typename Table::Key const& key) {
   waitpid(child, nullptr, 0);
   s.region()->header()->writerPid.store(static_cast<std::uint32_t>(child));
   Vorn::TableGeometry const& g = s.region()->table(table.index());
-  for (std::uint32_t i = 0; i < g.capacity; ++i) {
+  for (std::uint32_t i = 1; i <= g.capacity(); ++i) {
     unsigned char* e = g.entries + std::size_t(i) * g.entrySize;
     auto* head = reinterpret_cast<Vorn::Layout::EntryHead*>(e);
     typename Table::Key stored;

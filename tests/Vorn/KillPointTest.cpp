@@ -6,7 +6,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <set>
 #include <string>
 #include <vector>
@@ -25,6 +27,9 @@ char const* const kSteps[] = {
     "rebuild.slot", "log.change",  "adopt.claim", "adopt.scan",     "adopt.head",    "adopt.link",    "adopt.end",
 };
 
+// Steps of a growth, reached by the growing workload below.
+char const* const kGrowSteps[] = {"grow.reserve", "grow.slots", "grow.publish"};
+
 char const* gTarget = nullptr;
 int gAt = 0;
 int gHits = 0;
@@ -35,7 +40,7 @@ void killAtTarget(char const* step) {
 
 Vorn::MountOptions smallTable() {
   Vorn::MountOptions options;
-  options.capacity["entry"] = 32;  // 64 hash slots: 17 deletes force a rebuild
+  options.limit["entry"] = 32;  // 64 hash slots: 17 deletes force a rebuild
   return options;
 }
 
@@ -48,11 +53,25 @@ void workload(Vorn::TestStatus& w) {
   w.entryIs(record(4, 3));
 }
 
+// A table of 24 records in room for 63, grown by 80 more (to 127), with
+// writes to old and new records after the growth.
+Vorn::MountOptions growingTable() {
+  Vorn::MountOptions options;
+  options.limit["entry"] = 500;
+  return options;
+}
+void growingWorkload(Vorn::TestStatus& w) {
+  for (std::uint64_t n = 300; n < 380; ++n) w.entryIs(record(n));
+  for (std::uint64_t n = 0; n < 4; ++n) w.entryIs(record(n, 2));
+  for (std::uint64_t n = 300; n < 310; ++n) w.entryDel(TestKey(n));
+}
+
 std::vector<std::uint64_t> const& keySpace() {
   static std::vector<std::uint64_t> const keys = [] {
     std::vector<std::uint64_t> k;
     for (std::uint64_t n = 0; n < 24; ++n) k.push_back(n);
     for (std::uint64_t n = 100; n < 108; ++n) k.push_back(n);
+    for (std::uint64_t n = 300; n < 380; ++n) k.push_back(n);
     k.push_back(200);
     return k;
   }();
@@ -89,16 +108,15 @@ class VornKillPoint : public ::testing::Test {
   std::string path = root.file("t.vorn");
 };
 
-}  // namespace
-
-TEST_F(VornKillPoint, EveryReaderOperationWorksAfterAWriterKilledAtAnyStepIsAdopted) {
-  for (char const* step : kSteps) {
+void killAtEveryStep(std::string const& path, std::vector<char const*> const& steps, Vorn::MountOptions const& options,
+                     void (*work)(Vorn::TestStatus&)) {
+  for (char const* step : steps) {
     bool reached = false;
     for (int at : {1, 2, 5}) {
       std::string const where = std::string(step) + " #" + std::to_string(at);
       ::unlink(path.c_str());
       {
-        auto w = mounted(path, Mode::writer, smallTable());
+        auto w = mounted(path, Mode::writer, options);
         for (std::uint64_t n = 0; n < 24; ++n) w->entryIs(record(n));
       }
       pid_t child = fork();
@@ -107,8 +125,8 @@ TEST_F(VornKillPoint, EveryReaderOperationWorksAfterAWriterKilledAtAnyStepIsAdop
         gAt = at;
         Vorn::stepHook = killAtTarget;
         try {
-          auto w = mounted(path, Mode::writer, smallTable());
-          workload(*w);
+          auto w = mounted(path, Mode::writer, options);
+          work(*w);
         } catch (...) {
           _exit(2);
         }
@@ -138,18 +156,39 @@ TEST_F(VornKillPoint, EveryReaderOperationWorksAfterAWriterKilledAtAnyStepIsAdop
           }
         }
         EXPECT_LE(failed, 1) << where;
-        if (r->entryTable().capacity() && (r->region()->table(0).control->structGen.load() & 1)) {
+        auto const& t = r->entryTable();
+        bool const rebuilding = t.capacity() && (r->region()->table(0).control->structGen.load() & 1);
+        // A walk that completes and the lookups disagree on at most the one
+        // key the writer was in the middle of, and size() on at most one.
+        std::set<TestKey> walked, looked;
+        bool walkedThrough = false;
+        try {
           Vorn::IterHint hint;
           TestKey k;
           TestRecord rec;
-          std::size_t n = 0;
-          EXPECT_NO_THROW(
-              for (bool ok = r->entryTable().first(k, rec, hint); ok; ok = r->entryTable().next(k, k, rec, hint))++ n)
+          for (bool ok = t.first(k, rec, hint); ok; ok = t.next(k, k, rec, hint)) walked.insert(k);
+          walkedThrough = true;
+        } catch (Pelto::CorruptionDetectedException const&) {
+          EXPECT_FALSE(rebuilding) << where << ": walks answer while the indexes were being rebuilt";
+        }
+        for (std::uint64_t n : keySpace()) {
+          try {
+            if (r->entry(TestKey(n)) != TestRecord()) looked.insert(TestKey(n));
+          } catch (Pelto::CorruptionDetectedException const&) {
+          }
+        }
+        if (walkedThrough) {
+          std::vector<TestKey> differ;
+          std::set_symmetric_difference(walked.begin(), walked.end(), looked.begin(), looked.end(),
+                                        std::back_inserter(differ));
+          EXPECT_LE(differ.size() + std::size_t(failed), 1u) << where;
+          EXPECT_LE(std::max(t.size(), std::uint32_t(walked.size())) - std::min(t.size(), std::uint32_t(walked.size())),
+                    1u)
               << where;
         }
       }
 
-      auto w = mounted(path, Mode::writer, smallTable());
+      auto w = mounted(path, Mode::writer, options);
       expectServes(*w, where + ", writer");
       auto r = mounted(path, Mode::reader);
       expectServes(*r, where + ", reader");
@@ -158,11 +197,27 @@ TEST_F(VornKillPoint, EveryReaderOperationWorksAfterAWriterKilledAtAnyStepIsAdop
       w->entryIs(record(200));
       expectServes(*r, where + ", after new writes");
       w = nullptr;
-      auto w2 = mounted(path, Mode::writer, smallTable());
+      auto w2 = mounted(path, Mode::writer, options);
       expectServes(*w2, where + ", second adoption");
+      // It still grows to its limit after the adoption.
+      std::uint32_t const limit = w2->entryTable().limit();
+      for (std::uint64_t n = 1000; w2->entryTable().size() < limit; ++n) w2->entryIs(record(n));
+      EXPECT_EQ(w2->entryTable().capacity(), limit) << where;
+      EXPECT_THROW(w2->entryIs(record(999)), Kiv::RangeException) << where;
     }
     EXPECT_TRUE(reached) << "the writer never reached step " << step;
   }
+}
+
+}  // namespace
+
+TEST_F(VornKillPoint, EveryReaderOperationWorksAfterAWriterKilledAtAnyStepIsAdopted) {
+  killAtEveryStep(path, std::vector<char const*>(std::begin(kSteps), std::end(kSteps)), smallTable(), workload);
+}
+
+TEST_F(VornKillPoint, AWriterKilledAtAnyStepOfAGrowthIsAdoptedLikeAnyOther) {
+  killAtEveryStep(path, std::vector<char const*>(std::begin(kGrowSteps), std::end(kGrowSteps)), growingTable(),
+                  growingWorkload);
 }
 
 // Killed while making a new region: the table is not there yet, and the

@@ -185,7 +185,7 @@ TEST_F(VornProcesses, ReaderPastAWrappedLogHearsEveryKeyAnotherProcessChanged) {
 
 TEST_F(VornProcesses, ReadersInAnotherProcessNeverSeeATornRecord) {
   Vorn::MountOptions options;
-  options.capacity["entry"] = 512;
+  options.limit["entry"] = 512;
   auto w = mounted(path, Mode::writer, options);
   for (std::uint64_t n = 0; n < 256; ++n) w->entryIs(record(n, 1));
   Signal ready;
@@ -237,7 +237,7 @@ TEST_F(VornProcesses, ReadersInAnotherProcessNeverSeeATornRecord) {
 
 TEST_F(VornProcesses, WriterKilledMidStreamLeavesATableReadersReadAndANewWriterAdopts) {
   Vorn::MountOptions options;
-  options.capacity["entry"] = 1024;
+  options.limit["entry"] = 1024;
   Signal ready;
   pid_t writer = spawn([&] {
     auto w = mounted(path, Mode::writer, options);
@@ -297,7 +297,7 @@ TEST_F(VornProcesses, WriterKilledMidStreamLeavesATableReadersReadAndANewWriterA
 
 TEST_F(VornProcesses, ByteFlipsAndTruncationOfALiveFileOnlyRaiseInAReaderProcess) {
   Vorn::MountOptions options;
-  options.capacity["entry"] = 512;
+  options.limit["entry"] = 512;
   auto w = mounted(path, Mode::writer, options);
   for (std::uint64_t n = 0; n < 400; ++n) w->entryIs(record(n, 1));
   std::uint64_t const size = w->region()->fileSize();
@@ -427,4 +427,77 @@ TEST_F(VornProcesses, AZombieOrAStrangerWithTheWritersPidDoesNotHoldTheTable) {
   EXPECT_EQ(w->entry(TestKey(2)), record(2));
   stop.raise();
   EXPECT_EQ(reap(stranger, 5), 0);
+}
+
+// A table written from 63 records to 24,000 grows nine times while a reader
+// process looks keys up and walks it in order: every key the reader once
+// found stays found, every walk holds every key known when it started (in
+// order, each record whole), and the reader follows the growth itself.
+TEST_F(VornProcesses, ReadersInAnotherProcessFollowATableThroughSeveralGrowths) {
+  constexpr std::uint64_t kKeys = 24000;
+  Vorn::MountOptions options;
+  options.limit["entry"] = 30000;
+  auto w = mounted(path, Mode::writer, options);
+  ASSERT_EQ(w->entryTable().capacity(), 63u);
+  Signal ready;
+  pid_t reader = spawn([&] {
+    auto r = mounted(path, Mode::reader);
+    auto const& t = r->entryTable();
+    ready.raise();
+    std::mt19937_64 rng(3);
+    std::uint64_t known = 0, missed = 0, torn = 0, lost = 0, walks = 0, walkGrowths = 0;
+    std::set<std::uint32_t> capacities{t.capacity()};
+    auto const end = Clock::now() + std::chrono::seconds(20);
+    auto idOf = [](TestKey const& k) { return (k.a << 32) | (k.b & 0xffffffffu); };
+    while (known < kKeys && Clock::now() < end) {
+      // The writer inserts in key-number order: once n is found, 0..n are in.
+      for (TestRecord rec; known < kKeys && (rec = r->entry(TestKey(known))) != TestRecord(); ++known)
+        torn += !rec.whole();
+      for (int i = 0; known > 0 && i < 200; ++i) {
+        std::uint64_t const n = rng() % known;
+        TestRecord const rec = r->entry(TestKey(n));
+        if (rec == TestRecord())
+          ++missed;
+        else if (!rec.whole() || rec.key != TestKey(n))
+          ++torn;
+      }
+      std::uint64_t const knownAtStart = known;
+      std::uint32_t const capacityAtStart = t.capacity();
+      std::vector<bool> walked(kKeys, false);
+      Vorn::IterHint hint;
+      TestKey k, prev;
+      TestRecord rec;
+      bool first = true;
+      for (bool ok = t.first(k, rec, hint); ok; ok = t.next(k, k, rec, hint)) {
+        if (!rec.whole() || rec.key != k || (!first && !(prev < k))) ++torn;
+        if (idOf(k) < kKeys) walked[idOf(k)] = true;
+        prev = k;
+        first = false;
+      }
+      for (std::uint64_t n = 0; n < knownAtStart; ++n) lost += !walked[n];
+      ++walks;
+      walkGrowths += t.capacity() != capacityAtStart;
+      capacities.insert(t.capacity());
+    }
+    std::fprintf(stderr,
+                 "growth under a reader: %llu keys known, %llu walks (%llu across a growth), %zu capacities seen, "
+                 "%llu missed, %llu lost from walks, %llu torn\n",
+                 (unsigned long long)known, (unsigned long long)walks, (unsigned long long)walkGrowths,
+                 capacities.size(), (unsigned long long)missed, (unsigned long long)lost, (unsigned long long)torn);
+    if (known != kKeys) return 1;
+    if (missed || lost || torn) return 2;
+    if (capacities.size() < 3 || t.size() != kKeys) return 3;
+    return 0;
+  });
+  ready.wait();
+  std::mt19937_64 rng(4);
+  std::uint64_t version = 1;
+  for (std::uint64_t n = 0; n < kKeys; ++n) {
+    ASSERT_TRUE(w->entryIs(record(n, 1)));
+    // Rewrites of older records keep the seqlocks busy across the growths.
+    if (n % 4 == 0) w->entryIs(record(rng() % (n + 1), ++version));
+    if (n % 300 == 0) usleep(1000);
+  }
+  EXPECT_EQ(w->entryTable().capacity(), 30000u);
+  EXPECT_EQ(reap(reader, 30), 0);
 }

@@ -60,25 +60,24 @@ TEST_F(Vornctl, ShowRefusesImpossibleCountsAndSaysSo) {
   for (std::uint64_t n = 0; n < 10; ++n) w->entryIs(record(n));
   ToolRun ok = vornctl(root.path(), "show t");
   EXPECT_EQ(ok.status, 0) << ok.err;
-  EXPECT_NE(ok.out.find("entry: 10 of 1024 records"), std::string::npos) << ok.out;
+  EXPECT_NE(ok.out.find("entry: 10 of 63 records (limit 1024)"), std::string::npos) << ok.out;
   w->region()->table(0).control->size.store(1500000000u);
   w->region()->table(0).control->tombstones.store(1500000000u);
   ToolRun bad = vornctl(root.path(), "show t");
   EXPECT_EQ(bad.status, 1);
   EXPECT_EQ(bad.out.find("1500000000"), std::string::npos) << bad.out;
-  EXPECT_NE(bad.err.find("damaged: table 'entry': size 1500000000 exceeds capacity 1024"), std::string::npos)
-      << bad.err;
-  EXPECT_NE(bad.err.find("1500000000 tombstones in 2048 hash slots"), std::string::npos) << bad.err;
+  EXPECT_NE(bad.err.find("damaged: table 'entry': size 1500000000 exceeds capacity 63"), std::string::npos) << bad.err;
+  EXPECT_NE(bad.err.find("1500000000 tombstones in 128 hash slots"), std::string::npos) << bad.err;
 }
 
 // Every entry stuck mid-write under a writer that runs: watching costs
 // about one bound, and --seconds holds.
 TEST_F(Vornctl, WatchOnATableOfStuckEntriesHonoursItsSeconds) {
   Vorn::MountOptions options;
-  options.capacity["entry"] = 2000;
+  options.limit["entry"] = 2000;
   auto w = mounted(path, Mode::writer, options);
   for (std::uint64_t n = 0; n < 2000; ++n) w->entryIs(record(n));
-  for (std::uint32_t i = 0; i < 2000; ++i) headOf(*w, i)->dseq.fetch_add(1);
+  for (std::uint32_t i = 1; i <= 2000; ++i) headOf(*w, i)->dseq.fetch_add(1);
   ToolRun r = vornctl(root.path(), "watch t --seconds 1");
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_LT(r.seconds, 3.0);

@@ -35,10 +35,10 @@ std::string tablesJson(Vorn::Region const& r, bool detail) {
   for (std::uint32_t i = 0; i < r.tables(); ++i) {
     Vorn::TableGeometry const& g = r.table(i);
     os << (i ? ", " : "") << "{\"name\": " << jsonString(g.name) << ", \"records\": " << tableSize(g)
-       << ", \"capacity\": " << g.capacity;
+       << ", \"capacity\": " << g.capacity() << ", \"limit\": " << g.limit;
     if (detail)
       os << ", \"keyBytes\": " << g.keySize << ", \"recordBytes\": " << g.recordSize
-         << ", \"hashSlots\": " << g.slotCount << ", \"tombstones\": " << g.control->tombstones.load();
+         << ", \"hashSlots\": " << g.slotCount() << ", \"tombstones\": " << g.control->tombstones.load();
     os << "}";
   }
   os << "]";

@@ -76,7 +76,7 @@ std::string utcText(std::uint64_t seconds) {
 }
 
 std::uint32_t tableSize(Vorn::TableGeometry const& g) {
-  return std::min(g.control->size.load(std::memory_order_relaxed), g.capacity);
+  return std::min(g.control->size.load(std::memory_order_relaxed), g.capacity());
 }
 
 }  // namespace Vornctl

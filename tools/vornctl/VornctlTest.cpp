@@ -88,8 +88,10 @@ TEST_F(VornctlTest, ListShowAndDumpSpeakJsonToo) {
 
   std::string const show = run("show mfibdir/pim --json");
   EXPECT_NE(show.find("\"type\": \"Vorn::Multicast::Fib::MfibDirStatus\""), std::string::npos) << show;
-  EXPECT_NE(show.find("\"tables\": [{\"name\": \"dirColl\", \"records\": 2, \"capacity\": 1024, \"keyBytes\": 101"),
-            std::string::npos)
+  EXPECT_NE(
+      show.find(
+          "\"tables\": [{\"name\": \"dirColl\", \"records\": 2, \"capacity\": 63, \"limit\": 1024, \"keyBytes\": 101"),
+      std::string::npos)
       << show;
 
   std::string const dump = run("dump mfibdir/pim dirColl --json");

@@ -94,7 +94,7 @@ int list(std::string const& root, std::vector<std::string> const&) {
       auto r = Vorn::Region::inspectorIs(root + "/" + name);
       std::cout << "  " << r->typeName() << "  writer " << writerText(*r) << "  tables";
       for (std::uint32_t i = 0; i < r->tables(); ++i)
-        std::cout << " " << r->table(i).name << " " << tableSize(r->table(i)) << "/" << r->table(i).capacity;
+        std::cout << " " << r->table(i).name << " " << tableSize(r->table(i)) << "/" << r->table(i).capacity();
       std::cout << "\n";
     } catch (Kiv::Exception const& e) {
       std::cout << "  unreadable: " << e.what() << "\n";
@@ -125,18 +125,20 @@ int show(std::string const& root, std::vector<std::string> const& args) {
     std::uint32_t const size = g.control->size.load();
     std::uint32_t const tombstones = g.control->tombstones.load();
     std::uint32_t const top = g.control->topLevel.load();
+    std::uint32_t const capacity = g.capacity();
+    std::uint32_t const slotCount = g.slotCount();
     std::cout << "  " << g.name << ": ";
-    if (size <= g.capacity)
-      std::cout << size << " of " << g.capacity << " records; ";
+    if (size <= capacity)
+      std::cout << size << " of " << capacity << " records (limit " << g.limit << "); ";
     else
       damage.push_back("table '" + g.name + "': size " + std::to_string(size) + " exceeds capacity " +
-                       std::to_string(g.capacity));
-    std::cout << "key " << g.keySize << " bytes, record " << g.recordSize << " bytes; " << g.slotCount << " hash slots";
-    if (tombstones <= g.slotCount)
+                       std::to_string(capacity));
+    std::cout << "key " << g.keySize << " bytes, record " << g.recordSize << " bytes; " << slotCount << " hash slots";
+    if (tombstones <= slotCount)
       std::cout << ", " << tombstones << " tombstones";
     else
       damage.push_back("table '" + g.name + "': " + std::to_string(tombstones) + " tombstones in " +
-                       std::to_string(g.slotCount) + " hash slots");
+                       std::to_string(slotCount) + " hash slots");
     std::cout << "\n";
     if (top > Vorn::Layout::kMaxLevel)
       damage.push_back("table '" + g.name + "': skip-list level " + std::to_string(top));
@@ -158,10 +160,12 @@ std::size_t rawDump(Vorn::Region const& r, Vorn::TableGeometry const& g, std::si
   auto next0 = [&](std::uint32_t i) {
     return reinterpret_cast<Vorn::Layout::Link const*>(entry(i) + g.linksOffset)->load();
   };
-  std::uint32_t x = next0(g.capacity);
+  std::uint32_t const capacity = g.capacity();
+  std::uint32_t x = next0(0);
   std::size_t n = 0;
   while (x != Vorn::Layout::kNone && n < limit) {
-    if (x >= g.capacity || n > g.capacity) r.fail("table '" + g.name + "': broken links at entry " + std::to_string(x));
+    if (x == 0 || x > capacity || n > capacity)
+      r.fail("table '" + g.name + "': broken links at entry " + std::to_string(x));
     hex(std::cout, entry(x) + g.keyOffset, g.keySize);
     std::cout << " -> ";
     hex(std::cout, entry(x) + g.recordOffset, g.recordSize);

@@ -37,7 +37,9 @@ class Status : public Vorn::Status {
   };
 
   static constexpr char const* typeNameText = "Vorn::Multicast::Fib::Status";
-  static constexpr std::uint32_t routeDefaultCapacity = 16384;
+  // Routes one table may grow to (it starts at a few pages and doubles as
+  // it is written): room for a switch's worth of routes in one VRF.
+  static constexpr std::uint32_t routeDefaultLimit = 1u << 22;
 
   using RouteTable = Vorn::Table<IpGenRouteKey, Route, &Route::key>;
   using OifIndexIntfTable = Vorn::Table<OifIndex, OifIndexIntf, &OifIndexIntf::oifIndex>;
@@ -76,7 +78,7 @@ class Status : public Vorn::Status {
   KIV_REFLECT_END
 
  private:
-  RouteTable route_{this, "route", routeDefaultCapacity,
+  RouteTable route_{this, "route", routeDefaultLimit,
                     [this](IpGenRouteKey const& k) { notify(&NotifieeConst::onRoute, k); }};
   OifIndexIntfTable oifIndexIntf_{this, "oifIndexIntf", OifIndex::endValue,
                                   [this](OifIndex const& i) { notify(&NotifieeConst::onOifIndexIntf, i); }};

@@ -84,8 +84,8 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   mkdir(dir.c_str(), 0700);
   std::atexit(removeDir);
   Vorn::MountOptions o;
-  o.capacity["entry"] = 16;
-  o.capacity["peer"] = 8;
+  o.limit["entry"] = 16;
+  o.limit["peer"] = 8;
   o.logCapacity = 16;
   {
     Kiv::Ptr<Vorn::TestStatus> w = new Vorn::TestStatus("w");
