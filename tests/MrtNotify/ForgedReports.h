@@ -25,6 +25,7 @@
 #include <string>
 #include <vector>
 
+#include "CacheReportBuilder.h"
 #include "Wirly/AddressFamily.h"
 
 namespace ForgedReports {
@@ -33,32 +34,8 @@ using Bytes = std::vector<std::uint8_t>;
 
 inline constexpr uid_t nobody = 65534;
 
-template <class T>
-void put(Bytes& b, std::size_t at, T const& v) {
-  if (b.size() < at + sizeof(T)) b.resize(at + sizeof(T));
-  std::memcpy(b.data() + at, &v, sizeof(T));
-}
-
-// One RTM_NEWCACHEREPORT; attributes appended as given, padded to 4 bytes.
-struct Report {
-  Bytes b = Bytes(20, 0);
-  explicit Report(Wirly::AddressFamily af) { b[16] = af == Wirly::ipv4 ? 128 : 129; }
-  Report& attr(std::uint16_t type, Bytes const& v) {
-    std::size_t const at = b.size();
-    put(b, at, std::uint16_t(4 + v.size()));
-    put(b, at + 2, type);
-    b.insert(b.end(), v.begin(), v.end());
-    b.resize((b.size() + 3) & ~std::size_t(3), 0);
-    return *this;
-  }
-  Report& mif(std::uint32_t m) { return attr(2, Bytes{std::uint8_t(m), std::uint8_t(m >> 8), 0, 0}); }
-  Bytes done() const {
-    Bytes out = b;
-    put(out, 0, std::uint32_t(out.size()));
-    put(out, 4, std::uint16_t(96));
-    return out;
-  }
-};
+using Report = CacheReportBuilder::CacheReport;
+using CacheReportBuilder::put;
 
 // Source and group of flow n: 10.66.x.y / 239.66.x.y, or 2001:db8:66::n /
 // ff3e::66:n.

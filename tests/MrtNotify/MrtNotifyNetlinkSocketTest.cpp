@@ -4,6 +4,7 @@
 #include <linux/netlink.h>
 
 #include <unistd.h>
+#include "CacheReportBuilder.h"
 #include "FakeSys.h"
 
 #include <algorithm>
@@ -184,36 +185,8 @@ TEST_F(MrtNotifyNetlinkSocketTest, OptionsReplaceTheFilterInPlaceOnlyWhileEnable
   EXPECT_TRUE(sys.openSockets().empty());
 }
 
-template <class T>
-void put(std::vector<std::uint8_t>& b, std::size_t at, T const& v) {
-  if (b.size() < at + sizeof(T)) b.resize(at + sizeof(T));
-  std::memcpy(b.data() + at, &v, sizeof(T));
-}
-
-// A cache report; attributes appended as given, each padded to 4 bytes.
-struct Report {
-  std::vector<std::uint8_t> b = std::vector<std::uint8_t>(20, 0);
-  explicit Report(std::uint8_t family) { b[16] = family; }
-  Report& attr(std::uint16_t type, std::vector<std::uint8_t> const& v) {
-    std::size_t const at = b.size();
-    put(b, at, std::uint16_t(4 + v.size()));
-    put(b, at + 2, type);
-    b.insert(b.end(), v.begin(), v.end());
-    b.resize((b.size() + 3) & ~std::size_t(3), 0);
-    return *this;
-  }
-  template <class T>
-  Report& value(std::uint16_t type, T const& v) {
-    auto const* p = reinterpret_cast<std::uint8_t const*>(&v);
-    return attr(type, std::vector<std::uint8_t>(p, p + sizeof(T)));
-  }
-  std::vector<std::uint8_t> done() const {
-    auto out = b;
-    put(out, 0, std::uint32_t(out.size()));
-    put(out, 4, std::uint16_t(96));
-    return out;
-  }
-};
+using Report = CacheReportBuilder::CacheReport;
+using CacheReportBuilder::put;
 
 // What the kernel sends for an IPv4 no-cache upcall of table `table`, in
 // its order: type, VIF, source, group, table, packet.

@@ -8,6 +8,7 @@
 #include <memory>
 #include <vector>
 
+#include "CacheReportBuilder.h"
 #include "FakeSys.h"
 #include "Kiv/Trace.h"
 
@@ -23,45 +24,10 @@ Kiv::Ptr<Wirly::Pkt> packet(Bytes const& b) {
   return p;
 }
 
-template <class T>
-void put(Bytes& b, std::size_t at, T const& v) {
-  if (b.size() < at + sizeof(T)) b.resize(at + sizeof(T));
-  std::memcpy(b.data() + at, &v, sizeof(T));
-}
+using CacheReportBuilder::addrBytes;
 
-Bytes addrBytes(char const* text) {
-  Wirly::IpGenAddr const a(text);
-  return Bytes(a.bytes(), a.bytes() + a.byteLength());
-}
-
-// One RTM_NEWCACHEREPORT, attributes appended in the order given.
-struct Report {
-  Bytes b = Bytes(20, 0);
-  explicit Report(std::uint8_t family) { b[16] = family; }
-  Report& attr(std::uint16_t type, Bytes const& v) {
-    std::size_t const at = b.size();
-    put(b, at, std::uint16_t(4 + v.size()));
-    put(b, at + 2, type);
-    b.insert(b.end(), v.begin(), v.end());
-    b.resize((b.size() + 3) & ~std::size_t(3), 0);
-    return *this;
-  }
-  Report& msgType(std::uint8_t t) { return attr(1, Bytes{t}); }
-  Report& vif(std::uint32_t v) {
-    return attr(2, Bytes(reinterpret_cast<std::uint8_t*>(&v), reinterpret_cast<std::uint8_t*>(&v) + 4));
-  }
-  Report& src(char const* a) { return attr(3, addrBytes(a)); }
-  Report& dst(char const* a) { return attr(4, addrBytes(a)); }
-  Report& intfId(std::uint64_t id) {
-    return attr(6, Bytes(reinterpret_cast<std::uint8_t*>(&id), reinterpret_cast<std::uint8_t*>(&id) + 8));
-  }
-  Bytes done(std::uint16_t nlType = 96) const {
-    Bytes out = b;
-    put(out, 0, std::uint32_t(out.size()));
-    put(out, 4, nlType);
-    return out;
-  }
-};
+using Report = CacheReportBuilder::CacheReport;
+using CacheReportBuilder::put;
 
 Bytes frame(std::uint16_t nlType, std::size_t len = 16) {
   Bytes b(len, 0);
@@ -203,7 +169,7 @@ class NetlinkTest : public ParserTest, public ::testing::WithParamInterface<Fam>
   Report report(std::uint8_t type) const {
     Fam const f = GetParam();
     Report r(f.rtnl);
-    r.msgType(type).vif(3).src(f.src).dst(f.grp);
+    r.msgType(type).mif(3).src(f.src).dst(f.grp);
     return r;
   }
 };
@@ -271,9 +237,9 @@ TEST_P(NetlinkTest, UnknownAttributesAreSkippedAndMisshapenReportsDroppedWhole) 
   // buffer is a destination), an empty message type: nothing of them is
   // taken, not even the valid attributes before the fault.
   Report shortSrc(f.rtnl);
-  shortSrc.msgType(1).vif(3).attr(3, addrBytes(f.af == Wirly::ipv4 ? "2001:db8::1" : "10.0.0.1")).dst(f.grp);
+  shortSrc.msgType(1).mif(3).attr(3, addrBytes(f.af == Wirly::ipv4 ? "2001:db8::1" : "10.0.0.1")).dst(f.grp);
   Report cut(f.rtnl);
-  cut.msgType(1).vif(3).src(f.src);
+  cut.msgType(1).mif(3).src(f.src);
   Bytes cutBytes = cut.done();
   std::size_t const lenAt = cutBytes.size();
   Report tail(f.rtnl);
@@ -282,7 +248,7 @@ TEST_P(NetlinkTest, UnknownAttributesAreSkippedAndMisshapenReportsDroppedWhole) 
   put(cutBytes, lenAt, std::uint16_t(200));
   put(cutBytes, 0, std::uint32_t(lenAt + 8));
   Report emptyType(f.rtnl);
-  emptyType.attr(1, Bytes{}).vif(3).src(f.src).dst(f.grp);
+  emptyType.attr(1, Bytes{}).mif(3).src(f.src).dst(f.grp);
   cap.clear();
   for (Bytes const& bad : {shortSrc.done(), cutBytes, emptyType.done()})
     EXPECT_EQ(m->readMrtMessage(packet(bad), status), Type::none);
@@ -300,7 +266,7 @@ TEST_P(NetlinkTest, ACutReportIsReadOnlyUpToItsLength) {
   auto wrongVif = wrongVifMessageFactory("w");
   auto whole = wholePktMessageFactory("p");
   Report r(f.rtnl);
-  r.msgType(1).vif(3);
+  r.msgType(1).mif(3);
   std::size_t const keep = r.done().size();  // type and VIF: nothing fatal is missing
   r.src(f.src).dst(f.grp).attr(7, Bytes(5, 1));
   Bytes const full = r.done();
@@ -324,7 +290,7 @@ TEST_P(NetlinkTest, WholePacketTakesInterfaceFromIdAndFlowFromThePacketHeader) {
   Fam const f = GetParam();
   Bytes const inner = f.af == Wirly::ipv4 ? ipv4Packet(f.src, f.grp) : ipv6Packet(f.src, f.grp);
   Report r(f.rtnl);
-  r.msgType(3).vif(0).src(f.other).dst(f.other).intfId(Wirly::IntfId("Ethernet9").value()).attr(5, inner);
+  r.msgType(3).mif(0).src(f.other).dst(f.other).intfId(Wirly::IntfId("Ethernet9").value()).attr(5, inner);
   Bytes const buf = r.done();
   auto pkt = packet(buf);
   EXPECT_EQ(m->readMrtMessage(pkt, status), Type::igmpWholePkt);
@@ -385,19 +351,19 @@ TEST_F(ParserDeathTest, ReportsTheParserRefusesStopTheProcess) {
   v4->useNetlinkIs(true);
   auto v6 = mrtNotifyPamManagerFactory(Wirly::ipv6, Wirly::NamespaceName());
   Report wrongFamily(129);
-  wrongFamily.msgType(1).vif(3);
+  wrongFamily.msgType(1).mif(3);
   EXPECT_DEATH(v4->readMrtMessage(packet(wrongFamily.done()), status), "rtgenmsg->rtgen_family == 128");
   Report wrongFamily6(128);
-  wrongFamily6.msgType(1).vif(3);
+  wrongFamily6.msgType(1).mif(3);
   EXPECT_DEATH(v6->readMrtMessage(packet(wrongFamily6.done()), status), "rtgenmsg->rtgen_family == 129");
   Report noType(128);
-  noType.vif(3).src("10.0.1.2");
+  noType.mif(3).src("10.0.1.2");
   EXPECT_DEATH(v4->readMrtMessage(packet(noType.done()), status), "mrtMsg && \"No msgtype found\"");
   Report badType(128);
-  badType.msgType(9).vif(3);
+  badType.msgType(9).mif(3);
   EXPECT_DEATH(v4->readMrtMessage(packet(badType.done()), status), "mrtMsg && \"No msgtype found\"");
   Report unknownVif(129);
-  unknownVif.msgType(2).vif(5).src("2001:db8::1").dst("ff0e::1");
+  unknownVif.msgType(2).mif(5).src("2001:db8::1").dst("ff0e::1");
   EXPECT_DEATH(v6->readMrtMessage(packet(unknownVif.done()), status), "mrtMsg->intfId\\(\\)");
   Bytes plain = Report(128).msgType(1).done();
   auto* nlh = reinterpret_cast<nlmsghdr*>(plain.data());
@@ -439,9 +405,9 @@ using ReceivePathDeathTest = ReceivePathTest;
 
 TEST_F(ReceivePathDeathTest, AnUnknownMifStopsTheProcessOnlyFromATrustedSender) {
   Report unknownMif(129);
-  unknownMif.msgType(1).vif(77).src("2001:db8::1").dst("ff0e::1");
+  unknownMif.msgType(1).mif(77).src("2001:db8::1").dst("ff0e::1");
   Report noType(129);
-  noType.vif(3).src("2001:db8::1");
+  noType.mif(3).src("2001:db8::1");
   for (Bytes const& b : {unknownMif.done(), noType.done()}) EXPECT_EQ(deliver(b, 65534), Type::none);
   EXPECT_EQ(socket().rxUntrustedDrops(), 2u);
   EXPECT_EQ(manager->noCacheCounter(), 0u);
@@ -450,7 +416,7 @@ TEST_F(ReceivePathDeathTest, AnUnknownMifStopsTheProcessOnlyFromATrustedSender) 
 
 TEST_F(ReceivePathTest, TrustAndTableFollowTheManagerIntoEverySocket) {
   Report r(129);
-  r.msgType(1).vif(3).src("2001:db8::1").dst("ff0e::1");
+  r.msgType(1).mif(3).src("2001:db8::1").dst("ff0e::1");
   EXPECT_EQ(deliver(r.done(), 0), Type::igmpNoCache);
   EXPECT_EQ(deliver(r.done(), 1000), Type::none);
   manager->trustedUidIs(1000, true);

@@ -26,6 +26,7 @@
 #include <cstring>
 #include <vector>
 
+#include "CacheReportBuilder.h"
 #include "FakeSys.h"
 #include "Kiv/Assert.h"
 #include "Kiv/Trace.h"
@@ -43,30 +44,8 @@ char const* const deliberate[] = {"rtgenmsg->rtgen_family == 128", "rtgenmsg->rt
 
 using Bytes = std::vector<std::uint8_t>;
 
-template <class T>
-void put(Bytes& b, std::size_t at, T const& v) {
-  if (b.size() < at + sizeof(T)) b.resize(at + sizeof(T));
-  std::memcpy(b.data() + at, &v, sizeof(T));
-}
-
-struct Report {
-  Bytes b = Bytes(20, 0);
-  explicit Report(std::uint8_t family) { b[16] = family; }
-  Report& attr(std::uint16_t type, Bytes const& v) {
-    std::size_t const at = b.size();
-    put(b, at, std::uint16_t(4 + v.size()));
-    put(b, at + 2, type);
-    b.insert(b.end(), v.begin(), v.end());
-    b.resize((b.size() + 3) & ~std::size_t(3), 0);
-    return *this;
-  }
-  Bytes done() const {
-    Bytes out = b;
-    put(out, 0, std::uint32_t(out.size()));
-    put(out, 4, std::uint16_t(96));
-    return out;
-  }
-};
+using Report = CacheReportBuilder::CacheReport;
+using CacheReportBuilder::put;
 
 // Valid reports of each form the receivers hear.
 std::vector<Bytes> templates() {
