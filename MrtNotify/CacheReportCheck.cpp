@@ -11,16 +11,8 @@ constexpr std::size_t attributesOffset = 20;
 constexpr std::size_t rtattrLen = 4;
 constexpr std::uint16_t rtmNewCacheReport = 96;
 
-constexpr std::uint16_t attrMsgType = 1;
-constexpr std::uint16_t attrVifId = 2;
-constexpr std::uint16_t attrSrcAddr = 3;
-constexpr std::uint16_t attrDstAddr = 4;
-constexpr std::uint16_t attrPkt = 5;
-constexpr std::uint16_t attrIntfIdOrTable = 6;
 constexpr std::size_t tableIdLen = 4;
 constexpr std::size_t intfIdLen = 8;
-
-constexpr std::size_t align4(std::size_t n) { return (n + 3) & ~std::size_t(3); }
 
 ReportCheck malformed(char const* why) {
   ReportCheck c;

@@ -43,15 +43,13 @@ constexpr std::uint32_t rtgenFamilyOffset = 16;
 constexpr std::uint32_t attributesOffset = 20;
 constexpr std::uint32_t creportMsgType = 1;
 
-// Cache report attributes.
-constexpr std::uint16_t attrMsgType = 1;
-constexpr std::uint16_t attrVifId = 2;
-constexpr std::uint16_t attrSrcAddr = 3;
-constexpr std::uint16_t attrDstAddr = 4;
-constexpr std::uint16_t attrPkt = 5;
-constexpr std::uint16_t attrIntfId = 6;
-
-constexpr std::size_t align4(std::size_t n) { return (n + 3) & ~std::size_t(3); }
+using Detail::align4;
+using Detail::attrDstAddr;
+using Detail::attrIntfIdOrTable;
+using Detail::attrMsgType;
+using Detail::attrPkt;
+using Detail::attrSrcAddr;
+using Detail::attrVifId;
 
 int setIntOption(int sd, int level, int name, int value) {
   return Wirly::Sys::sys().setsockopt(sd, level, name, &value, sizeof(value));
@@ -503,7 +501,7 @@ void MrtNotifyNetlinkSocketPam::txMrtNotificationWithIntfId(Kiv::Ptr<Wirly::MrtM
                                                             std::uint64_t const& intfId) {
   KIV_TRACE(trace(), 8,
             "void " << className << "::txMrtNotificationWithIntfId(MrtMessage, U64)(" << Wirly::IntfId(intfId) << ")");
-  doTxMrtNotification(mrtMsg, attrIntfId, intfId);
+  doTxMrtNotification(mrtMsg, attrIntfIdOrTable, intfId);
 }
 
 void MrtNotifyNetlinkSocketPam::doTxMrtNotification(Kiv::Ptr<Wirly::MrtMessage> const& mrtMsg, std::uint16_t idType,
@@ -554,7 +552,7 @@ void MrtNotifyNetlinkSocketPam::doTxMrtNotification(Kiv::Ptr<Wirly::MrtMessage> 
     std::uint32_t const vif = std::uint32_t(id);
     at = putAttr(buf, at, attrVifId, &vif, sizeof(vif));
   } else {
-    at = putAttr(buf, at, attrIntfId, &id, sizeof(id));
+    at = putAttr(buf, at, attrIntfIdOrTable, &id, sizeof(id));
   }
   if (data) at = putAttr(buf, at, attrPkt, data->data(), dataLen);
 

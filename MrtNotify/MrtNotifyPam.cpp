@@ -29,15 +29,14 @@ constexpr std::size_t ipv6HeaderBytes = 40;
 
 // Cache report attributes.
 constexpr std::uint16_t attrUnspec = 0;
-constexpr std::uint16_t attrMsgType = 1;
-constexpr std::uint16_t attrVifId = 2;
-constexpr std::uint16_t attrSrcAddr = 3;
-constexpr std::uint16_t attrDstAddr = 4;
-constexpr std::uint16_t attrPkt = 5;
-constexpr std::uint16_t attrIntfId = 6;
+using Detail::align4;
+using Detail::attrDstAddr;
+using Detail::attrIntfIdOrTable;
+using Detail::attrMsgType;
+using Detail::attrPkt;
+using Detail::attrSrcAddr;
+using Detail::attrVifId;
 constexpr std::size_t attributesOffset = NLMSG_HDRLEN + NLMSG_ALIGN(sizeof(rtgenmsg));
-
-constexpr std::size_t align4(std::size_t n) { return (n + 3) & ~std::size_t(3); }
 
 Wirly::IpGenAddr addrAt(std::uint8_t const* p, std::size_t len) {
   if (len == 4) {
@@ -120,7 +119,7 @@ Wirly::MrtMessage::Ptr readCacheReport(Wirly::AddressFamily af, nlmsghdr* nlh,
         pktLen = valueLen;
         KIV_TRACE(th, 8, "RcvdPkt len: " << pktLen);
         break;
-      case attrIntfId:
+      case attrIntfIdOrTable:
         // The kernel sends its routing table id (4 bytes) under this
         // number; only our own relay's 8-byte interface id is one.
         if (valueLen == sizeof(std::uint64_t)) {

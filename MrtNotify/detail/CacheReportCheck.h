@@ -35,6 +35,18 @@
 
 namespace Routing::Multicast::Notify::Detail {
 
+// Cache report attribute types, as the kernel and this system's relay write them.
+constexpr std::uint16_t attrMsgType = 1;
+constexpr std::uint16_t attrVifId = 2;
+constexpr std::uint16_t attrSrcAddr = 3;
+constexpr std::uint16_t attrDstAddr = 4;
+constexpr std::uint16_t attrPkt = 5;
+// The kernel's table id (4 bytes, IPv4) or the relay's interface id (8 bytes).
+constexpr std::uint16_t attrIntfIdOrTable = 6;
+
+// Netlink pads messages and attributes to 4 bytes.
+constexpr std::size_t align4(std::size_t n) { return (n + 3) & ~std::size_t(3); }
+
 enum class ReportVerdict : std::uint8_t { ok, malformed, otherTable };
 
 struct ReportCheck {
