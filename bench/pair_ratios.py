@@ -11,12 +11,10 @@ targets name:
     bench/pair_ratios.py --bench build/default/bin/MfibBench -- --benchmark_filter='MergeWalk|OrderInit'
     bench/pair_ratios.py --bench build/default/bin/BitMapperBench -- --benchmark_repetitions=3
 """
-import argparse
-import json
 import os
-import subprocess
 import sys
-import tempfile
+
+from benchrun import load, parse_args
 
 # (figure, baseline, what is compared, target)
 PAIRS = [
@@ -26,16 +24,6 @@ PAIRS = [
     ("RouteQuery", "BaselineMapRouteQuery", "perTable", ""),
 ]
 
-
-def load(args):
-    if args.json and os.path.exists(args.json) and not args.rerun:
-        with open(args.json) as f:
-            return json.load(f)
-    out = args.json or tempfile.mktemp(suffix=".json")
-    cmd = [args.bench, "--benchmark_out=" + out, "--benchmark_out_format=json"] + args.rest
-    subprocess.run(cmd, check=True, stdout=sys.stderr)
-    with open(out) as f:
-        return json.load(f)
 
 
 UNIT_NS = {"ns": 1.0, "us": 1e3, "ms": 1e6, "s": 1e9}
@@ -53,12 +41,7 @@ def ns(b, field):
 
 
 def main():
-    p = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
-    p.add_argument("--bench", default="build/default/bin/MfibBench")
-    p.add_argument("--json", help="results file: read it if it exists, else write it")
-    p.add_argument("--rerun", action="store_true", help="run even if --json exists")
-    p.add_argument("rest", nargs="*", help="arguments for the benchmark program (after --)")
-    args = p.parse_args()
+    args = parse_args(__doc__, "build/default/bin/MfibBench")
     runs = load(args)["benchmarks"]
     # With --benchmark_repetitions, use the medians.
     if any(b.get("aggregate_name") == "median" for b in runs):

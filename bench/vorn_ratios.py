@@ -2,34 +2,17 @@
 """Runs VornBench (or reads its JSON output) and prints Vorn's figures beside
 the baselines measured in the same run, with the ratios the targets name.
 
-    bench/vorn_ratios.py [--bench build/bin/VornBench] [--json results.json] [-- bench args]
+    bench/vorn_ratios.py [--bench build/default/bin/VornBench] [--json results.json] [-- bench args]
 """
-import argparse
-import json
 import os
-import subprocess
 import sys
-import tempfile
 
+from benchrun import load, parse_args
 
-def load(args):
-    if args.json and os.path.exists(args.json) and not args.rerun:
-        with open(args.json) as f:
-            return json.load(f)
-    out = args.json or tempfile.mktemp(suffix=".json")
-    cmd = [args.bench, "--benchmark_out=" + out, "--benchmark_out_format=json"] + args.rest
-    subprocess.run(cmd, check=True, stdout=sys.stderr)
-    with open(out) as f:
-        return json.load(f)
 
 
 def main():
-    p = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
-    p.add_argument("--bench", default="build/bin/VornBench")
-    p.add_argument("--json", help="results file: read it if it exists, else write it")
-    p.add_argument("--rerun", action="store_true", help="run even if --json exists")
-    p.add_argument("rest", nargs="*", help="arguments for the benchmark program (after --)")
-    args = p.parse_args()
+    args = parse_args(__doc__, "build/default/bin/VornBench")
     data = load(args)
     t = {}  # (operation, system, size) -> benchmark
     runs = data["benchmarks"]
