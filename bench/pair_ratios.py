@@ -11,7 +11,6 @@ targets name:
     bench/pair_ratios.py --bench build/default/bin/MfibBench -- --benchmark_filter='MergeWalk|OrderInit'
     bench/pair_ratios.py --bench build/default/bin/BitMapperBench -- --benchmark_repetitions=3
 """
-import os
 import sys
 
 from benchrun import load, parse_args

@@ -4,7 +4,6 @@ the baselines measured in the same run, with the ratios the targets name.
 
     bench/vorn_ratios.py [--bench build/default/bin/VornBench] [--json results.json] [-- bench args]
 """
-import os
 import sys
 
 from benchrun import load, parse_args
