@@ -38,13 +38,14 @@
 #include "Stelo/EntityManager.h"
 #include "Stelo/Mount.h"
 #include "Wirly/NamespaceSocket.h"
+#include "tests/TestShell.h"
 #include "tests/Vorn/VornTestUtil.h"
 
 namespace MrouteAgentKernel {
 
 using namespace Vorn::Multicast::Fib;
 
-bool run(std::string const& cmd) { return std::system((cmd + " >/dev/null 2>&1").c_str()) == 0; }
+using TestShell::run;
 
 struct Fd {
   int fd;
@@ -148,15 +149,7 @@ class Publisher {
   Kiv::Ptr<Status> table_;
 };
 
-std::string shell(std::string const& cmd) {
-  std::string out;
-  if (FILE* f = ::popen(cmd.c_str(), "r")) {
-    char buf[4096];
-    for (std::size_t n; (n = std::fread(buf, 1, sizeof buf, f)) > 0;) out.append(buf, n);
-    ::pclose(f);
-  }
-  return out;
-}
+using TestShell::shell;
 
 // mroute-agent run in R. A thread reads its stdout line by line, so that
 // the agent never blocks on a full pipe while the test waits for it.

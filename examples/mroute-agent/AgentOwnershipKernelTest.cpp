@@ -22,13 +22,14 @@
 #include "Stelo/EntityManager.h"
 #include "Stelo/Mount.h"
 #include "tests/Kiv/OtherUser.h"
+#include "tests/TestShell.h"
 
 namespace MrouteAgentOwnership {
 
 using KivTest::asUser;
 using KivTest::kNobody;
 
-bool run(std::string const& cmd) { return std::system((cmd + " >/dev/null 2>&1").c_str()) == 0; }
+using TestShell::run;
 
 std::string slurp(std::string const& path) {
   std::ifstream f(path);
@@ -37,15 +38,7 @@ std::string slurp(std::string const& path) {
   return s.str();
 }
 
-std::string shell(std::string const& cmd) {
-  std::string out;
-  if (FILE* f = ::popen(cmd.c_str(), "r")) {
-    char buf[4096];
-    for (std::size_t n; (n = std::fread(buf, 1, sizeof buf, f)) > 0;) out.append(buf, n);
-    ::pclose(f);
-  }
-  return out;
-}
+using TestShell::shell;
 
 class Routers {
  public:

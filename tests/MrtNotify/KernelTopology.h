@@ -35,10 +35,11 @@
 #include "Wirly/NamespaceSocket.h"
 #include "Wirly/Pam.h"
 #include "Wirly/Sys.h"
+#include "tests/TestShell.h"
 
 namespace MrtNotifyKernel {
 
-inline bool run(std::string const& cmd) { return std::system((cmd + " >/dev/null 2>&1").c_str()) == 0; }
+using TestShell::run;
 
 class Topology {
  public:

@@ -25,22 +25,15 @@
 #include <vector>
 
 #include "tests/MrtNotify/ForgedReports.h"
+#include "tests/TestShell.h"
 
 namespace {
 
 std::string const kBin = BIN_DIR;
 
-bool run(std::string const& cmd) { return std::system((cmd + " >/dev/null 2>&1").c_str()) == 0; }
+using TestShell::run;
 
-std::string shell(std::string const& cmd) {
-  std::string out;
-  if (FILE* f = ::popen(cmd.c_str(), "r")) {
-    char buf[4096];
-    for (std::size_t n; (n = std::fread(buf, 1, sizeof buf, f)) > 0;) out.append(buf, n);
-    ::pclose(f);
-  }
-  return out;
-}
+using TestShell::shell;
 
 std::string slurp(std::string const& path) {
   std::ifstream in(path);

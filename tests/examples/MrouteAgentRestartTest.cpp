@@ -24,11 +24,13 @@
 #include <thread>
 #include <vector>
 
+#include "tests/TestShell.h"
+
 namespace {
 
 std::string const kBin = BIN_DIR;
 
-bool run(std::string const& cmd) { return std::system((cmd + " >/dev/null 2>&1").c_str()) == 0; }
+using TestShell::run;
 
 std::string slurp(std::string const& path) {
   std::ifstream in(path);
