@@ -596,14 +596,16 @@ void Reader::readRing(std::uint32_t index, std::vector<Record>& out) {
     // by what writers had reserved and not yet finished, a record or two per
     // thread, far less than half a ring. A head outside those bounds was
     // damaged: the ring is read up to its last record instead, so that a
-    // head moved a lap (or 2^40 bytes) on does not hide the ring.
+    // head moved a lap (or 2^40 bytes) on does not hide the ring. A record
+    // past a head that has moved since it was read is a live writer's, not
+    // damage.
     std::uint64_t const found = lastStampedEnd(index, data, ringBytes);
     std::string what;
     if (insane)
       what = "is not a record position";
     else if (found > head && load64(base) == head)
       what = "lies before the end of its records";
-    else if (head - found > ringBytes / 2)
+    else if (head >= found && head - found > ringBytes / 2)
       what = found == 0 ? "is past the ring's start, which holds no record" : "lies far past the end of its records";
     if (!what.empty()) {
       problem(name + "head position " + std::to_string(head) + " is damaged: it " + what +
