@@ -43,13 +43,8 @@ constexpr std::uint32_t rtgenFamilyOffset = 16;
 constexpr std::uint32_t attributesOffset = 20;
 constexpr std::uint32_t creportMsgType = 1;
 
-using Detail::align4;
-using Detail::attrDstAddr;
-using Detail::attrIntfIdOrTable;
-using Detail::attrMsgType;
-using Detail::attrPkt;
-using Detail::attrSrcAddr;
-using Detail::attrVifId;
+// The cache report wire constants, shared with the shape check.
+using namespace Detail;
 
 int setIntOption(int sd, int level, int name, int value) {
   return Wirly::Sys::sys().setsockopt(sd, level, name, &value, sizeof(value));

@@ -29,13 +29,8 @@ constexpr std::size_t ipv6HeaderBytes = 40;
 
 // Cache report attributes.
 constexpr std::uint16_t attrUnspec = 0;
-using Detail::align4;
-using Detail::attrDstAddr;
-using Detail::attrIntfIdOrTable;
-using Detail::attrMsgType;
-using Detail::attrPkt;
-using Detail::attrSrcAddr;
-using Detail::attrVifId;
+// The cache report wire constants, shared with the shape check.
+using namespace Detail;
 constexpr std::size_t attributesOffset = NLMSG_HDRLEN + NLMSG_ALIGN(sizeof(rtgenmsg));
 
 Wirly::IpGenAddr addrAt(std::uint8_t const* p, std::size_t len) {
