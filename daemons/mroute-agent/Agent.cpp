@@ -14,6 +14,7 @@
 #include <map>
 #include <string_view>
 
+#include "Journal.h"
 #include "KernelMfc.h"
 #include "Kiv/AttrServer.h"
 #include "Kiv/Dir.h"
@@ -114,7 +115,7 @@ std::string showSocketPath(std::string const& name) {
 
 class AgentImpl {
  public:
-  explicit AgentImpl(Agent::Options const& o) : opt_(o) {}
+  explicit AgentImpl(Agent::Options const& o) : opt_(o), journal_(Daemon::fdIsJournal(STDOUT_FILENO)) {}
   ~AgentImpl();
   int start();
   void run(std::function<bool()> const& stop);
@@ -147,6 +148,7 @@ class AgentImpl {
   std::string appNameOf(L3::VrfName const& vrf, Vorn::Multicast::Fib::Status const& table) const;
 
   Agent::Options opt_;
+  bool journal_;  // stdout goes to the journal: every event line carries its priority
   Kiv::EventLoop loop_;
   std::vector<IntfConfig> intfs_;
   Kiv::Ptr<Stelo::EntityManager> em_;
@@ -194,6 +196,12 @@ AgentImpl::~AgentImpl() {
 }
 
 void AgentImpl::emit(std::string const& line) {
+  if (journal_) {
+    // Work refused under load is what an operator must notice; the rest is
+    // the ordinary course of events.
+    bool const refused = line.starts_with("upcall budget:") || line.starts_with("drop entries at their maximum");
+    std::fputs(Daemon::priorityPrefix(refused ? Daemon::Priority::warning : Daemon::Priority::info), stdout);
+  }
   std::fwrite(line.data(), 1, line.size(), stdout);
   std::fputc('\n', stdout);
 }

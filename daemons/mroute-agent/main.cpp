@@ -4,14 +4,18 @@
 #include <errno.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "Agent.h"
+#include "DaemonConfig.h"
+#include "Journal.h"
 #include "MrouteVersion.h"
 #include "ShowClient.h"
 #include "Wirly/Sys.h"
@@ -19,8 +23,9 @@
 namespace {
 
 char const* const kUsage = R"(Usage:
-  mroute-agent run --intf IF[,IF...] [--name NAME] [--ipv4|--ipv6] [--flow-log FILE]
-                   [--unrouted-rate R[/B]] [--unrouted-total-rate R[/B]] [--drop-entry-max N]
+  mroute-agent run [--config FILE] --intf IF[,IF...] [--name NAME] [--ipv4|--ipv6]
+                   [--flow-log FILE] [--unrouted-rate R[/B]] [--unrouted-total-rate R[/B]]
+                   [--drop-entry-max N]
   mroute-agent show [--json] [--name NAME]
   mroute-agent --help | --version
 
@@ -31,6 +36,9 @@ run   programs the kernel's multicast forwarding cache of the current network
       interface is named by its id (Ethernet1, Vlan100, ...), which is also
       its Linux name, or as ID=LINUXNAME. Prints one line per event on
       stdout and "ready" once set up; runs until SIGINT or SIGTERM.
+        --config FILE    settings from FILE, one per line, named like the
+                         options: "intf = Ethernet1,Ethernet2", "ipv4";
+                         the command line overrides them
         --ipv4, --ipv6   program only that family (default both)
         --flow-log FILE  per installed flow: family, source, group, the
                          monotonic nanoseconds at which the agent learned of
@@ -65,7 +73,8 @@ where the kernel also reports them over netlink).
 
 Exit status: 0 after a signal, 1 when set-up fails (no privilege, the kernel
 table taken, an unknown interface, a directory another user owns, an agent
-of the same name running), 2 for a usage error.
+of the same name running), 2 for a usage error or a refused configuration
+file.
 )";
 
 volatile sig_atomic_t stopRequested = 0;
@@ -117,6 +126,28 @@ bool parseRate(char const* text, MrouteAgent::UpcallBudget::Rate& out) {
   return true;
 }
 
+bool isCount(std::string_view v) {
+  return !v.empty() && v.size() <= 10 && v.find_first_not_of("0123456789") == std::string_view::npos &&
+         std::stoull(std::string(v)) <= 0xffffffffu;
+}
+
+bool isRate(std::string_view v) {
+  MrouteAgent::UpcallBudget::Rate r;
+  return parseRate(std::string(v).c_str(), r);
+}
+
+// What --config FILE may set: run's options.
+Daemon::ConfigOption const kRunSettings[] = {
+    {"intf"},
+    {"name", true, 0, [](std::string_view v) { return v.find('/') == std::string_view::npos; }},
+    {"ipv4", false, 1},
+    {"ipv6", false, 1},
+    {"flow-log"},
+    {"unrouted-rate", true, 0, isRate},
+    {"unrouted-total-rate", true, 0, isRate},
+    {"drop-entry-max", true, 0, isCount},
+};
+
 int usageError(std::string const& what) {
   std::cerr << "mroute-agent: " << what << "\nTry 'mroute-agent --help'.\n";
   return 2;
@@ -135,6 +166,14 @@ int main(int argc, char** argv) {
     std::cout << "mroute-agent (libmroute) " << MROUTE_VERSION << '\n';
     return 0;
   }
+  // The configuration file's settings go before the command line's.
+  std::vector<std::string> args(argv + 2, argv + argc);
+  if (cmd == "run" && !Daemon::configMerge(args, kRunSettings, "mroute-agent", std::cerr)) return 2;
+  std::vector<char*> merged{argv[0], argv[1]};
+  for (std::string& a : args) merged.push_back(a.data());
+  argc = static_cast<int>(merged.size());
+  argv = merged.data();
+
   MrouteAgent::Agent::Options o;
   bool json = false;
   bool onlyV4 = false, onlyV6 = false;
@@ -189,6 +228,10 @@ int main(int argc, char** argv) {
   if (cmd == "show") return MrouteAgent::showMain(o.name, json);
   if (cmd != "run") return usageError("unknown command '" + std::string(cmd) + "'");
   if (o.intfs.empty()) return usageError("run needs --intf");
+
+  // Under systemd: set-up failures at error priority, traces at their level's.
+  Daemon::journalStreamIs(std::cerr, STDERR_FILENO, Daemon::Priority::err);
+  Daemon::journalTraceIs();
 
   struct sigaction sa {};
   sa.sa_handler = onSignal;

@@ -27,7 +27,11 @@
 #include <string>
 #include <vector>
 
+#include <unistd.h>
+
 #include "Brisklog/Brisklog.h"
+#include "DaemonConfig.h"
+#include "Journal.h"
 #include "Kiv/Exception.h"
 #include "MrouteVersion.h"
 #include "RouteFile.h"
@@ -37,18 +41,24 @@
 namespace {
 
 char const* const kUsage =
-    "usage: mroute-static --app NAME --file ROUTES [--once]\n"
+    "usage: mroute-static [--config FILE] --app NAME --file ROUTES [--once]\n"
     "       mroute-static --help | --version\n"
     "Publishes the routes of ROUTES as application NAME's MFIB tables under\n"
     "$VORN_ROOT (default /run/vorn for root, else $XDG_RUNTIME_DIR/vorn; it must\n"
     "belong to this user or root and be writable by nobody else), re-reads ROUTES\n"
     "on SIGHUP and applies the differences, and withdraws the tables on SIGINT or\n"
-    "SIGTERM. --once publishes and exits, leaving the tables announced. One route\n"
+    "SIGTERM. --once publishes and exits, leaving the tables announced. --config\n"
+    "FILE reads settings named like the options (\"app = static\", \"file = ...\"),\n"
+    "one per line; the command line overrides them. One route\n"
     "per line:\n"
     "  <vrf> <source|*> <group> <iif> <oif>[,<oif>...]|- [priority 1..255, default 1]\n"
     "for example: default 10.1.0.2 239.1.1.1 Ethernet1 Ethernet2,Ethernet3 2\n"
     "Exit status: 0 when the last load published every line, 1 when it refused\n"
-    "any (malformed, table full, ...) or the file could not be read, 2 for usage.\n";
+    "any (malformed, table full, ...) or the file could not be read, 2 for usage\n"
+    "or a refused configuration file.\n";
+
+// What --config FILE may set.
+Daemon::ConfigOption const kSettings[] = {{"app"}, {"file"}, {"once", false}};
 
 bool validAppName(std::string const& name) {
   if (name.empty() || name.size() > 64 || name[0] == '.') return false;
@@ -91,7 +101,8 @@ bool apply(MrouteStatic::StaticPublisher& pub, MrouteStatic::ParsedFile const& p
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::vector<std::string> const args(argv + 1, argv + argc);
+  std::vector<std::string> args(argv + 1, argv + argc);
+  if (!Daemon::configMerge(args, kSettings, "mroute-static", std::cerr)) return 2;
   std::string app, file;
   bool once = false;
   for (std::size_t i = 0; i < args.size(); ++i) {
@@ -122,6 +133,10 @@ int main(int argc, char** argv) {
               << "' must be 1 to 64 letters, digits, '-', '_' or '.' (not first)\n";
     return 2;
   }
+
+  // Under systemd: refused lines and failures as warnings, loads as information.
+  Daemon::journalStreamIs(std::cerr, STDERR_FILENO, Daemon::Priority::warning);
+  Daemon::journalStreamIs(std::cout, STDOUT_FILENO, Daemon::Priority::info);
 
   // Signals are taken one at a time by sigwaitinfo, between loads, so a
   // reload never interrupts a half-applied file.
