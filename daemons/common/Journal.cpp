@@ -5,11 +5,9 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <memory>
 #include <ostream>
 #include <streambuf>
 #include <string>
-#include <vector>
 
 #include "Kiv/Trace.h"
 
@@ -75,10 +73,9 @@ Priority tracePriority(int level) {
 
 void journalStreamIs(std::ostream& os, int fd, Priority p) {
   if (!fdIsJournal(fd)) return;
-  // Lives as long as the process: the stream writes through it until exit.
-  static std::vector<std::unique_ptr<PrefixBuf>> bufs;
-  bufs.push_back(std::make_unique<PrefixBuf>(os.rdbuf(), kPrefixes[int(p)]));
-  os.rdbuf(bufs.back().get());
+  // Never freed: std::cout and std::cerr write through it until the very
+  // end, after every static object is gone.
+  os.rdbuf(new PrefixBuf(os.rdbuf(), kPrefixes[int(p)]));
 }
 
 bool journalTraceIs() {

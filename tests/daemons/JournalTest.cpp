@@ -7,7 +7,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <sstream>
 
@@ -81,8 +83,8 @@ TEST_F(JournalTest, AProgramWritingToTheJournalPrefixesItsLines) {
   char buf[512];
   for (ssize_t n; (n = ::read(fds_[0], buf, sizeof buf)) > 0;) out.append(buf, std::size_t(n));
   int status = 0;
-  ::waitpid(pid, &status, 0);
-  EXPECT_EQ(WEXITSTATUS(status), 1);
+  ASSERT_EQ(::waitpid(pid, &status, 0), pid) << std::strerror(errno);
+  EXPECT_EQ(status, 1 << 8);
   // The refused line (its text is the route file's) as a warning, the load as information.
   std::size_t const nl = out.find('\n');
   ASSERT_NE(nl, std::string::npos) << out;
