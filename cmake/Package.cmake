@@ -4,6 +4,9 @@
 
 include(CMakePackageConfigHelpers)
 
+# The manual pages, built from docs/man.
+mroute_add_optional_subdirectory(docs/man)
+
 get_property(mroute_libraries GLOBAL PROPERTY MROUTE_LIBRARIES)
 
 add_library(mroute INTERFACE)
@@ -22,13 +25,13 @@ install(FILES ${CMAKE_BINARY_DIR}/cmake/mrouteConfig.cmake
               ${CMAKE_BINARY_DIR}/cmake/mrouteConfigVersion.cmake
         DESTINATION ${MROUTE_CMAKE_DIR})
 
-# pkg-config: one -l per library; C++20 is the caller's to ask for.
+# pkg-config: one -l per library, and the C++ standard the headers need.
 set(MROUTE_PC_LIBS "")
 foreach(lib ${mroute_libraries})
   string(TOLOWER ${lib} lower)
   string(APPEND MROUTE_PC_LIBS " -lmroute-${lower}")
 endforeach()
-set(MROUTE_PC_CFLAGS "-I\${includedir}/mroute")
+set(MROUTE_PC_CFLAGS "-std=c++20 -I\${includedir}/mroute")
 if(KIV_THREADSAFE_PTR)
   string(APPEND MROUTE_PC_CFLAGS " -DKIV_THREADSAFE_PTR=1")
 endif()
@@ -39,3 +42,23 @@ file(RELATIVE_PATH MROUTE_PC_PREFIX_FROM_PCDIR
 string(REGEX REPLACE "/$" "" MROUTE_PC_PREFIX_FROM_PCDIR "${MROUTE_PC_PREFIX_FROM_PCDIR}")
 configure_file(cmake/mroute.pc.in ${CMAKE_BINARY_DIR}/mroute.pc @ONLY)
 install(FILES ${CMAKE_BINARY_DIR}/mroute.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+# Installed into the system prefix /usr, the libraries are where the dynamic
+# linker looks anyway, and a RUNPATH there is refused by the distribution's
+# checks: every program, library and module this install wrote loses it.
+# Any other prefix keeps the relative rpath, so such a tree can be moved.
+# This runs after every other directory's install rules.
+install(CODE [[
+if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+  # The manifest names files without DESTDIR.
+  foreach(file ${CMAKE_INSTALL_MANIFEST_FILES})
+    set(path "$ENV{DESTDIR}${file}")
+    if(NOT IS_SYMLINK "${path}" AND EXISTS "${path}")
+      file(READ "${path}" magic LIMIT 4 HEX)
+      if(magic STREQUAL "7f454c46")
+        file(RPATH_REMOVE FILE "${path}")
+      endif()
+    endif()
+  endforeach()
+endif()
+]])
