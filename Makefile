@@ -5,6 +5,7 @@
 #   make demo       build and run the demonstration: multicast forwarded between namespaces
 #   make demo-mfib  the MFIB demonstration: tables and best routes, no root needed
 #   make lint       clang-format and clang-tidy over the sources
+#   make deb        Debian packages of the built tree, in build/<preset>/deb
 #   make PRESET=asan test
 PRESET ?= default
 BUILD  := build/$(PRESET)
@@ -12,7 +13,7 @@ BUILD  := build/$(PRESET)
 # machine short of memory.
 JOBS   ?= $(shell nproc 2>/dev/null || echo 2)
 
-.PHONY: all deps configure build test bench demo demo-mfib lint clean
+.PHONY: all deps configure build test bench demo demo-mfib lint deb clean
 
 all: build
 
@@ -48,6 +49,12 @@ demo-mfib: configure
 lint: configure
 	@scripts/install-deps lint
 	@scripts/lint $(BUILD)
+
+# The packages are made from the built tree (no second build), the same way
+# the package test makes them.
+deb: build
+	@rm -f $(BUILD)/deb/*.deb
+	@scripts/build-deb $(BUILD) $(BUILD)/deb
 
 clean:
 	rm -rf build
