@@ -26,7 +26,8 @@ class PrefixBuf : public std::streambuf {
  protected:
   int_type overflow(int_type c) override {
     if (traits_type::eq_int_type(c, traits_type::eof())) return next_->pubsync() == 0 ? 0 : traits_type::eof();
-    if (atLineStart_ && next_->sputn(prefix_.data(), std::streamsize(prefix_.size())) != std::streamsize(prefix_.size()))
+    if (atLineStart_ &&
+        next_->sputn(prefix_.data(), std::streamsize(prefix_.size())) != std::streamsize(prefix_.size()))
       return traits_type::eof();
     atLineStart_ = traits_type::to_char_type(c) == '\n';
     return next_->sputc(traits_type::to_char_type(c));

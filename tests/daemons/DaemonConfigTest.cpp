@@ -39,8 +39,8 @@ TEST(DaemonConfig, LinesBecomeOptionsInTheFilesOrder) {
   ConfigFile const f = configRead(in, "agent.conf", kOptions);
   EXPECT_TRUE(f.errors.empty());
   // The value is the rest of the line: inner spaces and '=' stay.
-  EXPECT_EQ(f.args, (Args{"--intf", "Ethernet1, Ethernet2", "--count", "12", "--ipv4", "--once", "--intf",
-                          "Vlan100=br0.100"}));
+  EXPECT_EQ(f.args,
+            (Args{"--intf", "Ethernet1, Ethernet2", "--count", "12", "--ipv4", "--once", "--intf", "Vlan100=br0.100"}));
 }
 
 TEST(DaemonConfig, EveryBadLineIsReportedWithItsPlace) {
@@ -53,12 +53,12 @@ TEST(DaemonConfig, EveryBadLineIsReportedWithItsPlace) {
       "--count = 3\n"
       "count\n");
   ConfigFile const f = configRead(in, "/etc/mroute/agent.conf", kOptions);
-  EXPECT_EQ(f.errors, (Args{"/etc/mroute/agent.conf:2: unknown setting 'intff'",
-                            "/etc/mroute/agent.conf:3: bad value '1x' for 'count'",
-                            "/etc/mroute/agent.conf:4: 'intf' needs a value",
-                            "/etc/mroute/agent.conf:5: 'ipv4' takes yes or no, not 'maybe'",
-                            "/etc/mroute/agent.conf:6: unknown setting '--count'",
-                            "/etc/mroute/agent.conf:7: 'count' needs a value"}));
+  EXPECT_EQ(
+      f.errors,
+      (Args{"/etc/mroute/agent.conf:2: unknown setting 'intff'", "/etc/mroute/agent.conf:3: bad value '1x' for 'count'",
+            "/etc/mroute/agent.conf:4: 'intf' needs a value",
+            "/etc/mroute/agent.conf:5: 'ipv4' takes yes or no, not 'maybe'",
+            "/etc/mroute/agent.conf:6: unknown setting '--count'", "/etc/mroute/agent.conf:7: 'count' needs a value"}));
 }
 
 class DaemonConfigMerge : public ::testing::Test {

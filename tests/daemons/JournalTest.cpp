@@ -57,7 +57,11 @@ TEST_F(JournalTest, EveryLineWrittenToTheJournalStartsWithItsPriority) {
   journalStreamIs(journal, fds_[1], Priority::warning);
   journalStreamIs(elsewhere, fds_[0] + 100, Priority::warning);
   // One line written in pieces, then two at once, then one left open.
-  journal << "cannot read " << "routes" << ": gone" << std::endl << "a\nb\n" << "partial";
+  journal << "cannot read "
+          << "routes"
+          << ": gone" << std::endl
+          << "a\nb\n"
+          << "partial";
   elsewhere << "a\nb\n";
   EXPECT_EQ(journal.str(), "<4>cannot read routes: gone\n<4>a\n<4>b\n<4>partial");
   EXPECT_EQ(elsewhere.str(), "a\nb\n");
