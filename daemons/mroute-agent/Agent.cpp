@@ -329,7 +329,9 @@ bool AgentImpl::doKernel(Family& f) {
     std::cerr << "mroute-agent: " << (f.af == Wirly::ipv4 ? "IPv4" : "IPv6") << ": " << e.call() << ": "
               << std::strerror(e.error());
     if (e.error() == EADDRINUSE) std::cerr << " (another agent owns the kernel's multicast routing table)";
-    if (e.error() == EPERM || e.error() == EACCES) std::cerr << " (needs CAP_NET_ADMIN: run as root)";
+    // The raw socket itself needs CAP_NET_RAW, the table on it CAP_NET_ADMIN.
+    if (e.error() == EPERM || e.error() == EACCES)
+      std::cerr << " (needs " << (e.call() == "socket" ? "CAP_NET_RAW" : "CAP_NET_ADMIN") << ": run as root)";
     std::cerr << "\n";
     return false;
   }
