@@ -19,8 +19,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ostream>
 #include <ctime>
+#include <ostream>
 #include <sstream>
 
 #include "Kiv/Exception.h"
@@ -207,7 +207,9 @@ std::string seconds(std::int64_t ns) {
   return buf;
 }
 
-std::int64_t wallOf(ShowNow now, std::uint64_t monoNs) { return now.realNs - (std::int64_t(now.monoNs) - std::int64_t(monoNs)); }
+std::int64_t wallOf(ShowNow now, std::uint64_t monoNs) {
+  return now.realNs - (std::int64_t(now.monoNs) - std::int64_t(monoNs));
+}
 std::uint64_t ageOf(ShowNow now, std::uint64_t monoNs) { return now.monoNs > monoNs ? now.monoNs - monoNs : 0; }
 
 std::string entryJson(EntryRow const& e, ShowNow now, bool drop) {
@@ -222,7 +224,8 @@ std::string entryJson(EntryRow const& e, ShowNow now, bool drop) {
   if (e.entry->learnedNs) os << ", \"learned\": " << jsonString(utcText(wallOf(now, e.entry->learnedNs)));
   if (e.entry->installedNs) os << ", \"written\": " << jsonString(utcText(wallOf(now, e.entry->installedNs)));
   if (e.sinceNs)
-    os << ", \"since\": " << jsonString(utcText(wallOf(now, e.sinceNs))) << ", \"uptime\": " << seconds(std::int64_t(ageOf(now, e.sinceNs)));
+    os << ", \"since\": " << jsonString(utcText(wallOf(now, e.sinceNs)))
+       << ", \"uptime\": " << seconds(std::int64_t(ageOf(now, e.sinceNs)));
   if (drop) {
     os << ", \"expires\": " << jsonString(utcText(wallOf(now, e.expiresNs)))
        << ", \"expiresIn\": " << seconds(std::int64_t(e.expiresNs) - std::int64_t(now.monoNs));
@@ -272,7 +275,9 @@ std::string const kInterfacesLegend = R"(Legend:
 
 std::string ShowFilter::text() const {
   std::string s;
-  auto add = [&](char const* name, std::string const& v) { s += (s.empty() ? "" : ", ") + std::string(name) + " " + v; };
+  auto add = [&](char const* name, std::string const& v) {
+    s += (s.empty() ? "" : ", ") + std::string(name) + " " + v;
+  };
   if (vrf) add("vrf", *vrf);
   if (family) add("family", familyName(*family));
   if (group) add("group", group->str());
@@ -419,8 +424,8 @@ std::string showText(RouteEngine const& engine, ShowRequest const& req, ShowNow 
     os << "(" << prefixText(r.key.source(), RouteEngine::isStarG(r.key)) << ", " << prefixText(r.key.group(), false)
        << ")  Iif: " << idName(st.iif) << "  Oifs: " << (oifs.empty() ? "-" : oifs) << "  State: " << stateOf(r)
        << "  Uptime: " << durationText(ageOf(now, st.sinceNs)) << "\n"
-       << "    Owner: " << st.app << " prio " << st.priority << "  Oif set: " << oifSetId(st) << "  Packets: " << r.packets
-       << "  Bytes: " << r.bytes << "  RPF failures: " << r.rpfFailures
+       << "    Owner: " << st.app << " prio " << st.priority << "  Oif set: " << oifSetId(st)
+       << "  Packets: " << r.packets << "  Bytes: " << r.bytes << "  RPF failures: " << r.rpfFailures
        << "  Failures: " << (failures.empty() ? "none" : failures) << "\n"
        << "    Since: " << utcText(wallOf(now, st.sinceNs)) << "  Changed: " << utcText(wallOf(now, st.changedNs))
        << "\n";
@@ -433,8 +438,8 @@ std::string showText(RouteEngine const& engine, ShowRequest const& req, ShowNow 
   if (!rows.drops.empty()) {
     os << "\nDrop entries (flows no route covers; the kernel discards them)\n";
     for (EntryRow const& e : rows.drops) {
-      os << RouteEngine::sgText(e.sg) << "  Iif: " << vifName(engine, e.entry->iif) << "  State: " << entryState(*e.entry)
-         << "  Uptime: " << durationText(ageOf(now, e.sinceNs)) << "  Expires: ";
+      os << RouteEngine::sgText(e.sg) << "  Iif: " << vifName(engine, e.entry->iif)
+         << "  State: " << entryState(*e.entry) << "  Uptime: " << durationText(ageOf(now, e.sinceNs)) << "  Expires: ";
       if (e.expiresNs > now.monoNs)
         os << "in " << durationText(e.expiresNs - now.monoNs);
       else
@@ -467,8 +472,8 @@ std::string showJson(RouteEngine const& engine, ShowRequest const& req, ShowNow 
       vrf = r.vrf;
       firstRoute = true;
     }
-    os << (firstRoute ? "" : ", ") << "{\"source\": "
-       << jsonString(prefixText(r.key.source(), RouteEngine::isStarG(r.key)))
+    os << (firstRoute ? "" : ", ")
+       << "{\"source\": " << jsonString(prefixText(r.key.source(), RouteEngine::isStarG(r.key)))
        << ", \"group\": " << jsonString(prefixText(r.key.group(), false)) << ", \"app\": " << jsonString(st.app)
        << ", \"priority\": " << st.priority << ", \"iif\": " << jsonString(idName(st.iif)) << ", \"oifs\": [";
     firstRoute = false;

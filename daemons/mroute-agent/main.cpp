@@ -159,9 +159,10 @@ int main(int argc, char** argv) {
   for (int i = 2; i < argc; ++i) {
     std::string_view const a = argv[i];
     auto value = [&]() -> char const* { return i + 1 < argc ? argv[++i] : nullptr; };
-    if (cmd == "show" && i == 2 && a == "interfaces") {
+    if (cmd == "show" && a == "interfaces" && !interfaces) {
       interfaces = true;
-    } else if (cmd == "show" && (a == "--vrf" || a == "--family" || a == "--group" || a == "--source" || a == "--intf")) {
+    } else if (cmd == "show" &&
+               (a == "--vrf" || a == "--family" || a == "--group" || a == "--source" || a == "--intf")) {
       char const* v = value();
       if (!v) return usageError(std::string(a) + " needs a value");
       filterWords.insert(filterWords.end(), {std::string(a), v});

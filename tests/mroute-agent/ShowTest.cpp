@@ -145,8 +145,8 @@ TEST_F(ShowServerTest, AnAnswerPastItsBoundAndAnUnknownRequestAreErrorLines) {
   serve({1000, 30.0, 8});
   std::ostringstream out, err;
   EXPECT_EQ(showAnswer(ask("show text\n"), out, err), 1);
-  EXPECT_EQ(err.str(), "mroute-agent: the agent answered: the answer would be " +
-                           std::to_string(text().size()) + " bytes, more than the 1000 the agent sends\n");
+  EXPECT_EQ(err.str(), "mroute-agent: the agent answered: the answer would be " + std::to_string(text().size()) +
+                           " bytes, more than the 1000 the agent sends\n");
   std::ostringstream out2, err2;
   EXPECT_EQ(showAnswer(ask("list\n"), out2, err2), 1);
   EXPECT_EQ(err2.str(), "mroute-agent: the agent answered: unknown request 'list'\n");
@@ -244,9 +244,9 @@ TEST_F(ShowFilterTest, FiltersPickExactlyTheRoutesAndEntriesThatMatch) {
             " default:(10.1.0.3, 239.1.2.1) red:(10.1.0.2, 239.1.1.1) drop:(10.1.0.2, 239.9.9.9)");
   EXPECT_EQ(picked({"--group", "ff3e::1:1", "--intf", "Ethernet3"}), "");
   EXPECT_EQ(picked({"--vrf", "blue"}), "");
-  EXPECT_NE(showText(*engine, request({"--vrf", "red"}), now)
-                .find("filter: vrf red; 1 of 5 routes, 0 of 2 drop entries\n"),
-            std::string::npos);
+  EXPECT_NE(
+      showText(*engine, request({"--vrf", "red"}), now).find("filter: vrf red; 1 of 5 routes, 0 of 2 drop entries\n"),
+      std::string::npos);
 }
 
 TEST_F(ShowFilterTest, BadFiltersAreRefusedWithTheirReason) {
@@ -263,9 +263,11 @@ TEST_F(ShowFilterTest, BadFiltersAreRefusedWithTheirReason) {
            {{"--group", "239.1.1.1/33"}, false, "--group: '239.1.1.1/33' is not an IPv4 or IPv6 address or prefix"},
            {{"--group", "10.1.0.0/16"}, false, "--group: 10.1.0.0/16 is not a multicast address or prefix"},
            {{"--source", "10.1.0.2", "--source", "10.1.0.3"}, false, "--source given twice"},
-           {{"--family", "ipv4", "--group", "ff3e::1"}, false,
+           {{"--family", "ipv4", "--group", "ff3e::1"},
+            false,
             "the filter mixes families: family ipv4, group ff3e::1/128 (a route has one family; give one)"},
-           {{"--group", "239.1.1.1", "--source", "2001:db8::1"}, false,
+           {{"--group", "239.1.1.1", "--source", "2001:db8::1"},
+            false,
             "the filter mixes families: group 239.1.1.1/32, source 2001:db8::1/128 (a route has one family; give one)"},
            {{"--group", "239.1.1.1"}, true, "--group does not apply to interfaces (--vrf, --family and --intf do)"},
        }) {
@@ -274,9 +276,9 @@ TEST_F(ShowFilterTest, BadFiltersAreRefusedWithTheirReason) {
     EXPECT_TRUE(f.empty());
   }
   // What a client sends parses back to the same filter.
-  ShowRequest r = request({"--vrf", "red", "--family", "ipv6", "--group", "ff3e::/16", "--source", "2001:db8::/32",
-                           "--intf", "eth0"},
-                          true);
+  ShowRequest r = request(
+      {"--vrf", "red", "--family", "ipv6", "--group", "ff3e::/16", "--source", "2001:db8::/32", "--intf", "eth0"},
+      true);
   ShowRequest back;
   std::string why;
   ASSERT_TRUE(showRequestParse(showRequestLine(r), back, &why));
