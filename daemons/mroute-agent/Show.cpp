@@ -108,6 +108,7 @@ Rows rowsOf(RouteEngine const& engine, ShowFilter const& f, ShowNow now) {
       // source prefix also matches it alone.
       bool const keyMatchesSource =
           !f.source || (f.source->af() == af && f.source->contains(Wirly::IpGenPrefix(key.source())));
+      if (!keyMatchesSource && !starG) continue;  // before its counters are read
       RouteRow r{vrf, af, key, &st, 0, 0, 0, {}};
       if (st.mroute)
         for (auto const& [vlan, count] : st.mroute->rpfFailureCountMap()) r.rpfFailures += count;
@@ -125,7 +126,7 @@ Rows rowsOf(RouteEngine const& engine, ShowFilter const& f, ShowNow now) {
           r.entries.push_back(e);
         }
       }
-      if (!keyMatchesSource && (!starG || r.entries.empty())) continue;
+      if (!keyMatchesSource && r.entries.empty()) continue;
       out.routes.push_back(std::move(r));
     }
   }
@@ -494,15 +495,15 @@ std::string showJson(RouteEngine const& engine, ShowRequest const& req, ShowNow 
     e.insert(e.size() - 1, ", \"iif\": " + jsonString(vifName(engine, rows.drops[i].entry->iif)));
     os << (i ? ", " : "") << e;
   }
-  os << "], \"upcalls\": " << engine.upcalls() << ", \"recovered\": " << engine.recoveredFlows()
+  os << "], \"routesShown\": " << rows.routes.size() << ", \"routesHeld\": " << rows.allRoutes
+     << ", \"dropEntriesShown\": " << rows.drops.size() << ", \"dropEntriesHeld\": " << rows.allDrops
+     << ", \"upcalls\": " << engine.upcalls() << ", \"recovered\": " << engine.recoveredFlows()
      << ", \"notProgrammed\": " << engine.notProgrammed() << ", \"refused\": " << engine.failedEntries();
   UpcallBudget const& b = *engine.budget();
   os << ", \"unrouted\": {\"admitted\": " << b.admittedReports()
      << ", \"overIntfBudget\": " << b.overIntfBudgetReports() << ", \"overTotalBudget\": " << b.overTotalBudgetReports()
      << ", \"dropEntries\": " << b.dropEntries() << ", \"dropEntryMax\": " << b.dropEntryMax()
-     << ", \"dropEntryMaxRefusals\": " << b.dropEntryMaxRefusals() << "}, \"routesShown\": " << rows.routes.size()
-     << ", \"routesHeld\": " << rows.allRoutes << ", \"dropEntriesShown\": " << rows.drops.size()
-     << ", \"dropEntriesHeld\": " << rows.allDrops << "}\n";
+     << ", \"dropEntryMaxRefusals\": " << b.dropEntryMaxRefusals() << "}}\n";
   return os.str();
 }
 
