@@ -55,7 +55,7 @@ constexpr int kMaxRescans = 50;
 constexpr double kQuietScanPeriod = 1.0;
 constexpr double kQuietScanWindow = 10.0;
 // A drop entry whose flow stopped this long ago goes (see expireDrops).
-constexpr std::uint64_t kDropIdleNs = 60'000'000'000ull;
+constexpr std::uint64_t kDropIdleNs = RouteEngine::dropIdleNs;
 constexpr int kDropCheckEvery = 10;  // retry periods
 // Receive buffer of the upcall sockets: a burst of reports must fit.
 // MROUTE_AGENT_RCVBUF (bytes) overrides it, to measure the recovery of what

@@ -331,6 +331,8 @@ void RouteEngine::doRoute(Vrf& vrf, IpGenRouteKey const& key) {
   }
   bool const changed = had == routes.end() || had->second.app != now.app || had->second.priority != now.priority ||
                        had->second.iif != now.iif || had->second.oifs != now.oifs;
+  if (had == routes.end()) now.sinceNs = RouteEngine::now();
+  if (changed) now.changedNs = RouteEngine::now();
   doModel(vrf, key, now);
   Wirly::AddressFamily const af = key.group().af();
   bool const programmable = vrfName == kernelVrf && mfc_[idx(af)] != nullptr &&

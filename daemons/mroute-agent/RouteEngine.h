@@ -99,6 +99,8 @@ struct RouteState {
   std::vector<Wirly::IntfId> oifs;
   bool mappingMissing = false;
   MrouteLib::MrouteFailureReason failure;
+  std::uint64_t sinceNs = 0;    // monotonic: when the key got a best route
+  std::uint64_t changedNs = 0;  // and when its owner or interfaces last changed
 };
 
 class RouteEngine {
@@ -112,6 +114,8 @@ class RouteEngine {
   static constexpr char const* kernelVrf = "default";
   // A no-cache report this soon after its entry was written was queued before it.
   static constexpr std::uint64_t staleUpcallNs = 2000000000ull;
+  // A drop entry whose flow stopped this long ago goes (expireDrops).
+  static constexpr std::uint64_t dropIdleNs = 60'000'000'000ull;
 
   RouteEngine(std::vector<IntfConfig> intfs, Kiv::Ptr<MfibVornDir> const& vornDir, AppNameOf appNameOf);
   ~RouteEngine();
@@ -121,6 +125,8 @@ class RouteEngine {
   void sinkIs(Sink s) { sink_ = std::move(s); }
   void clockIs(Clock c) { clock_ = std::move(c); }
   void flowLogIs(FlowLog f) { flowLog_ = std::move(f); }
+  // The engine's clock (monotonic nanoseconds), which stamps routes and entries.
+  std::uint64_t nowNs() const { return now(); }
   // Called when a flush() is wanted (route changes are pending).
   void flushRequestIs(std::function<void()> f) { flushRequest_ = std::move(f); }
   // The kernel table of a family; null: that family is not programmed.

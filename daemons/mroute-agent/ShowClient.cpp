@@ -14,7 +14,14 @@
 
 namespace MrouteAgent {
 
-int showMain(std::string const& name, bool json) {
+int showMain(std::string const& name, bool interfaces, bool json, std::vector<std::string> const& filterWords) {
+  // Checked here first, for a message before any connection; the agent
+  // checks the request again.
+  ShowRequest req{interfaces, json, {}};
+  if (std::string const why = showFilterParse(filterWords, interfaces, req.filter); !why.empty()) {
+    std::cerr << "mroute-agent: " << why << "\nTry 'mroute-agent --help'.\n";
+    return 2;
+  }
   std::string path;
   try {
     path = showSocketPath(name);
@@ -34,7 +41,7 @@ int showMain(std::string const& name, bool json) {
     return 1;
   }
   int const fd = conn.release();
-  std::string const request = json ? "show json\n" : "show text\n";
+  std::string const request = showRequestLine(req) + "\n";
   if (::write(fd, request.data(), request.size()) != ssize_t(request.size())) {
     std::cerr << "mroute-agent: cannot ask the agent: " << std::strerror(errno) << "\n";
     ::close(fd);

@@ -26,7 +26,8 @@ char const* const kUsage = R"(Usage:
   mroute-agent run [--config FILE] --intf IF[,IF...] [--name NAME] [--ipv4|--ipv6]
                    [--flow-log FILE] [--unrouted-rate R[/B]] [--unrouted-total-rate R[/B]]
                    [--drop-entry-max N]
-  mroute-agent show [--json] [--name NAME]
+  mroute-agent show [interfaces] [--json] [--name NAME] [--vrf VRF] [--family ipv4|ipv6]
+                    [--group G[/LEN]] [--source S[/LEN]] [--intf NAME]
   mroute-agent --help | --version
 
 run   programs the kernel's multicast forwarding cache of the current network
@@ -55,11 +56,25 @@ run   programs the kernel's multicast forwarding cache of the current network
                                      (default 2000/2000)
         --drop-entry-max N           most drop entries held at once
                                      (default 8192); idle ones expire
-show  lists what the running agent NAME holds, per VRF and route: owner,
-      interfaces, shared OIF set, kernel counters, RPF failures, failures;
-      then the drop entries and the agent's counters, the upcall budget's
-      included. Exits 1 with a message when the answer is incomplete.
-        --json           the same as one JSON document
+show  lists what the running agent NAME holds, per VRF and route: (S, G),
+      incoming and outgoing interfaces, state, uptime, owner, shared OIF
+      set, kernel counters, RPF failures, failures; then the drop entries
+      with their expiry and the agent's counters; a legend explains each
+      column. Times are UTC. Exits 1 with a message when the answer is
+      incomplete, 2 when the filter is refused.
+        --json           the same as one JSON document (docs/mroute-agent.md)
+      Filters, applied by the agent; all given must match:
+        --vrf VRF        routes of that VRF
+        --family F       ipv4 or ipv6
+        --group G[/LEN]  routes whose group lies in G/LEN
+        --source S[/LEN] routes (and entries of (*, G) routes) whose source
+                         lies in S/LEN
+        --intf NAME      routes with NAME (an id or Linux name) as incoming or
+                         an outgoing interface
+show interfaces
+      the VIFs (IPv4) and MIFs (IPv6): number, interface id, Linux name and
+      index, state, and the kernel's packet and byte counters in and out;
+      takes --json, --vrf, --family and --intf
 
 Environment: VORN_ROOT (the table root; default /run/vorn for root, else
 $XDG_RUNTIME_DIR/vorn), MROUTE_AGENT_DIR (where the show socket lies;
@@ -176,11 +191,20 @@ int main(int argc, char** argv) {
 
   MrouteAgent::Agent::Options o;
   bool json = false;
+  bool interfaces = false;
+  std::vector<std::string> filterWords;  // show's, checked by showMain
   bool onlyV4 = false, onlyV6 = false;
   for (int i = 2; i < argc; ++i) {
     std::string_view const a = argv[i];
     auto value = [&]() -> char const* { return i + 1 < argc ? argv[++i] : nullptr; };
-    if (a == "--intf" && cmd == "run") {
+    if (cmd == "show" && a == "interfaces" && !interfaces) {
+      interfaces = true;
+    } else if (cmd == "show" &&
+               (a == "--vrf" || a == "--family" || a == "--group" || a == "--source" || a == "--intf")) {
+      char const* v = value();
+      if (!v) return usageError(std::string(a) + " needs a value");
+      filterWords.insert(filterWords.end(), {std::string(a), v});
+    } else if (a == "--intf" && cmd == "run") {
       char const* v = value();
       if (!v) return usageError("--intf needs a list");
       std::string_view rest = v;
@@ -225,7 +249,7 @@ int main(int argc, char** argv) {
     o.ipv4 = onlyV4;
     o.ipv6 = onlyV6;
   }
-  if (cmd == "show") return MrouteAgent::showMain(o.name, json);
+  if (cmd == "show") return MrouteAgent::showMain(o.name, interfaces, json, filterWords);
   if (cmd != "run") return usageError("unknown command '" + std::string(cmd) + "'");
   if (o.intfs.empty()) return usageError("run needs --intf");
 

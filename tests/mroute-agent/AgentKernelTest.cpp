@@ -390,8 +390,11 @@ TEST_F(AgentKernelTest, ForwardsWhatTheTablesSayAndFollowsRouteAndLinkChanges) {
   EXPECT_EQ(received(d1, 0.3), 0);
 
   std::string const show = shell("MROUTE_AGENT_DIR=" + dir_ + " " + MROUTE_AGENT_PATH + " show --name agent-test");
-  EXPECT_NE(show.find("(10.1.0.2, 239.1.1.1)  static prio 1"), std::string::npos) << show;
-  EXPECT_NE(show.find("packets 8  bytes"), std::string::npos) << show;
+  EXPECT_NE(show.find("(10.1.0.2, 239.1.1.1)  Iif: Ethernet1  Oifs: Ethernet3  State: installed  Uptime: "),
+            std::string::npos)
+      << show;
+  EXPECT_NE(show.find("Owner: static prio 1  Oif set: "), std::string::npos) << show;
+  EXPECT_NE(show.find("Packets: 8  Bytes: "), std::string::npos) << show;
   std::string const json =
       shell("MROUTE_AGENT_DIR=" + dir_ + " " + MROUTE_AGENT_PATH + " show --json --name agent-test");
   EXPECT_NE(json.find("\"source\": \"2001:db8:1::2\", \"group\": \"ff3e::1:1\", \"installed\": true, \"packets\": "),
@@ -684,6 +687,110 @@ TEST_F(AgentKernelTest, AnUnprivilegedFloodOfUnroutedGroupsDoesNotDelayARoutedFl
 // socket and re-sends to itself.
 TEST_F(AgentKernelTest, AnUnprivilegedFloodDoesNotDelayARoutedFlowThroughTheRelay) {
   floodWhileRealFlowsStart(*this, true, {"MCAST_NO_NETLINK=1"});
+}
+
+}  // namespace MrouteAgentKernel
+
+namespace MrouteAgentKernel {
+
+// show's filters among 200 routes of both families, run in the agent, and
+// its interface table's counters against real traffic.
+TEST_F(AgentKernelTest, ShowFindsExactlyTheRoutesItsFilterNamesAndCountsPerInterface) {
+  NET(net);
+  Publisher pub(root_.path());
+  ASSERT_TRUE(pub.ok());
+  // Group i of each family goes out of Ethernet2 when i is a multiple of 3,
+  // else out of Ethernet3.
+  auto v4 = [](int i) { return "239.10." + std::to_string(i / 100) + "." + std::to_string(i % 100 + 1); };
+  auto v6 = [](int i) { return "ff3e::10:" + std::to_string(i + 1); };
+  auto oif = [](int i) { return std::uint16_t(i % 3 == 0 ? 2 : 3); };
+  constexpr int perFamily = 100;
+  for (int i = 0; i < perFamily; ++i) {
+    pub.route(IpGenRouteKey("10.1.0.2", v4(i)), {oif(i)});
+    pub.route(IpGenRouteKey("2001:db8:1::2", v6(i)), {oif(i)});
+  }
+  AgentProcess agent(net, root_.path(), dir_, {});
+  ASSERT_TRUE(agent.waitFor("ready")) << agent.dump();
+  EXPECT_TRUE(agent.waitUntil(
+      [](std::vector<std::string> const& ls) {
+        return std::count_if(ls.begin(), ls.end(), [](std::string const& l) { return l.rfind("install (", 0) == 0; }) >=
+               2 * perFamily;
+      },
+      10))
+      << agent.dump();
+  std::string const cmd = "MROUTE_AGENT_DIR=" + dir_ + " " + MROUTE_AGENT_PATH + " show --name agent-test ";
+  // The groups of the routes a JSON answer lists, in order.
+  auto groups = [](std::string const& json) {
+    std::vector<std::string> out;
+    for (std::size_t at = json.find("\"app\": "); at != std::string::npos; at = json.find("\"app\": ", at + 1)) {
+      std::size_t const g = json.rfind("\"group\": \"", at) + 10;
+      out.push_back(json.substr(g, json.find('"', g) - g));
+    }
+    return out;
+  };
+  auto expected = [&](bool ipv6, auto const& pick) {
+    std::vector<std::string> out;
+    for (int i = 0; i < perFamily; ++i)
+      if (pick(i)) out.push_back(ipv6 ? v6(i) : v4(i));
+    std::sort(out.begin(), out.end(),
+              [&](std::string const& a, std::string const& b) { return Wirly::IpGenAddr(a) < Wirly::IpGenAddr(b); });
+    return out;
+  };
+
+  std::string json = shell(cmd + "--json --family ipv6 --intf Ethernet2");
+  EXPECT_EQ(groups(json), expected(true, [&](int i) { return oif(i) == 2; })) << json.substr(0, 2000);
+  EXPECT_NE(json.find("\"routesShown\": 34, \"routesHeld\": 200, "), std::string::npos) << json.substr(0, 2000);
+  // Every record states its VRF and family: the 34 routes and their entries.
+  std::size_t records = 0;
+  for (std::size_t at = json.find("\"vrf\": \"default\", \"family\": \"ipv6\""); at != std::string::npos;
+       at = json.find("\"vrf\": \"default\", \"family\": \"ipv6\"", at + 1))
+    ++records;
+  EXPECT_EQ(records, 68u);
+
+  json = shell(cmd + "--json --group 239.10.0.0/26 --source 10.1.0.0/16");
+  EXPECT_EQ(groups(json), expected(false, [&](int i) { return i < 63; }));
+  EXPECT_EQ(groups(shell(cmd + "--json --vrf default --group ff3e::10:20 --intf Ethernet3")),
+            std::vector<std::string>{"ff3e::10:20"});
+  EXPECT_EQ(groups(shell(cmd + "--json --group ff3e::10:1f --intf Ethernet3")), std::vector<std::string>{});
+  EXPECT_EQ(groups(shell(cmd + "--json --vrf red")), std::vector<std::string>{});
+
+  std::string const text = shell(cmd + "--group 239.10.0.7");
+  EXPECT_NE(text.find("; 1 of 200 routes, 0 of 0 drop entries\n\nVRF default\n(10.1.0.2, 239.10.0.7)  Iif: Ethernet1  "
+                      "Oifs: Ethernet2  State: installed  Uptime: 00:00:0"),
+            std::string::npos)
+      << text;
+  EXPECT_EQ(shell(cmd + "--family ipv5 2>&1; echo status $?"),
+            "mroute-agent: --family: 'ipv5' is neither ipv4 nor ipv6\nTry 'mroute-agent --help'.\nstatus 2\n");
+
+  // The interface table: Ethernet1 receives what the source sends, Ethernet2
+  // sends group 0 on, Ethernet3 stays quiet; counters move by exactly that.
+  auto counter = [&](char const* family, char const* intf, char const* name) {
+    std::string const j = shell(cmd + "interfaces --json --family " + family + " --intf " + intf);
+    std::size_t const at = j.find(std::string("\"") + name + "\": ");
+    return at == std::string::npos ? ~0ull : std::stoull(j.substr(at + std::strlen(name) + 4));
+  };
+  struct Seen {
+    unsigned long long in1, out2, out3;
+  };
+  auto look = [&](char const* family) {
+    return Seen{counter(family, "Ethernet1", "packetsIn"), counter(family, "Ethernet2", "packetsOut"),
+                counter(family, "Ethernet3", "packetsOut")};
+  };
+  Seen const before4 = look("ipv4"), before6 = look("ipv6");
+  ASSERT_NE(before4.in1, ~0ull) << shell(cmd + "interfaces --json");
+  send(net, {v4(0), v6(0)}, 10);
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  Seen const after4 = look("ipv4"), after6 = look("ipv6");
+  EXPECT_EQ(after4.in1 - before4.in1, 10u);
+  EXPECT_EQ(after4.out2 - before4.out2, 10u);
+  EXPECT_EQ(after4.out3 - before4.out3, 0u);
+  EXPECT_EQ(after6.in1 - before6.in1, 10u);
+  EXPECT_EQ(after6.out2 - before6.out2, 10u);
+  EXPECT_EQ(after6.out3 - before6.out3, 0u);
+  std::string const table = shell(cmd + "interfaces --intf Ethernet2");
+  EXPECT_NE(table.find("\nipv4      2  Ethernet2  Ethernet2  "), std::string::npos) << table;
+  EXPECT_NE(table.find("  up  "), std::string::npos) << table;
+  EXPECT_EQ(agent.stop(), 0);
 }
 
 }  // namespace MrouteAgentKernel

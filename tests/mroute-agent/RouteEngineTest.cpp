@@ -125,7 +125,7 @@ TEST_F(EngineTest, AFullKernelTableIsRecordedOnTheRouteAndRetried) {
   EXPECT_TRUE(st.failure.hwFailure());
   EXPECT_EQ(engine->failedEntries(), 1u);
   EXPECT_FALSE(printed("install (10.1.0.2, 239.4.4.4) Ethernet1 -> Ethernet2"));
-  EXPECT_NE(showText(*engine).find("failures NoSpaceInTcamOrLem"), std::string::npos) << showText(*engine);
+  EXPECT_NE(showText(*engine).find("Failures: NoSpaceInTcamOrLem"), std::string::npos) << showText(*engine);
 
   EXPECT_EQ(engine->retryFailed(), 1u);
   sys.failOption[MRT_ADD_MFC] = 0;
