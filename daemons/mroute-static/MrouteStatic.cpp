@@ -213,16 +213,18 @@ int daemon(Options const& o) {
       std::cerr << std::endl;
       return 1;
     }
-    auto em = Stelo::EntityManager::entityManagerIs();
-    MrouteStatic::StaticPublisher pub(o.app, em);
-    MrouteStatic::RouteControl control(pub, o.file, std::cout, std::cerr);
     if (o.once) {
+      auto em = Stelo::EntityManager::entityManagerIs();
+      MrouteStatic::StaticPublisher pub(o.app, em);
+      MrouteStatic::RouteControl control(pub, o.file, std::cout, std::cerr);
       control.load(parsed);
       return control.complete() ? 0 : 1;
     }
     Kiv::EventLoop loop;
     // Claimed before anything is published: a second instance for the same
-    // application leaves the first one's tables alone.
+    // application leaves the first one's tables alone. No request is read
+    // before the loop turns, and by then control is made.
+    std::unique_ptr<MrouteStatic::RouteControl> control;
     std::unique_ptr<Kiv::RequestServer> server;
     try {
       Kiv::RequestServer::Limits limits;
@@ -230,7 +232,7 @@ int daemon(Options const& o) {
       server = std::make_unique<Kiv::RequestServer>(
           loop, MrouteStatic::controlSocketPath(o.app), MrouteStatic::controlSocketUse,
           [&control](std::string const& request, Kiv::RequestServer::Peer const& peer) {
-            return control.answer(request, peer);
+            return control->answer(request, peer);
           },
           limits);
     } catch (Kiv::SocketInUseException const& e) {
@@ -241,7 +243,10 @@ int daemon(Options const& o) {
       std::cerr << "mroute-static: no control socket: " << e.what() << std::endl;
       return 1;
     }
-    control.load(parsed);
+    auto em = Stelo::EntityManager::entityManagerIs();
+    MrouteStatic::StaticPublisher pub(o.app, em);
+    control = std::make_unique<MrouteStatic::RouteControl>(pub, o.file, std::cout, std::cerr);
+    control->load(parsed);
 
     Kiv::FileDesc sfd(::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
     if (!sfd) throw Kiv::ErrnoException("signalfd", errno);
@@ -255,7 +260,7 @@ int daemon(Options const& o) {
         }
         if (read(o.file, parsed)) {
           readable = true;
-          control.load(parsed);
+          control->load(parsed);
         } else {
           readable = false;
           std::cerr << "; keeping " << pub.published().size() << " routes" << std::endl;
@@ -265,12 +270,12 @@ int daemon(Options const& o) {
     });
     while (!stop) loop.runOnce(-1);
     server.reset();
-    std::size_t const lost = control.runtimeChanges();
+    std::size_t const lost = control->runtimeChanges();
     pub.withdraw();
     std::cout << "static " << o.app << ": withdrawn";
     if (lost != 0) std::cout << "; " << MrouteStatic::changesText(lost) << " not in " << o.file << " gone";
     std::cout << std::endl;
-    return readable && control.complete() ? 0 : 1;
+    return readable && control->complete() ? 0 : 1;
   } catch (std::exception const& e) {
     std::cerr << "mroute-static: " << o.app << ": " << e.what() << std::endl;
     return 1;
