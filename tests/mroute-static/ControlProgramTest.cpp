@@ -39,6 +39,8 @@ class Instance {
       ::dup2(out[1], 2);
       ::setenv("VORN_ROOT", root.c_str(), 1);
       ::setenv("MROUTE_STATIC_DIR", control.c_str(), 1);
+      // Another user's trace records go beside its socket directory.
+      if (uid != 0) ::setenv("BRISKLOG_DIR", control.substr(0, control.rfind('/')).c_str(), 1);
       if (uid != 0 &&
           (::setgroups(0, nullptr) != 0 || ::setresgid(uid, uid, uid) != 0 || ::setresuid(uid, uid, uid) != 0))
         ::_exit(126);
