@@ -180,7 +180,7 @@ Answer RouteControl::doChange(bool add, bool persist, std::vector<std::string> c
     return refuse(routeIdText(id) + ": " + why + "; route refused" + undo);
   }
 
-  std::string const where = persist ? "written to " + file_ : "run-time, not in " + file_;
+  std::string const where = persist ? "written to " + file_ : "run-time, " + file_ + " unchanged";
   out_ << pub_.summary(c) << "; " << verb << " " << text << " (" << where << ") by " << who << std::endl;
   BRISKLOG("MrouteStatic", "control: %s %s (%s) from pid %d uid %u: %zu routes (+%zu -%zu ~%zu)", verb, text,
            persist ? "persisted" : "run-time", int(peer.pid), unsigned(peer.uid), c.routes, c.added, c.removed,

@@ -68,9 +68,8 @@ TEST_F(RouteControlTest, RunTimeChangesSurviveReloadsUntilTheFileSaysTheSame) {
   EXPECT_EQ(published(), changed);
   EXPECT_EQ(text(), kA + kB);  // not written
   EXPECT_EQ(out.str().substr(out.str().rfind("static static:")),
-            "static static: 2 routes (+0 -0 ~1); add default 10.1.0.2 239.1.1.1 Ethernet1 Ethernet4 5 (run-time, not "
-            "in " +
-                file + ") by pid 4242 uid 0\n");
+            "static static: 2 routes (+0 -0 ~1); add default 10.1.0.2 239.1.1.1 Ethernet1 Ethernet4 5 (run-time, " +
+                file + " unchanged) by pid 4242 uid 0\n");
 
   // The same file again: every change is kept, and the reload says so.
   out.str("");

@@ -98,8 +98,7 @@ TEST(StaticKernel, ARouteAddedAtRunTimeReachesTheKernelThroughTheAgent) {
           "ip -n " + peer + " addr add 10." + net + ".0.2/24 dev eth0", "ip -n " + peer + " link set eth0 up"})
       ASSERT_TRUE(run(step)) << step;
   }
-  for (char const* sub : {"/vorn", "/agent", "/kiv", "/static"})
-    ASSERT_EQ(::mkdir((dir + sub).c_str(), 0700), 0);
+  for (char const* sub : {"/vorn", "/agent", "/kiv", "/static"}) ASSERT_EQ(::mkdir((dir + sub).c_str(), 0700), 0);
   ::setenv("VORN_ROOT", (dir + "/vorn").c_str(), 1);
   ::setenv("MROUTE_AGENT_DIR", (dir + "/agent").c_str(), 1);
   ::setenv("KIV_INTROSPECT_DIR", (dir + "/kiv").c_str(), 1);
@@ -121,8 +120,8 @@ TEST(StaticKernel, ARouteAddedAtRunTimeReachesTheKernelThroughTheAgent) {
   EXPECT_TRUE(eventually(mroutes, "\\(10\\.1\\.0\\.2, ?239\\.1\\.1\\.1\\) +Iif: Ethernet1 +Oifs: Ethernet2"))
       << mroutes() << slurp(dir + "/agent.log");
   EXPECT_EQ(run(cli + "del default 10.1.0.2 239.1.1.1"), true);
-  EXPECT_TRUE(eventually([&] { return std::regex_search(mroutes(), std::regex("239\\.1\\.1\\.1")) ? "" : "gone"; },
-                         "gone"))
+  EXPECT_TRUE(
+      eventually([&] { return std::regex_search(mroutes(), std::regex("239\\.1\\.1\\.1")) ? "" : "gone"; }, "gone"))
       << mroutes();
   EXPECT_EQ(slurp(dir + "/routes"), "# filled at run time\n");
 }
