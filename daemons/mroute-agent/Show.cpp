@@ -3,11 +3,8 @@
 #include <errno.h>
 #include <linux/sockios.h>
 #include <netinet/in.h>
-#include <sys/epoll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
 #include <time.h>
 #include <unistd.h>
 // The kernel's multicast routing headers after the C library's.
@@ -600,193 +597,31 @@ std::string showAnswerOf(RouteEngine const& engine, ShowRequest const& r, ShowNo
 }
 
 ShowServer::ShowServer(Kiv::EventLoop& loop, RouteEngine const& engine, std::string path, Limits limits)
-    : loop_(loop), engine_(engine), limits_(limits), socket_(std::move(path), {"show socket", "MROUTE_AGENT_DIR"}) {
-  writable_ = Kiv::FileDesc(::epoll_create1(EPOLL_CLOEXEC));
-  if (!writable_) throw Kiv::ErrnoException("epoll_create1", errno);
-  loop_.readableIs(writable_.fd(), [this] { handleWritable(); });
-  loop_.readableIs(socket_.fd(), [this] { doAccept(); });
-  accepting_ = true;
-}
+    : engine_(engine),
+      server_(
+          loop, std::move(path), {"show socket", "MROUTE_AGENT_DIR"},
+          [this](std::string const& request, Kiv::RequestServer::Peer const&) { return handleRequest(request); },
+          limits) {}
 
-ShowServer::~ShowServer() {
-  while (!clients_.empty()) doDrop(clients_.begin()->first);
-  if (accepting_) loop_.readableDel(socket_.fd());
-  loop_.readableDel(writable_.fd());
-}
-
-void ShowServer::doTimer(int fd, double seconds) {
-  Client& c = clients_[fd];
-  if (c.timer != 0) loop_.timerDel(c.timer);
-  c.timer = loop_.timerIs(seconds, [this, fd] { handleTimer(fd); });
-}
-
-void ShowServer::handleTimer(int fd) {
-  auto it = clients_.find(fd);
-  if (it == clients_.end()) return;
-  Client& c = it->second;
-  c.timer = 0;
-  if (!c.polled) {
-    doDrop(fd);  // no request in time
-    return;
-  }
-  // Progress is the client taking bytes: what the agent sent since the last
-  // look, or a shorter queue of bytes the client has not read.
-  int queued = 0;
-  bool const known = ::ioctl(fd, SIOCOUTQ, &queued) == 0;
-  if (c.sent != c.sentAtCheck || (known && std::size_t(queued) < c.queuedAtCheck)) {
-    c.sentAtCheck = c.sent;
-    c.queuedAtCheck = known ? std::size_t(queued) : SIZE_MAX;
-    doTimer(fd, limits_.stallTimeout);
-    return;
-  }
-  ++stalled_;
-  doDrop(fd);
-}
-
-void ShowServer::doAccept() {
-  while (clients_.size() < limits_.maxClients) {
-    int const fd = ::accept4(socket_.fd(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-    if (fd < 0) return;
-    Kiv::FileDesc conn(fd);
-    ucred cred{};
-    socklen_t len = sizeof cred;
-    if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0 || cred.uid != ::getuid()) continue;
-    clients_[fd].fd = std::move(conn);
-    doTimer(fd, requestTimeout);
-    loop_.readableIs(fd, [this, fd] { doRead(fd); });
-  }
-  // Full: the rest wait in the listen queue until a client goes.
-  loop_.readableDel(socket_.fd());
-  accepting_ = false;
-}
-
-void ShowServer::doRead(int fd) {
-  Client& c = clients_[fd];
-  char buf[512];
-  ssize_t const n = ::read(fd, buf, sizeof buf);
-  if (n < 0 && (errno == EAGAIN || errno == EINTR)) return;
-  if (n <= 0) {
-    doDrop(fd);
-    return;
-  }
-  c.in.append(buf, static_cast<std::size_t>(n));
-  std::size_t const nl = c.in.find('\n');
-  if (nl == std::string::npos) {
-    if (c.in.size() > 1024) doDrop(fd);
-    return;
-  }
-  std::string const request = c.in.substr(0, nl);
-  loop_.readableDel(fd);
+Kiv::RequestServer::Answer ShowServer::handleRequest(std::string const& request) const {
   ShowRequest parsed;
   std::string refused;
-  if (!showRequestParse(request, parsed, &refused)) {
-    c.out = "error unknown request '" + request + "'\n";
-  } else if (!refused.empty()) {
-    c.out = "error filter: " + refused + "\n";
-  } else {
-    std::string body = showAnswerOf(engine_, parsed, now_ ? now_() : ShowNow::of(engine_));
-    if (body.size() > limits_.maxAnswerBytes) {
-      c.out = "error the answer would be " + std::to_string(body.size()) + " bytes, more than the " +
-              std::to_string(limits_.maxAnswerBytes) + " the agent sends\n";
-    } else {
-      c.out = "ok " + std::to_string(body.size()) + "\n";
-      c.out.reserve(c.out.size() + body.size());
-      c.out += body;
-    }
-  }
-  doWrite(fd);
-}
-
-void ShowServer::doWrite(int fd) {
-  Client& c = clients_[fd];
-  while (c.sent < c.out.size()) {
-    ssize_t const w = ::send(fd, c.out.data() + c.sent, c.out.size() - c.sent, MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (w < 0 && errno == EINTR) continue;
-    if (w < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) break;
-    if (w <= 0) {
-      doDrop(fd);
-      return;
-    }
-    c.sent += static_cast<std::size_t>(w);
-  }
-  if (c.sent == c.out.size()) {
-    doDrop(fd);
-    return;
-  }
-  if (c.polled) return;
-  epoll_event ev{};
-  ev.events = EPOLLOUT;
-  ev.data.fd = fd;
-  if (::epoll_ctl(writable_.fd(), EPOLL_CTL_ADD, fd, &ev) != 0) {
-    doDrop(fd);
-    return;
-  }
-  c.polled = true;
-  // The bound is on a reader that takes nothing, not on a slow one: looked
-  // at once per stallTimeout.
-  int queued = 0;
-  c.sentAtCheck = c.sent;
-  c.queuedAtCheck = ::ioctl(fd, SIOCOUTQ, &queued) == 0 ? std::size_t(queued) : SIZE_MAX;
-  doTimer(fd, limits_.stallTimeout);
-}
-
-void ShowServer::handleWritable() {
-  epoll_event events[16];
-  int const n = ::epoll_wait(writable_.fd(), events, 16, 0);
-  for (int i = 0; i < n; ++i)
-    if (clients_.count(events[i].data.fd)) doWrite(events[i].data.fd);
-}
-
-void ShowServer::doDrop(int fd) {
-  auto it = clients_.find(fd);
-  if (it == clients_.end()) return;
-  if (loop_.readable(fd)) loop_.readableDel(fd);
-  if (it->second.polled) ::epoll_ctl(writable_.fd(), EPOLL_CTL_DEL, fd, nullptr);
-  if (it->second.timer != 0) loop_.timerDel(it->second.timer);
-  clients_.erase(it);
-  if (!accepting_ && clients_.size() < limits_.maxClients) {
-    accepting_ = true;
-    loop_.readableIs(socket_.fd(), [this] { doAccept(); });
-  }
+  if (!showRequestParse(request, parsed, &refused))
+    return Kiv::RequestServer::Answer::errorIs("unknown request '" + request + "'");
+  if (!refused.empty()) return Kiv::RequestServer::Answer::errorIs("filter: " + refused);
+  return Kiv::RequestServer::Answer::okIs(showAnswerOf(engine_, parsed, now_ ? now_() : ShowNow::of(engine_)));
 }
 
 int showAnswer(int fd, std::ostream& out, std::ostream& err) {
-  std::string answer;
-  char buf[65536];
-  for (;;) {
-    ssize_t const n = ::read(fd, buf, sizeof buf);
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) {
-      err << "mroute-agent: reading the agent's answer: " << std::strerror(errno) << "\n";
-      return 1;
-    }
-    if (n == 0) break;
-    answer.append(buf, std::size_t(n));
+  Kiv::RequestReply const reply = Kiv::requestAnswer(fd, "the agent");
+  if (reply.status == Kiv::RequestReply::ok) {
+    out << reply.text;
+    return 0;
   }
-  std::size_t const nl = answer.find('\n');
-  std::string const head = answer.substr(0, nl);
-  if (nl != std::string::npos && head.rfind("error ", 0) == 0) {
-    err << "mroute-agent: the agent answered: " << head.substr(6) << "\n";
-    return head.rfind("error filter: ", 0) == 0 ? 2 : 1;
-  }
-  char* end = nullptr;
-  unsigned long long const size = head.rfind("ok ", 0) == 0 ? std::strtoull(head.c_str() + 3, &end, 10) : 0;
-  if (nl == std::string::npos || end == nullptr || *end != '\0') {
-    err << "mroute-agent: the agent's answer is incomplete or not understood (" << answer.size()
-        << " bytes, no header)\n";
-    return 1;
-  }
-  std::size_t const got = answer.size() - nl - 1;
-  if (got < size) {
-    err << "mroute-agent: the agent's answer is incomplete: " << got << " of " << size << " bytes arrived\n";
-    return 1;
-  }
-  if (got > size) {
-    err << "mroute-agent: the agent's answer is longer than announced: " << got << " bytes, not " << size << "\n";
-    return 1;
-  }
-  out.write(answer.data() + nl + 1, std::streamsize(got));
-  return 0;
+  err << "mroute-agent: " << (reply.status == Kiv::RequestReply::refused ? "the agent answered: " : "") << reply.text
+      << "\n";
+  // A refused filter is a usage error, as when the client itself refuses it.
+  return reply.status == Kiv::RequestReply::refused && reply.text.rfind("filter: ", 0) == 0 ? 2 : 1;
 }
 
 }  // namespace MrouteAgent

@@ -27,35 +27,27 @@
 // listed. --intf matches the incoming or any outgoing interface, by id or
 // Linux name.
 //
-// Protocol: the client sends one line, "<show|interfaces> <text|json>"
-// followed by the filter as option words ("--group 239.1.0.0/16"); the
-// agent answers "ok <bytes>\n" and exactly that many bytes of the answer,
-// or one line "error <why>\n", and closes; "error filter: <why>" refuses the
-// filter. A client that reads fewer bytes than announced knows its answer
-// was cut. Only the agent's own user is served (SO_PEERCRED); a client that
-// sends nothing is dropped after requestTimeout seconds.
-//
-// The agent never waits for a client: it sends what the socket takes and
-// keeps the rest until the socket can take more, so a reader that pauses
-// gets its whole answer later. Bounds (Limits): an answer larger than
-// maxAnswerBytes is refused with an error line; a client that takes no
-// byte for stallTimeout seconds is dropped (its answer ends short; looked at
-// once per stallTimeout, so within twice that); at most maxClients are
-// served at once, later ones wait in the listen queue.
+// Protocol (Kiv/RequestServer.h): the client sends one line,
+// "<show|interfaces> <text|json>" followed by the filter as option words
+// ("--group 239.1.0.0/16"); the agent answers "ok <bytes>\n" and exactly that
+// many bytes of the answer, or one line "error <why>\n", and closes;
+// "error filter: <why>" refuses the filter. Only the agent's own user and
+// root are served; a client that stops reading is dropped after
+// Limits::stallTimeout, an answer past maxAnswerBytes is an error line, and
+// clients past maxClients wait in the listen queue.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <iosfwd>
-#include <map>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "Kiv/EventLoop.h"
 #include "Kiv/FileDesc.h"
-#include "Kiv/ServerSocket.h"
+#include "Kiv/RequestServer.h"
 #include "RouteEngine.h"
 #include "Wirly/IpGenPrefix.h"
 
@@ -120,14 +112,11 @@ std::string showAnswerOf(RouteEngine const& engine, ShowRequest const& r, ShowNo
 // refused the filter, or 1 for anything else.
 int showAnswer(int fd, std::ostream& out, std::ostream& err);
 
+// The show socket: Kiv::RequestServer answering "show text" and "show json".
 class ShowServer {
  public:
-  static constexpr double requestTimeout = 2.0;
-  struct Limits {
-    std::size_t maxAnswerBytes = std::size_t(1) << 30;
-    double stallTimeout = 60.0;
-    std::size_t maxClients = 8;
-  };
+  static constexpr double requestTimeout = Kiv::RequestServer::requestTimeout;
+  using Limits = Kiv::RequestServer::Limits;
 
   // Binds path (replacing a socket nobody answers on). Throws what
   // Kiv::ServerSocket throws: SocketInUseException when a live process
@@ -135,47 +124,20 @@ class ShowServer {
   ShowServer(Kiv::EventLoop& loop, RouteEngine const& engine, std::string path, Limits limits);
   ShowServer(Kiv::EventLoop& loop, RouteEngine const& engine, std::string path)
       : ShowServer(loop, engine, std::move(path), Limits()) {}
-  ~ShowServer();
-  ShowServer(ShowServer const&) = delete;
-  ShowServer& operator=(ShowServer const&) = delete;
 
-  std::string const& path() const { return socket_.path(); }
+  std::string const& path() const { return server_.path(); }
   // Clients connected now, and those dropped because they stopped reading.
-  std::size_t clients() const { return clients_.size(); }
-  std::uint64_t stalledClients() const { return stalled_; }
+  std::size_t clients() const { return server_.clients(); }
+  std::uint64_t stalledClients() const { return server_.stalledClients(); }
   // The moment answers describe; by default read from the clocks (tests fix it).
   void nowIs(std::function<ShowNow()> f) { now_ = std::move(f); }
 
  private:
-  struct Client {
-    Kiv::FileDesc fd;
-    std::string in;
-    std::string out;  // the answer; out[sent..] still to go
-    std::size_t sent = 0;
-    bool polled = false;  // in writable_
-    std::size_t sentAtCheck = 0;
-    std::size_t queuedAtCheck = 0;  // unread bytes in the socket (SIOCOUTQ)
-    Kiv::EventLoop::TimerId timer = 0;
-  };
-  void doAccept();
-  void doRead(int fd);
-  void doWrite(int fd);
-  void handleWritable();
-  void doDrop(int fd);
-  void doTimer(int fd, double seconds);
-  void handleTimer(int fd);
+  Kiv::RequestServer::Answer handleRequest(std::string const& request) const;
 
-  Kiv::EventLoop& loop_;
   RouteEngine const& engine_;
-  Limits limits_;
-  Kiv::ServerSocket socket_;
-  // Clients waiting for their socket to take more of their answer; its
-  // descriptor is one readable descriptor of the agent's loop.
-  Kiv::FileDesc writable_;
-  bool accepting_ = false;
-  std::map<int, Client> clients_;
-  std::uint64_t stalled_ = 0;
   std::function<ShowNow()> now_;
+  Kiv::RequestServer server_;
 };
 
 }  // namespace MrouteAgent

@@ -1,15 +1,9 @@
 #include "ShowClient.h"
 
-#include <errno.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
-
-#include <cstring>
 #include <iostream>
 
 #include "Agent.h"
-#include "Kiv/ServerSocket.h"
+#include "Kiv/RequestServer.h"
 #include "Show.h"
 
 namespace MrouteAgent {
@@ -29,28 +23,24 @@ int showMain(std::string const& name, bool interfaces, bool json, std::vector<st
     std::cerr << "mroute-agent: " << e.what() << "\n";
     return 1;
   }
-  Kiv::FileDesc conn;
-  try {
-    conn = Kiv::connectTrusted(path, "show socket");
-  } catch (Kiv::ErrnoException const& e) {
-    std::cerr << "mroute-agent: no agent '" << name << "' answers at " << path << ": " << std::strerror(e.error())
-              << "\n";
-    return 1;
-  } catch (std::exception const& e) {
-    std::cerr << "mroute-agent: " << e.what() << "\n";
-    return 1;
+  Kiv::RequestReply const reply = Kiv::requestAsk(path, "show socket", showRequestLine(req), "the agent");
+  switch (reply.status) {
+    case Kiv::RequestReply::ok:
+      std::cout << reply.text;
+      std::cout.flush();
+      return 0;
+    case Kiv::RequestReply::absent:
+      std::cerr << "mroute-agent: no agent '" << name << "' answers at " << path << ": " << reply.text << "\n";
+      return 1;
+    case Kiv::RequestReply::refused:
+      std::cerr << "mroute-agent: the agent answered: " << reply.text << "\n";
+      // A refused filter is a usage error, as when this side refuses it.
+      return reply.text.rfind("filter: ", 0) == 0 ? 2 : 1;
+    case Kiv::RequestReply::failed:
+      break;
   }
-  int const fd = conn.release();
-  std::string const request = showRequestLine(req) + "\n";
-  if (::write(fd, request.data(), request.size()) != ssize_t(request.size())) {
-    std::cerr << "mroute-agent: cannot ask the agent: " << std::strerror(errno) << "\n";
-    ::close(fd);
-    return 1;
-  }
-  int const rc = showAnswer(fd, std::cout, std::cerr);
-  ::close(fd);
-  std::cout.flush();
-  return rc;
+  std::cerr << "mroute-agent: " << reply.text << "\n";
+  return 1;
 }
 
 }  // namespace MrouteAgent

@@ -145,6 +145,7 @@ Route StaticPublisher::routeOf(IpGenRouteKey const& key, StaticRoute const& r, V
 
 StaticPublisher::Change StaticPublisher::apply(RouteMap const& routes) {
   problems_.clear();
+  refused_.clear();
   Change c;
   // New and changed routes first, then the ones that go: a key never
   // disappears from a reader's view while it is only being rewritten.
@@ -154,17 +155,21 @@ StaticPublisher::Change StaticPublisher::apply(RouteMap const& routes) {
     Vrf* vrf = doAddVrf(id.first);
     if (vrf == nullptr) {
       ++c.noTable;
+      refused_[id] = "no VRF table";
       continue;
     }
     if (!doMapOifs(id.first, *vrf, r)) {
       ++c.noOifIndex;
+      refused_[id] = "no interface index left";
       continue;
     }
     try {
       vrf->table->routePublish(routeOf(id.second, r, *vrf));
     } catch (Kiv::Exception const& e) {
       // A full table is the one refusal the table names as a range error.
-      ++(dynamic_cast<Kiv::RangeException const*>(&e) ? c.tableFull : c.otherwise);
+      bool const full = dynamic_cast<Kiv::RangeException const*>(&e) != nullptr;
+      ++(full ? c.tableFull : c.otherwise);
+      refused_[id] = full ? "table full" : "not published: " + std::string(e.what());
       problems_.push_back("VRF " + id.first.str() + ": route (" + sourceText(id.second) + ", " +
                           id.second.group().address().str() + ") not published: " + e.what());
       continue;

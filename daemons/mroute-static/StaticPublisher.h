@@ -71,9 +71,13 @@ class StaticPublisher {
   // Withdraws every table and the application's directory entry.
   void withdraw();
 
+  std::string const& app() const { return app_; }
   RouteMap const& published() const { return published_; }
-  // What the last apply() could not publish, one line each.
+  // What the last apply() could not publish, one line each, and the same
+  // by route: "table full", "no interface index left", "no VRF table" or
+  // "not published: <why>".
   std::vector<std::string> const& problems() const { return problems_; }
+  std::map<RouteId, std::string> const& refused() const { return refused_; }
   // "static <app>: <n> routes (+<added> -<removed> ~<changed>)", followed,
   // when routes were left out, by "; <k> refused: <m> malformed, <t> table
   // full, ..." naming each reason that counted.
@@ -104,6 +108,7 @@ class StaticPublisher {
   std::map<L3::VrfName, Vrf> vrfs_;
   RouteMap published_;
   std::vector<std::string> problems_;
+  std::map<RouteId, std::string> refused_;
 };
 
 }  // namespace MrouteStatic

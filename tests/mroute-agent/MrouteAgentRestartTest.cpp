@@ -102,6 +102,8 @@ class MrouteAgentRestart : public ::testing::Test {
     dir_ = dirTemplate;
     ::setenv("VORN_ROOT", (dir_ + "/vorn").c_str(), 1);
     ::setenv("MROUTE_AGENT_DIR", (dir_ + "/agent").c_str(), 1);
+    // mroute-static's control socket: not the machine's /run/mroute-static.
+    ::setenv("MROUTE_STATIC_DIR", (dir_ + "/static-control").c_str(), 1);
     // Not the machine's /run/kiv: an agent of the same name may run there.
     ::setenv("KIV_INTROSPECT_DIR", (dir_ + "/kiv").c_str(), 1);
     ::setenv("BRISKLOG_DIR", dir_.c_str(), 1);

@@ -2,7 +2,15 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
 #include <sstream>
+
+#include "Kiv/Exception.h"
+#include "tests/Vorn/VornTestUtil.h"
 
 namespace MrouteStatic {
 namespace {
@@ -74,6 +82,83 @@ TEST(RouteFile, MalformedLinesAreReportedWithTheirLineAndTheRestStillApplies) {
   // The first of two lines for one route wins.
   EXPECT_EQ(at(f, "default", "10.1.0.2", "239.1.1.1").oifs, std::vector<Wirly::IntfId>{Wirly::IntfId("Ethernet2")});
   EXPECT_EQ(at(f, "red", "10.1.0.2", "239.1.1.2").iif, Wirly::IntfId("Ethernet1"));
+}
+
+RouteId id(char const* vrf, char const* s, char const* g) { return RouteId(vrf, routeKey(s, g)); }
+
+// A command's route is read by the same words as a line of the file, and
+// written back as a line the loader reads as the same route.
+TEST(RouteFile, ACommandsRouteReadsAndWritesAsAFileLine) {
+  auto [rid, r] = parseRoute({"red", "*", "ff3e::1:1", "Ethernet1", "Ethernet3,Ethernet2", "7"});
+  EXPECT_EQ(routeText(rid, r), "red * ff3e::1:1 Ethernet1 Ethernet2,Ethernet3 7");
+  ParsedFile const back = parse(routeText(rid, r) + "\n");
+  ASSERT_EQ(back.routes.size(), 1u);
+  EXPECT_EQ(back.routes.begin()->second, r);
+  EXPECT_EQ(routeText(id("default", "10.1.0.2", "239.1.1.1"), parseRoute(routeWords("default 10.1.0.2 239.1.1.1 "
+                                                                                    "Ethernet1 - 1 # c"))
+                                                                  .second),
+            "default 10.1.0.2 239.1.1.1 Ethernet1 -");
+  try {
+    parseRoute({"default", "10.1.0.2", "239.1.1.2", "Ethernet1", "Ethernet2", "0"});
+    ADD_FAILURE() << "priority 0 taken";
+  } catch (Kiv::ParseException const& e) {
+    EXPECT_STREQ(e.what(), "priority '0' is not a number from 1 to 255");
+  }
+  EXPECT_THROW(parseRouteId({"default", "10.1.0.2"}), Kiv::ParseException);
+}
+
+std::string const kFile =
+    "# static routes\n"
+    "default 10.1.0.2 239.1.1.1 Ethernet1 Ethernet1\n"                 // refused: iif is an oif
+    "  default 10.1.0.2 239.1.1.1 Ethernet1 Ethernet2  # to rack 2\n"  // the one the loader takes
+    "default 10.1.0.2 239.1.1.1 Ethernet1 Ethernet3\n"                 // refused: given on line 3
+    "nonsense here\n"
+    "red 10.1.0.2 239.1.1.1 Ethernet1 Ethernet2\n";
+
+TEST(RouteFile, RewritingChangesOnlyTheRoutesLinesAndKeepsCommentsAndRefusedLines) {
+  StaticRoute const r = parseRoute(routeWords("x 10.1.0.2 239.1.1.1 Ethernet1 Ethernet4 3")).second;
+  // Replaced where the loader takes it: indentation and comment stay.
+  EXPECT_EQ(rewriteRoutes(kFile, id("default", "10.1.0.2", "239.1.1.1"), &r),
+            "# static routes\n"
+            "default 10.1.0.2 239.1.1.1 Ethernet1 Ethernet1\n"
+            "  default 10.1.0.2 239.1.1.1 Ethernet1 Ethernet4 3  # to rack 2\n"
+            "default 10.1.0.2 239.1.1.1 Ethernet1 Ethernet3\n"
+            "nonsense here\n"
+            "red 10.1.0.2 239.1.1.1 Ethernet1 Ethernet2\n");
+  // A new route goes at the end, also of a file without a last newline.
+  EXPECT_EQ(rewriteRoutes("# only a comment", id("blue", "*", "239.1.1.9"), &r),
+            "# only a comment\nblue * 239.1.1.9 Ethernet1 Ethernet4 3\n");
+  // Removed: every line that names it, whole or not, so that no other line
+  // of it takes its place at the next load.
+  std::string const removed = rewriteRoutes(kFile, id("default", "10.1.0.2", "239.1.1.1"), nullptr);
+  EXPECT_EQ(removed, "# static routes\nnonsense here\nred 10.1.0.2 239.1.1.1 Ethernet1 Ethernet2\n");
+  EXPECT_EQ(parse(removed).routes.size(), 1u);
+  // Only a refused line names it: that line becomes the route.
+  EXPECT_EQ(
+      rewriteRoutes("default 10.1.0.2 239.1.1.1 Ethernet1 Ethernet2 0\n", id("default", "10.1.0.2", "239.1.1.1"), &r),
+      "default 10.1.0.2 239.1.1.1 Ethernet1 Ethernet4 3\n");
+}
+
+TEST(RouteFile, WritingReplacesTheFileAtOnceThroughALinkKeepingItsMode) {
+  VornTest::PrivateRoot dir;
+  std::string const file = dir.file("routes"), link = dir.file("link");
+  std::ofstream(file) << "old\n";
+  ASSERT_EQ(::chmod(file.c_str(), 0640), 0);
+  ASSERT_EQ(::symlink(file.c_str(), link.c_str()), 0);
+  writeRoutesFile(link, "new\n");
+  std::ifstream in(file);
+  std::stringstream text;
+  text << in.rdbuf();
+  EXPECT_EQ(text.str(), "new\n");
+  struct stat st {};
+  ASSERT_EQ(::lstat(link.c_str(), &st), 0);
+  EXPECT_TRUE(S_ISLNK(st.st_mode));
+  ASSERT_EQ(::stat(file.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0640u);
+  // No temporary file is left beside it, and a missing file is an error
+  // that makes none.
+  EXPECT_THROW(writeRoutesFile(dir.file("missing"), "x\n"), Kiv::ErrnoException);
+  EXPECT_EQ(std::system(("test $(ls -A " + dir.path() + " | wc -l) -eq 2").c_str()), 0);
 }
 
 }  // namespace
