@@ -23,14 +23,23 @@
 // <collection>DelAll, <counter>Inc or <counter>Dec names that edit, which
 // invoke runs (Inc and Dec take an optional amount).
 //
-// Answers in json carry typed values (Kiv::jsonFromStrep): an entity's get
-// is {"type", "name", "attributes"}, each collection in it an object of its
-// entries; a collection's ls or get is one such object.
+// Formats: "plain" shows values in their plain forms (Kiv/ValuePlain.h:
+// 10.1.0.2/32, Ethernet1, (10.1.0.2, 239.1.1.1)), an entity as its name or
+// its key attribute, and a collection by its entries, also inside an
+// entity's get ("name\tN entries", then "  key\tvalue" lines); "json" is
+// the same as typed JSON: an entity's get is {"type", "name",
+// "attributes"}, each collection in it an object of its entries keyed by
+// their plain text, and a collection's ls or get is one such object. "text"
+// is the value text form (an entity's collections by their counts) and
+// "rawjson" its typed JSON (Kiv::jsonFromStrep). A format may carry
+// ",limit=N": at most N entries of each collection are shown, then
+// "... M more entries" (in JSON a last member "...": M); 0 or none is no
+// limit.
 //
 // Protocol, one request per connection: the client sends
-// "verb \t format \t path \t argument \n" (verb ls, get, set, del or invoke;
-// format text or json) and reads until the server closes: a first line "ok"
-// or "error", then the body. A request is answered within the loop's turn
+// "verb \t format \t path \t argument \n" (verb ls, get, set, del or invoke)
+// and reads until the server closes: a first line "ok" or "error", then
+// the body. A request is answered within the loop's turn
 // that completes it; a client that sends nothing is dropped after
 // requestTimeout seconds, so one stuck tool cannot hold the agent.
 #pragma once
