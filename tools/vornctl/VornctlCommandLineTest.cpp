@@ -73,8 +73,16 @@ TEST_F(VornctlCommandLineTest, DumpPrintsEachRouteOnceWithInterfaceNames) {
   ToolRun r = vornctl(rooted("dump mfib/default/pim route"));
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(r.out,
-            "(s: 10.0.0.1/32 g: 239.1.1.1/32) priority 0 version 1 oif {Ethernet1, Ethernet3, 9:unmapped}\n"
-            "(s: 10.0.0.2/32 g: 239.1.1.2/32) priority 0 version 1 oif {Ethernet2}\n");
+            "(10.0.0.1, 239.1.1.1) priority 0 version 1 oif {Ethernet1, Ethernet3, 9:unmapped}\n"
+            "(10.0.0.2, 239.1.1.2) priority 0 version 1 oif {Ethernet2}\n");
+  // The same records with typed fields: names where known, else the index.
+  r = vornctl(rooted("dump mfib/default/pim route --json --limit 1"));
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out,
+            "{\"url\": \"mfib/default/pim\", \"type\": \"Vorn::Multicast::Fib::Status\", \"table\": \"route\", "
+            "\"records\": [\n  {\"key\": {\"source\": \"10.0.0.1\", \"group\": \"239.1.1.1\"}, \"intf1\": null, "
+            "\"intf2\": null, \"intf3\": null, \"intf4\": null, \"flags\": 0, \"priority\": 0, \"version\": 1, "
+            "\"rpaIndex\": 0, \"oifs\": [\"Ethernet1\", \"Ethernet3\", 9]}]}\n");
   EXPECT_EQ(vornctl(rooted("dump mfib/default/pim route --limit 1")).out.find('\n') + 1,
             vornctl(rooted("dump mfib/default/pim route --limit 1")).out.size());
 
@@ -90,6 +98,13 @@ TEST_F(VornctlCommandLineTest, DumpPrintsEachRouteOnceWithInterfaceNames) {
   // Other tables print each record once too.
   r = vornctl(rooted("dump mfib/default/pim oifIndexIntf"));
   EXPECT_EQ(r.out, "oifIndex 1 intf Ethernet1\noifIndex 2 intf Ethernet2\noifIndex 3 intf Ethernet3\n");
+  r = vornctl(rooted("dump mfib/default/pim oifIndexIntf --json --limit 1"));
+  EXPECT_NE(r.out.find("\"records\": [\n  {\"oifIndex\": 1, \"intfId\": \"Ethernet1\"}]}"), std::string::npos) << r.out;
+  r = vornctl(rooted("dump " + root.file("bm.vorn") + " bitIndexMap --json"));
+  EXPECT_NE(r.out.find("{\"bitIndex\": 9, \"bitMapperKey\": {\"intfId\": \"Vlan9\", \"addr\": null}, \"refCount\": 1, "
+                       "\"firstAlloc\": true}"),
+            std::string::npos)
+      << r.out << r.err;
 }
 
 TEST_F(VornctlCommandLineTest, MalformedCommandLinesNameTheirFault) {
