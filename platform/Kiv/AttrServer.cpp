@@ -67,6 +67,23 @@ std::vector<std::string> splitPath(std::string_view path) {
 
 bool isQuoted(std::string const& seg) { return seg.size() >= 2 && seg.front() == '\'' && seg.back() == '\''; }
 
+// A collection's key as a path names it: its text form, or else the plain
+// form of one of the collection's keys ("(10.1.0.2, 239.1.1.1)"). The keys
+// are walked only for a segment that is no text form of a key at all, so a
+// key that is merely absent costs no walk.
+std::string keyOf(Entity const& e, Attr const& a, std::string const& seg) {
+  try {
+    a.has(e, seg);
+    return seg;
+  } catch (ParseException const&) {
+  }
+  std::string found;
+  a.forEach(e, [&](std::string const& key, std::string const&) {
+    if (found.empty() && plainFromStrep(key).text() == seg) found = key;
+  });
+  return found.empty() ? seg : found;
+}
+
 // For a write (keyLast), a path's last key stays a key even in a collection
 // of entities, so that an entry can be made or removed, and a last pointer
 // attribute stays the attribute. A segment that names
@@ -118,14 +135,15 @@ Target resolve(Entity const& root, std::string_view path, bool keyLast) {
     }
     if (t.attr->kind != AttrKind::collection)
       throw RangeException(walked + ": " + t.attr->name + " is not a collection");
+    std::string const key = keyOf(*t.entity, *t.attr, seg);
     if (t.attr->lookupEntity != nullptr && !(keyLast && last)) {
-      if (!t.attr->has(*t.entity, seg)) throw RangeException(walked + ": no such key");
-      t.entity = t.attr->lookupEntity(*t.entity, seg);
+      if (!t.attr->has(*t.entity, key)) throw RangeException(walked + ": no such key");
+      t.entity = t.attr->lookupEntity(*t.entity, key);
       if (!t.entity) throw RangeException(walked + " is None");
       t.attr = nullptr;
       continue;
     }
-    t.key = seg;
+    t.key = key;
     t.keyed = true;
   }
   return t;

@@ -16,7 +16,8 @@
 // (Kiv/ServerSocket.h): the first keeps its socket.
 //
 // Paths: "/" is the root; a segment names an attribute, a key of the
-// collection before it (its text form, or a bare word read as a string), or
+// collection before it (its text form, a bare word read as a string, or
+// the plain form of one of its keys: /mroute/(10.1.0.2, 239.1.1.1)), or
 // a key of the entity's path collection (a Kiv::Dir's entries), and an
 // entity reached through a pointer or a collection of entities is walked
 // into. A segment holding '/' is quoted: /status/'a/b'. A last segment

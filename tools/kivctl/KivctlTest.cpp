@@ -239,6 +239,9 @@ TEST_F(KivctlTest, ValuesArePlainByDefaultRawOnRequestAndCollectionsBounded) {
       << r.out;
   EXPECT_NE(r.out.find("rpfFailureCount\t2 entries\n"), std::string::npos) << r.out;
   EXPECT_NE(r.out.find("  10\t3\n"), std::string::npos) << r.out;
+  // A key is named by its plain form too.
+  EXPECT_EQ(kivctl("--agent agent get '" + table + "/mroute/(*, 239.1.1.2)/key'").out, "(*, 239.1.1.2)\n");
+  EXPECT_EQ(kivctl("--agent agent get '" + table + "/mroute/(10.0.0.1, 239.1.1.1)/rpfFailureCount/20'").out, "4\n");
   EXPECT_EQ(kivctl("--agent agent --json get " + route + "/key").out,
             "{\"source\": \"10.0.0.1\", \"group\": \"239.1.1.1\"}\n");
   EXPECT_EQ(kivctl("--agent agent --raw get " + route + "/key").out, key + "\n");

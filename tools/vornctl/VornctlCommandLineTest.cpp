@@ -192,6 +192,31 @@ TEST_F(VornctlCommandLineTest, WatchGivesBackItsDoorbellOnSigterm) {
   ::closedir(d);
 }
 
+TEST_F(VornctlCommandLineTest, WatchPrintsRouteChangesInTheirPlainForm) {
+  auto table = mfibTable("mfib/default/pim");
+  std::string const cmd = std::string(VORNCTL_PATH) + " " + rooted("watch mfib/default/pim --count 2 --seconds 10");
+  FILE* out = ::popen(cmd.c_str(), "r");
+  ASSERT_NE(out, nullptr);
+  auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (vornctl(rooted("show mfib/default/pim")).out.find("readers      1 following") == std::string::npos &&
+         std::chrono::steady_clock::now() < deadline)
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  Route c(Routing::Multicast::Fib::IpGenRouteKey("10.0.0.3/32", "239.1.1.3/32"));
+  c.oifIs(OifIndex(2), true);
+  table->routePublish(c);
+  // The deletion only once the route has been printed: a reader that
+  // wakes late would find it gone already.
+  std::string lines;
+  char buf[512];
+  if (std::fgets(buf, sizeof buf, out)) lines += buf;
+  table->routeDel(c.key());
+  while (std::fgets(buf, sizeof buf, out)) lines += buf;
+  EXPECT_EQ(::pclose(out), 0);
+  EXPECT_EQ(lines,
+            "route: (10.0.0.3, 239.1.1.3) priority 0 version 1 oif {Ethernet2}\n"
+            "route: (10.0.0.3, 239.1.1.3) deleted\n");
+}
+
 TEST_F(VornctlCommandLineTest, VersionIsPrinted) {
   ToolRun const r = vornctl("--version");
   EXPECT_EQ(r.status, 0);

@@ -265,9 +265,23 @@ int watch(std::string const& root, std::vector<std::string> const& args) {
   status->mountIs(path, Vorn::Status::Mode::reader);
   Kiv::EventLoop loop;
   std::size_t seen = 0;
+  // Routes print in their plain form, outgoing interfaces named through
+  // the table's own oifIndexIntf table.
+  auto const* mfib = dynamic_cast<Vorn::Multicast::Fib::Status const*>(status.ptr());
+  OifNamer const oif = oifNamer(mfib, nullptr);
   status->changeHookIs([&](Vorn::TableBase const& t, void const* key) {
     std::cout << t.name() << ": ";
-    t.printKey(std::cout, key);
+    if (mfib != nullptr && &t == &mfib->routeTable()) {
+      Routing::Multicast::Fib::IpGenRouteKey k;
+      std::memcpy(static_cast<void*>(&k), key, sizeof k);
+      Vorn::Multicast::Fib::Route const r = mfib->route(k);
+      if (r == Vorn::Multicast::Fib::Route())
+        std::cout << routeKeyPlain(k).text() << " deleted";
+      else
+        std::cout << routePlain(r, oif).text();
+    } else {
+      t.printKey(std::cout, key);
+    }
     std::cout << std::endl;
     ++seen;
   });
