@@ -26,7 +26,7 @@
 // fields, each read the same way; True/False, numbers, quoted strings, None,
 // lists and dictionaries as their kinds; an entity as its name; and what
 // does not read as any of these (an address printed bare, a pointer) as a
-// string of its text. A registered form that refuses a text (ParseException)
+// string of its text. A registered form that refuses a text (any Kiv error)
 // leaves it to that generic reading, so nothing is ever lost or thrown.
 #pragma once
 

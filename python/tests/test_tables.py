@@ -63,7 +63,7 @@ def test_routes_lookups_and_the_interface_index_table(demo):
         assert route.lastOif == route.oifs[-1]
     absent = IpGenRouteKey("192.0.2.99", "239.9.9.9")
     assert pim.route(absent) is None and absent not in pim
-    with pytest.raises(KeyError):
+    with pytest.raises(KeyError, match=r"\(192\.0\.2\.99, 239\.9\.9\.9\)"):
         pim[absent]
     pim.close()
     with pytest.raises(mroute.RangeError, match="closed"):
