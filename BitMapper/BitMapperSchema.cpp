@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "Kiv/Hash.h"
+#include "Kiv/ValuePlain.h"
 #include "Kiv/ValueText.h"
 
 namespace BitMapper {
@@ -64,5 +65,16 @@ std::string WaitlistMap::valueToStrep() const {
 std::ostream& operator<<(std::ostream& os, WaitlistMap const& r) {
   return os << "key " << r.bitMapperKey() << " requestCount " << r.requestCount();
 }
+
+namespace {
+// "(Ethernet1, 239.0.0.1)"; in JSON {"intfId", "addr"}.
+Kiv::PlainForm const keyPlainForm("BitMapper::BitMapperKey", [](Kiv::ValueReader const& r) {
+  Kiv::Plain const intf = Kiv::plainFromStrep(r.raw("intfId"));
+  Kiv::Plain const addr = Kiv::plainFromStrep(r.raw("addr"));
+  Kiv::Plain p = Kiv::Plain::object();
+  p.field("intfId", intf).field("addr", addr);
+  return p.textIs("(" + intf.text() + ", " + addr.text() + ")");
+});
+}  // namespace
 
 }  // namespace BitMapper

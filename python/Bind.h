@@ -19,7 +19,7 @@ void bindEntities(py::module_& m);
 
 // The value text form of a Python argument: a str is taken as text form
 // already; True/False, None and numbers are written as the text form writes
-// them; anything else (the bound value types) through its str().
+// them; anything else (the bound value types) through its repr().
 std::string textOf(py::handle value);
 
 }  // namespace MroutePython

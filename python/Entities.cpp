@@ -9,7 +9,8 @@
 // Nothing here knows an entity type: whatever a type declares reflectively
 // is reachable, and a type added later needs no change here. Values go in
 // and come out as the value text form (see textOf for what Python values
-// are accepted); entities reached through pointers, collections of
+// are accepted; plain() gives a value's plain form, query() kivctl's
+// answers); entities reached through pointers, collections of
 // entities and Kiv::Dir entries come back as Entity objects.
 #include <pybind11/functional.h>
 #include <pybind11/stl.h>
@@ -25,6 +26,7 @@
 #include "Kiv/Dir.h"
 #include "Kiv/EventLoop.h"
 #include "Kiv/Reflect.h"
+#include "Kiv/ValuePlain.h"
 #include "Mfib/MfibDir.h"
 #include "Mfib/MfibDirSm.h"
 #include "Mfib/MfibVorn.h"
@@ -91,8 +93,10 @@ struct Collection {
 
 // The answer to a kivctl-style request against this entity as the root.
 std::string query(EntityRef const& r, std::string const& verb, std::string const& path, std::string const& arg,
-                  bool json) {
-  std::string const request = verb + "\t" + (json ? "json" : "text") + "\t" + path + "\t" + arg;
+                  bool json, bool raw, std::size_t limit) {
+  std::string const format =
+      std::string(raw ? (json ? "rawjson" : "text") : (json ? "json" : "plain")) + ",limit=" + std::to_string(limit);
+  std::string const request = verb + "\t" + format + "\t" + path + "\t" + arg;
   if (request.find('\n') != std::string::npos) throw Kiv::ParseException("a request may not hold a newline");
   std::string const reply = Kiv::AttrServer::answer(r.e(), request);
   std::size_t const nl = reply.find('\n');
@@ -172,6 +176,14 @@ void bindEntities(py::module_& m) {
           py::arg("name"), py::arg("key") = py::none(),
           "A scalar's text form, or with key a collection entry's (its absent value when missing).")
       .def(
+          "plain",
+          [](EntityRef const& r, std::string const& name, std::optional<py::object> const& key) {
+            return Kiv::plainFromStrep(key ? Kiv::attrLookup(r.e(), name, textOf(*key)) : Kiv::attrGet(r.e(), name))
+                .text();
+          },
+          py::arg("name"), py::arg("key") = py::none(),
+          "What get() gives, in its plain form: 10.1.0.2/32, Ethernet1, (10.1.0.2, 239.1.1.1).")
+      .def(
           "set",
           [](EntityRef const& r, std::string const& name, py::object const& value) {
             Kiv::attrSet(r.e(), name, textOf(value));
@@ -238,7 +250,9 @@ void bindEntities(py::module_& m) {
           },
           "A Kiv::Dir's entries in name order: (name, Entity or None).")
       .def("query", &query, py::arg("verb"), py::arg("path"), py::arg("arg") = "", py::arg("json") = false,
-           "What kivctl would answer with this entity as the agent's root: verb ls, get, set, del or invoke.")
+           py::arg("raw") = false, py::arg("limit") = 0,
+           "What kivctl would answer with this entity as the agent's root: verb ls, get, set, del or invoke; "
+           "raw for the value text form, limit to bound each collection (0: all).")
       .def("__repr__", [](EntityRef const& r) { return Kiv::ReflectDetail::entityText(r.p.ptr()); })
       .def(
           "__eq__", [](EntityRef const& a, EntityRef const& b) { return a.p.ptr() == b.p.ptr(); }, py::is_operator())

@@ -17,6 +17,7 @@
 #include "BitMapper/BitMapperSchema.h"
 #include "Kiv/Exception.h"
 #include "Kiv/PathTrust.h"
+#include "Kiv/ValuePlain.h"
 #include "Mfib/MfibDir.h"
 #include "Schema/Mfib/MfibStatus.h"
 #include "Vorn/Region.h"
@@ -200,7 +201,7 @@ void bindTables(py::module_& m) {
       .def("__getitem__",
            [](MfibTable const& t, IpGenRouteKey const& k) {
              Route r = t.status().route(k);
-             if (r == Route()) throw py::key_error(Kiv::valueToStrep(k));
+             if (r == Route()) throw py::key_error(Kiv::valueToPlain(k).text());
              return r;
            })
       .def(

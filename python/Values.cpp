@@ -1,7 +1,9 @@
 // The value types: constructed from natural Python values (strings for
-// names and addresses, ints for numbers), str() and repr() giving the value
-// text form, from_text() reading it back where the type has a reader, ==,
-// hash() over exactly what == compares, and < where the type is ordered.
+// names and addresses, ints for numbers), str() giving the plain form
+// (10.1.0.2/32, Ethernet1, (10.1.0.2, 239.1.1.1)) and json() its typed JSON,
+// repr() the value text form, from_text() reading that back where the type
+// has a reader, ==, hash() over exactly what == compares, and < where the
+// type is ordered.
 #include <pybind11/operators.h>
 #include <pybind11/stl.h>
 
@@ -10,6 +12,7 @@
 
 #include "Bind.h"
 #include "BitMapper/BitMapperSchema.h"
+#include "Kiv/ValuePlain.h"
 #include "Kiv/ValueText.h"
 #include "Schema/Mfib/IpGenRouteKey.h"
 #include "Schema/Mfib/Route.h"
@@ -30,11 +33,21 @@ using Vorn::Multicast::Fib::OifIndexIntf;
 using Vorn::Multicast::Fib::Route;
 using Vorn::Multicast::Fib::RoutePriority;
 
-// str, repr, ==, hash, and from_text where the type reads its text form.
+// str() and json() the plain form, repr() the value text form.
+template <class T, class... O>
+py::class_<T, O...>& shown(py::class_<T, O...>& c) {
+  c.def("__str__", [](T const& v) { return Kiv::valueToPlain(v).text(); });
+  c.def(
+      "json", [](T const& v) { return Kiv::valueToPlain(v).json(); },
+      "The plain form as JSON text: strings for names and addresses, numbers, objects for compound values.");
+  c.def("__repr__", [](T const& v) { return Kiv::valueToStrep(v); });
+  return c;
+}
+
+// shown, ==, hash, and from_text where the type reads its text form.
 template <class T, class... O>
 py::class_<T, O...>& common(py::class_<T, O...>& c) {
-  c.def("__str__", [](T const& v) { return Kiv::valueToStrep(v); });
-  c.def("__repr__", [](T const& v) { return Kiv::valueToStrep(v); });
+  shown(c);
   // Strict: a str converts implicitly to several types but hashes as a str,
   // so it must not compare equal to one of them.
   c.def(
@@ -86,7 +99,7 @@ std::string textOf(py::handle value) {
   if (py::isinstance<py::str>(value)) return value.cast<std::string>();
   if (py::isinstance<py::int_>(value)) return py::str(value).cast<std::string>();
   if (py::isinstance<py::float_>(value)) return Kiv::valueToStrep(value.cast<double>());
-  return py::str(value).cast<std::string>();
+  return py::repr(value).cast<std::string>();
 }
 
 void bindValues(py::module_& m) {
@@ -203,11 +216,10 @@ void bindValues(py::module_& m) {
       .def_property_readonly("rpaIndex", [](Route const& r) { return r.rpaIndex().value(); })
       .def_property_readonly("oifs", &oifsOf, "The outgoing-interface indices, ascending.")
       .def_property_readonly("lastOif", [](Route const& r) { return r.lastOif().value(); })
-      .def("__str__", [](Route const& r) { return r.valueToStrep(); })
-      .def("__repr__", [](Route const& r) { return r.valueToStrep(); })
       .def(
           "__eq__", [](Route const& a, Route const& b) { return a == b; }, py::is_operator())
       .def("__hash__", [](Route const& r) { return std::size_t(r.key().hash() ^ r.version()); });
+  shown(route);
 
   py::class_<BitMapper::BitIndex> bitIndex(m, "BitIndex",
                                            "A bit index: 0..65533, 65534 (waitlist) while a key waits, 65535 null.");
@@ -242,22 +254,20 @@ void bindValues(py::module_& m) {
       .def_property_readonly("bitMapperKey", &BitMapper::BitIndexMap::bitMapperKey)
       .def_property_readonly("refCount", &BitMapper::BitIndexMap::refCount)
       .def_property_readonly("firstAlloc", &BitMapper::BitIndexMap::firstAlloc)
-      .def("__str__", &BitMapper::BitIndexMap::valueToStrep)
-      .def("__repr__", &BitMapper::BitIndexMap::valueToStrep)
       .def(
           "__eq__", [](BitMapper::BitIndexMap const& a, BitMapper::BitIndexMap const& b) { return a == b; },
           py::is_operator())
       .def("__hash__", [](BitMapper::BitIndexMap const& r) { return std::size_t(r.bitMapperKey().hash()); });
+  shown(bim);
 
   py::class_<BitMapper::WaitlistMap> wl(m, "WaitlistMap", "A bit mapper table record: one key waiting.");
   wl.def_property_readonly("bitMapperKey", &BitMapper::WaitlistMap::bitMapperKey)
       .def_property_readonly("requestCount", &BitMapper::WaitlistMap::requestCount)
-      .def("__str__", &BitMapper::WaitlistMap::valueToStrep)
-      .def("__repr__", &BitMapper::WaitlistMap::valueToStrep)
       .def(
           "__eq__", [](BitMapper::WaitlistMap const& a, BitMapper::WaitlistMap const& b) { return a == b; },
           py::is_operator())
       .def("__hash__", [](BitMapper::WaitlistMap const& r) { return std::size_t(r.bitMapperKey().hash()); });
+  shown(wl);
 
   py::class_<MrouteLib::PortVlan> portVlan(m, "PortVlan",
                                            "A replication target: an interface and a VLAN (or a logical "

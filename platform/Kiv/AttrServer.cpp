@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
@@ -13,6 +14,7 @@
 #include "Kiv/Reflect.h"
 #include "Kiv/Trace.h"
 #include "Kiv/ValueJson.h"
+#include "Kiv/ValuePlain.h"
 
 namespace Kiv {
 
@@ -65,6 +67,23 @@ std::vector<std::string> splitPath(std::string_view path) {
 
 bool isQuoted(std::string const& seg) { return seg.size() >= 2 && seg.front() == '\'' && seg.back() == '\''; }
 
+// A collection's key as a path names it: its text form, or else the plain
+// form of one of the collection's keys ("(10.1.0.2, 239.1.1.1)"). The keys
+// are walked only for a segment that is no text form of a key at all, so a
+// key that is merely absent costs no walk.
+std::string keyOf(Entity const& e, Attr const& a, std::string const& seg) {
+  try {
+    a.has(e, seg);
+    return seg;
+  } catch (ParseException const&) {
+  }
+  std::string found;
+  a.forEach(e, [&](std::string const& key, std::string const&) {
+    if (found.empty() && plainFromStrep(key).text() == seg) found = key;
+  });
+  return found.empty() ? seg : found;
+}
+
 // For a write (keyLast), a path's last key stays a key even in a collection
 // of entities, so that an entry can be made or removed, and a last pointer
 // attribute stays the attribute. A segment that names
@@ -116,14 +135,15 @@ Target resolve(Entity const& root, std::string_view path, bool keyLast) {
     }
     if (t.attr->kind != AttrKind::collection)
       throw RangeException(walked + ": " + t.attr->name + " is not a collection");
+    std::string const key = keyOf(*t.entity, *t.attr, seg);
     if (t.attr->lookupEntity != nullptr && !(keyLast && last)) {
-      if (!t.attr->has(*t.entity, seg)) throw RangeException(walked + ": no such key");
-      t.entity = t.attr->lookupEntity(*t.entity, seg);
+      if (!t.attr->has(*t.entity, key)) throw RangeException(walked + ": no such key");
+      t.entity = t.attr->lookupEntity(*t.entity, key);
       if (!t.entity) throw RangeException(walked + " is None");
       t.attr = nullptr;
       continue;
     }
-    t.key = seg;
+    t.key = key;
     t.keyed = true;
   }
   return t;
@@ -212,25 +232,173 @@ std::string getEntity(Entity const& e, bool json) {
 
 std::string oneValue(std::string const& value, bool json) { return json ? jsonFromStrep(value) + "\n" : value + "\n"; }
 
-std::string answerOf(Entity const& root, std::string_view verb, bool json, std::string_view path,
+// ---- The plain forms (Kiv/ValuePlain.h): what kivctl shows by default.
+
+// How an answer is written: the value text form ("text"), typed JSON of the
+// text form ("rawjson"), the plain form ("plain") or its JSON ("json"); at
+// most `limit` entries of each collection.
+struct Format {
+  bool raw = false;
+  bool json = false;
+  std::size_t limit = SIZE_MAX;
+};
+
+Format formatOf(std::string_view f) {
+  Format out;
+  std::string_view const name = f.substr(0, f.find(','));
+  if (name == "text") {
+    out.raw = true;
+  } else if (name == "rawjson") {
+    out.raw = out.json = true;
+  } else if (name == "json") {
+    out.json = true;
+  } else if (name != "plain") {
+    throw ParseException("unknown format " + std::string(name) + " (plain, json, text, rawjson)");
+  }
+  for (std::size_t at = f.find(','); at != std::string_view::npos;) {
+    std::size_t const next = f.find(',', at + 1);
+    std::string_view const opt = f.substr(at + 1, next == std::string_view::npos ? next : next - at - 1);
+    if (opt.substr(0, 6) != "limit=") throw ParseException("unknown format option " + std::string(opt));
+    out.limit = valueFromStrep<std::size_t>(opt.substr(6));
+    if (out.limit == 0) out.limit = SIZE_MAX;
+    at = next;
+  }
+  return out;
+}
+
+// An entity shows as its name, or, having none, as its attribute `key` (a
+// route shows as its route key), or else as its type.
+Plain entityPlain(Entity const* e) {
+  if (e == nullptr) return Plain::none();
+  if (!e->name().str().empty()) return Plain::string(e->name().str());
+  if (TypeInfo const* info = e->kivTypeInfo(); info != nullptr)
+    if (Attr const* key = info->attr("key"); key != nullptr && key->get != nullptr) return plainFromStrep(key->get(*e));
+  return Plain::string(std::string(e->typeName()));
+}
+
+Plain scalarPlain(Entity const& e, Attr const& a) {
+  if (a.entity != nullptr) return entityPlain(a.entity(e).ptr());
+  return plainFromStrep(a.get(e));
+}
+
+struct PlainEntries {
+  std::vector<std::pair<Plain, Plain>> shown;
+  std::size_t total = 0;
+};
+
+// A collection's entries, the first `limit` of them rendered.
+PlainEntries entriesPlain(Entity const& e, Attr const& a, std::size_t limit) {
+  PlainEntries out;
+  a.forEach(e, [&](std::string const& key, std::string const& value) {
+    if (out.total++ >= limit) return;
+    Plain v = a.lookupEntity != nullptr ? entityPlain(a.lookupEntity(e, key).ptr()) : plainFromStrep(value);
+    out.shown.emplace_back(plainFromStrep(key), std::move(v));
+  });
+  return out;
+}
+
+// "key\tvalue" lines (the value left out where it reads as the key: an
+// entity keyed by its own key), then how many were left out.
+std::string entriesText(PlainEntries const& r, std::string const& indent) {
+  std::string out;
+  for (auto const& [k, v] : r.shown) {
+    std::string const key = k.text(), value = v.text();
+    out += indent + key + (value == key ? "" : "\t" + value) + "\n";
+  }
+  if (std::size_t const more = r.total - r.shown.size(); more > 0)
+    out += indent + "... " + std::to_string(more) + (more == 1 ? " more entry\n" : " more entries\n");
+  return out;
+}
+
+// An object keyed by each key's text; one left out at the limit carries a
+// last member "..." with how many were.
+std::string entriesJson(PlainEntries const& r) {
+  std::string out = "{";
+  for (std::size_t i = 0; i < r.shown.size(); ++i)
+    out += (i ? ", " : "") + jsonString(r.shown[i].first.text()) + ": " + r.shown[i].second.json();
+  if (r.total > r.shown.size())
+    out += std::string(r.shown.empty() ? "" : ", ") + "\"...\": " + std::to_string(r.total - r.shown.size());
+  return out + "}";
+}
+
+std::string entriesAnswer(Entity const& e, Attr const& a, Format const& f) {
+  PlainEntries const r = entriesPlain(e, a, f.limit);
+  return f.json ? entriesJson(r) + "\n" : entriesText(r, "");
+}
+
+std::string getEntityPlain(Entity const& e, Format const& f) {
+  std::string out;
+  bool first = true;
+  auto row = [&](std::string const& name, std::string const& text) {
+    out += f.json ? std::string(first ? "" : ", ") + jsonString(name) + ": " + text : name + "\t" + text + "\n";
+    first = false;
+  };
+  for (Attr const& a : typeInfo(e).attrs()) {
+    if (a.pathKeys) {
+      PlainEntries const r = entriesPlain(e, a, f.limit);
+      if (!f.json) {
+        out += entriesText(r, "");
+        continue;
+      }
+      for (auto const& [k, v] : r.shown) row(k.text(), v.json());
+      continue;
+    }
+    if (a.get != nullptr) {
+      Plain const v = scalarPlain(e, a);
+      row(a.name, f.json ? v.json() : v.text());
+    }
+    if (a.count != nullptr) {
+      PlainEntries const r = entriesPlain(e, a, f.limit);
+      if (f.json) {
+        row(a.name, entriesJson(r));
+      } else {
+        row(a.name, std::to_string(r.total) + (r.total == 1 ? " entry" : " entries"));
+        out += entriesText(r, "  ");
+      }
+    }
+  }
+  if (!f.json) return out;
+  return "{\"type\": " + jsonString(e.typeName()) + ", \"name\": " + jsonString(e.name().str()) +
+         ", \"attributes\": {" + out + "}}\n";
+}
+
+std::string onePlain(Plain const& v, Format const& f) { return (f.json ? v.json() : v.text()) + "\n"; }
+
+std::string answerOf(Entity const& root, std::string_view verb, Format const& f, std::string_view path,
                      std::string_view arg) {
   Target t = resolve(root, path, verb == "set" || verb == "del");
   Entity const& e = *t.entity;
+  bool const json = f.json;
+  // raw keeps the value text form as it always was (an entity's get shows
+  // each collection by its count); plain shows entries, bounded.
+  auto value = [&](std::string const& text) {
+    return f.raw ? oneValue(text, json) : onePlain(plainFromStrep(text), f);
+  };
   if (!t.derived.empty()) {
     if (verb != "invoke") throw RangeException(std::string(path) + " is an operation: invoke it");
     std::string result = attrInvoke(e, t.derived, arg);
-    return result.empty() ? std::string() : oneValue(result, json);
+    return result.empty() ? std::string() : value(result);
   }
   if (verb == "ls") {
     if (t.attr == nullptr) return listEntity(e, json);
-    if (t.attr->kind == AttrKind::collection && !t.keyed) return rows(attrEntries(e, t.attr->name), json);
+    if (t.attr->kind == AttrKind::collection && !t.keyed)
+      return f.raw ? rows(attrEntries(e, t.attr->name), json) : entriesAnswer(e, *t.attr, f);
     return listEntity(e, json);
   }
   if (verb == "get") {
-    if (t.attr == nullptr) return getEntity(e, json);
-    if (t.keyed) return oneValue(attrLookup(e, t.attr->name, t.key), json);
-    if (t.attr->kind == AttrKind::collection) return rows(attrEntries(e, t.attr->name), json);
+    if (t.attr == nullptr) return f.raw ? getEntity(e, json) : getEntityPlain(e, f);
+    if (t.keyed) {
+      if (!f.raw && t.attr->lookupEntity != nullptr && t.attr->has(e, t.key))
+        return onePlain(entityPlain(t.attr->lookupEntity(e, t.key).ptr()), f);
+      return value(attrLookup(e, t.attr->name, t.key));
+    }
+    if (t.attr->kind == AttrKind::collection)
+      return f.raw ? rows(attrEntries(e, t.attr->name), json) : entriesAnswer(e, *t.attr, f);
     if (t.attr->kind == AttrKind::operation) throw RangeException(t.attr->name + " is an operation: invoke it");
+    if (!f.raw) {
+      attrGet(e, t.attr->name);  // refuses what is not a value
+      return onePlain(scalarPlain(e, *t.attr), f);
+    }
     return oneValue(attrGet(e, t.attr->name), json);
   }
   if (verb == "set") {
@@ -250,7 +418,7 @@ std::string answerOf(Entity const& root, std::string_view verb, bool json, std::
   if (verb == "invoke") {
     if (t.attr == nullptr || t.keyed) throw RangeException(std::string(path) + " is not an operation");
     std::string result = attrInvoke(e, t.attr->name, arg);
-    return result.empty() ? std::string() : oneValue(result, json);
+    return result.empty() ? std::string() : value(result);
   }
   throw RangeException("unknown verb " + std::string(verb) + " (ls, get, set, del, invoke)");
 }
@@ -268,9 +436,8 @@ std::string AttrServer::answer(Entity const& root, std::string_view request) {
   }
   f.push_back(request.substr(start));
   if (f.size() < 3) return "error\nmalformed request: expected verb, format, path and argument\n";
-  if (f[1] != "text" && f[1] != "json") return "error\nunknown format " + std::string(f[1]) + " (text, json)\n";
   try {
-    return "ok\n" + answerOf(root, f[0], f[1] == "json", f[2], f.size() > 3 ? f[3] : std::string_view());
+    return "ok\n" + answerOf(root, f[0], formatOf(f[1]), f[2], f.size() > 3 ? f[3] : std::string_view());
   } catch (Exception const& ex) {
     return "error\n" + std::string(ex.what()) + "\n";
   }

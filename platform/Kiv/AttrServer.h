@@ -16,21 +16,31 @@
 // (Kiv/ServerSocket.h): the first keeps its socket.
 //
 // Paths: "/" is the root; a segment names an attribute, a key of the
-// collection before it (its text form, or a bare word read as a string), or
+// collection before it (its text form, a bare word read as a string, or
+// the plain form of one of its keys: /mroute/(10.1.0.2, 239.1.1.1)), or
 // a key of the entity's path collection (a Kiv::Dir's entries), and an
 // entity reached through a pointer or a collection of entities is walked
 // into. A segment holding '/' is quoted: /status/'a/b'. A last segment
 // <collection>DelAll, <counter>Inc or <counter>Dec names that edit, which
 // invoke runs (Inc and Dec take an optional amount).
 //
-// Answers in json carry typed values (Kiv::jsonFromStrep): an entity's get
-// is {"type", "name", "attributes"}, each collection in it an object of its
-// entries; a collection's ls or get is one such object.
+// Formats: "plain" shows values in their plain forms (Kiv/ValuePlain.h:
+// 10.1.0.2/32, Ethernet1, (10.1.0.2, 239.1.1.1)), an entity as its name or
+// its key attribute, and a collection by its entries, also inside an
+// entity's get ("name\tN entries", then "  key\tvalue" lines); "json" is
+// the same as typed JSON: an entity's get is {"type", "name",
+// "attributes"}, each collection in it an object of its entries keyed by
+// their plain text, and a collection's ls or get is one such object. "text"
+// is the value text form (an entity's collections by their counts) and
+// "rawjson" its typed JSON (Kiv::jsonFromStrep). A format may carry
+// ",limit=N": at most N entries of each collection are shown, then
+// "... M more entries" (in JSON a last member "...": M); 0 or none is no
+// limit.
 //
 // Protocol, one request per connection: the client sends
-// "verb \t format \t path \t argument \n" (verb ls, get, set, del or invoke;
-// format text or json) and reads until the server closes: a first line "ok"
-// or "error", then the body. A request is answered within the loop's turn
+// "verb \t format \t path \t argument \n" (verb ls, get, set, del or invoke)
+// and reads until the server closes: a first line "ok" or "error", then
+// the body. A request is answered within the loop's turn
 // that completes it; a client that sends nothing is dropped after
 // requestTimeout seconds, so one stuck tool cannot hold the agent.
 #pragma once

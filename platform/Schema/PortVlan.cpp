@@ -5,6 +5,7 @@
 
 #include "Kiv/Exception.h"
 #include "Kiv/Hash.h"
+#include "Kiv/ValuePlain.h"
 #include "Kiv/ValueText.h"
 
 namespace MrouteLib {
@@ -50,5 +51,18 @@ PortVlan PortVlan::fromStrep(std::string_view text) {
 }
 
 std::ostream& operator<<(std::ostream& os, PortVlan const& pv) { return os << pv.target() << ':' << pv.intfId(); }
+
+namespace {
+// "Ethernet1 vlan 10" or "Ethernet1 outLif 70000"; in JSON the interface and
+// either vlanId or outLif.
+Kiv::PlainForm const plainForm("MrouteLib::PortVlan", [](Kiv::ValueReader const& r) {
+  Kiv::Plain const intf = Kiv::plainFromStrep(r.raw("intfId"));
+  std::uint32_t const target = r.get<std::uint32_t>("outLif");
+  std::string const kind = r.get<std::string>("kind") == "outLif" ? "outLif" : "vlanId";
+  Kiv::Plain p = Kiv::Plain::object();
+  p.field("intfId", intf).field(kind, Kiv::Plain::number(target));
+  return p.textIs(intf.text() + (kind == "outLif" ? " outLif " : " vlan ") + std::to_string(target));
+});
+}  // namespace
 
 }  // namespace MrouteLib

@@ -5,6 +5,7 @@
 
 #include "Kiv/Exception.h"
 #include "Kiv/Hash.h"
+#include "Kiv/ValuePlain.h"
 #include "Kiv/ValueText.h"
 
 namespace Wirly {
@@ -67,5 +68,13 @@ EthAddr EthAddr::fromStrep(std::string_view text) {
 }
 
 std::ostream& operator<<(std::ostream& os, EthAddr const& a) { return os << a.str(); }
+
+namespace {
+// Shown as written.
+Kiv::PlainForm const plainForm("Wirly::EthAddr", [](Kiv::ValueReader const& r) {
+  std::string s = r.get<std::string>("addr");
+  return s.empty() ? Kiv::Plain::none() : Kiv::Plain::string(std::move(s));
+});
+}  // namespace
 
 }  // namespace Wirly

@@ -6,6 +6,7 @@
 
 #include "Kiv/Exception.h"
 #include "Kiv/Hash.h"
+#include "Kiv/ValuePlain.h"
 #include "Kiv/ValueText.h"
 
 namespace Wirly {
@@ -160,5 +161,13 @@ IntfId IntfId::fromStrep(std::string_view text) {
 }
 
 std::ostream& operator<<(std::ostream& os, IntfId id) { return os << id.name(); }
+
+namespace {
+// Shown by its name; no interface is none.
+Kiv::PlainForm const plainForm("Wirly::IntfId", [](Kiv::ValueReader const& r) {
+  std::string s = r.get<std::string>("intfId");
+  return s.empty() ? Kiv::Plain::none() : Kiv::Plain::string(std::move(s));
+});
+}  // namespace
 
 }  // namespace Wirly

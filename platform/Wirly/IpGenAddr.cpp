@@ -8,6 +8,7 @@
 #include "Kiv/Assert.h"
 #include "Kiv/Exception.h"
 #include "Kiv/Hash.h"
+#include "Kiv/ValuePlain.h"
 #include "Kiv/ValueText.h"
 
 namespace Wirly {
@@ -137,5 +138,13 @@ IpGenAddr IpGenAddr::fromStrep(std::string_view text) {
 }
 
 std::ostream& operator<<(std::ostream& os, IpGenAddr const& a) { return os << a.str(); }
+
+namespace {
+// Shown as written; the empty address is none.
+Kiv::PlainForm const plainForm("Wirly::IpGenAddr", [](Kiv::ValueReader const& r) {
+  std::string s = r.get<std::string>("addr");
+  return s.empty() ? Kiv::Plain::none() : Kiv::Plain::string(std::move(s));
+});
+}  // namespace
 
 }  // namespace Wirly

@@ -5,6 +5,7 @@
 
 #include "Kiv/Exception.h"
 #include "Kiv/Hash.h"
+#include "Kiv/ValuePlain.h"
 #include "Kiv/ValueText.h"
 
 namespace Wirly {
@@ -106,5 +107,13 @@ IpGenPrefix IpGenPrefix::fromStrep(std::string_view text) {
 }
 
 std::ostream& operator<<(std::ostream& os, IpGenPrefix const& p) { return os << p.str(); }
+
+namespace {
+// Shown as address/length; the empty prefix is none.
+Kiv::PlainForm const plainForm("Wirly::IpGenPrefix", [](Kiv::ValueReader const& r) {
+  std::string s = r.get<std::string>("prefix");
+  return s.empty() ? Kiv::Plain::none() : Kiv::Plain::string(std::move(s));
+});
+}  // namespace
 
 }  // namespace Wirly

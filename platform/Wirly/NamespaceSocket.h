@@ -1,4 +1,5 @@
-// Wirly::namespaceSocket: opens a socket inside a named network namespace.
+// Wirly::namespaceSocket: opens a socket inside a named network namespace
+// (and Wirly::namespaceOpen a file there).
 //
 //   int sd = Wirly::namespaceSocket(Wirly::NamespaceName("blue"), AF_NETLINK, SOCK_RAW, 0);
 //   if (sd < 0) throw Kiv::ErrnoException("socket", errno);
@@ -21,5 +22,10 @@
 namespace Wirly {
 
 int namespaceSocket(NamespaceName const& ns, int domain, int type, int protocol);
+
+// The same for a file whose contents depend on the namespace it is opened
+// in (/proc/thread-self/net/...): the descriptor keeps reading that
+// namespace's view. Opened close-on-exec; -1 with errno as above.
+int namespaceOpen(NamespaceName const& ns, char const* path, int flags);
 
 }  // namespace Wirly

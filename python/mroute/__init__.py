@@ -2,7 +2,9 @@
 
 Value types (IntfId, IpGenAddr, IpGenPrefix, VrfName, AddressFamily,
 IpGenRouteKey, RoutePriority, OifIndex, Route, BitIndex, BitMapperKey,
-PortVlan) print as the value text form and compare and hash by value.
+PortVlan) print in their plain forms (str: 10.1.0.2/32, Ethernet1,
+(10.1.0.2, 239.1.1.1); json() the same as typed JSON), keep the value text
+form for repr() and from_text(), and compare and hash by value.
 
 Shared tables are read-only: TableRoot(path) mounts MFIB tables
 (root.mfib(url)), bit mapper tables (root.bitmapper(url)) and reads the MFIB

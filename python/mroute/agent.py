@@ -3,6 +3,8 @@
     agent = mroute.agent.connect("mfib-demo-agent")
     agent.ls("/")                       # [Row(name, kind, type, writable), ...]
     agent.get("/mfibVornDir/vornColl/default")   # {"vrfName": "default", "vornPtr": {...}}
+    agent.get("/kernelMfib4/vifIntf")  # {"1": "Ethernet1", ...}
+    agent.get("/kernelMfib4/vifIntf/1", raw=True)  # {"_type": "Wirly::IntfId", "intfId": "Ethernet1"}
     agent.get("/mfibDir/pim/dirColl/red/vornUrl")  # "mfib/red/pim"
     agent.set("/bitMapperConfig/bitMapMinIndex", "10")
     agent.invoke("/mfibDirSm/handleMountPoint", "'pim'", "'red'")
@@ -13,8 +15,13 @@ by another user than this one or root raises AgentError: it is not asked.
 Each call is one request on its own connection: "verb TAB format TAB path TAB
 argument NEWLINE"; the agent answers "ok" or "error" on the first line, then
 the body, and closes. Answers come as the agent's typed JSON (kivctl --json):
-numbers, booleans, plain strings, objects for values with fields and for
-entity pointers. A refusal raises
+values in their plain forms (strings for names and addresses, numbers,
+booleans, None, dicts for compound values such as a route key's {"source",
+"group"}), an entity as its name or key, a collection as a dict keyed by
+each key's plain text; with raw=True as the value text form's JSON
+(kivctl --raw --json: "_type" and the fields, "_entity" and "_name"). limit
+bounds each collection (a dict cut short carries "..." with how many were
+left out). A refusal raises
 AgentError with the agent's message; no agent to talk to raises OSError.
 """
 
@@ -92,21 +99,19 @@ class Agent:
             return body
         raise AgentError(body.rstrip("\n"))
 
-    def ls(self, path="/"):
+    def ls(self, path="/", raw=False, limit=0):
         """An entity's attributes, or a Dir's entries, as Rows; a collection's
         entries as a dict of key to typed value."""
-        answer = json.loads(self.request("ls", path, fmt="json"))
+        answer = json.loads(self.request("ls", path, fmt=_fmt(raw, limit)))
         if isinstance(answer, dict):
             return answer
         return [Row(r["name"], r["kind"], r["type"], r["writable"]) for r in answer]
 
-    def get(self, path):
-        """One value, typed as the agent's JSON answer types it: numbers,
-        booleans, None, plain strings, a dict with "_type" and the fields for a
-        value with fields, a dict with "_entity" and "_name" for an entity
-        pointer; for an entity or a collection, a dict of name (or key) to
-        typed value."""
-        answer = json.loads(self.request("get", path, fmt="json"))
+    def get(self, path, raw=False, limit=0):
+        """One value, typed as the agent's JSON answer types it (see the
+        module's text); for an entity or a collection, a dict of name (or key)
+        to typed value."""
+        answer = json.loads(self.request("get", path, fmt=_fmt(raw, limit)))
         if isinstance(answer, dict) and "attributes" in answer and "type" in answer:
             return answer["attributes"]
         return answer
@@ -123,11 +128,15 @@ class Agent:
         """Removes a collection entry."""
         self.request("del", path)
 
-    def invoke(self, path, *args):
+    def invoke(self, path, *args, raw=False):
         """Runs an operation; each argument is a text form (or a value whose
-        str() is). Returns the result's text form, or None."""
-        body = self.request("invoke", path, ", ".join(_text(a) for a in args), fmt="json")
+        repr() is). Returns the result, typed as get() types it, or None."""
+        body = self.request("invoke", path, ", ".join(_text(a) for a in args), fmt=_fmt(raw, 0))
         return json.loads(body) if body else None
+
+
+def _fmt(raw, limit):
+    return ("rawjson" if raw else "json") + ",limit=%d" % limit
 
 
 def _text(value):
@@ -135,4 +144,6 @@ def _text(value):
         return "True" if value else "False"
     if value is None:
         return "None"
-    return str(value)
+    if isinstance(value, (str, int, float)):
+        return str(value)
+    return repr(value)

@@ -19,10 +19,9 @@ def agent(demo, monkeypatch):
 
 
 def assert_default_collection(answer):
-    # Answers are typed: a string is plain, an entity pointer names its entity.
+    # Answers are plain: a name is a string, an entity pointer its entity's name.
     assert answer["vrfName"] == "default"
-    assert sorted(t["_name"] for t in answer["vornPtr"].values()) == ["mfib/default/igmp", "mfib/default/pim"]
-    assert {t["_entity"] for t in answer["vornPtr"].values()} == {"Vorn::Multicast::Fib::Status"}
+    assert sorted(answer["vornPtr"].values()) == ["mfib/default/igmp", "mfib/default/pim"]
 
 
 def test_lists_and_reads_what_the_agent_holds(agent, demo):
@@ -31,6 +30,12 @@ def test_lists_and_reads_what_the_agent_holds(agent, demo):
                              Row("mfibDirSm", "entry", "Vorn::Multicast::Fib::MfibDirSm", False),
                              Row("mfibVornDir", "entry", "Vorn::Multicast::Fib::MfibVornDir", False)]
     assert_default_collection(agent.get("/mfibVornDir/vornColl/default"))
+    # The value text form's JSON names types and entities.
+    raw = agent.get("/mfibVornDir/vornColl/default", raw=True)
+    assert raw["vrfName"] == "default"
+    assert {t["_entity"] for t in raw["vornPtr"].values()} == {"Vorn::Multicast::Fib::Status"}
+    assert agent.get("/mfibVornDir/vornColl", limit=1) in ({"blue": "blue", "...": 1},
+                                                           {"default": "default", "...": 1})
     assert agent.entity_type("/mfibVornDir/vornColl/blue") == "Vorn::Multicast::Fib::MfibVornColl"
     rows = agent.ls("/mfibVornDir/vornColl/default")
     assert [r.name for r in rows] == ["vrfName", "vornPtr"] and not rows[0].writable
@@ -69,16 +74,17 @@ def test_a_script_serves_an_entity_that_another_process_writes(shm_root):
         client.set("/bitMapMinIndex", "3")
         assert client.get("/bitMapMinIndex") == 3
         key = mroute.BitMapperKey("Ethernet1", "239.0.0.1")
-        client.set("/allocRequestKey", str(key))
-        typed_key = {"_type": "BitMapper::BitMapperKey", "intfId": {"_type": "Wirly::IntfId", "intfId": "Ethernet1"},
-                     "addr": {"_type": "Wirly::IpGenAddr", "addr": "239.0.0.1"}}
+        client.set("/allocRequestKey", repr(key))
+        typed_key = {"intfId": "Ethernet1", "addr": "239.0.0.1"}
         assert client.get("/allocRequestKey") == typed_key
+        assert client.get("/allocRequestKey", raw=True) == {
+            "_type": "BitMapper::BitMapperKey", "intfId": {"_type": "Wirly::IntfId", "intfId": "Ethernet1"},
+            "addr": {"_type": "Wirly::IpGenAddr", "addr": "239.0.0.1"}}
         with pytest.raises(AgentError, match="^BitMapper::Config::bitMapSize is read-only$"):
             client.set("/bitMapSize", "9")
         with pytest.raises(AgentError, match="bitMapMinIndex: expected an unsigned integer"):
             client.set("/bitMapMinIndex", "-1")
-        no_key = {"_type": "BitMapper::BitMapperKey", "intfId": {"_type": "Wirly::IntfId", "intfId": ""},
-                  "addr": {"_type": "Wirly::IpGenAddr", "addr": ""}}
+        no_key = {"intfId": None, "addr": None}
         assert client.get("/") == {"bitMapSize": 8, "bitMapMinIndex": 3, "enableRefCount": False,
                                    "allocRequestKey": typed_key, "allocRequestCount": 0,
                                    "deallocRequestKey": no_key, "deallocRequestCount": 0}

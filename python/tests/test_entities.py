@@ -57,7 +57,7 @@ def test_set_goes_through_the_typed_setter_and_reads_back():
     assert config.get("bitMapMinIndex") == "2"
     config.set("allocRequestKey", key(3))
     assert BitMapperKey.from_text(config.get("allocRequestKey")) == key(3)
-    config.set("allocRequestKey", str(key(4)))  # the text form itself
+    config.set("allocRequestKey", repr(key(4)))  # the text form itself
     assert BitMapperKey.from_text(config.get("allocRequestKey")) == key(4)
     assert config.get("enableRefCount") == "False"
 
@@ -83,15 +83,15 @@ def test_a_collection_walked_by_name_equals_the_typed_answers(allocator):
     assert [alloc(key(n)).value for n in range(3)] == [0, 1, 2]
     coll = status.collection("bitIndex")
     assert len(coll) == status.count("bitIndex") == 3
-    assert sorted(coll) == sorted(str(key(n)) for n in range(3))
+    assert sorted(coll) == sorted(repr(key(n)) for n in range(3))
     assert key(1) in coll and status.contains("bitIndex", key(1)) and key(7) not in coll
     assert coll[key(2)] == "2" and coll.get(key(7)) == "65535"
     with pytest.raises(KeyError):
         coll[key(7)]
-    assert dict(coll.items()) == {str(key(n)): str(n) for n in range(3)}
+    assert dict(coll.items()) == {repr(key(n)): str(n) for n in range(3)}
     # The shared table another process would read says the same.
     with TableRoot().bitmapper(path) as table:
-        assert {str(r.bitMapperKey): str(r.bitIndex) for r in table.bitIndexMap()} == dict(coll.items())
+        assert {repr(r.bitMapperKey): repr(r.bitIndex) for r in table.bitIndexMap()} == dict(coll.items())
 
 
 def test_a_full_space_parks_keys_on_the_waitlist_and_serves_them_as_indices_return(allocator):
@@ -140,7 +140,11 @@ def test_collections_of_entities_are_walked_into():
     assert vorn_dir.keys("vornColl") == ["'blue'"]
     assert vorn_dir.get("vornColl", "red") == "None"
     # The answers kivctl would get from this entity as an agent's root.
-    assert vorn_dir.query("get", "/vornColl/blue") == "vrfName\t'blue'\nvornPtr\t0 entries\n"
+    assert vorn_dir.query("get", "/vornColl/blue") == "vrfName\tblue\nvornPtr\t0 entries\n"
+    assert vorn_dir.query("get", "/vornColl/blue", raw=True) == "vrfName\t'blue'\nvornPtr\t0 entries\n"
+    assert vorn_dir.query("get", "/vornColl", json=True) == '{"blue": "blue"}\n'
+    blue = vorn_dir.entity("vornColl", "blue")
+    assert blue.plain("vrfName") == "blue" and blue.get("vrfName") == "'blue'"
     with pytest.raises(mroute.RangeError, match="no such key"):
         vorn_dir.query("get", "/vornColl/red/vrfName")
     with pytest.raises(mroute.RangeError, match="not a Kiv::Dir"):

@@ -1,6 +1,8 @@
 """Value types: natural constructors, the text form both ways, equality and
 hashing by value, and clear errors for bad input."""
 
+import json
+
 import pytest
 
 import mroute
@@ -29,24 +31,64 @@ ROUND_TRIPS = [
 
 @pytest.mark.parametrize("value", ROUND_TRIPS, ids=lambda v: type(v).__name__)
 def test_text_form_reads_back_to_an_equal_value_with_the_same_hash(value):
-    text = str(value)
+    text = repr(value)
     back = type(value).from_text(text)
     assert back == value
     assert hash(back) == hash(value)
-    assert str(back) == text
-    assert repr(value) == text
+    assert repr(back) == text and str(back) == str(value)
+    # The plain form is valid JSON too, and never the text form.
+    json.loads(value.json())
+    assert not str(value).startswith("Value(")
+
+
+def any_source(group):
+    return IpGenRouteKey(IpGenPrefix("0.0.0.0/0"), IpGenPrefix(group))
+
+
+@pytest.mark.parametrize("value, text, typed", [
+    (IntfId("Ethernet3/1"), "Ethernet3/1", "Ethernet3/1"),
+    (IntfId(), "none", None),
+    (IpGenAddr("10.0.0.1"), "10.0.0.1", "10.0.0.1"),
+    (IpGenAddr("ff02::1:3"), "ff02::1:3", "ff02::1:3"),
+    (IpGenAddr(), "none", None),
+    (IpGenPrefix("10.1.0.2/32"), "10.1.0.2/32", "10.1.0.2/32"),
+    (IpGenPrefix("2001:db8::/32"), "2001:db8::/32", "2001:db8::/32"),
+    (VrfName("it's"), "it's", "it's"),
+    (IpGenRouteKey("10.1.0.2", "239.1.1.1"), "(10.1.0.2, 239.1.1.1)", {"source": "10.1.0.2", "group": "239.1.1.1"}),
+    (any_source("239.1.1.2/32"), "(*, 239.1.1.2)", {"source": "*", "group": "239.1.1.2"}),
+    (IpGenRouteKey(IpGenPrefix("2001:db8::/64"), IpGenPrefix("ff0e::/16")), "(2001:db8::/64, ff0e::/16)",
+     {"source": "2001:db8::/64", "group": "ff0e::/16"}),
+    (IpGenRouteKey("2001:db8:1::2", "ff3e::1:1"), "(2001:db8:1::2, ff3e::1:1)",
+     {"source": "2001:db8:1::2", "group": "ff3e::1:1"}),
+    (BitIndex(7), "7", 7),
+    (BitMapperKey("Ethernet1", "239.0.0.1"), "(Ethernet1, 239.0.0.1)", {"intfId": "Ethernet1", "addr": "239.0.0.1"}),
+    (PortVlan("Ethernet2", 10), "Ethernet2 vlan 10", {"intfId": "Ethernet2", "vlanId": 10}),
+    (PortVlan.out_lif("Ethernet2", 70000), "Ethernet2 outLif 70000", {"intfId": "Ethernet2", "outLif": 70000}),
+], ids=lambda v: v if isinstance(v, str) else "")
+def test_plain_forms_are_what_an_operator_reads(value, text, typed):
+    assert str(value) == text
+    assert json.loads(value.json()) == typed
+
+
+def test_a_route_reads_as_one_line_and_as_typed_fields():
+    route = mroute.Route(IpGenRouteKey("10.0.0.1", "239.1.1.1"))
+    assert str(route) == "(10.0.0.1, 239.1.1.1) priority 0 version 0 oif {}"
+    assert json.loads(route.json()) == {"key": {"source": "10.0.0.1", "group": "239.1.1.1"}, "intf1": None,
+                                        "intf2": None, "intf3": None, "intf4": None, "flags": 0, "priority": 0,
+                                        "version": 0, "rpaIndex": 0, "oifs": []}
+    assert repr(route).startswith("Value('Vorn::Multicast::Fib::Route', ** {'key': Value(")
 
 
 def test_text_forms_are_the_systems():
-    assert str(IntfId("Ethernet1")) == "Value('Wirly::IntfId', ** {'intfId': 'Ethernet1'})"
-    assert str(IpGenPrefix("10.1.2.3/8")) == "Value('Wirly::IpGenPrefix', ** {'prefix': '10.0.0.0/8'})"
-    assert str(VrfName("default")) == "'default'"
-    assert str(BitIndex(12)) == "12"
+    assert repr(IntfId("Ethernet1")) == "Value('Wirly::IntfId', ** {'intfId': 'Ethernet1'})"
+    assert repr(IpGenPrefix("10.1.2.3/8")) == "Value('Wirly::IpGenPrefix', ** {'prefix': '10.0.0.0/8'})"
+    assert repr(VrfName("default")) == "'default'"
+    assert repr(BitIndex(12)) == "12"
     assert AddressFamily.ipv6.text == "'ipv6'"
     assert AddressFamily.from_text("'ipv4'") == AddressFamily.ipv4
     assert int(AddressFamily.ipv6) == 2
     key = IpGenRouteKey("10.0.0.1", "239.1.1.1")
-    assert str(key) == ("Value('Routing::Multicast::Fib::IpGenRouteKey', ** {"
+    assert repr(key) == ("Value('Routing::Multicast::Fib::IpGenRouteKey', ** {"
                         "'source': Value('Wirly::IpGenPrefix', ** {'prefix': '10.0.0.1/32'}), "
                         "'group': Value('Wirly::IpGenPrefix', ** {'prefix': '239.1.1.1/32'})})")
 

@@ -80,6 +80,8 @@ TEST_F(AttrServerAnswer, DerivedOperationsByPathAndTypedJson) {
             "{\"10.0.0.0/8\": \"eth1\"}, \"peer\": null, \"drops\": 1}}\n");
   EXPECT_EQ(ask("get\tjson\t/'a/b'/peer\t"), ask("get\tjson\t/b\t"));
   EXPECT_EQ(ask("get\tjson\t/\t"),
+            "ok\n{\"type\": \"Kiv::Dir\", \"name\": \"root\", \"attributes\": {\"a/b\": \"a\", \"b\": \"b\"}}\n");
+  EXPECT_EQ(ask("get\trawjson\t/\t"),
             "ok\n{\"type\": \"Kiv::Dir\", \"name\": \"root\", \"attributes\": {\"a/b\": {\"_entity\": "
             "\"KivTest::Host\", \"_name\": \"a\"}, \"b\": {\"_entity\": \"KivTest::Host\", \"_name\": \"b\"}}}\n");
   EXPECT_EQ(ask("get\ttext\t/b/dropsInc\t"), "error\n/b/dropsInc is an operation: invoke it\n");
@@ -110,9 +112,23 @@ TEST_F(AttrServerAnswer, BadRequestsAreAnsweredWithAnErrorNeverAThrow) {
             "error\nKivTest::Host::peer: an entity is not read from text; expected None, found 1\n");
   EXPECT_EQ(ask("set\ttext\t/b/mtu\t-1").rfind("error\nKivTest::Host::mtu: ", 0), 0u);
   EXPECT_EQ(ask("frob\ttext\t/\t"), "error\nunknown verb frob (ls, get, set, del, invoke)\n");
-  EXPECT_EQ(ask("get\txml\t/\t"), "error\nunknown format xml (text, json)\n");
+  EXPECT_EQ(ask("get\txml\t/\t"), "error\nunknown format xml (plain, json, text, rawjson)\n");
   EXPECT_EQ(ask("get /"), "error\nmalformed request: expected verb, format, path and argument\n");
   EXPECT_EQ(b->mtu(), 1500u);
+}
+
+TEST_F(AttrServerAnswer, PlainAnswersShowEntriesBoundedAndFormatsAreChecked) {
+  b->routeIs("192.0.2.0/24", "eth2");
+  EXPECT_EQ(ask("get\tplain\t/'a/b'\t"), "ok\nmtu\t1500\nroute\t0 entries\npeer\tb\ndrops\t0\n");
+  EXPECT_EQ(ask("get\tplain\t/b\t"),
+            "ok\nmtu\t1500\nroute\t2 entries\n  10.0.0.0/8\teth1\n  192.0.2.0/24\teth2\npeer\tnone\ndrops\t0\n");
+  EXPECT_EQ(ask("get\tplain,limit=1\t/b/route\t"), "ok\n10.0.0.0/8\teth1\n... 1 more entry\n");
+  EXPECT_EQ(ask("ls\tjson,limit=1\t/b/route\t"), "ok\n{\"10.0.0.0/8\": \"eth1\", \"...\": 1}\n");
+  EXPECT_EQ(ask("get\tplain,limit=0\t/b/route\t"), "ok\n10.0.0.0/8\teth1\n192.0.2.0/24\teth2\n");
+  EXPECT_EQ(ask("get\ttext\t/b\t"), "ok\nmtu\t1500\nroute\t2 entries\npeer\tNone\ndrops\t0\n");
+  EXPECT_EQ(ask("get\tyaml\t/\t"), "error\nunknown format yaml (plain, json, text, rawjson)\n");
+  EXPECT_EQ(ask("get\tplain,depth=1\t/\t"), "error\nunknown format option depth=1\n");
+  EXPECT_EQ(ask("get\tplain,limit=x\t/\t").rfind("error\n", 0), 0u);
 }
 
 }  // namespace

@@ -404,7 +404,7 @@ TEST_F(AgentKernelTest, ForwardsWhatTheTablesSayAndFollowsRouteAndLinkChanges) {
   // kivctl reads the same agent by name: its interfaces and its route model.
   std::string const kivctl = "KIV_INTROSPECT_DIR=" + dir_ + "/kiv " + KIVCTL_PATH + " --agent agent-test ";
   std::string const vifs = shell(kivctl + "--json get /kernelMfib4/vifIntf");
-  EXPECT_NE(vifs.find("\"3\": {\"_type\": \"Wirly::IntfId\", \"intfId\": \"Ethernet3\"}"), std::string::npos) << vifs;
+  EXPECT_NE(vifs.find("\"3\": \"Ethernet3\""), std::string::npos) << vifs;
   std::string const tables = shell(kivctl + "ls /mroute4");
   EXPECT_NE(tables.find("vrfMrouteTable"), std::string::npos) << tables;
 

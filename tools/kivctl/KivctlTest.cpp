@@ -18,6 +18,7 @@
 #include "Kiv/EventLoop.h"
 #include "Mfib/MfibVorn.h"
 #include "MrouteLib/MrouteLib.h"
+#include "Schema/KernelMfibStatus.h"
 
 namespace {
 
@@ -82,6 +83,12 @@ class KivctlTest : public ::testing::Test {
     auto route = table->mrouteIs(Routing::Multicast::Fib::IpGenRouteKey("10.0.0.1/32", "239.1.1.1/32"));
     route->rpfFailureCountIs(Bridging::VlanId(10), 3);
     route->rpfFailureCountIs(Bridging::VlanId(20), 4);
+    route->acceptingIntfIdIs(Wirly::IntfId("Ethernet1"));
+    table->mrouteIs(Routing::Multicast::Fib::IpGenRouteKey("0.0.0.0/0", "239.1.1.2/32"));
+    auto kernel = Routing::KernelMfib::Status::statusIs("kernelMfib4");
+    for (std::uint16_t vif = 1; vif <= 3; ++vif)
+      kernel->vifIntfIs(vif, Wirly::IntfId("Ethernet" + std::to_string(vif)));
+    root->entryIs("kernelMfib4", kernel);
     table->dirtyInfoIs()->dirtyVlanIs(8);
     root->entryIs("mroute", mroute);
     auto review = MrouteLib::reviewInfoFactory();
@@ -103,16 +110,20 @@ TEST_F(KivctlTest, ListsGetsSetsAndRefusesThroughALiveAgent) {
   Outcome r = kivctl("--agent agent ls /");
   EXPECT_EQ(r.status, 0) << r.out;
   EXPECT_EQ(r.out,
-            "bitMapperConfig\tentry\tBitMapper::Config\tro\nmfibVornDir\tentry\tVorn::Multicast::Fib::MfibVornDir\tro\n"
+            "bitMapperConfig\tentry\tBitMapper::Config\tro\nkernelMfib4\tentry\tRouting::KernelMfib::Status\tro\n"
+            "mfibVornDir\tentry\tVorn::Multicast::Fib::MfibVornDir\tro\n"
             "mroute\tentry\tMrouteLib::MrouteTableColl\tro\nreviewInfo\tentry\tMrouteLib::ReviewInfo\tro\n");
   r = kivctl("--agent agent get /mfibVornDir/vornColl/default");
   EXPECT_EQ(r.status, 0) << r.out;
-  EXPECT_EQ(r.out, "vrfName\t'default'\nvornPtr\t0 entries\n");
+  EXPECT_EQ(r.out, "vrfName\tdefault\nvornPtr\t0 entries\n");
   r = kivctl("--agent agent --json get /mfibVornDir/vornColl/red");
   EXPECT_EQ(r.out,
             "{\"type\": \"Vorn::Multicast::Fib::MfibVornColl\", \"name\": \"red\", \"attributes\": "
             "{\"vrfName\": \"red\", \"vornPtr\": {}}}\n");
+  // Entities keyed by their own names show once; --raw keeps the text form.
   r = kivctl("--agent agent ls /mfibVornDir/vornColl");
+  EXPECT_TRUE(r.out == "default\nred\n" || r.out == "red\ndefault\n") << r.out;
+  r = kivctl("--agent agent --raw ls /mfibVornDir/vornColl");
   EXPECT_NE(r.out.find("'red'\tEntity('Vorn::Multicast::Fib::MfibVornColl', 'red')\n"), std::string::npos) << r.out;
   EXPECT_NE(r.out.find("'default'\tEntity('Vorn::Multicast::Fib::MfibVornColl', 'default')\n"), std::string::npos);
 
@@ -120,7 +131,7 @@ TEST_F(KivctlTest, ListsGetsSetsAndRefusesThroughALiveAgent) {
   EXPECT_EQ(kivctl("--agent agent set /bitMapperConfig/bitMapMinIndex 10").status, 0);
   EXPECT_EQ(kivctl("--agent agent get /bitMapperConfig/bitMapMinIndex").out, "10\n");
   EXPECT_EQ(kivctl("--agent agent set /mfibVornDir/vornColl/blue None").status, 0);
-  EXPECT_EQ(kivctl("--agent agent get /mfibVornDir/vornColl/blue/vrfName").out, "'blue'\n");
+  EXPECT_EQ(kivctl("--agent agent get /mfibVornDir/vornColl/blue/vrfName").out, "blue\n");
   EXPECT_EQ(kivctl("--agent agent del /mfibVornDir/vornColl/blue").status, 0);
   EXPECT_EQ(kivctl("--agent agent get /mfibVornDir/vornColl/blue").status, 1);
 
@@ -181,6 +192,64 @@ TEST_F(KivctlTest, TypedJsonCounterStepsAndBulkDeletesThroughALiveAgent) {
   r = kivctl("--agent agent get " + table + "/reviewsInc");
   EXPECT_EQ(r.status, 1);
   EXPECT_EQ(r.out, "kivctl: " + table + "/reviewsInc is an operation: invoke it\n");
+}
+
+TEST_F(KivctlTest, ValuesArePlainByDefaultRawOnRequestAndCollectionsBounded) {
+  // A map of interface ids by VIF, and the reverse one: entries, not counts.
+  Outcome r = kivctl("--agent agent get /kernelMfib4");
+  EXPECT_EQ(r.status, 0) << r.out;
+  EXPECT_EQ(r.out,
+            "vifIntf\t3 entries\n  1\tEthernet1\n  2\tEthernet2\n  3\tEthernet3\n"
+            "intfVif\t3 entries\n  Ethernet1\t1\n  Ethernet2\t2\n  Ethernet3\t3\n");
+  EXPECT_EQ(kivctl("--agent agent --json get /kernelMfib4/vifIntf").out,
+            "{\"1\": \"Ethernet1\", \"2\": \"Ethernet2\", \"3\": \"Ethernet3\"}\n");
+  EXPECT_EQ(kivctl("--agent agent get /kernelMfib4/vifIntf/3").out, "Ethernet3\n");
+  EXPECT_EQ(kivctl("--agent agent --json get /kernelMfib4/vifIntf/3").out, "\"Ethernet3\"\n");
+  EXPECT_EQ(kivctl("--agent agent --raw get /kernelMfib4/vifIntf/3").out,
+            "Value('Wirly::IntfId', ** {'intfId': 'Ethernet3'})\n");
+  EXPECT_EQ(kivctl("--agent agent --raw --json get /kernelMfib4/vifIntf/3").out,
+            "{\"_type\": \"Wirly::IntfId\", \"intfId\": \"Ethernet3\"}\n");
+  EXPECT_EQ(kivctl("--agent agent --raw get /kernelMfib4").out, "vifIntf\t3 entries\nintfVif\t3 entries\n");
+
+  // A bound says how much it left out, in text and in JSON; 0 is none.
+  EXPECT_EQ(kivctl("--agent agent --limit 2 get /kernelMfib4/vifIntf").out,
+            "1\tEthernet1\n2\tEthernet2\n... 1 more entry\n");
+  EXPECT_EQ(kivctl("--agent agent --limit 1 get /kernelMfib4").out,
+            "vifIntf\t3 entries\n  1\tEthernet1\n  ... 2 more entries\n"
+            "intfVif\t3 entries\n  Ethernet1\t1\n  ... 2 more entries\n");
+  EXPECT_EQ(kivctl("--agent agent --limit 1 --json get /kernelMfib4/vifIntf").out,
+            "{\"1\": \"Ethernet1\", \"...\": 2}\n");
+  EXPECT_EQ(kivctl("--agent agent --limit 0 get /kernelMfib4/vifIntf").out,
+            "1\tEthernet1\n2\tEthernet2\n3\tEthernet3\n");
+  EXPECT_EQ(kivctl("--agent agent --limit x get /kernelMfib4").status, 2);
+
+  // Routes by their keys: (S, G), "*" for any source; typed in JSON.
+  std::string const table = "/mroute/vrfMrouteTable/default";
+  r = kivctl("--agent agent get " + table + "/mroute");
+  EXPECT_NE(r.out.find("(10.0.0.1, 239.1.1.1)\n"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("(*, 239.1.1.2)\n"), std::string::npos) << r.out;
+  EXPECT_EQ(r.out.find("Entity("), std::string::npos) << r.out;
+  std::string const key = Routing::Multicast::Fib::IpGenRouteKey("10.0.0.1/32", "239.1.1.1/32").valueToStrep();
+  std::string const route = table + "/mroute/\"" + key + "\"";
+  r = kivctl("--agent agent get " + route);
+  EXPECT_EQ(r.out.rfind("key\t(10.0.0.1, 239.1.1.1)\nmrouteTable\tdefault\nacceptingVlanId\tnone\n"
+                        "acceptingIntfId\tEthernet1\n",
+                        0),
+            0u)
+      << r.out;
+  EXPECT_NE(r.out.find("rpfFailureCount\t2 entries\n"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("  10\t3\n"), std::string::npos) << r.out;
+  // A key is named by its plain form too.
+  EXPECT_EQ(kivctl("--agent agent get '" + table + "/mroute/(*, 239.1.1.2)/key'").out, "(*, 239.1.1.2)\n");
+  EXPECT_EQ(kivctl("--agent agent get '" + table + "/mroute/(10.0.0.1, 239.1.1.1)/rpfFailureCount/20'").out, "4\n");
+  EXPECT_EQ(kivctl("--agent agent --json get " + route + "/key").out,
+            "{\"source\": \"10.0.0.1\", \"group\": \"239.1.1.1\"}\n");
+  EXPECT_EQ(kivctl("--agent agent --raw get " + route + "/key").out, key + "\n");
+  r = kivctl("--agent agent --json get " + route);
+  EXPECT_NE(r.out.find("\"key\": {\"source\": \"10.0.0.1\", \"group\": \"239.1.1.1\"}, \"mrouteTable\": \"default\", "
+                       "\"acceptingVlanId\": null, \"acceptingIntfId\": \"Ethernet1\""),
+            std::string::npos)
+      << r.out;
 }
 
 TEST_F(KivctlTest, AClientThatSendsNothingDoesNotHoldTheAgent) {

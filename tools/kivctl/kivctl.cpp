@@ -2,6 +2,8 @@
 //
 //   kivctl --agent mfib-demo-agent ls /
 //   kivctl --agent mfib-demo-agent get /mfibVornDir/vornColl/default
+//   kivctl --agent a --limit 20 get /mroute4/vrfMrouteTable/default/mroute
+//   kivctl --agent a --raw get /kernelMfib4/vifIntf/3
 //   kivctl --socket /run/kiv/x.sock --json get /bitMapperSm
 //   kivctl --agent a set /bitMapperSm/config/bitMapMinIndex 10
 //   kivctl --agent a invoke /bitMapperSm/doAllocBitIndex "Value('BitMapper::BitMapperKey', ...)"
@@ -27,7 +29,7 @@
 namespace {
 
 constexpr char const* usage =
-    "usage: kivctl (--agent NAME | --socket PATH) [--json] VERB PATH [ARGUMENT]\n"
+    "usage: kivctl (--agent NAME | --socket PATH) [--json] [--raw] [--limit N] VERB PATH [ARGUMENT]\n"
     "\n"
     "Looks inside a running agent that serves introspection (Kiv::AttrServer).\n"
     "\n"
@@ -49,11 +51,21 @@ constexpr char const* usage =
     "  --agent NAME        the socket of agent NAME in $KIV_INTROSPECT_DIR, else /run/kiv/ for\n"
     "                      root and $XDG_RUNTIME_DIR/kiv/ for other users\n"
     "  --socket PATH       the socket at PATH\n"
-    "  --json              answers as typed JSON: numbers, true/false, null, strings,\n"
-    "                      objects for values with fields (\"_type\") and entities\n"
-    "                      (\"_entity\", \"_name\"), objects keyed by key for collections;\n"
-    "                      a form without a JSON type (a pointer) is a string of its text\n"
+    "  --json              answers as typed JSON: strings for names and addresses,\n"
+    "                      numbers, true/false, null, objects for compound values\n"
+    "                      (a route key is {\"source\", \"group\"}) and for collections\n"
+    "                      (keyed by each key's plain text)\n"
+    "  --raw               values in the value text form, Value('Type', ** {...}), as\n"
+    "                      programs read them back (with --json: that form's typed\n"
+    "                      JSON, \"_type\" and \"_entity\"/\"_name\" included); an\n"
+    "                      entity's collections are then shown by their counts\n"
+    "  --limit N           at most N entries of each collection (default 100; 0: all),\n"
+    "                      then how many were left out\n"
     "  --help, --version\n"
+    "\n"
+    "Values are shown plainly: 10.1.0.2/32, Ethernet1, (10.1.0.2, 239.1.1.1), 100;\n"
+    "an entity as its name or its key; a collection by its entries, one per line\n"
+    "(key, tab, value).\n"
     "\n"
     "Paths start at /, the agent's root directory; a segment names a directory\n"
     "entry, an attribute, or a key of the collection before it. Quote a segment\n"
@@ -68,7 +80,8 @@ int fail(std::string const& msg) {
 
 int main(int argc, char** argv) {
   std::string socketPath, agent;
-  bool json = false;
+  bool json = false, raw = false;
+  std::string limit = "100";
   std::vector<std::string> rest;
   for (int i = 1; i < argc; ++i) {
     std::string_view a = argv[i];
@@ -82,6 +95,12 @@ int main(int argc, char** argv) {
     }
     if (a == "--json") {
       json = true;
+    } else if (a == "--raw") {
+      raw = true;
+    } else if (a == "--limit" && i + 1 < argc) {
+      limit = argv[++i];
+      if (limit.empty() || limit.size() > 18 || limit.find_first_not_of("0123456789") != std::string::npos)
+        return fail("--limit takes a number of entries (0: all)");
     } else if ((a == "--agent" || a == "--socket") && i + 1 < argc) {
       (a == "--agent" ? agent : socketPath) = argv[++i];
     } else if (a.size() > 1 && a[0] == '-' && rest.empty()) {
@@ -119,7 +138,9 @@ int main(int argc, char** argv) {
   } catch (std::exception const& e) {
     return fail(e.what());
   }
-  std::string req = verb + "\t" + (json ? "json" : "text") + "\t" + rest[1] + "\t" + arg + "\n";
+  std::string const format =
+      std::string(raw ? (json ? "rawjson" : "text") : (json ? "json" : "plain")) + ",limit=" + limit;
+  std::string req = verb + "\t" + format + "\t" + rest[1] + "\t" + arg + "\n";
   for (std::size_t sent = 0; sent < req.size();) {
     ssize_t w = ::send(fd, req.data() + sent, req.size() - sent, MSG_NOSIGNAL);
     if (w < 0 && errno == EINTR) continue;

@@ -1,13 +1,16 @@
 // mrtmon: shows the kernel's multicast routing upcalls live, as the library
 // parses them. See kUsage below.
+#include <fcntl.h>
 #include <signal.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -15,8 +18,10 @@
 
 #include "Kiv/EventLoop.h"
 #include "Kiv/Exception.h"
+#include "Kiv/ValueText.h"
 #include "MrouteVersion.h"
 #include "MrtNotify/MrtNotifySm.h"
+#include "Wirly/NamespaceSocket.h"
 
 namespace {
 
@@ -47,8 +52,10 @@ Options:
       --table N         hear the kernel's IPv4 reports of multicast routing
                         table N only (default 253, the default table)
       --vif N=INTF      name the interface of VIF/MIF N (repeatable), as the
-                        agent's kernel status would; other indices print as
-                        "vifN"
+                        agent's kernel status would; other indices are named
+                        as the kernel names them in the namespace
+                        (/proc/net/ip_mr_vif, ip6_mr_vif: the default table),
+                        or print as "vifN" where it does not
   -j, --json            one JSON object per line instead of text
   -c, --count N         exit after N upcalls
   -t, --timeout S       exit after S seconds
@@ -67,12 +74,83 @@ socket cannot be opened, 2 for a usage error.
 volatile sig_atomic_t stopRequested = 0;
 void onSignal(int) { stopRequested = 1; }
 
-// Indices without a name get an id outside every interface kind, so that
-// the parser has one and the printer can say which index it was.
+// The kernel's default multicast routing table (RT_TABLE_DEFAULT).
+constexpr std::uint32_t kDefaultTable = 253;
+
+double monotonicNow() {
+  timespec now;
+  ::clock_gettime(CLOCK_MONOTONIC, &now);
+  return double(now.tv_sec) + double(now.tv_nsec) / 1e9;
+}
+
+// The kernel's own VIF/MIF table of the namespace: index to interface name,
+// read from the descriptor of /proc/thread-self/net/ip_mr_vif (ip6_mr_vif)
+// opened inside it. VIFs come and go while mrtmon runs, so the table is read
+// again when it is older than a second or does not know an index.
+class KernelVifNames {
+ public:
+  KernelVifNames(Wirly::NamespaceName const& ns, Wirly::AddressFamily af, std::uint32_t table) {
+    // The kernel lists the VIFs of its default table only.
+    if (table != kDefaultTable) {
+      std::cerr << "mrtmon: the kernel lists the interfaces of its default table only; indices of table " << table
+                << " without --vif print as vifN\n";
+      return;
+    }
+    char const* const path = af == Wirly::ipv4 ? "/proc/thread-self/net/ip_mr_vif" : "/proc/thread-self/net/ip6_mr_vif";
+    fd_ = Wirly::namespaceOpen(ns, path, O_RDONLY);
+    if (fd_ < 0)
+      std::cerr << "mrtmon: cannot read the kernel's interface table (" << path << ": " << std::strerror(errno)
+                << "); indices without --vif print as vifN\n";
+  }
+  ~KernelVifNames() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  KernelVifNames(KernelVifNames const&) = delete;
+  KernelVifNames& operator=(KernelVifNames const&) = delete;
+
+  // The kernel's name of index vif, or "" when it has none.
+  std::string name(unsigned vif) {
+    if (fd_ < 0) return std::string();
+    if (monotonicNow() - readAt_ > 1.0 || names_.find(vif) == names_.end()) doRead();
+    auto const it = names_.find(vif);
+    return it == names_.end() ? std::string() : it->second;
+  }
+
+ private:
+  // Lines "<index> <name> <counters...>" after one header line.
+  void doRead() {
+    readAt_ = monotonicNow();
+    names_.clear();
+    std::string text;
+    char buf[4096];
+    if (::lseek(fd_, 0, SEEK_SET) != 0) return;
+    for (ssize_t n; (n = ::read(fd_, buf, sizeof buf)) > 0;) text.append(buf, std::size_t(n));
+    std::size_t at = text.find('\n');
+    while (at != std::string::npos && at + 1 < text.size()) {
+      std::size_t const end = text.find('\n', at + 1);
+      std::string const line = text.substr(at + 1, end == std::string::npos ? std::string::npos : end - at - 1);
+      unsigned index = 0;
+      char name[64] = {};
+      if (std::sscanf(line.c_str(), "%u %63s", &index, name) == 2) names_[index] = name;
+      at = end;
+    }
+  }
+
+  int fd_ = -1;
+  double readAt_ = -1e9;
+  std::map<unsigned, std::string> names_;
+};
+
+// Indices without a --vif name get an id outside every interface kind, so
+// that the parser has one and the printer can say which index it was.
 constexpr std::uint64_t standInMark = 0xFE00000000000000ull;
 
-std::string intfText(Wirly::IntfId id) {
-  if ((id.value() & 0xFF00000000000000ull) == standInMark) return "vif" + std::to_string(id.value() & 0xFFFF);
+std::string intfText(Wirly::IntfId id, KernelVifNames& kernel) {
+  if ((id.value() & 0xFF00000000000000ull) == standInMark) {
+    unsigned const vif = unsigned(id.value() & 0xFFFF);
+    std::string name = kernel.name(vif);
+    return name.empty() ? "vif" + std::to_string(vif) : name;
+  }
   return id.empty() ? std::string("-") : id.name();
 }
 
@@ -97,7 +175,8 @@ int usageError(std::string const& what) {
 // Prints each upcall when its counter moves.
 class Printer : public MrtNotifyPamManager::NotifieeConst {
  public:
-  Printer(Kiv::Ptr<MrtNotifyPamManager> const& m, bool json) : NotifieeConst(m), json_(json) {}
+  Printer(Kiv::Ptr<MrtNotifyPamManager> const& m, bool json, KernelVifNames& kernel)
+      : NotifieeConst(m), json_(json), kernel_(kernel) {}
   void onNoCacheCounter() override { print("nocache", *notifier()->noCacheMessage()); }
   void onWrongVifCounter() override { print("wrongvif", *notifier()->wrongVifMessage()); }
   void onWholePktCounter() override { print("wholepkt", *notifier()->wholePktMessage()); }
@@ -107,17 +186,19 @@ class Printer : public MrtNotifyPamManager::NotifieeConst {
   void print(char const* kind, Wirly::MrtMessage const& m) {
     auto const pkt = m.rcvdPkt();
     std::size_t const len = pkt ? pkt->len() : 0;
+    std::string const intf = intfText(m.intfId(), kernel_);
     if (json_) {
-      std::printf("{\"kind\":\"%s\",\"intf\":\"%s\",\"src\":\"%s\",\"grp\":\"%s\",\"len\":%zu}\n", kind,
-                  intfText(m.intfId()).c_str(), m.source().str().c_str(), m.group().str().c_str(), len);
+      std::printf("{\"kind\":\"%s\",\"intf\":%s,\"src\":\"%s\",\"grp\":\"%s\",\"len\":%zu}\n", kind,
+                  Kiv::jsonString(intf).c_str(), m.source().str().c_str(), m.group().str().c_str(), len);
     } else {
-      std::printf("%-8s intf %s src %s grp %s len %zu\n", kind, intfText(m.intfId()).c_str(), m.source().str().c_str(),
+      std::printf("%-8s intf %s src %s grp %s len %zu\n", kind, intf.c_str(), m.source().str().c_str(),
                   m.group().str().c_str(), len);
     }
     std::fflush(stdout);
     ++printed_;
   }
   bool json_;
+  KernelVifNames& kernel_;
   std::uint64_t printed_ = 0;
 };
 
@@ -236,7 +317,8 @@ int main(int argc, char** argv) {
   manager->optionsIs(o.kinds);
   for (std::uint32_t uid : o.trustUids) manager->trustedUidIs(uid, true);
   if (o.table) manager->mrtTableIs(*o.table);
-  Printer printer(manager, o.json);
+  KernelVifNames kernel(o.netNs, o.af, o.table.value_or(kDefaultTable));
+  Printer printer(manager, o.json, kernel);
   auto sm = mrtNotifySmFactory(manager, o.status);
   try {
     sm->handleInitialized();

@@ -1,4 +1,5 @@
-// The JSON forms of list, show and dump. They read regions the way the text
+// The JSON forms of list, show and dump, and the plain records of the
+// tables this tool knows. They read regions the way the text
 // forms do (an inspector mapping, validated at open) and print the same
 // facts as fields.
 #include "Json.h"
@@ -13,8 +14,12 @@
 #include <iostream>
 #include <sstream>
 
+#include "BitMapper/BitMapperSchema.h"
 #include "Kiv/Exception.h"
+#include "Mfib/MfibDir.h"
 #include "Options.h"
+#include "Schema/Mfib/MfibStatus.h"
+#include "Schema/Mfib/RoutePlain.h"
 #include "Vorn/Region.h"
 #include "Vorn/Registry.h"
 #include "Vorn/Table.h"
@@ -86,42 +91,76 @@ int showJson(std::string const& root, std::vector<std::string> const& args) {
   return 0;
 }
 
-int dumpJson(std::string const& root, std::vector<std::string> const& args) {
-  std::vector<std::string> const pos = positional(args, {"--limit"});
-  if (pos.size() != 2) throw UsageError("dump takes a region and a table");
-  std::size_t const limit = countOption(args, "--limit", SIZE_MAX);
-  std::string const path = pathOf(root, pos[0]);
-  auto r = Vorn::Region::inspectorIs(path);
-  Kiv::Ptr<Vorn::Status> status = Vorn::StatusRegistry::statusNew(r->typeName(), Kiv::Name("vornctl"));
-  if (!status) {
-    std::cerr << "vornctl: type " << r->typeName() << " is not known here; no JSON for its records\n";
-    return 1;
-  }
-  status->mountIs(path, Vorn::Status::Mode::reader);
-  Vorn::TableBase* t = status->tableByName(pos[1]);
-  if (t == nullptr) {
-    std::cerr << "vornctl: no table '" << pos[1] << "' in " << path << "\n";
-    return 1;
-  }
-  std::cout << "{\"url\": " << jsonString(pos[0]) << ", \"type\": " << jsonString(r->typeName())
-            << ", \"table\": " << jsonString(pos[1]) << ", \"records\": [";
-  char const* sep = "\n  ";
-  t->forEachPrinted(limit, [&](std::string const& key, std::string const& record) {
-    std::cout << sep << "{\"key\": " << jsonString(key) << ", \"record\": " << jsonString(record) << "}";
-    sep = ",\n  ";
-  });
-  std::cout << "]}\n";
-  return 0;
-}
-
 }  // namespace
 
 std::optional<int> runJson(std::string_view name, std::string const& root, std::vector<std::string> const& args) {
   if (!hasFlag(args, "--json")) return std::nullopt;
   if (name == "list") return listJson(root);
   if (name == "show") return showJson(root, args);
-  if (name == "dump") return dumpJson(root, args);
   return std::nullopt;
+}
+
+namespace {
+
+template <class Tbl>
+struct TableTypes;
+template <class K, class R, auto KeyOf>
+struct TableTypes<Vorn::Table<K, R, KeyOf>> {
+  using Key = K;
+  using Record = R;
+};
+
+template <class Tbl, class F>
+bool walk(Vorn::TableBase const& base, std::size_t limit, F const& plain, PlainRecord const& fn) {
+  auto const* t = dynamic_cast<Tbl const*>(&base);
+  if (t == nullptr) return false;
+  Vorn::IterHint hint;
+  typename TableTypes<Tbl>::Key k;
+  typename TableTypes<Tbl>::Record r;
+  std::size_t n = 0;
+  for (bool ok = t->first(k, r, hint); ok && n < limit; ok = t->next(k, k, r, hint), ++n) fn(plain(r));
+  return true;
+}
+
+Kiv::Plain dirRecordPlain(Vorn::Multicast::Fib::MfibDirRecord const& r) {
+  auto url = [](std::string s) { return s.empty() ? Kiv::Plain::none() : Kiv::Plain::string(std::move(s)); };
+  Kiv::Plain p = Kiv::Plain::object();
+  p.field("vrf", Kiv::Plain::string(r.vrfName.str()))
+      .field("vornUrl", url(r.vornUrl.str()))
+      .field("bitMapperVornUrl", url(r.bitMapperVornUrl.str()));
+  return p;
+}
+
+}  // namespace
+
+bool plainRecords(Vorn::TableBase const& t, std::size_t limit, OifNamer const& oif, PlainRecord const& fn) {
+  using namespace Vorn::Multicast::Fib;
+  auto plain = [](auto const& r) { return Kiv::valueToPlain(r); };
+  return walk<Status::RouteTable>(
+             t, limit, [&](Route const& r) { return routePlain(r, oif); }, fn) ||
+         walk<Status::OifIndexIntfTable>(t, limit, plain, fn) ||
+         walk<BitMapper::VornStatus::BitIndexMapTable>(t, limit, plain, fn) ||
+         walk<BitMapper::VornStatus::WaitlistMapTable>(t, limit, plain, fn) ||
+         walk<MfibDirStatus::DirCollTable>(t, limit, dirRecordPlain, fn);
+}
+
+void dumpJson(std::string const& url, std::string const& type, Vorn::TableBase const& t, std::size_t limit,
+              OifNamer const& oif) {
+  std::cout << "{\"url\": " << jsonString(url) << ", \"type\": " << jsonString(type)
+            << ", \"table\": " << jsonString(t.name()) << ", \"records\": [";
+  char const* sep = "\n  ";
+  bool const typed = plainRecords(t, limit, oif, [&](Kiv::Plain const& r) {
+    std::cout << sep << r.json();
+    sep = ",\n  ";
+  });
+  // A table of a type this tool cannot read field by field: its printed key
+  // and record.
+  if (!typed)
+    t.forEachPrinted(limit, [&](std::string const& key, std::string const& record) {
+      std::cout << sep << "{\"key\": " << jsonString(key) << ", \"record\": " << jsonString(record) << "}";
+      sep = ",\n  ";
+    });
+  std::cout << "]}\n";
 }
 
 }  // namespace Vornctl

@@ -73,8 +73,16 @@ TEST_F(VornctlCommandLineTest, DumpPrintsEachRouteOnceWithInterfaceNames) {
   ToolRun r = vornctl(rooted("dump mfib/default/pim route"));
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(r.out,
-            "(s: 10.0.0.1/32 g: 239.1.1.1/32) priority 0 version 1 oif {Ethernet1, Ethernet3, 9:unmapped}\n"
-            "(s: 10.0.0.2/32 g: 239.1.1.2/32) priority 0 version 1 oif {Ethernet2}\n");
+            "(10.0.0.1, 239.1.1.1) priority 0 version 1 oif {Ethernet1, Ethernet3, 9:unmapped}\n"
+            "(10.0.0.2, 239.1.1.2) priority 0 version 1 oif {Ethernet2}\n");
+  // The same records with typed fields: names where known, else the index.
+  r = vornctl(rooted("dump mfib/default/pim route --json --limit 1"));
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out,
+            "{\"url\": \"mfib/default/pim\", \"type\": \"Vorn::Multicast::Fib::Status\", \"table\": \"route\", "
+            "\"records\": [\n  {\"key\": {\"source\": \"10.0.0.1\", \"group\": \"239.1.1.1\"}, \"intf1\": null, "
+            "\"intf2\": null, \"intf3\": null, \"intf4\": null, \"flags\": 0, \"priority\": 0, \"version\": 1, "
+            "\"rpaIndex\": 0, \"oifs\": [\"Ethernet1\", \"Ethernet3\", 9]}]}\n");
   EXPECT_EQ(vornctl(rooted("dump mfib/default/pim route --limit 1")).out.find('\n') + 1,
             vornctl(rooted("dump mfib/default/pim route --limit 1")).out.size());
 
@@ -90,6 +98,13 @@ TEST_F(VornctlCommandLineTest, DumpPrintsEachRouteOnceWithInterfaceNames) {
   // Other tables print each record once too.
   r = vornctl(rooted("dump mfib/default/pim oifIndexIntf"));
   EXPECT_EQ(r.out, "oifIndex 1 intf Ethernet1\noifIndex 2 intf Ethernet2\noifIndex 3 intf Ethernet3\n");
+  r = vornctl(rooted("dump mfib/default/pim oifIndexIntf --json --limit 1"));
+  EXPECT_NE(r.out.find("\"records\": [\n  {\"oifIndex\": 1, \"intfId\": \"Ethernet1\"}]}"), std::string::npos) << r.out;
+  r = vornctl(rooted("dump " + root.file("bm.vorn") + " bitIndexMap --json"));
+  EXPECT_NE(r.out.find("{\"bitIndex\": 9, \"bitMapperKey\": {\"intfId\": \"Vlan9\", \"addr\": null}, \"refCount\": 1, "
+                       "\"firstAlloc\": true}"),
+            std::string::npos)
+      << r.out << r.err;
 }
 
 TEST_F(VornctlCommandLineTest, MalformedCommandLinesNameTheirFault) {
@@ -175,6 +190,31 @@ TEST_F(VornctlCommandLineTest, WatchGivesBackItsDoorbellOnSigterm) {
   ASSERT_NE(d, nullptr);
   while (dirent* e = ::readdir(d)) EXPECT_EQ(std::string(e->d_name).find(".bell."), std::string::npos) << e->d_name;
   ::closedir(d);
+}
+
+TEST_F(VornctlCommandLineTest, WatchPrintsRouteChangesInTheirPlainForm) {
+  auto table = mfibTable("mfib/default/pim");
+  std::string const cmd = std::string(VORNCTL_PATH) + " " + rooted("watch mfib/default/pim --count 2 --seconds 10");
+  FILE* out = ::popen(cmd.c_str(), "r");
+  ASSERT_NE(out, nullptr);
+  auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (vornctl(rooted("show mfib/default/pim")).out.find("readers      1 following") == std::string::npos &&
+         std::chrono::steady_clock::now() < deadline)
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  Route c(Routing::Multicast::Fib::IpGenRouteKey("10.0.0.3/32", "239.1.1.3/32"));
+  c.oifIs(OifIndex(2), true);
+  table->routePublish(c);
+  // The deletion only once the route has been printed: a reader that
+  // wakes late would find it gone already.
+  std::string lines;
+  char buf[512];
+  if (std::fgets(buf, sizeof buf, out)) lines += buf;
+  table->routeDel(c.key());
+  while (std::fgets(buf, sizeof buf, out)) lines += buf;
+  EXPECT_EQ(::pclose(out), 0);
+  EXPECT_EQ(lines,
+            "route: (10.0.0.3, 239.1.1.3) priority 0 version 1 oif {Ethernet2}\n"
+            "route: (10.0.0.3, 239.1.1.3) deleted\n");
 }
 
 TEST_F(VornctlCommandLineTest, VersionIsPrinted) {

@@ -97,9 +97,8 @@ TEST_F(VornctlTest, ListShowAndDumpSpeakJsonToo) {
   std::string const dump = run("dump mfibdir/pim dirColl --json");
   EXPECT_EQ(dump,
             "{\"url\": \"mfibdir/pim\", \"type\": \"Vorn::Multicast::Fib::MfibDirStatus\", \"table\": \"dirColl\", "
-            "\"records\": [\n  {\"key\": \"default\", \"record\": \"MfibDirRecord(vrf default, vornUrl '', "
-            "bitMapperVornUrl '')\"},\n  {\"key\": \"red\", \"record\": \"MfibDirRecord(vrf red, vornUrl "
-            "'mfib/red/pim', bitMapperVornUrl '')\"}]}\n");
+            "\"records\": [\n  {\"vrf\": \"default\", \"vornUrl\": null, \"bitMapperVornUrl\": null},\n  "
+            "{\"vrf\": \"red\", \"vornUrl\": \"mfib/red/pim\", \"bitMapperVornUrl\": null}]}\n");
   // Without --json each record prints once (it holds its key).
   EXPECT_EQ(run("dump mfibdir/pim dirColl --limit 1"),
             "MfibDirRecord(vrf default, vornUrl '', "
@@ -116,7 +115,8 @@ TEST_F(VornctlTest, DumpNamesInterfacesThroughTheAnnouncedBitMapperTable) {
   Route r(IpGenRouteKey("10.0.0.1/32", "239.1.1.1/32"));
   r.oifIs(OifIndex(4), true);
   table->routePublish(r);
-  EXPECT_EQ(run("dump mfib/red/pim route"), "(s: 10.0.0.1/32 g: 239.1.1.1/32) priority 0 version 1 oif {Ethernet9}\n");
+  EXPECT_EQ(run("dump mfib/red/pim route"), "(10.0.0.1, 239.1.1.1) priority 0 version 1 oif {Ethernet9}\n");
+  EXPECT_NE(run("dump mfib/red/pim route --json").find("\"oifs\": [\"Ethernet9\"]}"), std::string::npos);
 }
 
 TEST(VornctlJson, StringsAreEscaped) { EXPECT_EQ(Vornctl::jsonString("a\"b\\c\nd\x01"), "\"a\\\"b\\\\c\\nd\\u0001\""); }

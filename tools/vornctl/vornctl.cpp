@@ -7,9 +7,10 @@
 //
 // A region is named by its URL (under --root, default $VORN_ROOT, else
 // /run/vorn for root and $XDG_RUNTIME_DIR/vorn for others) or by the path of
-// its file. Records print through the
-// operator<< of the schema types linked into this tool; a type it does not
-// know is dumped as raw bytes.
+// its file. MFIB routes print in their plain form, other records through
+// the operator<< of the schema types linked into this tool, and with --json
+// as objects of typed fields; a type it does not know is dumped as raw
+// bytes.
 #include <dirent.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -33,6 +34,7 @@
 #include "MrouteVersion.h"
 #include "Options.h"
 #include "Schema/Mfib/MfibStatus.h"
+#include "Schema/Mfib/RoutePlain.h"
 #include "Vorn/Region.h"
 #include "Vorn/Registry.h"
 #include "Vorn/Table.h"
@@ -177,37 +179,25 @@ std::size_t rawDump(Vorn::Region const& r, Vorn::TableGeometry const& g, std::si
   return n;
 }
 
-// An MFIB route table prints each outgoing-interface index as the interface
+// An MFIB route table names each outgoing-interface index by the interface
 // it stands for: through a bit mapper table when it has one, else through
-// the table's own oifIndexIntf table; "7:unmapped" where that does not know
-// the index.
-void dumpMfibRoutes(Vorn::Multicast::Fib::Status const& mfib, BitMapper::VornStatus const* bitMapper,
-                    std::size_t limit) {
+// the table's own oifIndexIntf table; "7:unmapped" (7 in JSON) where that
+// does not know the index.
+OifNamer oifNamer(Vorn::Multicast::Fib::Status const* mfib, BitMapper::VornStatus const* bitMapper) {
   using namespace Vorn::Multicast::Fib;
-  auto printOif = [&](std::ostream& os, OifIndex i) {
+  return [mfib, bitMapper](OifIndex i) {
     Wirly::IntfId intf;
     if (bitMapper != nullptr)
       intf = bitMapper->bitIndexMap(BitMapper::BitIndex(i.value())).bitMapperKey().intfId();
-    else
-      intf = mfib.oifIndexIntf(i).intfId();
-    if (intf.empty())
-      os << i << ":unmapped";
-    else
-      os << intf.name();
+    else if (mfib != nullptr)
+      intf = mfib->oifIndexIntf(i).intfId();
+    if (intf.empty()) return Kiv::Plain::number(i.value()).textIs(std::to_string(i.value()) + ":unmapped");
+    return Kiv::Plain::string(intf.name());
   };
-  Vorn::IterHint hint;
-  IpGenRouteKey k;
-  Route r;
-  std::size_t n = 0;
-  for (bool ok = mfib.routeTable().first(k, r, hint); ok && n < limit;
-       ok = mfib.routeTable().next(k, k, r, hint), ++n) {
-    printRoute(std::cout, r, printOif);
-    std::cout << "\n";
-  }
 }
 
 int dump(std::string const& root, std::vector<std::string> const& args) {
-  std::vector<std::string> const pos = positional(args, {"--limit", "--bitmapper"}, {});
+  std::vector<std::string> const pos = positional(args, {"--limit", "--bitmapper"});
   if (pos.size() != 2) throw UsageError("dump takes a region and a table");
   std::size_t const limit = countOption(args, "--limit", SIZE_MAX);
   std::string const path = pathOf(root, pos[0]);
@@ -229,7 +219,9 @@ int dump(std::string const& root, std::vector<std::string> const& args) {
     std::cerr << "vornctl: no table '" << pos[1] << "' in " << path << "\n";
     return 1;
   }
-  if (auto* mfib = dynamic_cast<Vorn::Multicast::Fib::Status*>(status.ptr()); mfib && pos[1] == "route") {
+  auto* mfib = dynamic_cast<Vorn::Multicast::Fib::Status*>(status.ptr());
+  Kiv::Ptr<BitMapper::VornStatus> bitMapper;
+  if (mfib && pos[1] == "route") {
     // The bit mapper table named on the command line, else the one the
     // MFIB directory announces beside this table.
     std::string bitMapperRegion;
@@ -237,12 +229,19 @@ int dump(std::string const& root, std::vector<std::string> const& args) {
       bitMapperRegion = *bm;
     else if (path != pos[0])
       bitMapperRegion = announcedBitMapperUrl(root, pos[0]);
-    Kiv::Ptr<BitMapper::VornStatus> bitMapper;
     if (!bitMapperRegion.empty()) {
       bitMapper = new BitMapper::VornStatus(Kiv::Name("vornctl"));
       bitMapper->mountIs(pathOf(root, bitMapperRegion), Vorn::Status::Mode::reader);
     }
-    dumpMfibRoutes(*mfib, bitMapper.ptr(), limit);
+  }
+  OifNamer const oif = oifNamer(mfib, bitMapper.ptr());
+  if (hasFlag(args, "--json")) {
+    dumpJson(pos[0], r->typeName(), *t, limit, oif);
+    return 0;
+  }
+  // Routes in their plain form; other records as their schema prints them.
+  if (mfib && pos[1] == "route") {
+    plainRecords(*t, limit, oif, [](Kiv::Plain const& record) { std::cout << record.text() << "\n"; });
     return 0;
   }
   t->printOrdered(std::cout, limit);
@@ -266,9 +265,23 @@ int watch(std::string const& root, std::vector<std::string> const& args) {
   status->mountIs(path, Vorn::Status::Mode::reader);
   Kiv::EventLoop loop;
   std::size_t seen = 0;
+  // Routes print in their plain form, outgoing interfaces named through
+  // the table's own oifIndexIntf table.
+  auto const* mfib = dynamic_cast<Vorn::Multicast::Fib::Status const*>(status.ptr());
+  OifNamer const oif = oifNamer(mfib, nullptr);
   status->changeHookIs([&](Vorn::TableBase const& t, void const* key) {
     std::cout << t.name() << ": ";
-    t.printKey(std::cout, key);
+    if (mfib != nullptr && &t == &mfib->routeTable()) {
+      Routing::Multicast::Fib::IpGenRouteKey k;
+      std::memcpy(static_cast<void*>(&k), key, sizeof k);
+      Vorn::Multicast::Fib::Route const r = mfib->route(k);
+      if (r == Vorn::Multicast::Fib::Route())
+        std::cout << routeKeyPlain(k).text() << " deleted";
+      else
+        std::cout << routePlain(r, oif).text();
+    } else {
+      t.printKey(std::cout, key);
+    }
     std::cout << std::endl;
     ++seen;
   });
@@ -306,10 +319,14 @@ Command const commands[] = {
      "slots and tombstones.\n",
      show},
     {"dump",
-     "usage: vornctl dump <region> <table> [--limit N] [--bitmapper <region>]\n\nPrints a table's records in key "
-     "order, one line each, through the schema's\nprinters; a type unknown to this tool prints as raw hex ('key -> "
-     "record').\nAn MFIB route table names its outgoing interfaces through the bit mapper\ntable given with "
-     "--bitmapper, else the one the MFIB directory announces\nbeside it, else its own oifIndexIntf table.\n",
+     "usage: vornctl dump <region> <table> [--limit N] [--bitmapper <region>] [--json]\n\nPrints a table's records "
+     "in key order, one line each, through the schema's\nprinters; a type unknown to this tool prints as raw hex "
+     "('key -> record').\nAn MFIB route prints as '(10.0.0.1, 239.1.1.1) priority 1 version 3 oif {Ethernet2}'\n"
+     "('*' for any source) and names its outgoing interfaces through the bit\nmapper table given with --bitmapper, "
+     "else the one the MFIB directory\nannounces beside it, else its own oifIndexIntf table.\n"
+     "With --json each record is an object of typed fields: an MFIB route's key\n{\"source\", \"group\"}, "
+     "intf1..intf4, "
+     "flags, priority, version, rpaIndex and\noifs (interface names, or the index where none is known).\n",
      dump},
     {"watch",
      "usage: vornctl watch <region> [--count N] [--seconds S]\n\nFollows the region like a reader does and prints "

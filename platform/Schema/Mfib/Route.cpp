@@ -4,7 +4,9 @@
 #include <sstream>
 
 #include "Kiv/Exception.h"
+#include "Kiv/ValuePlain.h"
 #include "Kiv/ValueText.h"
+#include "Schema/Mfib/RoutePlain.h"
 
 namespace Vorn::Multicast::Fib {
 
@@ -117,5 +119,70 @@ std::ostream& printRoute(std::ostream& os, Route const& r,
   }
   return os << "}";
 }
+
+Kiv::Plain routePlain(Route const& r, std::function<Kiv::Plain(OifIndex)> const& oif) {
+  Kiv::Plain const key = routeKeyPlain(r.key());
+  Kiv::Plain p = Kiv::Plain::object();
+  p.field("key", key);
+  std::string text =
+      key.text() + " priority " + std::to_string(r.priority().value()) + " version " + std::to_string(r.version());
+  Wirly::IntfId const intfs[] = {r.specialIntf1(), r.specialIntf2(), r.specialIntf3(), r.specialIntf4()};
+  for (int i = 0; i < 4; ++i) {
+    std::string const name = "intf" + std::to_string(i + 1);
+    p.field(name, intfs[i].empty() ? Kiv::Plain::none() : Kiv::Plain::string(intfs[i].name()));
+    if (!intfs[i].empty()) text += " " + name + " " + intfs[i].name();
+  }
+  p.field("flags", Kiv::Plain::number(r.flags()))
+      .field("priority", Kiv::Plain::number(unsigned(r.priority().value())))
+      .field("version", Kiv::Plain::number(r.version()))
+      .field("rpaIndex", Kiv::Plain::number(r.rpaIndex().value()));
+  if (r.flags()) {
+    std::ostringstream hex;
+    hex << std::hex << r.flags();
+    text += " flags 0x" + hex.str();
+  }
+  Kiv::Plain oifs = Kiv::Plain::list();
+  text += " oif {";
+  for (OifIndex i = r.firstOif(); !i.isEnd(); i = r.nextOif(i)) {
+    Kiv::Plain o = oif(i);
+    text += (oifs.elements().empty() ? "" : ", ") + o.text();
+    oifs.add(std::move(o));
+  }
+  p.field("oifs", std::move(oifs));
+  return p.textIs(text + "}");
+}
+
+namespace {
+
+// The indices of the text form's "{1, 2}".
+void oifsFromText(Route& r, std::string_view t) {
+  std::size_t i = 0;
+  while (i < t.size()) {
+    if (t[i] < '0' || t[i] > '9') {
+      ++i;
+      continue;
+    }
+    std::size_t j = i;
+    while (j < t.size() && t[j] >= '0' && t[j] <= '9') ++j;
+    r.oifIs(OifIndex::fromStrep(t.substr(i, j - i)), true);
+    i = j;
+  }
+}
+
+Kiv::PlainForm const plainForm("Vorn::Multicast::Fib::Route", [](Kiv::ValueReader const& f) {
+  Route r(IpGenRouteKey::fromStrep(f.raw("key")));
+  r.specialIntf1Is(f.get<Wirly::IntfId>("specialIntf1"));
+  r.specialIntf2Is(f.get<Wirly::IntfId>("specialIntf2"));
+  r.specialIntf3Is(f.get<Wirly::IntfId>("specialIntf3"));
+  r.specialIntf4Is(f.get<Wirly::IntfId>("specialIntf4"));
+  r.flagsIs(f.get<std::uint32_t>("flags"));
+  r.priorityIs(RoutePriority(f.get<std::uint8_t>("priority")));
+  r.versionIs(f.get<std::uint32_t>("version"));
+  r.rpaIndexIs(RpaIndex(f.get<std::uint32_t>("rpaIndex")));
+  oifsFromText(r, f.get<std::string>("oif"));
+  return routePlain(r, [](OifIndex i) { return Kiv::Plain::number(i.value()); });
+});
+
+}  // namespace
 
 }  // namespace Vorn::Multicast::Fib
