@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <net/if.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -29,10 +30,11 @@
 #include "MrtNotify/MrtIcmpV6RelaySm.h"
 #include "MrtNotify/MrtNotifySm.h"
 #include "RouteEngine.h"
+#include "RoutingSocketReader.h"
 #include "Show.h"
 #include "Stelo/EntityManager.h"
 #include "Stelo/Mount.h"
-#include "UnresolvedScan.h"
+#include "UpcallRecovery.h"
 #include "Wirly/Pam.h"
 #include "Wirly/Sys.h"
 
@@ -45,14 +47,6 @@ using Vorn::Multicast::Fib::MfibDirColl;
 namespace {
 
 constexpr double kRetryPeriod = 1.0;  // seconds between retries of refused entries
-// While the kernel holds flows unresolved, look again this soon; a lost
-// report costs at most this much more than a delivered one.
-constexpr double kRescanDelay = 0.02;
-constexpr int kMaxRescans = 50;
-// Reports may be lost without any error the agent sees (another reader's
-// queue, a dropped datagram): after upcalls, look once a second for this long.
-constexpr double kQuietScanPeriod = 1.0;
-constexpr double kQuietScanWindow = 10.0;
 // A drop entry whose flow stopped this long ago goes (see expireDrops).
 constexpr std::uint64_t kDropIdleNs = 60'000'000'000ull;
 constexpr int kDropCheckEvery = 10;  // retry periods
@@ -60,6 +54,9 @@ constexpr int kDropCheckEvery = 10;  // retry periods
 // MROUTE_AGENT_RCVBUF (bytes) overrides it, to measure the recovery of what
 // a small queue loses.
 constexpr int kUpcallRcvBuf = 32 << 20;
+// Queue of the routing socket: the kernel holds a flow's first packet only
+// if it could queue the flow's upcall here, so a burst must fit whole.
+constexpr int kRoutingRcvBuf = 64 << 20;
 
 int upcallRcvBuf() {
   char const* v = Wirly::Sys::sys().getenv("MROUTE_AGENT_RCVBUF");
@@ -129,7 +126,7 @@ class AgentImpl {
     std::unique_ptr<RxErrorWatch> errors;
     Kiv::Ptr<MrtIcmpV6RelaySm> relay;
     bool ownSocketUpcalls = false;  // IPv4 without netlink reports
-    std::uint64_t drained = 0;
+    std::unique_ptr<RoutingSocketReader> routing;
   };
 
   bool doIntfs();
@@ -137,10 +134,10 @@ class AgentImpl {
   bool doKernel(Family& f);
   bool doSockets();
   bool doUpcalls(Family& f);
-  void handleRoutingSocket(Family& f);
+  void handleRoutingDatagram(Family& f, std::uint8_t const* data, std::size_t len);
+  // Whether any upcall socket still holds datagrams.
+  bool upcallsQueued() const;
   void emit(std::string const& line);
-  void requestScan(double delay);
-  void doScan();
   // One line for what the upcall budget refused since the last one.
   void doBudgetLine();
   void handleLink(int ifIndex, bool up);
@@ -158,12 +155,9 @@ class AgentImpl {
   Kiv::EventLoop::TimerId flushTimer_ = 0;
   Kiv::EventLoop::TimerId retryTimer_ = 0;
   std::FILE* flowLog_ = nullptr;
-  UnresolvedScan scan_;
-  Kiv::EventLoop::TimerId scanTimer_ = 0;
-  int rescans_ = 0;
-  std::uint64_t upcallsAtScan_ = 0;  // routed upcalls seen by the last scan
-  double lastUpcallSeen_ = -1e9;
+  Kiv::Ptr<UpcallRecovery> recovery_;
   std::uint64_t ticks_ = 0;
+  std::uint64_t refusalsRetried_ = 0;  // the engine's refusal count at the last retry
   std::array<std::uint64_t, 3> budgetSeen_{};
   std::unique_ptr<LinkWatch> links_;
   std::unique_ptr<ShowServer> show_;
@@ -176,12 +170,13 @@ AgentImpl::~AgentImpl() {
   show_.reset();
   if (links_ && links_->fd() >= 0 && loop_.readable(links_->fd())) loop_.readableDel(links_->fd());
   links_.reset();
-  if (scanTimer_) loop_.timerDel(scanTimer_);
+  recovery_ = nullptr;
   if (flushTimer_) loop_.timerDel(flushTimer_);
   dirSm_ = nullptr;
   for (auto& f : families_) {
     if (f->mfc && f->mfc->fd() >= 0 && loop_.readable(f->mfc->fd())) loop_.readableDel(f->mfc->fd());
     f->relay = nullptr;
+    f->routing.reset();
     f->errors.reset();
     f->watch.reset();
     f->sm = nullptr;
@@ -329,29 +324,21 @@ bool AgentImpl::doKernel(Family& f) {
   return true;
 }
 
-void AgentImpl::handleRoutingSocket(Family& f) {
-  // The routing socket also receives the upcalls (and, for IPv4, IGMP):
-  // read them when they are the agent's source, else drop them so the
-  // queue never holds memory.
-  Wirly::Sys& sys = Wirly::Sys::sys();
-  for (int n = 0; n < 256; ++n) {
-    if (f.ownSocketUpcalls) {
-      Kiv::Ptr<Wirly::Pkt> pkt = Wirly::PktManager::global().newPkt(65535);
-      pkt->headDataIs(65535);
-      ssize_t const got = sys.recv(f.mfc->fd(), pkt->data(), pkt->len(), MSG_DONTWAIT);
-      if (got < 0) {
-        if (errno != ENOBUFS) return;
-        requestScan(0);
-        continue;
-      }
-      pkt->trim(static_cast<std::size_t>(got));
-      f.manager->readMrtMessage(pkt, engine_->kernelStatus(f.af));
-    } else {
-      char buf[2048];
-      if (sys.recv(f.mfc->fd(), buf, sizeof buf, MSG_DONTWAIT) < 0 && errno != ENOBUFS) return;
-      ++f.drained;
-    }
+void AgentImpl::handleRoutingDatagram(Family& f, std::uint8_t const* data, std::size_t len) {
+  Kiv::Ptr<Wirly::Pkt> pkt = Wirly::PktManager::global().newPkt(len);
+  pkt->headDataIs(len);
+  std::memcpy(pkt->data(), data, len);
+  f.manager->readMrtMessage(pkt, engine_->kernelStatus(f.af));
+}
+
+bool AgentImpl::upcallsQueued() const {
+  std::vector<pollfd> fds;
+  for (auto const& f : families_) {
+    if (f->mfc && f->routing) fds.push_back({f->mfc->fd(), POLLIN, 0});
+    if (f->manager && f->manager->pam() && f->manager->pam()->fileDesc())
+      fds.push_back({f->manager->pam()->fileDesc()->fd(), POLLIN, 0});
   }
+  return !fds.empty() && ::poll(fds.data(), fds.size(), 0) > 0;
 }
 
 bool AgentImpl::doUpcalls(Family& f) {
@@ -378,8 +365,9 @@ bool AgentImpl::doUpcalls(Family& f) {
       f.sm->loopQuantumIs(0.05);
       f.sm->handleInitialized();
       if (f.manager->pam()->fileDesc()) setRcvBuf(f.manager->pam()->fileDesc()->fd(), upcallRcvBuf());
+      // The kernel says ENOBUFS when the report queue overran.
       if (auto nl = Kiv::ptrCast<MrtNotifyNetlinkSocketPam>(f.manager->pam()))
-        f.errors = std::make_unique<RxErrorWatch>(nl, [this] { requestScan(0); });
+        f.errors = std::make_unique<RxErrorWatch>(nl, [this, af = f.af] { recovery_->handleLoss(af); });
     }
     if (f.af == Wirly::ipv6 && noNetlink) {
       // The kernel is taken to have no IPv6 netlink reports: the relay reads
@@ -393,7 +381,16 @@ bool AgentImpl::doUpcalls(Family& f) {
               << std::strerror(e.error()) << "\n";
     return false;
   }
-  if (!f.relay) loop_.readableIs(f.mfc->fd(), [this, &f] { handleRoutingSocket(f); });
+  recovery_->familyIs(f.af);
+  if (!f.relay) {
+    setRcvBuf(f.mfc->fd(), kRoutingRcvBuf);
+    RoutingSocketReader::Datagram parse;
+    if (f.ownSocketUpcalls)
+      parse = [this, &f](std::uint8_t const* p, std::size_t n) { handleRoutingDatagram(f, p, n); };
+    f.routing = std::make_unique<RoutingSocketReader>(f.mfc->fd(), parse);
+    f.routing->dropsIs([this](std::uint64_t n) { recovery_->routingSocketDropsInc(n); });
+    loop_.readableIs(f.mfc->fd(), [&f] { f.routing->handleReadable(); });
+  }
   return true;
 }
 
@@ -418,6 +415,11 @@ int AgentImpl::start() {
     families_.back()->af = af;
     if (!doKernel(*families_.back())) return 1;
   }
+  recovery_ = UpcallRecovery::upcallRecoveryIs(
+      "upcallRecovery", &loop_, [this](Wirly::AddressFamily af, Wirly::IpGenAddr const& s, Wirly::IpGenAddr const& g) {
+        engine_->handleRecovered(af, s, g);
+      });
+  recovery_->pendingIs([this] { return upcallsQueued(); });
   for (auto& f : families_)
     if (!doUpcalls(*f)) return 1;
   if (flowLog_) {
@@ -438,6 +440,7 @@ int AgentImpl::start() {
   introspectRoot_->entryIs("kernelMfib4", engine_->kernelStatus(Wirly::ipv4));
   introspectRoot_->entryIs("kernelMfib6", engine_->kernelStatus(Wirly::ipv6));
   introspectRoot_->entryIs("upcallBudget", engine_->budget());
+  introspectRoot_->entryIs("upcallRecovery", recovery_);
   for (auto& f : families_)
     if (f->manager) introspectRoot_->entryIs(f->af == Wirly::ipv4 ? "upcalls4" : "upcalls6", f->manager);
   links_ = std::make_unique<LinkWatch>([this](int ifIndex, bool up) { handleLink(ifIndex, up); });
@@ -450,7 +453,7 @@ int AgentImpl::start() {
   loop_.readableIs(links_->fd(), [this] { links_->handleReadable(); });
   links_->handleReadable();
   // Flows the kernel held before this agent could hear of them.
-  doScan();
+  recovery_->doScan();
   emit("ready");
   std::fflush(stdout);
   return 0;
@@ -459,35 +462,6 @@ int AgentImpl::start() {
 void AgentImpl::handleLink(int ifIndex, bool up) {
   for (IntfConfig const& c : intfs_)
     if (c.ifIndex == ifIndex) engine_->handleLink(c.id, up);
-}
-
-void AgentImpl::requestScan(double delay) {
-  if (scanTimer_ != 0) return;
-  scanTimer_ = loop_.timerIs(delay, [this] {
-    scanTimer_ = 0;
-    doScan();
-  });
-}
-
-void AgentImpl::doScan() {
-  std::size_t unresolved = 0;
-  std::uint64_t const refusedBefore = engine_->refusedUnrouted();
-  for (auto& f : families_) {
-    if (!f->mfc) continue;
-    for (UnresolvedScan::Flow const& flow : scan_.scan(f->af)) {
-      engine_->handleRecovered(f->af, flow.source, flow.group);
-      ++unresolved;
-    }
-  }
-  // Flows the budget refused stay unresolved until the kernel gives up on
-  // them: looking again soon would only find them again.
-  unresolved -= std::min<std::uint64_t>(unresolved, engine_->refusedUnrouted() - refusedBefore);
-  upcallsAtScan_ = engine_->routedUpcalls();
-  if (unresolved != 0 && ++rescans_ <= kMaxRescans) {
-    requestScan(kRescanDelay);
-    return;
-  }
-  if (unresolved == 0) rescans_ = 0;
 }
 
 void AgentImpl::doBudgetLine() {
@@ -504,21 +478,18 @@ void AgentImpl::doBudgetLine() {
 
 void AgentImpl::run(std::function<bool()> const& stop) {
   retryTimer_ = 0;
+  // Once a second, and costing nothing while there is nothing to do: each
+  // step below walks the entries only when some need it (a refusal since the
+  // last retry, or one still refused; drop entries held).
   std::function<void()> retry = [this, &retry] {
-    if (engine_->failedEntries() != 0) engine_->retryFailed();
-    if (flowLog_) std::fflush(flowLog_);
-    double const now = Kiv::System::currentTime();
-    // Only a lost report of a routed flow costs traffic; reports of flows
-    // without a route come by the thousand in a flood, and each scan then
-    // reads every flow the kernel holds.
-    if (engine_->routedUpcalls() != upcallsAtScan_) {
-      lastUpcallSeen_ = now;
-      upcallsAtScan_ = engine_->routedUpcalls();
+    if (engine_->writeRefusals() != refusalsRetried_) {
+      refusalsRetried_ = engine_->writeRefusals();
+      engine_->retryFailed();  // a write refused again counts anew: retried next time
     }
+    if (flowLog_) std::fflush(flowLog_);
     doBudgetLine();
-    if (now - lastUpcallSeen_ < kQuietScanWindow) requestScan(0);
-    if (++ticks_ % kDropCheckEvery == 0) engine_->expireDrops(kDropIdleNs);
-    retryTimer_ = loop_.timerIs(kRetryPeriod < kQuietScanPeriod ? kRetryPeriod : kQuietScanPeriod, retry);
+    if (++ticks_ % kDropCheckEvery == 0 && engine_->budget()->dropEntries() != 0) engine_->expireDrops(kDropIdleNs);
+    retryTimer_ = loop_.timerIs(kRetryPeriod, retry);
   };
   retryTimer_ = loop_.timerIs(kRetryPeriod, retry);
   // Event lines go out once per turn of the loop, before it waits again: a
