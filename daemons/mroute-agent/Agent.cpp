@@ -71,13 +71,23 @@ void setRcvBuf(int fd, int bytes) {
     sys.setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
 }
 
-// Hands each parsed upcall of one family to the engine as its counter moves.
+// One no-cache report, as parsed.
+struct NoCache {
+  Wirly::AddressFamily af;
+  Wirly::IpGenAddr source;
+  Wirly::IpGenAddr group;
+  Wirly::IntfId intf;
+};
+
+// Hands each parsed upcall of one family on as its counter moves: no-cache
+// reports to the batch, the others to the engine at once.
 class UpcallWatch : public MrtNotifyPamManager::NotifieeConst {
  public:
-  UpcallWatch(Kiv::Ptr<MrtNotifyPamManager> const& m, RouteEngine* engine) : NotifieeConst(m), engine_(engine) {}
+  UpcallWatch(Kiv::Ptr<MrtNotifyPamManager> const& m, RouteEngine* engine, std::function<void(NoCache&&)> noCache)
+      : NotifieeConst(m), engine_(engine), noCache_(std::move(noCache)) {}
   void onNoCacheCounter() override {
     auto const& m = *notifier()->noCacheMessage();
-    engine_->handleNoCache(notifier()->af(), m.source(), m.group(), m.intfId());
+    noCache_({notifier()->af(), m.source(), m.group(), m.intfId()});
   }
   void onWrongVifCounter() override {
     auto const& m = *notifier()->wrongVifMessage();
@@ -90,6 +100,7 @@ class UpcallWatch : public MrtNotifyPamManager::NotifieeConst {
 
  private:
   RouteEngine* engine_;
+  std::function<void(NoCache&&)> noCache_;
 };
 
 // A netlink receive error is a queue overflow: reports were lost.
@@ -135,6 +146,9 @@ class AgentImpl {
   bool doSockets();
   bool doUpcalls(Family& f);
   void handleRoutingDatagram(Family& f, std::uint8_t const* data, std::size_t len);
+  // Queues a no-cache report for the batch that ends this turn of the loop.
+  void handleNoCache(NoCache&& r);
+  void doNoCacheBatch();
   // Whether any upcall socket still holds datagrams.
   bool upcallsQueued() const;
   void emit(std::string const& line);
@@ -156,6 +170,8 @@ class AgentImpl {
   Kiv::EventLoop::TimerId retryTimer_ = 0;
   std::FILE* flowLog_ = nullptr;
   Kiv::Ptr<UpcallRecovery> recovery_;
+  std::vector<NoCache> noCacheBatch_;
+  Kiv::EventLoop::TimerId batchTimer_ = 0;
   std::uint64_t ticks_ = 0;
   std::uint64_t refusalsRetried_ = 0;  // the engine's refusal count at the last retry
   std::array<std::uint64_t, 3> budgetSeen_{};
@@ -171,6 +187,7 @@ AgentImpl::~AgentImpl() {
   if (links_ && links_->fd() >= 0 && loop_.readable(links_->fd())) loop_.readableDel(links_->fd());
   links_.reset();
   recovery_ = nullptr;
+  if (batchTimer_) loop_.timerDel(batchTimer_);
   if (flushTimer_) loop_.timerDel(flushTimer_);
   dirSm_ = nullptr;
   for (auto& f : families_) {
@@ -331,6 +348,24 @@ void AgentImpl::handleRoutingDatagram(Family& f, std::uint8_t const* data, std::
   f.manager->readMrtMessage(pkt, engine_->kernelStatus(f.af));
 }
 
+void AgentImpl::handleNoCache(NoCache&& r) {
+  noCacheBatch_.push_back(std::move(r));
+  if (batchTimer_ == 0)
+    batchTimer_ = loop_.timerIs(0, [this] {
+      batchTimer_ = 0;
+      doNoCacheBatch();
+    });
+}
+
+void AgentImpl::doNoCacheBatch() {
+  // Newest first: the kernel keeps its unresolved flows newest first and
+  // searches them from there when an entry is written, so the reverse order
+  // would walk past every flow still waiting, for every entry.
+  std::vector<NoCache> batch;
+  batch.swap(noCacheBatch_);
+  for (auto it = batch.rbegin(); it != batch.rend(); ++it) engine_->handleNoCache(it->af, it->source, it->group, it->intf);
+}
+
 bool AgentImpl::upcallsQueued() const {
   std::vector<pollfd> fds;
   for (auto const& f : families_) {
@@ -359,7 +394,7 @@ bool AgentImpl::doUpcalls(Family& f) {
       }
     }
     f.manager->optionsIs(nocache | wrongvif | wholepkt);
-    f.watch = std::make_unique<UpcallWatch>(f.manager, engine_.get());
+    f.watch = std::make_unique<UpcallWatch>(f.manager, engine_.get(), [this](NoCache&& r) { handleNoCache(std::move(r)); });
     if (!f.ownSocketUpcalls) {
       f.sm = mrtNotifySmFactory(f.manager, engine_->kernelStatus(f.af));
       f.sm->loopQuantumIs(0.05);
