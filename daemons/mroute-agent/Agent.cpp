@@ -397,7 +397,11 @@ bool AgentImpl::doUpcalls(Family& f) {
     f.watch = std::make_unique<UpcallWatch>(f.manager, engine_.get(), [this](NoCache&& r) { handleNoCache(std::move(r)); });
     if (!f.ownSocketUpcalls) {
       f.sm = mrtNotifySmFactory(f.manager, engine_->kernelStatus(f.af));
-      f.sm->loopQuantumIs(0.05);
+      // A review reads what is queued before any of it is installed (the
+      // batch, newest first): with a backlog, installing oldest reports while
+      // newer ones wait unread would walk the kernel's whole waiting list
+      // for every entry. Without one, a review ends as soon as the queue is empty.
+      f.sm->loopQuantumIs(0.5);
       f.sm->handleInitialized();
       if (f.manager->pam()->fileDesc()) setRcvBuf(f.manager->pam()->fileDesc()->fd(), upcallRcvBuf());
       // The kernel says ENOBUFS when the report queue overran.
@@ -424,7 +428,9 @@ bool AgentImpl::doUpcalls(Family& f) {
       parse = [this, &f](std::uint8_t const* p, std::size_t n) { handleRoutingDatagram(f, p, n); };
     f.routing = std::make_unique<RoutingSocketReader>(f.mfc->fd(), parse);
     f.routing->dropsIs([this](std::uint64_t n) { recovery_->routingSocketDropsInc(n); });
-    loop_.readableIs(f.mfc->fd(), [&f] { f.routing->handleReadable(); });
+    // Where it is the source of reports, a turn reads a backlog whole (as above).
+    unsigned const batches = f.ownSocketUpcalls ? 1024 : 16;
+    loop_.readableIs(f.mfc->fd(), [&f, batches] { f.routing->handleReadable(batches); });
   }
   return true;
 }
