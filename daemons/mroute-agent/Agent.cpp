@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <net/if.h>
+#include <linux/sock_diag.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -57,6 +58,10 @@ constexpr int kUpcallRcvBuf = 32 << 20;
 // Queue of the routing socket: the kernel holds a flow's first packet only
 // if it could queue the flow's upcall here, so a burst must fit whole.
 constexpr int kRoutingRcvBuf = 64 << 20;
+// Every this many reports a batch looks at what is still queued; a report
+// takes about this much of the queue (as the kernel counts it).
+constexpr std::size_t kBatchCheck = 256;
+constexpr std::size_t kReportBytes = 1024;
 
 int upcallRcvBuf() {
   char const* v = Wirly::Sys::sys().getenv("MROUTE_AGENT_RCVBUF");
@@ -149,6 +154,8 @@ class AgentImpl {
   // Queues a no-cache report for the batch that ends this turn of the loop.
   void handleNoCache(NoCache&& r);
   void doNoCacheBatch();
+  // Bytes the kernel holds queued on the report socket of af.
+  std::size_t reportBytesQueued(Wirly::AddressFamily af) const;
   // Whether any upcall socket still holds datagrams.
   bool upcallsQueued() const;
   void emit(std::string const& line);
@@ -349,7 +356,15 @@ void AgentImpl::handleRoutingDatagram(Family& f, std::uint8_t const* data, std::
 }
 
 void AgentImpl::handleNoCache(NoCache&& r) {
+  Wirly::AddressFamily const af = r.af;
   noCacheBatch_.push_back(std::move(r));
+  // A batch ends early once little is left queued behind it: then its
+  // newest flows are at the head of the kernel's list anyway, and the
+  // oldest need not wait for a steady stream to pause.
+  if (noCacheBatch_.size() % kBatchCheck == 0 && reportBytesQueued(af) < kBatchCheck * kReportBytes) {
+    doNoCacheBatch();
+    return;
+  }
   if (batchTimer_ == 0)
     batchTimer_ = loop_.timerIs(0, [this] {
       batchTimer_ = 0;
@@ -364,6 +379,18 @@ void AgentImpl::doNoCacheBatch() {
   std::vector<NoCache> batch;
   batch.swap(noCacheBatch_);
   for (auto it = batch.rbegin(); it != batch.rend(); ++it) engine_->handleNoCache(it->af, it->source, it->group, it->intf);
+}
+
+std::size_t AgentImpl::reportBytesQueued(Wirly::AddressFamily af) const {
+  for (auto const& f : families_) {
+    if (f->af != af || !f->manager || !f->manager->pam() || !f->manager->pam()->fileDesc()) continue;
+    std::uint32_t mem[SK_MEMINFO_VARS] = {};
+    socklen_t len = sizeof mem;
+    if (Wirly::Sys::sys().getsockopt(f->manager->pam()->fileDesc()->fd(), SOL_SOCKET, SO_MEMINFO, mem, &len) != 0)
+      return 0;
+    return mem[SK_MEMINFO_RMEM_ALLOC];
+  }
+  return 0;
 }
 
 bool AgentImpl::upcallsQueued() const {
