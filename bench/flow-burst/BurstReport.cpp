@@ -4,10 +4,10 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <iomanip>
 #include <istream>
 #include <ostream>
-#include <cstring>
 #include <sstream>
 
 namespace FlowBurst {

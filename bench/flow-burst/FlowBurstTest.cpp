@@ -125,7 +125,8 @@ TEST(MfcEventTest, EachKindOfNotificationDecodesFromOneDatagram) {
 
 TEST(MfcEventTest, ForeignShortAndIncompleteMessagesAreSkipped) {
   Datagram d;
-  // IPv6's family with IPv4's address length, a unicast route, a wrong-VIF report, an address of the wrong length, no group.
+  // IPv6's family with IPv4's address length, a unicast route, a wrong-VIF report, an
+  // address of the wrong length, no group.
   d.route(RTM_NEWROUTE, RTNL_FAMILY_IP6MR, 0).addr(RTA_SRC, "10.0.1.2").addr(RTA_DST, "225.1.0.1");
   d.route(RTM_NEWROUTE, AF_INET, 0).addr(RTA_SRC, "10.0.1.2").addr(RTA_DST, "225.1.0.1");
   d.report(RTNL_FAMILY_IPMR)

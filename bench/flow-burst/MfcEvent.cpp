@@ -142,8 +142,7 @@ std::size_t readMfc6Cache(std::istream& in, std::function<void(MfcCacheLine cons
     int iif;
     if (std::sscanf(line.c_str(), "%63s %63s %d", grp, src, &iif) != 3) continue;
     MfcCacheLine l{};
-    if (::inet_pton(AF_INET6, grp, l.group6.data()) != 1 || ::inet_pton(AF_INET6, src, l.source6.data()) != 1)
-      continue;
+    if (::inet_pton(AF_INET6, grp, l.group6.data()) != 1 || ::inet_pton(AF_INET6, src, l.source6.data()) != 1) continue;
     std::uint32_t be;
     std::memcpy(&be, l.group6.data() + 12, sizeof(be));
     l.group = ntohl(be);

@@ -1,8 +1,8 @@
 #include "Agent.h"
 
 #include <errno.h>
-#include <net/if.h>
 #include <linux/sock_diag.h>
+#include <net/if.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -378,7 +378,8 @@ void AgentImpl::doNoCacheBatch() {
   // would walk past every flow still waiting, for every entry.
   std::vector<NoCache> batch;
   batch.swap(noCacheBatch_);
-  for (auto it = batch.rbegin(); it != batch.rend(); ++it) engine_->handleNoCache(it->af, it->source, it->group, it->intf);
+  for (auto it = batch.rbegin(); it != batch.rend(); ++it)
+    engine_->handleNoCache(it->af, it->source, it->group, it->intf);
 }
 
 std::size_t AgentImpl::reportBytesQueued(Wirly::AddressFamily af) const {
@@ -421,7 +422,8 @@ bool AgentImpl::doUpcalls(Family& f) {
       }
     }
     f.manager->optionsIs(nocache | wrongvif | wholepkt);
-    f.watch = std::make_unique<UpcallWatch>(f.manager, engine_.get(), [this](NoCache&& r) { handleNoCache(std::move(r)); });
+    f.watch =
+        std::make_unique<UpcallWatch>(f.manager, engine_.get(), [this](NoCache&& r) { handleNoCache(std::move(r)); });
     if (!f.ownSocketUpcalls) {
       f.sm = mrtNotifySmFactory(f.manager, engine_->kernelStatus(f.af));
       // A review reads what is queued before any of it is installed (the

@@ -42,9 +42,9 @@
 namespace MrouteAgent {
 
 struct UpcallRecoverySettings {
-  double settleS = 0.01;      // between two looks at the report queues
-  double maxSettleS = 2.0;    // scan even if the queues never empty
-  double minScanGapS = 1.0;   // between two scans of one family
+  double settleS = 0.01;     // between two looks at the report queues
+  double maxSettleS = 2.0;   // scan even if the queues never empty
+  double minScanGapS = 1.0;  // between two scans of one family
 };
 
 class UpcallRecovery : public Kiv::Entity {

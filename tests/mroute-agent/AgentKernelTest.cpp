@@ -367,7 +367,8 @@ class AgentKernelTest : public testing::Test {
 
 // The running agent's recovery counters, as kivctl reads them.
 std::string recoveryCounters(AgentKernelTest const& t) {
-  return shell("KIV_INTROSPECT_DIR=" + t.dir() + "/kiv " + KIVCTL_PATH + " --agent agent-test --json get /upcallRecovery");
+  return shell("KIV_INTROSPECT_DIR=" + t.dir() + "/kiv " + KIVCTL_PATH +
+               " --agent agent-test --json get /upcallRecovery");
 }
 
 TEST_F(AgentKernelTest, ForwardsWhatTheTablesSayAndFollowsRouteAndLinkChanges) {

@@ -43,9 +43,9 @@ class RecoverySys : public Wirly::Sys {
     for (int fd : open_) ::close(fd);
   }
 
-  std::vector<std::uint8_t> dumpFamilies;   // rtm_family of each dump request
-  std::vector<std::uint32_t> unresolved4;   // groups held unresolved, source 10.0.0.1
-  std::deque<Datagram> routing;             // what the routing socket holds
+  std::vector<std::uint8_t> dumpFamilies;  // rtm_family of each dump request
+  std::vector<std::uint32_t> unresolved4;  // groups held unresolved, source 10.0.0.1
+  std::deque<Datagram> routing;            // what the routing socket holds
   int routingFd = -1;
 
   int socket(int, int, int) override {
@@ -145,8 +145,7 @@ class UpcallRecoveryTest : public testing::Test {
  protected:
   UpcallRecoveryTest() {
     rec_ = UpcallRecovery::upcallRecoveryIs(
-        "upcallRecovery", &loop_,
-        [this](Wirly::AddressFamily, Wirly::IpGenAddr const& s, Wirly::IpGenAddr const& g) {
+        "upcallRecovery", &loop_, [this](Wirly::AddressFamily, Wirly::IpGenAddr const& s, Wirly::IpGenAddr const& g) {
           found_.push_back(s.str() + " " + g.str());
         });
     // Settle 1 ms, scan anyway after 0.5 s, scans 0.5 s apart: margins a busy
