@@ -12,6 +12,7 @@
 #include <array>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <iostream>
 #include <map>
 #include <string_view>
@@ -62,6 +63,8 @@ constexpr int kRoutingRcvBuf = 64 << 20;
 // takes about this much of the queue (as the kernel counts it).
 constexpr std::size_t kBatchCheck = 256;
 constexpr std::size_t kReportBytes = 1024;
+// A report waiting this long is taken up before newer ones (seconds).
+constexpr double kMaxReportWaitS = 2.0;
 
 int upcallRcvBuf() {
   char const* v = Wirly::Sys::sys().getenv("MROUTE_AGENT_RCVBUF");
@@ -78,6 +81,7 @@ void setRcvBuf(int fd, int bytes) {
 
 // One no-cache report, as parsed.
 struct NoCache {
+  double seenAt;  // when it was parsed (the framework clock)
   Wirly::AddressFamily af;
   Wirly::IpGenAddr source;
   Wirly::IpGenAddr group;
@@ -92,7 +96,7 @@ class UpcallWatch : public MrtNotifyPamManager::NotifieeConst {
       : NotifieeConst(m), engine_(engine), noCache_(std::move(noCache)) {}
   void onNoCacheCounter() override {
     auto const& m = *notifier()->noCacheMessage();
-    noCache_({notifier()->af(), m.source(), m.group(), m.intfId()});
+    noCache_({Kiv::System::currentTime(), notifier()->af(), m.source(), m.group(), m.intfId()});
   }
   void onWrongVifCounter() override {
     auto const& m = *notifier()->wrongVifMessage();
@@ -154,6 +158,8 @@ class AgentImpl {
   // Queues a no-cache report for the batch that ends this turn of the loop.
   void handleNoCache(NoCache&& r);
   void doNoCacheBatch();
+  // Whether reports wait unread on a socket the batch is fed from.
+  bool reportsWaiting() const;
   // Bytes the kernel holds queued on the report socket of af.
   std::size_t reportBytesQueued(Wirly::AddressFamily af) const;
   // Whether any upcall socket still holds datagrams.
@@ -177,7 +183,7 @@ class AgentImpl {
   Kiv::EventLoop::TimerId retryTimer_ = 0;
   std::FILE* flowLog_ = nullptr;
   Kiv::Ptr<UpcallRecovery> recovery_;
-  std::vector<NoCache> noCacheBatch_;
+  std::deque<NoCache> noCacheBatch_;  // oldest first
   Kiv::EventLoop::TimerId batchTimer_ = 0;
   std::uint64_t ticks_ = 0;
   std::uint64_t refusalsRetried_ = 0;  // the engine's refusal count at the last retry
@@ -373,13 +379,40 @@ void AgentImpl::handleNoCache(NoCache&& r) {
 }
 
 void AgentImpl::doNoCacheBatch() {
-  // Newest first: the kernel keeps its unresolved flows newest first and
-  // searches them from there when an entry is written, so the reverse order
-  // would walk past every flow still waiting, for every entry.
-  std::vector<NoCache> batch;
-  batch.swap(noCacheBatch_);
-  for (auto it = batch.rbegin(); it != batch.rend(); ++it)
-    engine_->handleNoCache(it->af, it->source, it->group, it->intf);
+  // Newest first: the kernel keeps its waiting flows newest first and
+  // searches them from there when an entry is written, so any other order
+  // walks past every flow still waiting, for every entry; and reports that
+  // came since go first too, so a chunk at a time and then read again. A
+  // report that has waited long goes first all the same: the kernel drops a
+  // waiting flow's packet after about 10 s.
+  std::size_t done = 0;
+  while (!noCacheBatch_.empty()) {
+    if (++done % kBatchCheck == 0 && reportsWaiting()) {
+      if (batchTimer_ == 0)
+        batchTimer_ = loop_.timerIs(0, [this] {
+          batchTimer_ = 0;
+          doNoCacheBatch();
+        });
+      return;
+    }
+    bool const late = Kiv::System::currentTime() - noCacheBatch_.front().seenAt > kMaxReportWaitS;
+    NoCache const r = late ? std::move(noCacheBatch_.front()) : std::move(noCacheBatch_.back());
+    if (late)
+      noCacheBatch_.pop_front();
+    else
+      noCacheBatch_.pop_back();
+    engine_->handleNoCache(r.af, r.source, r.group, r.intf);
+  }
+}
+
+bool AgentImpl::reportsWaiting() const {
+  std::vector<pollfd> fds;
+  for (auto const& f : families_) {
+    if (f->ownSocketUpcalls && f->mfc) fds.push_back({f->mfc->fd(), POLLIN, 0});
+    if (f->manager && f->manager->pam() && f->manager->pam()->fileDesc())
+      fds.push_back({f->manager->pam()->fileDesc()->fd(), POLLIN, 0});
+  }
+  return !fds.empty() && ::poll(fds.data(), fds.size(), 0) > 0;
 }
 
 std::size_t AgentImpl::reportBytesQueued(Wirly::AddressFamily af) const {
