@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <iomanip>
 #include <istream>
 #include <ostream>
@@ -120,10 +121,22 @@ std::vector<AgentFlow> readAgentFlowLog(std::istream& in, std::string const& sou
     std::istringstream s(line);
     std::string family, src, grp, how;
     std::int64_t learned, installed;
-    if (!(s >> family >> src >> grp >> learned >> installed >> how) || family != "ipv4" || src != source) continue;
-    in_addr g{};
-    if (::inet_pton(AF_INET, grp.c_str(), &g) != 1) continue;
-    std::uint32_t const i = ntohl(g.s_addr) - firstGroup;
+    if (!(s >> family >> src >> grp >> learned >> installed >> how) || src != source) continue;
+    // IPv6 flows differ in the group's last 32 bits, which firstGroup holds.
+    std::uint32_t low;
+    if (family == "ipv4") {
+      in_addr g{};
+      if (::inet_pton(AF_INET, grp.c_str(), &g) != 1) continue;
+      low = ntohl(g.s_addr);
+    } else if (family == "ipv6") {
+      in6_addr g{};
+      if (::inet_pton(AF_INET6, grp.c_str(), &g) != 1) continue;
+      std::memcpy(&low, g.s6_addr + 12, sizeof low);
+      low = ntohl(low);
+    } else {
+      continue;
+    }
+    std::uint32_t const i = low - firstGroup;
     if (i >= flows || agent[i].installedNs >= 0) continue;
     agent[i] = AgentFlow{learned, installed, how == "recovered"};
   }

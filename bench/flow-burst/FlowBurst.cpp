@@ -28,6 +28,9 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <netinet/ip6.h>
+
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -57,11 +60,12 @@ char const* const usage =
     "                      --source ADDR --groups FIRST --flows N [--port P] [--wait S] [--quiet S]\n"
     "                      [--out FILE] [--times FILE]\n"
     "       flow-burst agent-figures TIMES FLOW_LOG SOURCE FIRST_GROUP N FILE\n"
-    "       flow-burst daemon IIF OIF [--oldest-first]\n"
+    "       flow-burst daemon IIF OIF [--oldest-first] [--ipv6]\n"
     "       flow-burst compare FILE...\n"
     "run: in the router's namespace, sends one UDP packet from the sender namespace to each of N groups\n"
-    "from FIRST up, and waits until every flow has its entry and its packet at the receiver, or nothing\n"
-    "changed for --quiet seconds (default 3), or --wait seconds passed after the burst (default 15).\n"
+    "from FIRST up (IPv6 when the addresses are: the groups then differ in their last 32 bits), and\n"
+    "waits until every flow has its entry and its packet at the receiver, or nothing changed for\n"
+    "--quiet seconds (default 3), or --wait seconds passed after the burst (default 15).\n"
     "Writes the figures to stdout and FILE; --times writes one CSV line per flow (ns, CLOCK_MONOTONIC).\n"
     "agent-figures: joins run's --times with mroute-agent's --flow-log and appends the agent's own\n"
     "timings (agent_* lines) to FILE.\n"
@@ -114,7 +118,10 @@ void bigReceiveBuffer(int fd, int bytes) {
 
 struct Options {
   std::string system, senderNs, senderIntf, receiverNs, receiverIntf, out, times;
+  // IPv4: the addresses; IPv6: the low 32 bits of them, the whole in source6/firstGroup6.
   std::uint32_t source = 0, firstGroup = 0;
+  bool v6 = false;
+  std::array<std::uint8_t, 16> source6{}, firstGroup6{};
   unsigned flows = 0;
   unsigned port = 5001;
   double waitS = 15, quietS = 3;
@@ -152,12 +159,28 @@ Options parseRun(int argc, char** argv) {
   o.senderIntf = need("sender-intf");
   o.receiverNs = need("receiver");
   o.receiverIntf = need("receiver-intf");
-  o.source = parseV4(need("source"), "source");
-  o.firstGroup = parseV4(need("groups"), "group");
+  std::string const source = need("source"), groups = need("groups");
+  o.v6 = source.find(':') != std::string::npos;
+  if (o.v6 != (groups.find(':') != std::string::npos)) fail("--source and --groups must be of one family");
   o.flows = unsigned(number("flows", 0));
   if (o.flows == 0 || o.flows > 1u << 20) fail("--flows must be 1 to 1048576");
-  if ((o.firstGroup >> 28) != 0xE || ((o.firstGroup + o.flows - 1) >> 28) != 0xE) {
-    fail("--groups and --flows must stay inside 224.0.0.0/4");
+  if (o.v6) {
+    if (::inet_pton(AF_INET6, source.c_str(), o.source6.data()) != 1) fail("bad source address: " + source);
+    if (::inet_pton(AF_INET6, groups.c_str(), o.firstGroup6.data()) != 1) fail("bad group address: " + groups);
+    std::uint32_t be;
+    std::memcpy(&be, o.source6.data() + 12, sizeof(be));
+    o.source = ntohl(be);
+    std::memcpy(&be, o.firstGroup6.data() + 12, sizeof(be));
+    o.firstGroup = ntohl(be);
+    // The flows differ in the group's low 32 bits only.
+    if (o.firstGroup6[0] != 0xff || std::uint64_t(o.firstGroup) + o.flows > (1ull << 32))
+      fail("--groups and --flows must stay inside ff00::/8 and the group's last 32 bits");
+  } else {
+    o.source = parseV4(source, "source");
+    o.firstGroup = parseV4(groups, "group");
+    if ((o.firstGroup >> 28) != 0xE || ((o.firstGroup + o.flows - 1) >> 28) != 0xE) {
+      fail("--groups and --flows must stay inside 224.0.0.0/4");
+    }
   }
   o.port = unsigned(number("port", 5001));
   o.waitS = number("wait", 15);
@@ -176,12 +199,14 @@ class Watcher {
         flows_(flows),
         nl_(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE)),
         pkt_(Wirly::namespaceSocket(Wirly::NamespaceName(o.receiverNs), AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC,
-                                    htons(ETH_P_IP))) {
+                                    htons(o.v6 ? ETH_P_IPV6 : ETH_P_IP))) {
     if (nl_.fd < 0) failErrno("netlink socket");
     sockaddr_nl local{};
     local.nl_family = AF_NETLINK;
     if (::bind(nl_.fd, reinterpret_cast<sockaddr*>(&local), sizeof(local)) < 0) failErrno("netlink bind");
-    for (int const grp : {int(RTNLGRP_IPV4_MROUTE), int(RTNLGRP_IPV4_MROUTE_R)}) {
+    int const groups4[] = {RTNLGRP_IPV4_MROUTE, RTNLGRP_IPV4_MROUTE_R};
+    int const groups6[] = {RTNLGRP_IPV6_MROUTE, RTNLGRP_IPV6_MROUTE_R};
+    for (int const grp : o.v6 ? groups6 : groups4) {
       if (::setsockopt(nl_.fd, SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, &grp, sizeof(grp)) < 0) {
         failErrno("joining the kernel's multicast routing netlink groups");
       }
@@ -191,7 +216,7 @@ class Watcher {
     if (pkt_.fd < 0) failErrno("packet socket in namespace " + o.receiverNs);
     sockaddr_ll ll{};
     ll.sll_family = AF_PACKET;
-    ll.sll_protocol = htons(ETH_P_IP);
+    ll.sll_protocol = htons(o.v6 ? ETH_P_IPV6 : ETH_P_IP);
     ll.sll_ifindex = ifIndexIn(Wirly::NamespaceName(o.receiverNs), o.receiverIntf);
     if (::bind(pkt_.fd, reinterpret_cast<sockaddr*>(&ll), sizeof(ll)) < 0) failErrno("packet bind");
     bigReceiveBuffer(pkt_.fd, 64 << 20);
@@ -230,6 +255,14 @@ class Watcher {
     if (source != o_.source || group - o_.firstGroup >= o_.flows) return nullptr;
     return &(*flows_)[group - o_.firstGroup];
   }
+  FlowTimes* flow6(std::uint8_t const* source, std::uint8_t const* group) {
+    if (std::memcmp(source, o_.source6.data(), 16) != 0 || std::memcmp(group, o_.firstGroup6.data(), 12) != 0)
+      return nullptr;
+    std::uint32_t s, g;
+    std::memcpy(&s, source + 12, 4);
+    std::memcpy(&g, group + 12, 4);
+    return flow(ntohl(s), ntohl(g));
+  }
 
   bool drainNetlink() {
     bool progress = false;
@@ -247,7 +280,8 @@ class Watcher {
       }
       std::int64_t const t = nowNs();
       FlowBurst::decodeMfcEvents(buf, std::size_t(len), [&](FlowBurst::MfcEvent const& e) {
-        FlowTimes* f = flow(e.source, e.group);
+        if (e.v6 != o_.v6) return;
+        FlowTimes* f = e.v6 ? flow6(e.source6.data(), e.group6.data()) : flow(e.source, e.group);
         if (!f) return;
         switch (e.kind) {
           case FlowBurst::MfcEvent::noCacheReported:
@@ -299,6 +333,23 @@ class Watcher {
         }
       }
       if (t < 0) t = nowNs();
+      if (o_.v6) {
+        // The burst's packets carry no extension header: UDP follows at once.
+        if (len < ssize_t(sizeof(ip6_hdr) + sizeof(udphdr))) continue;
+        ip6_hdr ip;
+        std::memcpy(&ip, buf, sizeof(ip));
+        if ((ip.ip6_vfc >> 4) != 6 || ip.ip6_nxt != IPPROTO_UDP) continue;
+        udphdr udp;
+        std::memcpy(&udp, buf + sizeof(ip), sizeof(udp));
+        if (ntohs(udp.dest) != o_.port) continue;
+        FlowTimes* f = flow6(ip.ip6_src.s6_addr, ip.ip6_dst.s6_addr);
+        if (f && f->deliveredNs < 0) {
+          f->deliveredNs = t;
+          ++delivered_;
+          progress = true;
+        }
+        continue;
+      }
       if (len < ssize_t(sizeof(iphdr) + sizeof(udphdr))) continue;
       iphdr ip;
       std::memcpy(&ip, buf, sizeof(ip));
@@ -328,7 +379,41 @@ class Watcher {
 };
 
 // One packet to each group, as fast as one socket's sendto goes.
+unsigned sendBurst6(Options const& o, std::vector<FlowTimes>* flows) {
+  Wirly::NamespaceName const ns(o.senderNs);
+  Fd s(Wirly::namespaceSocket(ns, AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  if (s.fd < 0) failErrno("sender socket in namespace " + o.senderNs);
+  int const ifIndex = ifIndexIn(ns, o.senderIntf), hops = 8;
+  if (::setsockopt(s.fd, IPPROTO_IPV6, IPV6_MULTICAST_IF, &ifIndex, sizeof(ifIndex)) < 0 ||
+      ::setsockopt(s.fd, IPPROTO_IPV6, IPV6_MULTICAST_HOPS, &hops, sizeof(hops)) < 0) {
+    failErrno("sender socket options");
+  }
+  sockaddr_in6 local{};
+  local.sin6_family = AF_INET6;
+  std::memcpy(local.sin6_addr.s6_addr, o.source6.data(), 16);
+  if (::bind(s.fd, reinterpret_cast<sockaddr*>(&local), sizeof(local)) < 0) failErrno("bind to --source");
+  sockaddr_in6 to{};
+  to.sin6_family = AF_INET6;
+  to.sin6_port = htons(std::uint16_t(o.port));
+  std::memcpy(to.sin6_addr.s6_addr, o.firstGroup6.data(), 16);
+  char payload[32] = "flow-burst";
+  unsigned failed = 0;
+  for (unsigned i = 0; i < o.flows; ++i) {
+    std::uint32_t const g = htonl(o.firstGroup + i);
+    std::memcpy(to.sin6_addr.s6_addr + 12, &g, 4);
+    std::memcpy(payload + 16, &i, sizeof(i));
+    std::int64_t const t = nowNs();
+    if (::sendto(s.fd, payload, sizeof(payload), 0, reinterpret_cast<sockaddr*>(&to), sizeof(to)) < 0) {
+      ++failed;
+      continue;
+    }
+    (*flows)[i].sentNs = t;
+  }
+  return failed;
+}
+
 unsigned sendBurst(Options const& o, std::vector<FlowTimes>* flows) {
+  if (o.v6) return sendBurst6(o, flows);
   Wirly::NamespaceName const ns(o.senderNs);
   Fd s(Wirly::namespaceSocket(ns, AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   if (s.fd < 0) failErrno("sender socket in namespace " + o.senderNs);
@@ -362,12 +447,18 @@ unsigned sendBurst(Options const& o, std::vector<FlowTimes>* flows) {
 }
 
 unsigned countInstalled(Options const& o) {
-  std::ifstream in("/proc/net/ip_mr_cache");
-  if (!in) failErrno("/proc/net/ip_mr_cache");
+  char const* const path = o.v6 ? "/proc/net/ip6_mr_cache" : "/proc/net/ip_mr_cache";
+  std::ifstream in(path);
+  if (!in) failErrno(path);
   unsigned n = 0;
-  FlowBurst::readMfcCache(in, [&](FlowBurst::MfcCacheLine const& l) {
+  auto const count = [&](FlowBurst::MfcCacheLine const& l) {
+    if (o.v6 && (l.source6 != o.source6 || std::memcmp(l.group6.data(), o.firstGroup6.data(), 12) != 0)) return;
     if (l.resolved && l.source == o.source && l.group - o.firstGroup < o.flows) ++n;
-  });
+  };
+  if (o.v6)
+    FlowBurst::readMfc6Cache(in, count);
+  else
+    FlowBurst::readMfcCache(in, count);
   return n;
 }
 
@@ -408,7 +499,17 @@ int agentFigures(int argc, char** argv) {
   if (!times) fail(std::string("cannot read ") + argv[2]);
   if (!log) fail(std::string("cannot read ") + argv[3]);
   std::string const source = argv[4];
-  std::uint32_t const first = parseV4(argv[5], "group");
+  std::string const firstText = argv[5];
+  std::uint32_t first;
+  if (firstText.find(':') != std::string::npos) {
+    std::array<std::uint8_t, 16> g{};
+    if (::inet_pton(AF_INET6, firstText.c_str(), g.data()) != 1) fail("bad group address: " + firstText);
+    std::uint32_t be;
+    std::memcpy(&be, g.data() + 12, sizeof(be));
+    first = ntohl(be);
+  } else {
+    first = parseV4(argv[5], "group");
+  }
   char* end = nullptr;
   unsigned long const flows = std::strtoul(argv[6], &end, 10);
   if (!end || *end || flows == 0) fail(std::string("bad flow count: ") + argv[6]);
@@ -435,15 +536,23 @@ volatile std::sig_atomic_t stopRequested = 0;
 void onSignal(int) { stopRequested = 1; }
 
 int daemon(int argc, char** argv) {
-  if (argc < 4 || argc > 5 || (argc == 5 && std::string(argv[4]) != "--oldest-first")) {
-    fail(std::string("bad daemon arguments\n") + usage);
+  namespace Mini = FlowBurst::MiniDaemon;
+  Mini::Options o{argv[argc > 3 ? 2 : 0], argv[argc > 3 ? 3 : 0], Mini::newestFirst, false};
+  for (int i = 4; i < argc; ++i) {
+    std::string const a = argv[i];
+    if (a == "--oldest-first")
+      o.order = Mini::oldestFirst;
+    else if (a == "--ipv6")
+      o.v6 = true;
+    else
+      fail(std::string("bad daemon arguments\n") + usage);
   }
+  if (argc < 4) fail(std::string("bad daemon arguments\n") + usage);
   struct sigaction sa {};
   sa.sa_handler = onSignal;
   ::sigaction(SIGINT, &sa, nullptr);
   ::sigaction(SIGTERM, &sa, nullptr);
-  namespace Mini = FlowBurst::MiniDaemon;
-  return Mini::run(Mini::Options{argv[2], argv[3], argc == 5 ? Mini::oldestFirst : Mini::newestFirst}, stopRequested);
+  return Mini::run(o, stopRequested);
 }
 
 }  // namespace

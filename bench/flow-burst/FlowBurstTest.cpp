@@ -5,6 +5,7 @@
 #include <netinet/in.h>
 // The kernel's multicast routing header after the C library's.
 #include <linux/mroute.h>
+#include <linux/mroute6.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 
@@ -49,6 +50,11 @@ class Datagram {
   Datagram& addr(std::uint16_t type, char const* text) {
     in_addr a{};
     ::inet_pton(AF_INET, text, &a);
+    return attr(type, &a, sizeof(a));
+  }
+  Datagram& addr6(std::uint16_t type, char const* text) {
+    in6_addr a{};
+    ::inet_pton(AF_INET6, text, &a);
     return attr(type, &a, sizeof(a));
   }
   Datagram& u8(std::uint16_t type, unsigned char v) { return attr(type, &v, 1); }
@@ -119,7 +125,8 @@ TEST(MfcEventTest, EachKindOfNotificationDecodesFromOneDatagram) {
 
 TEST(MfcEventTest, ForeignShortAndIncompleteMessagesAreSkipped) {
   Datagram d;
-  // IPv6's family, a unicast route, a wrong-VIF report, an address of the wrong length, no group.
+  // IPv6's family with IPv4's address length, a unicast route, a wrong-VIF report, an
+  // address of the wrong length, no group.
   d.route(RTM_NEWROUTE, RTNL_FAMILY_IP6MR, 0).addr(RTA_SRC, "10.0.1.2").addr(RTA_DST, "225.1.0.1");
   d.route(RTM_NEWROUTE, AF_INET, 0).addr(RTA_SRC, "10.0.1.2").addr(RTA_DST, "225.1.0.1");
   d.report(RTNL_FAMILY_IPMR)
@@ -156,6 +163,52 @@ TEST(MfcEventTest, CacheLinesTellResolvedFromUnresolved) {
   }
   EXPECT_TRUE(lines[0].resolved);
   EXPECT_FALSE(lines[1].resolved);
+}
+
+// IPv6 flows are told apart by the group's last 32 bits; the whole
+// addresses come along so that the bench can check the rest.
+TEST(MfcEventTest, IPv6ReportsRoutesAndCacheLines) {
+  Datagram d;
+  d.report(RTNL_FAMILY_IP6MR)
+      .u8(IP6MRA_CREPORT_MSGTYPE, 1)
+      .u32(IP6MRA_CREPORT_MIF_ID, 0)
+      .addr6(IP6MRA_CREPORT_SRC_ADDR, "2001:db8:1::2")
+      .addr6(IP6MRA_CREPORT_DST_ADDR, "ff3e::100:7");
+  d.route(RTM_NEWROUTE, RTNL_FAMILY_IP6MR, 0).addr6(RTA_SRC, "2001:db8:1::2").addr6(RTA_DST, "ff3e::100:7");
+  // An IPv4 address under the IPv6 family is not taken.
+  d.route(RTM_NEWROUTE, RTNL_FAMILY_IP6MR, 0).addr6(RTA_SRC, "2001:db8:1::2").addr(RTA_DST, "225.1.0.1");
+  std::vector<MfcEvent> ev;
+  ASSERT_EQ(d.decode(&ev), 2u);
+  EXPECT_EQ(ev[0].kind, MfcEvent::noCacheReported);
+  EXPECT_EQ(ev[1].kind, MfcEvent::resolvedAdded);
+  for (auto const& e : ev) {
+    EXPECT_TRUE(e.v6);
+    EXPECT_EQ(e.group, 0x01000007u);
+    EXPECT_EQ(e.source, 2u);
+    EXPECT_EQ(e.group6[0], 0xff);
+    EXPECT_EQ(e.source6[1], 0x01);
+  }
+
+  std::istringstream in(
+      "Group                            Origin                           Iif      Pkts  Bytes     Wrong  Oifs\n"
+      "ff3e:0000:0000:0000:0000:0000:0100:0007 2001:0db8:0001:0000:0000:0000:0000:0002 1         1       32"
+      "        0  2:1\n"
+      "ff3e:0000:0000:0000:0000:0000:0100:0008 2001:0db8:0001:0000:0000:0000:0000:0002 -1        0        0"
+      "        0\n");
+  std::vector<MfcCacheLine> lines;
+  EXPECT_EQ(readMfc6Cache(in, [&](MfcCacheLine const& l) { lines.push_back(l); }), 2u);
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_EQ(lines[0].group, 0x01000007u);
+  EXPECT_EQ(lines[0].source6[15], 2);
+  EXPECT_TRUE(lines[0].resolved);
+  EXPECT_FALSE(lines[1].resolved);
+
+  std::istringstream log(
+      "ipv6 2001:db8:1::2 ff3e::100:1 1000000 2000000 upcall\n"
+      "ipv6 2001:db8:1::2 ff3e::1:0:0 1 2 upcall\n");  // before the burst's first group
+  auto const agent = readAgentFlowLog(log, "2001:db8:1::2", 0x01000000u, 2);
+  EXPECT_EQ(agent[1].installedNs, 2000000);
+  EXPECT_EQ(agent[0].installedNs, -1);
 }
 
 TEST(BurstReportTest, PercentilesTakeTheNearestRank) {

@@ -21,15 +21,31 @@ std::uint32_t readAddr(rtattr const* a) {
   return ntohl(be);
 }
 
+// An address attribute of the family's length into e (source or group).
+bool readAddr(rtattr const* a, bool v6, std::uint32_t* low, std::array<std::uint8_t, 16>* whole) {
+  std::size_t const payload = RTA_PAYLOAD(a);
+  if (payload != (v6 ? 16u : 4u)) return false;
+  if (!v6) {
+    *low = readAddr(a);
+    return true;
+  }
+  std::memcpy(whole->data(), RTA_DATA(a), 16);
+  std::uint32_t be;
+  std::memcpy(&be, whole->data() + 12, sizeof(be));
+  *low = ntohl(be);
+  return true;
+}
+
 // A no-cache upcall report: rtgenmsg, then u8 message type, u32 VIF, the
 // source and group, the table and the packet.
 bool decodeReport(nlmsghdr const* h, MfcEvent* out) {
   if (h->nlmsg_len < NLMSG_LENGTH(sizeof(rtgenmsg))) return false;
   auto const* gen = static_cast<rtgenmsg const*>(NLMSG_DATA(h));
-  if (gen->rtgen_family != RTNL_FAMILY_IPMR) return false;
+  if (gen->rtgen_family != RTNL_FAMILY_IPMR && gen->rtgen_family != RTNL_FAMILY_IP6MR) return false;
   bool haveType = false, haveSrc = false, haveGrp = false;
   MfcEvent e{};
   e.kind = MfcEvent::noCacheReported;
+  e.v6 = gen->rtgen_family == RTNL_FAMILY_IP6MR;
   int left = int(h->nlmsg_len - NLMSG_LENGTH(NLMSG_ALIGN(sizeof(rtgenmsg))));
   auto const* a =
       reinterpret_cast<rtattr const*>(static_cast<char const*>(NLMSG_DATA(h)) + NLMSG_ALIGN(sizeof(rtgenmsg)));
@@ -37,12 +53,10 @@ bool decodeReport(nlmsghdr const* h, MfcEvent* out) {
     std::size_t const payload = RTA_PAYLOAD(a);
     if (a->rta_type == IPMRA_CREPORT_MSGTYPE && payload == 1) {
       haveType = *static_cast<unsigned char const*>(RTA_DATA(a)) == IGMPMSG_NOCACHE;
-    } else if (a->rta_type == IPMRA_CREPORT_SRC_ADDR && payload == 4) {
-      e.source = readAddr(a);
-      haveSrc = true;
-    } else if (a->rta_type == IPMRA_CREPORT_DST_ADDR && payload == 4) {
-      e.group = readAddr(a);
-      haveGrp = true;
+    } else if (a->rta_type == IPMRA_CREPORT_SRC_ADDR) {
+      haveSrc = readAddr(a, e.v6, &e.source, &e.source6);
+    } else if (a->rta_type == IPMRA_CREPORT_DST_ADDR) {
+      haveGrp = readAddr(a, e.v6, &e.group, &e.group6);
     }
   }
   if (!haveType || !haveSrc || !haveGrp) return false;
@@ -56,19 +70,18 @@ bool decodeOne(nlmsghdr const* h, MfcEvent* out) {
   if (h->nlmsg_type != RTM_NEWROUTE && h->nlmsg_type != RTM_DELROUTE) return false;
   if (h->nlmsg_len < NLMSG_LENGTH(sizeof(rtmsg))) return false;
   auto const* rtm = static_cast<rtmsg const*>(NLMSG_DATA(h));
-  if (rtm->rtm_family != RTNL_FAMILY_IPMR) return false;
+  if (rtm->rtm_family != RTNL_FAMILY_IPMR && rtm->rtm_family != RTNL_FAMILY_IP6MR) return false;
   bool const unresolved = (rtm->rtm_flags & RTNH_F_UNRESOLVED) != 0;
   bool haveSrc = false, haveGrp = false;
   MfcEvent e{};
+  e.v6 = rtm->rtm_family == RTNL_FAMILY_IP6MR;
   int left = int(h->nlmsg_len - NLMSG_LENGTH(sizeof(rtmsg)));
   for (auto const* a = RTM_RTA(rtm); RTA_OK(a, left); a = RTA_NEXT(a, left)) {
     std::size_t const payload = RTA_PAYLOAD(a);
-    if (a->rta_type == RTA_SRC && payload == 4) {
-      e.source = readAddr(a);
-      haveSrc = true;
-    } else if (a->rta_type == RTA_DST && payload == 4) {
-      e.group = readAddr(a);
-      haveGrp = true;
+    if (a->rta_type == RTA_SRC) {
+      haveSrc = readAddr(a, e.v6, &e.source, &e.source6);
+    } else if (a->rta_type == RTA_DST) {
+      haveGrp = readAddr(a, e.v6, &e.group, &e.group6);
     } else if (a->rta_type == RTA_IIF && payload == 4) {
       std::uint32_t v;
       std::memcpy(&v, RTA_DATA(a), sizeof(v));
@@ -115,6 +128,28 @@ std::size_t readMfcCache(std::istream& in, std::function<void(MfcCacheLine const
     char tail;
     if (std::sscanf(line.c_str(), "%8X %8X %d%c", &grp, &src, &iif, &tail) < 3) continue;
     fn(MfcCacheLine{ntohl(grp), ntohl(src), iif >= 0});
+    ++n;
+  }
+  return n;
+}
+
+std::size_t readMfc6Cache(std::istream& in, std::function<void(MfcCacheLine const&)> const& fn) {
+  std::size_t n = 0;
+  std::string line;
+  while (std::getline(in, line)) {
+    // "%pI6 %pI6 %-3hd ...": group, origin, then the incoming MIF (-1: unresolved).
+    char grp[64], src[64];
+    int iif;
+    if (std::sscanf(line.c_str(), "%63s %63s %d", grp, src, &iif) != 3) continue;
+    MfcCacheLine l{};
+    if (::inet_pton(AF_INET6, grp, l.group6.data()) != 1 || ::inet_pton(AF_INET6, src, l.source6.data()) != 1) continue;
+    std::uint32_t be;
+    std::memcpy(&be, l.group6.data() + 12, sizeof(be));
+    l.group = ntohl(be);
+    std::memcpy(&be, l.source6.data() + 12, sizeof(be));
+    l.source = ntohl(be);
+    l.resolved = iif >= 0;
+    fn(l);
     ++n;
   }
   return n;

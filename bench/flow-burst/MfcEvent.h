@@ -1,6 +1,6 @@
-// MfcEvent: what the kernel says about its IPv4 multicast forwarding cache,
+// MfcEvent: what the kernel says about its multicast forwarding caches,
 // decoded from the rtnetlink notifications it sends to RTNLGRP_IPV4_MROUTE
-// and from /proc/net/ip_mr_cache. The bench watches these to see when each
+// and RTNLGRP_IPV6_MROUTE and from /proc/net/ip_mr_cache and ip6_mr_cache. The bench watches these to see when each
 // flow got its entry, whoever wrote it (smcroute or the agent), without
 // asking either of them.
 //
@@ -18,6 +18,7 @@
 // before it is read, and anything short or foreign is skipped, not trusted.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -28,9 +29,12 @@ namespace FlowBurst {
 struct MfcEvent {
   enum Kind { noCacheReported, unresolvedAdded, resolvedAdded, unresolvedExpired, resolvedRemoved };
   Kind kind;
-  std::uint32_t source;  // host byte order
-  std::uint32_t group;   // host byte order
+  std::uint32_t source;  // host byte order; IPv6: the low 32 bits
+  std::uint32_t group;   // host byte order; IPv6: the low 32 bits
   int iifIndex;          // the incoming interface's ifindex; 0 when the kernel gave none or for a report
+  bool v6 = false;
+  std::array<std::uint8_t, 16> source6{};  // IPv6: the whole addresses, network byte order
+  std::array<std::uint8_t, 16> group6{};
 };
 
 // Calls `fn` for each MFC notification in one netlink datagram; returns how
@@ -44,10 +48,15 @@ struct MfcCacheLine {
   std::uint32_t group;   // host byte order
   std::uint32_t source;  // host byte order
   bool resolved;
+  std::array<std::uint8_t, 16> group6{};  // readMfc6Cache: network byte order
+  std::array<std::uint8_t, 16> source6{};
 };
 
 // Reads /proc/net/ip_mr_cache's text and calls `fn` per entry line; the
 // header and malformed lines are skipped. Returns the number of entries.
 std::size_t readMfcCache(std::istream& in, std::function<void(MfcCacheLine const&)> const& fn);
+// The same for /proc/net/ip6_mr_cache (addresses in full colon form; group
+// and source also give their low 32 bits).
+std::size_t readMfc6Cache(std::istream& in, std::function<void(MfcCacheLine const&)> const& fn);
 
 }  // namespace FlowBurst

@@ -24,6 +24,7 @@ struct Options {
   std::string iif;
   std::string oif;
   Order order = newestFirst;
+  bool v6 = false;  // the IPv6 table (MRT6_*, mrt6msg upcalls)
 };
 
 // Runs in the current network namespace until `stop` is set; 0 on a clean

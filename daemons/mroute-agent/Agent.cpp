@@ -1,7 +1,9 @@
 #include "Agent.h"
 
 #include <errno.h>
+#include <linux/sock_diag.h>
 #include <net/if.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -10,6 +12,7 @@
 #include <array>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <iostream>
 #include <map>
 #include <string_view>
@@ -30,10 +33,11 @@
 #include "MrtNotify/MrtIcmpV6RelaySm.h"
 #include "MrtNotify/MrtNotifySm.h"
 #include "RouteEngine.h"
+#include "RoutingSocketReader.h"
 #include "Show.h"
 #include "Stelo/EntityManager.h"
 #include "Stelo/Mount.h"
-#include "UnresolvedScan.h"
+#include "UpcallRecovery.h"
 #include "Wirly/Pam.h"
 #include "Wirly/Sys.h"
 
@@ -46,14 +50,6 @@ using Vorn::Multicast::Fib::MfibDirColl;
 namespace {
 
 constexpr double kRetryPeriod = 1.0;  // seconds between retries of refused entries
-// While the kernel holds flows unresolved, look again this soon; a lost
-// report costs at most this much more than a delivered one.
-constexpr double kRescanDelay = 0.02;
-constexpr int kMaxRescans = 50;
-// Reports may be lost without any error the agent sees (another reader's
-// queue, a dropped datagram): after upcalls, look once a second for this long.
-constexpr double kQuietScanPeriod = 1.0;
-constexpr double kQuietScanWindow = 10.0;
 // A drop entry whose flow stopped this long ago goes (see expireDrops).
 constexpr std::uint64_t kDropIdleNs = RouteEngine::dropIdleNs;
 constexpr int kDropCheckEvery = 10;  // retry periods
@@ -61,6 +57,15 @@ constexpr int kDropCheckEvery = 10;  // retry periods
 // MROUTE_AGENT_RCVBUF (bytes) overrides it, to measure the recovery of what
 // a small queue loses.
 constexpr int kUpcallRcvBuf = 32 << 20;
+// Queue of the routing socket: the kernel holds a flow's first packet only
+// if it could queue the flow's upcall here, so a burst must fit whole.
+constexpr int kRoutingRcvBuf = 64 << 20;
+// Every this many reports a batch looks at what is still queued; a report
+// takes about this much of the queue (as the kernel counts it).
+constexpr std::size_t kBatchCheck = 256;
+constexpr std::size_t kReportBytes = 1024;
+// A report waiting this long is taken up before newer ones (seconds).
+constexpr double kMaxReportWaitS = 2.0;
 
 int upcallRcvBuf() {
   char const* v = Wirly::Sys::sys().getenv("MROUTE_AGENT_RCVBUF");
@@ -75,13 +80,24 @@ void setRcvBuf(int fd, int bytes) {
     sys.setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
 }
 
-// Hands each parsed upcall of one family to the engine as its counter moves.
+// One no-cache report, as parsed.
+struct NoCache {
+  double seenAt;  // when it was parsed (the framework clock)
+  Wirly::AddressFamily af;
+  Wirly::IpGenAddr source;
+  Wirly::IpGenAddr group;
+  Wirly::IntfId intf;
+};
+
+// Hands each parsed upcall of one family on as its counter moves: no-cache
+// reports to the batch, the others to the engine at once.
 class UpcallWatch : public MrtNotifyPamManager::NotifieeConst {
  public:
-  UpcallWatch(Kiv::Ptr<MrtNotifyPamManager> const& m, RouteEngine* engine) : NotifieeConst(m), engine_(engine) {}
+  UpcallWatch(Kiv::Ptr<MrtNotifyPamManager> const& m, RouteEngine* engine, std::function<void(NoCache&&)> noCache)
+      : NotifieeConst(m), engine_(engine), noCache_(std::move(noCache)) {}
   void onNoCacheCounter() override {
     auto const& m = *notifier()->noCacheMessage();
-    engine_->handleNoCache(notifier()->af(), m.source(), m.group(), m.intfId());
+    noCache_({Kiv::System::currentTime(), notifier()->af(), m.source(), m.group(), m.intfId()});
   }
   void onWrongVifCounter() override {
     auto const& m = *notifier()->wrongVifMessage();
@@ -94,6 +110,7 @@ class UpcallWatch : public MrtNotifyPamManager::NotifieeConst {
 
  private:
   RouteEngine* engine_;
+  std::function<void(NoCache&&)> noCache_;
 };
 
 // A netlink receive error is a queue overflow: reports were lost.
@@ -130,7 +147,7 @@ class AgentImpl {
     std::unique_ptr<RxErrorWatch> errors;
     Kiv::Ptr<MrtIcmpV6RelaySm> relay;
     bool ownSocketUpcalls = false;  // IPv4 without netlink reports
-    std::uint64_t drained = 0;
+    std::unique_ptr<RoutingSocketReader> routing;
   };
 
   bool doIntfs();
@@ -138,10 +155,17 @@ class AgentImpl {
   bool doKernel(Family& f);
   bool doSockets();
   bool doUpcalls(Family& f);
-  void handleRoutingSocket(Family& f);
+  void handleRoutingDatagram(Family& f, std::uint8_t const* data, std::size_t len);
+  // Queues a no-cache report for the batch that ends this turn of the loop.
+  void handleNoCache(NoCache&& r);
+  void doNoCacheBatch();
+  // Whether reports wait unread on a socket the batch is fed from.
+  bool reportsWaiting() const;
+  // Bytes the kernel holds queued on the report socket of af.
+  std::size_t reportBytesQueued(Wirly::AddressFamily af) const;
+  // Whether any upcall socket still holds datagrams.
+  bool upcallsQueued() const;
   void emit(std::string const& line);
-  void requestScan(double delay);
-  void doScan();
   // One line for what the upcall budget refused since the last one.
   void doBudgetLine();
   void handleLink(int ifIndex, bool up);
@@ -160,12 +184,11 @@ class AgentImpl {
   Kiv::EventLoop::TimerId flushTimer_ = 0;
   Kiv::EventLoop::TimerId retryTimer_ = 0;
   std::FILE* flowLog_ = nullptr;
-  UnresolvedScan scan_;
-  Kiv::EventLoop::TimerId scanTimer_ = 0;
-  int rescans_ = 0;
-  std::uint64_t upcallsAtScan_ = 0;  // routed upcalls seen by the last scan
-  double lastUpcallSeen_ = -1e9;
+  Kiv::Ptr<UpcallRecovery> recovery_;
+  std::deque<NoCache> noCacheBatch_;  // oldest first
+  Kiv::EventLoop::TimerId batchTimer_ = 0;
   std::uint64_t ticks_ = 0;
+  std::uint64_t refusalsRetried_ = 0;  // the engine's refusal count at the last retry
   std::array<std::uint64_t, 3> budgetSeen_{};
   std::unique_ptr<LinkWatch> links_;
   std::unique_ptr<ShowServer> show_;
@@ -178,12 +201,14 @@ AgentImpl::~AgentImpl() {
   show_.reset();
   if (links_ && links_->fd() >= 0 && loop_.readable(links_->fd())) loop_.readableDel(links_->fd());
   links_.reset();
-  if (scanTimer_) loop_.timerDel(scanTimer_);
+  recovery_ = nullptr;
+  if (batchTimer_) loop_.timerDel(batchTimer_);
   if (flushTimer_) loop_.timerDel(flushTimer_);
   dirSm_ = nullptr;
   for (auto& f : families_) {
     if (f->mfc && f->mfc->fd() >= 0 && loop_.readable(f->mfc->fd())) loop_.readableDel(f->mfc->fd());
     f->relay = nullptr;
+    f->routing.reset();
     f->errors.reset();
     f->watch.reset();
     f->sm = nullptr;
@@ -339,29 +364,87 @@ bool AgentImpl::doKernel(Family& f) {
   return true;
 }
 
-void AgentImpl::handleRoutingSocket(Family& f) {
-  // The routing socket also receives the upcalls (and, for IPv4, IGMP):
-  // read them when they are the agent's source, else drop them so the
-  // queue never holds memory.
-  Wirly::Sys& sys = Wirly::Sys::sys();
-  for (int n = 0; n < 256; ++n) {
-    if (f.ownSocketUpcalls) {
-      Kiv::Ptr<Wirly::Pkt> pkt = Wirly::PktManager::global().newPkt(65535);
-      pkt->headDataIs(65535);
-      ssize_t const got = sys.recv(f.mfc->fd(), pkt->data(), pkt->len(), MSG_DONTWAIT);
-      if (got < 0) {
-        if (errno != ENOBUFS) return;
-        requestScan(0);
-        continue;
-      }
-      pkt->trim(static_cast<std::size_t>(got));
-      f.manager->readMrtMessage(pkt, engine_->kernelStatus(f.af));
-    } else {
-      char buf[2048];
-      if (sys.recv(f.mfc->fd(), buf, sizeof buf, MSG_DONTWAIT) < 0 && errno != ENOBUFS) return;
-      ++f.drained;
-    }
+void AgentImpl::handleRoutingDatagram(Family& f, std::uint8_t const* data, std::size_t len) {
+  Kiv::Ptr<Wirly::Pkt> pkt = Wirly::PktManager::global().newPkt(len);
+  pkt->headDataIs(len);
+  std::memcpy(pkt->data(), data, len);
+  f.manager->readMrtMessage(pkt, engine_->kernelStatus(f.af));
+}
+
+void AgentImpl::handleNoCache(NoCache&& r) {
+  Wirly::AddressFamily const af = r.af;
+  noCacheBatch_.push_back(std::move(r));
+  // A batch ends early once little is left queued behind it: then its
+  // newest flows are at the head of the kernel's list anyway, and the
+  // oldest need not wait for a steady stream to pause.
+  if (noCacheBatch_.size() % kBatchCheck == 0 && reportBytesQueued(af) < kBatchCheck * kReportBytes) {
+    doNoCacheBatch();
+    return;
   }
+  if (batchTimer_ == 0)
+    batchTimer_ = loop_.timerIs(0, [this] {
+      batchTimer_ = 0;
+      doNoCacheBatch();
+    });
+}
+
+void AgentImpl::doNoCacheBatch() {
+  // Newest first: the kernel keeps its waiting flows newest first and
+  // searches them from there when an entry is written, so any other order
+  // walks past every flow still waiting, for every entry; and reports that
+  // came since go first too, so a chunk at a time and then read again. A
+  // report that has waited long goes first all the same: the kernel drops a
+  // waiting flow's packet after about 10 s.
+  std::size_t done = 0;
+  while (!noCacheBatch_.empty()) {
+    if (++done % kBatchCheck == 0 && reportsWaiting()) {
+      if (batchTimer_ == 0)
+        batchTimer_ = loop_.timerIs(0, [this] {
+          batchTimer_ = 0;
+          doNoCacheBatch();
+        });
+      return;
+    }
+    bool const late = Kiv::System::currentTime() - noCacheBatch_.front().seenAt > kMaxReportWaitS;
+    NoCache const r = late ? std::move(noCacheBatch_.front()) : std::move(noCacheBatch_.back());
+    if (late)
+      noCacheBatch_.pop_front();
+    else
+      noCacheBatch_.pop_back();
+    engine_->handleNoCache(r.af, r.source, r.group, r.intf);
+  }
+}
+
+bool AgentImpl::reportsWaiting() const {
+  std::vector<pollfd> fds;
+  for (auto const& f : families_) {
+    if (f->ownSocketUpcalls && f->mfc) fds.push_back({f->mfc->fd(), POLLIN, 0});
+    if (f->manager && f->manager->pam() && f->manager->pam()->fileDesc())
+      fds.push_back({f->manager->pam()->fileDesc()->fd(), POLLIN, 0});
+  }
+  return !fds.empty() && ::poll(fds.data(), fds.size(), 0) > 0;
+}
+
+std::size_t AgentImpl::reportBytesQueued(Wirly::AddressFamily af) const {
+  for (auto const& f : families_) {
+    if (f->af != af || !f->manager || !f->manager->pam() || !f->manager->pam()->fileDesc()) continue;
+    std::uint32_t mem[SK_MEMINFO_VARS] = {};
+    socklen_t len = sizeof mem;
+    if (Wirly::Sys::sys().getsockopt(f->manager->pam()->fileDesc()->fd(), SOL_SOCKET, SO_MEMINFO, mem, &len) != 0)
+      return 0;
+    return mem[SK_MEMINFO_RMEM_ALLOC];
+  }
+  return 0;
+}
+
+bool AgentImpl::upcallsQueued() const {
+  std::vector<pollfd> fds;
+  for (auto const& f : families_) {
+    if (f->mfc && f->routing) fds.push_back({f->mfc->fd(), POLLIN, 0});
+    if (f->manager && f->manager->pam() && f->manager->pam()->fileDesc())
+      fds.push_back({f->manager->pam()->fileDesc()->fd(), POLLIN, 0});
+  }
+  return !fds.empty() && ::poll(fds.data(), fds.size(), 0) > 0;
 }
 
 bool AgentImpl::doUpcalls(Family& f) {
@@ -382,14 +465,20 @@ bool AgentImpl::doUpcalls(Family& f) {
       }
     }
     f.manager->optionsIs(nocache | wrongvif | wholepkt);
-    f.watch = std::make_unique<UpcallWatch>(f.manager, engine_.get());
+    f.watch =
+        std::make_unique<UpcallWatch>(f.manager, engine_.get(), [this](NoCache&& r) { handleNoCache(std::move(r)); });
     if (!f.ownSocketUpcalls) {
       f.sm = mrtNotifySmFactory(f.manager, engine_->kernelStatus(f.af));
-      f.sm->loopQuantumIs(0.05);
+      // A review reads what is queued before any of it is installed (the
+      // batch, newest first): with a backlog, installing oldest reports while
+      // newer ones wait unread would walk the kernel's whole waiting list
+      // for every entry. Without one, a review ends as soon as the queue is empty.
+      f.sm->loopQuantumIs(0.5);
       f.sm->handleInitialized();
       if (f.manager->pam()->fileDesc()) setRcvBuf(f.manager->pam()->fileDesc()->fd(), upcallRcvBuf());
+      // The kernel says ENOBUFS when the report queue overran.
       if (auto nl = Kiv::ptrCast<MrtNotifyNetlinkSocketPam>(f.manager->pam()))
-        f.errors = std::make_unique<RxErrorWatch>(nl, [this] { requestScan(0); });
+        f.errors = std::make_unique<RxErrorWatch>(nl, [this, af = f.af] { recovery_->handleLoss(af); });
     }
     if (f.af == Wirly::ipv6 && noNetlink) {
       // The kernel is taken to have no IPv6 netlink reports: the relay reads
@@ -403,7 +492,18 @@ bool AgentImpl::doUpcalls(Family& f) {
               << std::strerror(e.error()) << "\n";
     return false;
   }
-  if (!f.relay) loop_.readableIs(f.mfc->fd(), [this, &f] { handleRoutingSocket(f); });
+  recovery_->familyIs(f.af);
+  if (!f.relay) {
+    setRcvBuf(f.mfc->fd(), kRoutingRcvBuf);
+    RoutingSocketReader::Datagram parse;
+    if (f.ownSocketUpcalls)
+      parse = [this, &f](std::uint8_t const* p, std::size_t n) { handleRoutingDatagram(f, p, n); };
+    f.routing = std::make_unique<RoutingSocketReader>(f.mfc->fd(), parse);
+    f.routing->dropsIs([this](std::uint64_t n) { recovery_->routingSocketDropsInc(n); });
+    // Where it is the source of reports, a turn reads a backlog whole (as above).
+    unsigned const batches = f.ownSocketUpcalls ? 1024 : 16;
+    loop_.readableIs(f.mfc->fd(), [&f, batches] { f.routing->handleReadable(batches); });
+  }
   return true;
 }
 
@@ -428,6 +528,11 @@ int AgentImpl::start() {
     families_.back()->af = af;
     if (!doKernel(*families_.back())) return 1;
   }
+  recovery_ = UpcallRecovery::upcallRecoveryIs(
+      "upcallRecovery", &loop_, [this](Wirly::AddressFamily af, Wirly::IpGenAddr const& s, Wirly::IpGenAddr const& g) {
+        engine_->handleRecovered(af, s, g);
+      });
+  recovery_->pendingIs([this] { return upcallsQueued(); });
   for (auto& f : families_)
     if (!doUpcalls(*f)) return 1;
   if (flowLog_) {
@@ -448,6 +553,7 @@ int AgentImpl::start() {
   introspectRoot_->entryIs("kernelMfib4", engine_->kernelStatus(Wirly::ipv4));
   introspectRoot_->entryIs("kernelMfib6", engine_->kernelStatus(Wirly::ipv6));
   introspectRoot_->entryIs("upcallBudget", engine_->budget());
+  introspectRoot_->entryIs("upcallRecovery", recovery_);
   for (auto& f : families_)
     if (f->manager) introspectRoot_->entryIs(f->af == Wirly::ipv4 ? "upcalls4" : "upcalls6", f->manager);
   links_ = std::make_unique<LinkWatch>([this](int ifIndex, bool up) { handleLink(ifIndex, up); });
@@ -460,7 +566,7 @@ int AgentImpl::start() {
   loop_.readableIs(links_->fd(), [this] { links_->handleReadable(); });
   links_->handleReadable();
   // Flows the kernel held before this agent could hear of them.
-  doScan();
+  recovery_->doScan();
   emit("ready");
   std::fflush(stdout);
   return 0;
@@ -469,35 +575,6 @@ int AgentImpl::start() {
 void AgentImpl::handleLink(int ifIndex, bool up) {
   for (IntfConfig const& c : intfs_)
     if (c.ifIndex == ifIndex) engine_->handleLink(c.id, up);
-}
-
-void AgentImpl::requestScan(double delay) {
-  if (scanTimer_ != 0) return;
-  scanTimer_ = loop_.timerIs(delay, [this] {
-    scanTimer_ = 0;
-    doScan();
-  });
-}
-
-void AgentImpl::doScan() {
-  std::size_t unresolved = 0;
-  std::uint64_t const refusedBefore = engine_->refusedUnrouted();
-  for (auto& f : families_) {
-    if (!f->mfc) continue;
-    for (UnresolvedScan::Flow const& flow : scan_.scan(f->af)) {
-      engine_->handleRecovered(f->af, flow.source, flow.group);
-      ++unresolved;
-    }
-  }
-  // Flows the budget refused stay unresolved until the kernel gives up on
-  // them: looking again soon would only find them again.
-  unresolved -= std::min<std::uint64_t>(unresolved, engine_->refusedUnrouted() - refusedBefore);
-  upcallsAtScan_ = engine_->routedUpcalls();
-  if (unresolved != 0 && ++rescans_ <= kMaxRescans) {
-    requestScan(kRescanDelay);
-    return;
-  }
-  if (unresolved == 0) rescans_ = 0;
 }
 
 void AgentImpl::doBudgetLine() {
@@ -514,21 +591,18 @@ void AgentImpl::doBudgetLine() {
 
 void AgentImpl::run(std::function<bool()> const& stop) {
   retryTimer_ = 0;
+  // Once a second, and costing nothing while there is nothing to do: each
+  // step below walks the entries only when some need it (a refusal since the
+  // last retry, or one still refused; drop entries held).
   std::function<void()> retry = [this, &retry] {
-    if (engine_->failedEntries() != 0) engine_->retryFailed();
-    if (flowLog_) std::fflush(flowLog_);
-    double const now = Kiv::System::currentTime();
-    // Only a lost report of a routed flow costs traffic; reports of flows
-    // without a route come by the thousand in a flood, and each scan then
-    // reads every flow the kernel holds.
-    if (engine_->routedUpcalls() != upcallsAtScan_) {
-      lastUpcallSeen_ = now;
-      upcallsAtScan_ = engine_->routedUpcalls();
+    if (engine_->writeRefusals() != refusalsRetried_) {
+      refusalsRetried_ = engine_->writeRefusals();
+      engine_->retryFailed();  // a write refused again counts anew: retried next time
     }
+    if (flowLog_) std::fflush(flowLog_);
     doBudgetLine();
-    if (now - lastUpcallSeen_ < kQuietScanWindow) requestScan(0);
-    if (++ticks_ % kDropCheckEvery == 0) engine_->expireDrops(kDropIdleNs);
-    retryTimer_ = loop_.timerIs(kRetryPeriod < kQuietScanPeriod ? kRetryPeriod : kQuietScanPeriod, retry);
+    if (++ticks_ % kDropCheckEvery == 0 && engine_->budget()->dropEntries() != 0) engine_->expireDrops(kDropIdleNs);
+    retryTimer_ = loop_.timerIs(kRetryPeriod, retry);
   };
   retryTimer_ = loop_.timerIs(kRetryPeriod, retry);
   // Event lines go out once per turn of the loop, before it waits again: a

@@ -26,8 +26,10 @@
 // (or the recovery of a lost one) asked for, written when it is installed:
 //   <ipv4|ipv6> <source> <group> <learnedNs> <installedNs> <upcall|recovered>
 // both times CLOCK_MONOTONIC nanoseconds (the clock every namespace shares):
-// learned is when the agent parsed the upcall (or found the flow in the
-// kernel's unresolved list), installed when MRT_ADD_MFC returned. The
+// learned is when the agent took the upcall up (reports are parsed as they
+// are read and taken up in batches, newest first, at the end of a read) or
+// found the flow in the kernel's unresolved list, installed when MRT_ADD_MFC
+// returned. The
 // same two times are in `show --json`, per entry (learnedNs, installedNs).
 #pragma once
 

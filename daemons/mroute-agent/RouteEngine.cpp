@@ -475,6 +475,7 @@ bool RouteEngine::doWrite(Wirly::AddressFamily af, SgKey const& sg, KernelEntry&
   RouteState* st = e.origin == KernelEntry::drop ? nullptr : kernelRoute(e.routeKey);
   int const err = mfc->mfcIs(sg.source, sg.group, e.iif, e.oifs);
   if (err != 0) {
+    ++writeRefusals_;
     e.installed = false;
     e.error = err;
     if (st) {

@@ -167,6 +167,8 @@ class RouteEngine {
   // Writes again every entry the kernel refused; returns how many remain refused.
   std::size_t retryFailed();
   std::size_t failedEntries() const;
+  // Writes the kernel refused so far: while it stands still there is nothing to retry.
+  std::uint64_t writeRefusals() const { return writeRefusals_; }
 
   // What show lists: routes by VRF name, kernel entries by family.
   std::map<std::string, std::map<IpGenRouteKey, RouteState>> const& routes() const { return routes_; }
@@ -247,6 +249,7 @@ class RouteEngine {
   std::uint64_t upcalls_ = 0;
   std::uint64_t recovered_ = 0;
   std::uint64_t routedUpcalls_ = 0;
+  std::uint64_t writeRefusals_ = 0;
   Kiv::Ptr<UpcallBudget> budget_ = UpcallBudget::upcallBudgetIs("upcallBudget");
   bool atDropEntryMax_ = false;
 };

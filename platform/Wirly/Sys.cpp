@@ -13,6 +13,7 @@ int Sys::setsockopt(int fd, int level, int name, void const* value, socklen_t le
 }
 ssize_t Sys::recvmsg(int fd, msghdr* msg, int flags) { return ::recvmsg(fd, msg, flags); }
 ssize_t Sys::recv(int fd, void* buf, size_t len, int flags) { return ::recv(fd, buf, len, flags); }
+int Sys::recvmmsg(int fd, mmsghdr* msgs, unsigned n, int flags) { return ::recvmmsg(fd, msgs, n, flags, nullptr); }
 ssize_t Sys::sendmsg(int fd, msghdr const* msg, int flags) { return ::sendmsg(fd, msg, flags); }
 int Sys::close(int fd) { return ::close(fd); }
 char const* Sys::getenv(char const* name) { return ::getenv(name); }

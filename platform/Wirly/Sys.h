@@ -28,6 +28,8 @@ class Sys {
   virtual int setsockopt(int fd, int level, int name, void const* value, socklen_t len);
   virtual ssize_t recvmsg(int fd, msghdr* msg, int flags);
   virtual ssize_t recv(int fd, void* buf, size_t len, int flags);
+  // Several datagrams in one call (timeout none): the number read, or -1.
+  virtual int recvmmsg(int fd, mmsghdr* msgs, unsigned n, int flags);
   virtual ssize_t sendmsg(int fd, msghdr const* msg, int flags);
   virtual int close(int fd);
   virtual char const* getenv(char const* name);

@@ -339,6 +339,15 @@ void send(Net const& net, std::vector<std::string> const& groups, int count) {
   }
 }
 
+class AgentKernelTest;
+std::string recoveryCounters(AgentKernelTest const& t);
+
+// A counter of kivctl's JSON ("name": value), 0 when absent.
+std::uint64_t counter(std::string const& json, std::string const& name) {
+  std::size_t const at = json.find("\"" + name + "\": ");
+  return at == std::string::npos ? 0 : std::stoull(json.substr(at + name.size() + 4));
+}
+
 class AgentKernelTest : public testing::Test {
  protected:
   void SetUp() override {
@@ -355,6 +364,12 @@ class AgentKernelTest : public testing::Test {
   VornTest::PrivateRoot root_;
   std::string dir_;
 };
+
+// The running agent's recovery counters, as kivctl reads them.
+std::string recoveryCounters(AgentKernelTest const& t) {
+  return shell("KIV_INTROSPECT_DIR=" + t.dir() + "/kiv " + KIVCTL_PATH +
+               " --agent agent-test --json get /upcallRecovery");
+}
 
 TEST_F(AgentKernelTest, ForwardsWhatTheTablesSayAndFollowsRouteAndLinkChanges) {
   NET(net);
@@ -443,6 +458,43 @@ TEST_F(AgentKernelTest, EveryFlowOfABurstIsInstalledEvenWhenReportsAreLost) {
   std::size_t const recovered = std::stoul(json.substr(at + 13));
   EXPECT_GT(recovered, 0u) << "the small queue lost nothing: the recovery went untested";
   EXPECT_EQ(shell("ip netns exec " + net.r() + " ip mroute show | grep -ic unresolved"), "0\n");
+  // The overrun was the kernel's signal; each scan it caused found flows.
+  std::string const rec = recoveryCounters(*this);
+  EXPECT_GT(counter(rec, "lossSignals"), 0u) << rec;
+  EXPECT_GE(counter(rec, "scans"), 2u) << rec;  // the start-up scan and at least one after the loss
+  EXPECT_GE(counter(rec, "flowsFound"), recovered) << rec;
+  EXPECT_EQ(agent.stop(), 0);
+}
+
+// With thousands of entries installed and nothing lost, a new flow costs its
+// report and its entry: the kernel's table is not read (only the start-up
+// scan ever ran), then or in the seconds after.
+TEST_F(AgentKernelTest, ANewFlowAmongThousandsOfEntriesReadsNoTable) {
+  NET(net);
+  Publisher pub(root_.path());
+  ASSERT_TRUE(pub.ok());
+  constexpr int installed = 3000;
+  for (int i = 0; i < installed; ++i)
+    pub.route(IpGenRouteKey("10.1.0.2", "239.50." + std::to_string(i / 250) + "." + std::to_string(i % 250 + 1)), {2});
+  pub.route(IpGenRouteKey(Wirly::IpGenPrefix(Wirly::IpGenAddr("0.0.0.0"), 0), Wirly::IpGenPrefix("239.51.0.1")), {2});
+  AgentProcess agent(net, root_.path(), dir_, {"--ipv4"});
+  ASSERT_TRUE(agent.waitFor("ready")) << agent.dump();
+  ASSERT_TRUE(agent.waitUntil(
+      [&](std::vector<std::string> const& lines) {
+        return std::count_if(lines.begin(), lines.end(), [](std::string const& l) {
+                 return l.rfind("install (10.1.0.2, 239.50.", 0) == 0;
+               }) >= installed;
+      },
+      20));
+  std::string const before = recoveryCounters(*this);
+  ASSERT_EQ(counter(before, "scans"), 1u) << before;
+  send(net, {"239.51.0.1"}, 1);
+  EXPECT_TRUE(agent.waitFor("install (10.1.0.2, 239.51.0.1) Ethernet1 -> Ethernet2")) << agent.dump();
+  // Long enough for a periodic look to have happened.
+  std::this_thread::sleep_for(std::chrono::milliseconds(2500));
+  std::string const after = recoveryCounters(*this);
+  EXPECT_EQ(counter(after, "scans"), 1u) << after;
+  EXPECT_EQ(counter(after, "lossSignals"), 0u) << after;
   EXPECT_EQ(agent.stop(), 0);
 }
 
