@@ -461,7 +461,7 @@ class Table : public TableBase {
     Layout::EntryHead* e = head(idx);
     std::uint32_t value;
     typename Order::Cursor after;
-    if (!order_.erase(k, value, after) || Order::entryOf(value) != idx)
+    if (!order_.erase(idx, k, value, after))
       fail("entry " + std::to_string(idx) + " is not where the writer's order index has its key");
     std::uint32_t const level = Order::levelOf(value);
     std::uint32_t preds[Layout::kMaxLevel], succ[Layout::kMaxLevel];
@@ -603,10 +603,12 @@ class Table : public TableBase {
     Node empty;
     std::fill(std::begin(empty.next), std::end(empty.next), Layout::kNone);
     mirror_.resize(std::size_t(capacity) + 1, empty);
+    order_.entriesIs(std::size_t(capacity) + 1);
   }
   void detach() override {
     TableBase::detach();
     order_.clear();
+    order_.entriesIs(0);
     mirror_.clear();
     mirror_.shrink_to_fit();
   }

@@ -28,6 +28,10 @@ WideKey key(std::uint64_t n) {
   k.n = n;
   return k;
 }
+// Key n lives in entry n + 1, at some level.
+std::uint32_t valueOf(std::uint64_t n, std::uint64_t level) {
+  return Index::pack(std::uint32_t(n + 1), std::uint32_t(level % 12 + 1));
+}
 
 // The index holds exactly the model, in order, walked both ways.
 void expectSame(Index const& index, std::map<std::uint64_t, std::uint32_t> const& model) {
@@ -69,13 +73,14 @@ void expectAt(Index::Cursor c, std::map<std::uint64_t, std::uint32_t> const& mod
 
 TEST(VornOrderIndex, RandomInsertsAndErasesKeepOrderAndNeighbours) {
   Index index;
+  index.entriesIs(4001);
   std::map<std::uint64_t, std::uint32_t> model;
   std::mt19937_64 rng(3);
   for (int round = 0; round < 3; ++round) {
     // Grow to a few thousand, then churn, then drain to nothing.
     for (int i = 0; i < 6000; ++i) {
       std::uint64_t const n = rng() % 4000;
-      std::uint32_t const v = std::uint32_t(rng());
+      std::uint32_t const v = valueOf(n, rng());
       Index::Cursor at;
       bool const fresh = model.emplace(n, v).second;
       ASSERT_EQ(index.insert(key(n), v, at), fresh);
@@ -85,7 +90,9 @@ TEST(VornOrderIndex, RandomInsertsAndErasesKeepOrderAndNeighbours) {
         std::uint32_t value = 0;
         Index::Cursor after;
         auto it = model.find(d);
-        ASSERT_EQ(index.erase(key(d), value, after), it != model.end());
+        // Asked for the wrong key, it refuses.
+        ASSERT_FALSE(index.erase(std::uint32_t(d + 1), key(d + 1), value, after));
+        ASSERT_EQ(index.erase(std::uint32_t(d + 1), key(d), value, after), it != model.end());
         if (it == model.end()) continue;
         ASSERT_EQ(value, it->second);
         auto const next = model.erase(it);
@@ -99,7 +106,7 @@ TEST(VornOrderIndex, RandomInsertsAndErasesKeepOrderAndNeighbours) {
     for (std::size_t i = 0; i < keys.size(); ++i) {
       std::uint32_t value = 0;
       Index::Cursor after;
-      ASSERT_TRUE(index.erase(key(keys[i]), value, after));
+      ASSERT_TRUE(index.erase(std::uint32_t(keys[i] + 1), key(keys[i]), value, after));
       model.erase(keys[i]);
       if (i % 500 == 0) expectSame(index, model);
     }
@@ -110,11 +117,12 @@ TEST(VornOrderIndex, RandomInsertsAndErasesKeepOrderAndNeighbours) {
 TEST(VornOrderIndex, ABulkLoadedTreeTakesInsertsAndErasesLikeABuiltOne) {
   for (std::size_t size : {0, 1, 7, 100, 5000}) {
     Index index;
+    index.entriesIs(2 * size + 11);
     std::map<std::uint64_t, std::uint32_t> model;
     std::vector<std::pair<WideKey, std::uint32_t>> sorted;
     for (std::size_t i = 0; i < size; ++i) {
-      sorted.emplace_back(key(i * 2), std::uint32_t(i));
-      model[i * 2] = std::uint32_t(i);
+      sorted.emplace_back(key(i * 2), valueOf(i * 2, i));
+      model[i * 2] = valueOf(i * 2, i);
     }
     index.assign(sorted);
     expectSame(index, model);
@@ -123,10 +131,10 @@ TEST(VornOrderIndex, ABulkLoadedTreeTakesInsertsAndErasesLikeABuiltOne) {
       std::uint64_t const n = rng() % (2 * size + 10);
       Index::Cursor at;
       if (rng() % 2) {
-        ASSERT_EQ(index.insert(key(n), 9, at), model.emplace(n, 9).second);
+        ASSERT_EQ(index.insert(key(n), valueOf(n, 3), at), model.emplace(n, valueOf(n, 3)).second);
       } else {
         std::uint32_t v;
-        ASSERT_EQ(index.erase(key(n), v, at), model.erase(n) == 1);
+        ASSERT_EQ(index.erase(std::uint32_t(n + 1), key(n), v, at), model.erase(n) == 1);
       }
     }
     expectSame(index, model);

@@ -4,6 +4,10 @@
 // around a change, instead of searching the shared skip list: a few dense
 // nodes per search rather than one scattered entry per step.
 //
+// It also knows each entry's leaf, so that a delete finds its place without
+// a search. Leaves a delete empties stay in the tree (inserts refill them)
+// until they outnumber the full ones, when the tree is built again.
+//
 // Nothing here is shared: readers never see it, a crash loses it, and an
 // adopting writer rebuilds it from the entries it keeps.
 #pragma once
@@ -61,18 +65,30 @@ class OrderIndex {
         --pos;
         return true;
       }
-      if (leaf->prev == nullptr) return false;
-      leaf = leaf->prev;
-      pos = leaf->n - 1;
+      Leaf* l = leaf->prev;
+      while (l && l->n == 0) l = l->prev;
+      if (l == nullptr) return false;
+      leaf = l;
+      pos = l->n - 1;
       return true;
     }
     // The element after; false (the cursor at the end) past the last.
     bool forward() {
-      if (pos + 1 < leaf->n || leaf->next == nullptr) {
-        pos = std::min(pos + 1, leaf->n);
-        return pos < leaf->n;
+      if (pos + 1 < leaf->n) {
+        ++pos;
+        return true;
       }
-      leaf = leaf->next;
+      return skipToNext();
+    }
+    // From the end of this leaf to the first element of a later one.
+    bool skipToNext() {
+      Leaf* l = leaf->next;
+      while (l && l->n == 0) l = l->next;
+      if (l == nullptr) {
+        pos = leaf->n;
+        return false;
+      }
+      leaf = l;
       pos = 0;
       return true;
     }
@@ -90,13 +106,18 @@ class OrderIndex {
     root_ = new Leaf;
     height_ = 0;
     size_ = 0;
+    leaves_ = 1;
+    std::fill(where_.begin(), where_.end(), nullptr);
   }
+  // Room for entries 0..count-1.
+  void entriesIs(std::size_t count) { where_.resize(count, nullptr); }
 
   // Replaces the contents with `sorted` (keys ascending, no repeats).
   void assign(std::vector<std::pair<K, std::uint32_t>> const& sorted) {
     clear();
     if (sorted.empty()) return;
     delete static_cast<Leaf*>(root_);
+    leaves_ = 0;
     // Leaves three quarters full leave room for inserts without a split.
     std::uint32_t const fill = std::max<std::uint32_t>(1, kLeafMax * 3 / 4);
     std::vector<std::pair<K, void*>> level;
@@ -108,8 +129,10 @@ class OrderIndex {
         l->keys[j] = sorted[i + j].first;
         l->vals[j] = sorted[i + j].second;
       }
+      for (std::uint32_t j = 0; j < l->n; ++j) where_[entryOf(l->vals[j])] = l;
       l->prev = last;
       if (last) last->next = l;
+      ++leaves_;
       last = l;
       level.emplace_back(l->keys[0], l);
     }
@@ -136,6 +159,7 @@ class OrderIndex {
   // Inserts k (not yet present) with `value`; returns the cursor on it.
   // False when k was there already (the index is left as it was).
   bool insert(K const& k, std::uint32_t value, Cursor& at) {
+    compactIfSparse();
     Path path;
     Leaf* leaf = descend(k, path);
     std::uint32_t const pos = lowerBound(leaf, k);
@@ -145,6 +169,7 @@ class OrderIndex {
       shiftUp(leaf, pos);
       leaf->keys[pos] = k;
       leaf->vals[pos] = value;
+      where_[entryOf(value)] = leaf;
       at = {leaf, pos};
       return true;
     }
@@ -156,6 +181,7 @@ class OrderIndex {
     std::copy(leaf->vals + half, leaf->vals + kLeafMax, right->vals);
     right->n = move;
     leaf->n = half;
+    ++leaves_;
     right->next = leaf->next;
     if (right->next) right->next->prev = right;
     right->prev = leaf;
@@ -165,6 +191,8 @@ class OrderIndex {
     shiftUp(into, p);
     into->keys[p] = k;
     into->vals[p] = value;
+    for (std::uint32_t j = 0; j < right->n; ++j) where_[entryOf(right->vals[j])] = right;
+    where_[entryOf(value)] = into;
     at = {into, p};
     insertChild(path, right->keys[0], right);
     return true;
@@ -175,59 +203,28 @@ class OrderIndex {
     Path path;
     Leaf* leaf = descend(k, path);
     Cursor c{leaf, lowerBound(leaf, k)};
-    if (c.pos == leaf->n && leaf->next) c = {leaf->next, 0};
+    if (!c.valid()) c.skipToNext();
     return c;
   }
 
-  // Removes k; returns its value and sets `after` on the element that
-  // followed it (or the end). False when k is not there.
-  bool erase(K const& k, std::uint32_t& value, Cursor& after) {
-    Path path;
-    Leaf* leaf = descend(k, path);
-    std::uint32_t const pos = lowerBound(leaf, k);
-    if (pos == leaf->n || k < leaf->keys[pos]) return false;
+  // Removes `entry`, which holds key k; returns its value and sets `after`
+  // on the element that followed it (or the end). False when the entry is
+  // not there under that key.
+  bool erase(std::uint32_t entry, K const& k, std::uint32_t& value, Cursor& after) {
+    compactIfSparse();
+    Leaf* const leaf = entry < where_.size() ? where_[entry] : nullptr;
+    if (leaf == nullptr) return false;
+    std::uint32_t pos = 0;
+    while (pos < leaf->n && entryOf(leaf->vals[pos]) != entry) ++pos;
+    if (pos == leaf->n || k < leaf->keys[pos] || leaf->keys[pos] < k) return false;
     value = leaf->vals[pos];
+    where_[entry] = nullptr;
     --size_;
     std::copy(leaf->keys + pos + 1, leaf->keys + leaf->n, leaf->keys + pos);
     std::copy(leaf->vals + pos + 1, leaf->vals + leaf->n, leaf->vals + pos);
     --leaf->n;
-    if (leaf->n > 0 || height_ == 0) {
-      after = {leaf, pos};
-      if (pos == leaf->n && leaf->next) after = {leaf->next, 0};
-      return true;
-    }
-    // An empty leaf leaves the tree; so does every inner node it empties.
-    Leaf* const next = leaf->next;
-    Leaf* const prev = leaf->prev;
-    if (prev) prev->next = next;
-    if (next) next->prev = prev;
-    delete leaf;
-    for (std::uint32_t d = height_; d-- > 0;) {
-      Inner* in = path.node[d];
-      std::uint32_t const c = path.slot[d];
-      std::copy(in->child + c + 1, in->child + in->n, in->child + c);
-      std::uint32_t const kc = c > 0 ? c - 1 : 0;
-      if (in->n > 1) std::copy(in->keys + kc + 1, in->keys + in->n - 1, in->keys + kc);
-      --in->n;
-      if (in->n > 0) break;
-      if (d == 0) {
-        // The whole tree emptied (size_ is 0).
-        delete in;
-        root_ = new Leaf;
-        height_ = 0;
-        after = {static_cast<Leaf*>(root_), 0};
-        return true;
-      }
-      delete in;
-    }
-    // A root left with one child hands over to it.
-    while (height_ > 0 && static_cast<Inner*>(root_)->n == 1) {
-      Inner* in = static_cast<Inner*>(root_);
-      root_ = in->child[0];
-      delete in;
-      --height_;
-    }
-    after = next ? Cursor{next, 0} : Cursor{prev, prev->n};
+    after = {leaf, pos};
+    if (!after.valid()) after.skipToNext();
     return true;
   }
 
@@ -241,6 +238,16 @@ class OrderIndex {
 
  private:
   static constexpr std::uint32_t kMaxHeight = 32;
+  // Once leaves (empty ones included) are four times what the keys need
+  // when packed, the tree is built again: a cost in proportion to what
+  // the deletes that emptied them did.
+  void compactIfSparse() {
+    if (leaves_ < 64 || leaves_ <= 4 * (size_ / kLeafMax + 1)) return;
+    std::vector<std::pair<K, std::uint32_t>> all;
+    all.reserve(size_);
+    forEach([&](K const& k, std::uint32_t v) { all.emplace_back(k, v); });
+    assign(all);
+  }
   struct Path {
     Inner* node[kMaxHeight];
     std::uint32_t slot[kMaxHeight];
@@ -332,6 +339,8 @@ class OrderIndex {
   void* root_;
   std::uint32_t height_ = 0;
   std::size_t size_ = 0;
+  std::size_t leaves_ = 1;
+  std::vector<Leaf*> where_;  // by entry: the leaf that holds it
 };
 
 }  // namespace Vorn::detail
