@@ -25,9 +25,7 @@ class OrderIndex {
  public:
   // An element's value: the entry in the low 27 bits, its level above.
   static constexpr std::uint32_t kEntryBits = 27;
-  static constexpr std::uint32_t pack(std::uint32_t entry, std::uint32_t level) {
-    return entry | level << kEntryBits;
-  }
+  static constexpr std::uint32_t pack(std::uint32_t entry, std::uint32_t level) { return entry | level << kEntryBits; }
   static constexpr std::uint32_t entryOf(std::uint32_t v) { return v & ((1u << kEntryBits) - 1); }
   static constexpr std::uint32_t levelOf(std::uint32_t v) { return v >> kEntryBits; }
 
