@@ -1032,12 +1032,17 @@ class Table : public TableBase {
     }
   }
 
-  // Every record's key and stamp, in key order: one pass over the entries
-  // in use and a sort, no allocation per record.
+  // Every record's key and stamp, in key order: one walk along the bottom
+  // of the skip list, which reads only the first line of each record and
+  // needs no sort; or, when the walk meets a writer (or damage), one pass
+  // over the entries in use and a sort.
   using Seen = std::vector<std::pair<K, std::uint64_t>>;
   Seen scan() const {
-    ScanBound bound(*this);
     Seen out;
+    out.reserve(control_->size.load(std::memory_order_relaxed));
+    if (walkScan(out)) return out;
+    out.clear();
+    ScanBound bound(*this);
     shapeRefresh();
     out.reserve(std::min(capacity_, control_->size.load(std::memory_order_relaxed)));
     for (std::uint32_t i = 1; i <= capacity_; ++i) {
@@ -1056,6 +1061,42 @@ class Table : public TableBase {
     out.erase(std::unique(out.begin(), out.end(), [](auto const& a, auto const& b) { return equal(a.first, b.first); }),
               out.end());
     return out;
+  }
+  // The ordered walk of scan(): false, with `out` partly filled, as soon
+  // as anything moves under it or looks wrong; it never waits.
+  bool walkScan(Seen& out) const {
+    std::uint64_t const g = control_->structGen.load(std::memory_order_acquire);
+    if (g & 1) return false;
+    shapeRefresh();
+    Layout::EntryHead const* xh = head(headEntry());
+    std::uint32_t xs = xh->lseq.load(std::memory_order_acquire);
+    std::uint32_t x = headEntry();
+    for (std::uint32_t steps = 0;; ++steps) {
+      if (xs & 1 || steps > capacity_) return false;
+      std::uint32_t const n = links(x)[0].load(std::memory_order_acquire);
+      std::atomic_thread_fence(std::memory_order_acquire);
+      if (head(x)->lseq.load(std::memory_order_relaxed) != xs) return false;
+      if (n == Layout::kNone) break;
+      if (!isRecord(n)) return false;
+      Layout::EntryHead const* nh = head(n);
+      std::uint32_t const ahead = nh->ahead.load(std::memory_order_relaxed);
+      if (isRecord(ahead)) __builtin_prefetch(entries_ + std::size_t(ahead) * entrySize_);
+      std::uint32_t const l1 = nh->lseq.load(std::memory_order_acquire);
+      std::uint32_t const d1 = nh->dseq.load(std::memory_order_acquire);
+      K k;
+      std::memcpy(static_cast<void*>(&k), keyAt(n), sizeof(K));
+      std::uint64_t const stamp = nh->stamp;
+      bool const live = nh->live == 1;
+      std::atomic_thread_fence(std::memory_order_acquire);
+      if ((l1 | d1) & 1 || !live || nh->lseq.load(std::memory_order_relaxed) != l1 ||
+          nh->dseq.load(std::memory_order_relaxed) != d1)
+        return false;
+      if (!out.empty() && !(out.back().first < k)) return false;
+      out.emplace_back(k, stamp);
+      x = n;
+      xs = l1;
+    }
+    return readEnd(g) && !region_->truncated();
   }
   // What this reader last saw: the snapshot with the changes heard since.
   Seen seenNow() const {
