@@ -426,7 +426,7 @@ class Table : public TableBase {
         writerStep("insert.link");
         for (; l < level && preds[l] == p; ++l) {
           links(p)[l].store(idx, std::memory_order_relaxed);
-          mirror_[p].next[l] = idx;
+          if (l > 0) mirror_[p].next[l] = idx;
         }
         writeEnd(ph->lseq);
         ph->op = Layout::opNone;
@@ -478,7 +478,7 @@ class Table : public TableBase {
       writerStep("delete.unlink");
       for (;; --l) {
         links(p)[l].store(succ[l], std::memory_order_relaxed);
-        mirror_[p].next[l] = succ[l];
+        if (l > 0) mirror_[p].next[l] = succ[l];
         if (l == 0 || preds[l - 1] != p) break;
       }
       writeEnd(ph->lseq);
