@@ -31,9 +31,11 @@ class OrderIndex {
 
  private:
   // Nodes of about 512 bytes of keys: a search fetches a node's lines
-  // together and then compares within it.
-  static constexpr std::uint32_t kLeafMax = std::max<std::uint32_t>(8, 512 / sizeof(K));
-  static constexpr std::uint32_t kInnerMax = std::max<std::uint32_t>(8, 512 / sizeof(K));
+  // together and then compares within it. At most 32 keys even when they
+  // are small: an insert or a delete moves up to a node's worth of them.
+  static constexpr std::uint32_t kNodeKeys = std::clamp<std::uint32_t>(512 / sizeof(K), 8, 32);
+  static constexpr std::uint32_t kLeafMax = kNodeKeys;
+  static constexpr std::uint32_t kInnerMax = kNodeKeys;
   struct Leaf {
     std::uint32_t n = 0;
     Leaf* prev = nullptr;
