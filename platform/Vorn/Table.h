@@ -20,9 +20,9 @@
 // Storage: an array of entries (key, record, skip-list tower, two sequence
 // counters), an open-addressing hash index of (hash tag, entry) slots, and a
 // skip list through the entries in key order. Writes are O(log n). The
-// writer keeps private state beside the file (the free list, each entry's
-// predecessors, a dense mirror of keys and links for its searches) and
-// rebuilds it from the file when it adopts one.
+// writer keeps private state beside the file (the free list, a B+ tree of
+// the keys in order that tells it where a key goes, each entry's upper
+// links and predecessors) and rebuilds it from the file when it adopts one.
 //
 // Reader protocol (every pairing is acquire load/fence against the writer's
 // release store/fence):
@@ -76,6 +76,7 @@
 #include "Vorn/Layout.h"
 #include "Vorn/Region.h"
 #include "Vorn/Status.h"
+#include "Vorn/detail/OrderIndex.h"
 
 namespace Vorn {
 
@@ -197,8 +198,9 @@ class TableBase {
   Layout::Slot* slotArea_[2] = {nullptr, nullptr};
   std::uint64_t slotsOffset_[2] = {0, 0};
   std::uint64_t entriesOffset_ = 0;
-  // Writer state. prev_ holds every entry's predecessor at each level, so
-  // a delete unlinks without searching; it is the writer's alone.
+  // Writer state. prev_ holds every entry's predecessor at each level
+  // above 0 (level 0 order is the writer's order index), so that finding
+  // the predecessors of a tall node never searches; it is the writer's alone.
   std::vector<std::uint32_t> free_;
   std::vector<std::uint32_t> prev_;
   std::uint32_t tombstones_ = 0;
@@ -217,6 +219,9 @@ class TableBase {
   static constexpr std::uint32_t headEntry() { return 0; }
   bool isRecord(std::uint32_t i) const { return i - 1u < capacity_; }
   std::uint32_t& prevOf(std::uint32_t i, std::uint32_t level) {
+    return prev_[std::size_t(i) * Layout::kMaxLevel + level];
+  }
+  std::uint32_t prevOf(std::uint32_t i, std::uint32_t level) const {
     return prev_[std::size_t(i) * Layout::kMaxLevel + level];
   }
   std::uint32_t randomLevel();
@@ -322,6 +327,7 @@ class Table : public TableBase {
   static_assert(std::is_trivially_copyable_v<K>, "keys live in shared memory");
   static_assert(std::is_trivially_copyable_v<R>, "records live in shared memory");
   static_assert(std::is_default_constructible_v<R>, "a miss returns R()");
+  using Order = detail::OrderIndex<K>;
 
  public:
   using Key = K;
@@ -377,9 +383,15 @@ class Table : public TableBase {
       writeEnd(e->dseq);
     } else {
       idx = free_.back();
-      std::uint32_t preds[Layout::kMaxLevel];
-      findPreds(k, preds);
       std::uint32_t const level = randomLevel();
+      typename Order::Cursor at;
+      if (!order_.insert(k, Order::pack(idx, level), at))
+        fail("a key missing from the hash index is in the writer's order index");
+      std::uint32_t preds[Layout::kMaxLevel], succ[Layout::kMaxLevel];
+      predsAround(at, level, preds);
+      typename Order::Cursor after = at;
+      succ[0] = after.forward() ? Order::entryOf(after.value()) : Layout::kNone;
+      for (std::uint32_t l = 1; l < level; ++l) succ[l] = mirror_[preds[l]].next[l];
       Layout::EntryHead* e = head(idx);
       e->op = Layout::opInsert;
       writeBegin(e->lseq);
@@ -388,9 +400,9 @@ class Table : public TableBase {
       e->level = static_cast<std::uint8_t>(level);
       writerStep("insert.entry");
       std::memcpy(keyAt(idx), &k, sizeof(K));
-      mirror_[idx].key = k;
+      mirror_[idx].level = static_cast<std::uint8_t>(level);
       for (std::uint32_t l = 0; l < Layout::kMaxLevel; ++l) {
-        std::uint32_t n = l < level ? mirror_[preds[l]].next[l] : Layout::kNone;
+        std::uint32_t n = l < level ? succ[l] : Layout::kNone;
         links(idx)[l].store(n, std::memory_order_relaxed);
         mirror_[idx].next[l] = n;
       }
@@ -400,10 +412,9 @@ class Table : public TableBase {
       writeEnd(e->lseq);
       e->op = Layout::opNone;
       free_.pop_back();
-      for (std::uint32_t l = 0; l < level; ++l) {
+      for (std::uint32_t l = 1; l < level; ++l) {
         prevOf(idx, l) = preds[l];
-        std::uint32_t const s = mirror_[idx].next[l];
-        if (s != Layout::kNone) prevOf(s, l) = idx;
+        if (succ[l] != Layout::kNone) prevOf(succ[l], l) = idx;
       }
       // Link bottom-up: a reader that sees the node at level l finds it at
       // every level below.
@@ -415,12 +426,12 @@ class Table : public TableBase {
         writerStep("insert.link");
         for (; l < level && preds[l] == p; ++l) {
           links(p)[l].store(idx, std::memory_order_relaxed);
-          mirror_[p].next[l] = idx;
+          if (l > 0) mirror_[p].next[l] = idx;
         }
         writeEnd(ph->lseq);
         ph->op = Layout::opNone;
       }
-      aheadRefresh(idx, preds[0]);
+      aheadRefresh(at, idx);
       if (level > topLevel_) {
         topLevel_ = level;
         control_->topLevel.store(level, std::memory_order_release);
@@ -448,40 +459,34 @@ class Table : public TableBase {
     std::uint32_t const idx = writerFind(k, h, pos, ins);
     if (idx == Layout::kNone) return false;
     Layout::EntryHead* e = head(idx);
-    std::uint32_t level = e->level;
-    if (level == 0 || level > Layout::kMaxLevel)
-      fail("entry " + std::to_string(idx) + " has level " + std::to_string(level));
-    std::uint32_t preds[Layout::kMaxLevel];
-    bool known = true;
-    for (std::uint32_t l = 0; l < level && known; ++l) {
-      preds[l] = prevOf(idx, l);
-      known = preds[l] <= capacity_ && mirror_[preds[l]].next[l] == idx;
-    }
-    if (!known) findPreds(k, preds);
+    std::uint32_t value;
+    typename Order::Cursor after;
+    if (!order_.erase(idx, k, value, after))
+      fail("entry " + std::to_string(idx) + " is not where the writer's order index has its key");
+    std::uint32_t const level = Order::levelOf(value);
+    std::uint32_t preds[Layout::kMaxLevel], succ[Layout::kMaxLevel];
+    predsAround(after, level, preds);
+    succ[0] = after.valid() ? Order::entryOf(after.value()) : Layout::kNone;
+    for (std::uint32_t l = 1; l < level; ++l) succ[l] = mirror_[idx].next[l];
     // Unlink top-down, then retire the entry: a reader standing on it sees
     // its lseq move and searches again from its key.
     for (std::uint32_t l = level; l-- > 0;) {
       std::uint32_t const p = preds[l];
       Layout::EntryHead* ph = head(p);
-      if (mirror_[p].next[l] != idx) continue;  // never linked this high
       ph->op = Layout::opLink;
       writeBegin(ph->lseq);
       writerStep("delete.unlink");
       for (;; --l) {
-        if (mirror_[p].next[l] == idx) {
-          links(p)[l].store(mirror_[idx].next[l], std::memory_order_relaxed);
-          mirror_[p].next[l] = mirror_[idx].next[l];
-        }
+        links(p)[l].store(succ[l], std::memory_order_relaxed);
+        if (l > 0) mirror_[p].next[l] = succ[l];
         if (l == 0 || preds[l - 1] != p) break;
       }
       writeEnd(ph->lseq);
       ph->op = Layout::opNone;
     }
-    for (std::uint32_t l = 0; l < level; ++l) {
-      std::uint32_t const s = mirror_[idx].next[l];
-      if (s != Layout::kNone) prevOf(s, l) = preds[l];
-    }
-    aheadRefresh(Layout::kNone, preds[0]);
+    for (std::uint32_t l = 1; l < level; ++l)
+      if (succ[l] != Layout::kNone) prevOf(succ[l], l) = preds[l];
+    aheadRefresh(after, Layout::kNone);
     slots_[pos].store(Layout::kSlotTombstone, std::memory_order_release);
     ++tombstones_;
     e->op = Layout::opDelete;
@@ -590,6 +595,7 @@ class Table : public TableBase {
   void attach(Region* region, std::uint32_t index) override {
     TableBase::attach(region, index);
     if (!writer()) return;
+    order_.clear();
     mirror_.clear();
     privateGrow(capacity_);
   }
@@ -597,9 +603,12 @@ class Table : public TableBase {
     Node empty;
     std::fill(std::begin(empty.next), std::end(empty.next), Layout::kNone);
     mirror_.resize(std::size_t(capacity) + 1, empty);
+    order_.entriesIs(std::size_t(capacity) + 1);
   }
   void detach() override {
     TableBase::detach();
+    order_.clear();
+    order_.entriesIs(0);
     mirror_.clear();
     mirror_.shrink_to_fit();
   }
@@ -966,26 +975,25 @@ class Table : public TableBase {
     loopFail("hash probe");
   }
 
-  // Writer: after a change next to `pred` at level 0 (`node` inserted after
-  // it, or kNone), refreshes the `ahead` hints that can have changed.
-  void aheadSet(std::uint32_t x) {
-    std::uint32_t n = x;
-    for (unsigned i = 0; i < kAhead && n != Layout::kNone; ++i) n = mirror_[n].next[0];
-    head(x)->ahead.store(n, std::memory_order_relaxed);
-  }
-  // The chain around the change is ... back[1], back[0] = pred, fwd[0],
-  // fwd[1], ...; each node's hint is the node kAhead steps on.
-  void aheadRefresh(std::uint32_t node, std::uint32_t pred) {
+  // Writer: after a change at `gap` (the cursor on an inserted node, or
+  // on the element after a deleted one), refreshes the `ahead` hints that
+  // can have changed: each of the kAhead nodes before the gap names the
+  // node kAhead steps on, and so does an inserted `node`.
+  void aheadRefresh(typename Order::Cursor gap, std::uint32_t node) {
     std::uint32_t back[kAhead], fwd[kAhead + 1];
     unsigned nb = 0;
-    for (std::uint32_t x = pred; nb < kAhead;) {
-      back[nb++] = x;
-      if (x == headEntry()) break;
-      x = prevOf(x, 0);
-      if (x > capacity_) break;
+    for (typename Order::Cursor c = gap; nb < kAhead;) {
+      if (!c.back()) {
+        back[nb++] = headEntry();
+        break;
+      }
+      back[nb++] = Order::entryOf(c.value());
     }
-    std::uint32_t y = pred;
-    for (unsigned i = 0; i <= kAhead; ++i) fwd[i] = y = y == Layout::kNone ? y : mirror_[y].next[0];
+    typename Order::Cursor c = gap;
+    for (unsigned i = 0; i <= kAhead; ++i) {
+      fwd[i] = c.valid() ? Order::entryOf(c.value()) : Layout::kNone;
+      if (c.valid()) c.forward();
+    }
     for (unsigned j = 0; j < nb; ++j) head(back[j])->ahead.store(fwd[kAhead - 1 - j], std::memory_order_relaxed);
     if (node != Layout::kNone) head(node)->ahead.store(fwd[kAhead], std::memory_order_relaxed);
   }
@@ -993,26 +1001,48 @@ class Table : public TableBase {
   // memory access at a few tens of nanoseconds per step.
   static constexpr unsigned kAhead = 4;
 
-  // Writer: the last node before k at every level, found in the writer's
-  // private mirror of keys and links (dense, and out of reach of whatever
-  // else writes into the file).
-  void findPreds(K const& k, std::uint32_t* preds) const {
-    std::uint32_t x = headEntry();
-    for (std::uint32_t l = Layout::kMaxLevel; l-- > 0;) {
-      if (l < topLevel_) {
-        for (std::uint32_t n = mirror_[x].next[l]; n != Layout::kNone && mirror_[n].key < k; n = mirror_[x].next[l])
-          x = n;
+  // Writer: the last node before the key at every level below `level`,
+  // around `gap` (the cursor on the node being inserted, or on the element
+  // after the one being deleted). Level 0 is the element before the gap;
+  // a level above is the nearest earlier node taller than it, found by
+  // stepping back through the order index (dense) for a few elements, then
+  // along the level below in the private links.
+  void predsAround(typename Order::Cursor gap, std::uint32_t level, std::uint32_t* preds) const {
+    typename Order::Cursor c = gap;
+    bool onElement = c.back();
+    preds[0] = onElement ? Order::entryOf(c.value()) : headEntry();
+    unsigned budget = 64;
+    for (std::uint32_t l = 1; l < level; ++l) {
+      while (onElement && budget > 0 && Order::levelOf(c.value()) <= l) {
+        --budget;
+        onElement = c.back();
       }
+      if (!onElement) {
+        preds[l] = headEntry();
+        continue;
+      }
+      if (Order::levelOf(c.value()) > l) {
+        preds[l] = Order::entryOf(c.value());
+        continue;
+      }
+      std::uint32_t x = preds[l - 1];
+      for (std::uint32_t steps = 0; x != headEntry() && mirror_[x].level <= l; x = prevOf(x, l - 1))
+        if (++steps > capacity_ || x > capacity_) loopFail("writer search");
       preds[l] = x;
     }
   }
 
-  // Every record's key and stamp, in key order: one pass over the entries
-  // in use and a sort, no allocation per record.
+  // Every record's key and stamp, in key order: one walk along the bottom
+  // of the skip list, which reads only the first line of each record and
+  // needs no sort; or, when the walk meets a writer (or damage), one pass
+  // over the entries in use and a sort.
   using Seen = std::vector<std::pair<K, std::uint64_t>>;
   Seen scan() const {
-    ScanBound bound(*this);
     Seen out;
+    out.reserve(control_->size.load(std::memory_order_relaxed));
+    if (walkScan(out)) return out;
+    out.clear();
+    ScanBound bound(*this);
     shapeRefresh();
     out.reserve(std::min(capacity_, control_->size.load(std::memory_order_relaxed)));
     for (std::uint32_t i = 1; i <= capacity_; ++i) {
@@ -1032,6 +1062,42 @@ class Table : public TableBase {
               out.end());
     return out;
   }
+  // The ordered walk of scan(): false, with `out` partly filled, as soon
+  // as anything moves under it or looks wrong; it never waits.
+  bool walkScan(Seen& out) const {
+    std::uint64_t const g = control_->structGen.load(std::memory_order_acquire);
+    if (g & 1) return false;
+    shapeRefresh();
+    Layout::EntryHead const* xh = head(headEntry());
+    std::uint32_t xs = xh->lseq.load(std::memory_order_acquire);
+    std::uint32_t x = headEntry();
+    for (std::uint32_t steps = 0;; ++steps) {
+      if (xs & 1 || steps > capacity_) return false;
+      std::uint32_t const n = links(x)[0].load(std::memory_order_acquire);
+      std::atomic_thread_fence(std::memory_order_acquire);
+      if (head(x)->lseq.load(std::memory_order_relaxed) != xs) return false;
+      if (n == Layout::kNone) break;
+      if (!isRecord(n)) return false;
+      Layout::EntryHead const* nh = head(n);
+      std::uint32_t const ahead = nh->ahead.load(std::memory_order_relaxed);
+      if (isRecord(ahead)) __builtin_prefetch(entries_ + std::size_t(ahead) * entrySize_);
+      std::uint32_t const l1 = nh->lseq.load(std::memory_order_acquire);
+      std::uint32_t const d1 = nh->dseq.load(std::memory_order_acquire);
+      K k;
+      std::memcpy(static_cast<void*>(&k), keyAt(n), sizeof(K));
+      std::uint64_t const stamp = nh->stamp;
+      bool const live = nh->live == 1;
+      std::atomic_thread_fence(std::memory_order_acquire);
+      if ((l1 | d1) & 1 || !live || nh->lseq.load(std::memory_order_relaxed) != l1 ||
+          nh->dseq.load(std::memory_order_relaxed) != d1)
+        return false;
+      if (!out.empty() && !(out.back().first < k)) return false;
+      out.emplace_back(k, stamp);
+      x = n;
+      xs = l1;
+    }
+    return readEnd(g) && !region_->truncated();
+  }
   // What this reader last saw: the snapshot with the changes heard since.
   Seen seenNow() const {
     Seen out;
@@ -1050,11 +1116,14 @@ class Table : public TableBase {
     return out;
   }
 
+  // The writer's private copy of each entry's level and of its links above
+  // level 0 (level 0 is the order index's; next[0] is not kept).
   struct Node {
-    K key{};
     std::uint32_t next[Layout::kMaxLevel];
+    std::uint8_t level = 0;
   };
-  std::vector<Node> mirror_;                                   // the writer's: entry i's key and links, head last
+  Order order_;                                                // the writer's: every key in order, with its entry
+  std::vector<Node> mirror_;                                   // the writer's: indexed by entry, the head first
   mutable std::vector<std::pair<K, std::uint32_t>> fallback_;  // (key, entry) in key order
   mutable bool fallbackValid_ = false;
   mutable std::uint64_t fallbackGen_ = 0;
@@ -1149,7 +1218,7 @@ void Table<K, R, KeyOf>::adopt() {
       links(i)[l].store(Layout::kNone, std::memory_order_relaxed);
       mirror_[i].next[l] = Layout::kNone;
     }
-    std::memcpy(static_cast<void*>(&mirror_[i].key), keyAt(i), sizeof(K));
+    mirror_[i].level = e->level;
     writeEnd(e->lseq);
     for (std::uint32_t l = 0; l < e->level; ++l) {
       Layout::EntryHead* p = head(last[l]);
@@ -1164,8 +1233,17 @@ void Table<K, R, KeyOf>::adopt() {
     topLevel_ = std::max<std::uint32_t>(topLevel_, e->level);
   }
   control_->topLevel.store(topLevel_, std::memory_order_relaxed);
-  aheadSet(headEntry());
-  for (std::uint32_t i : unique) aheadSet(i);
+  for (std::size_t j = 0; j <= unique.size(); ++j) {
+    std::uint32_t const x = j == 0 ? headEntry() : unique[j - 1];
+    head(x)->ahead.store(j + kAhead - 1 < unique.size() ? unique[j + kAhead - 1] : Layout::kNone,
+                         std::memory_order_relaxed);
+  }
+  {
+    std::vector<std::pair<K, std::uint32_t>> sorted;
+    sorted.reserve(unique.size());
+    for (std::uint32_t i : unique) sorted.emplace_back(keyOfEntry(i), Order::pack(i, head(i)->level));
+    order_.assign(sorted);
+  }
   free_.clear();
   std::vector<bool> used(std::size_t(capacity_) + 1, false);
   for (std::uint32_t i : unique) used[i] = true;

@@ -154,6 +154,80 @@ TEST_F(VornTable, RandomOperationsMatchAnOrderedMapFromASecondMapping) {
   }
 }
 
+// Every level of the shared skip list holds exactly the live entries taller
+// than it, in key order, and every entry's prefetch hint names the entry
+// four steps on: what the writer's private indexes must keep true.
+void expectSkipListWhole(Vorn::Status const& s, std::map<TestKey, TestRecord> const& model) {
+  Vorn::TableGeometry const& g = s.region()->table(0);
+  auto headAt = [&](std::uint32_t i) {
+    return reinterpret_cast<Vorn::Layout::EntryHead const*>(g.entries + std::size_t(i) * g.entrySize);
+  };
+  auto link = [&](std::uint32_t i, std::uint32_t l) {
+    return reinterpret_cast<Vorn::Layout::Link const*>(g.entries + std::size_t(i) * g.entrySize + g.linksOffset)[l]
+        .load();
+  };
+  auto keyAt = [&](std::uint32_t i) {
+    TestKey k;
+    std::memcpy(&k, g.entries + std::size_t(i) * g.entrySize + g.keyOffset, sizeof k);
+    return k;
+  };
+  std::vector<std::uint32_t> chain;
+  for (std::uint32_t x = link(0, 0); x != Vorn::Layout::kNone; x = link(x, 0)) chain.push_back(x);
+  std::vector<TestKey> keys;
+  for (std::uint32_t x : chain) keys.push_back(keyAt(x));
+  std::vector<TestKey> expected;
+  for (auto const& [k, r] : model) expected.push_back(k);
+  ASSERT_EQ(keys, expected);
+  for (std::uint32_t l = 1; l < Vorn::Layout::kMaxLevel; ++l) {
+    std::vector<std::uint32_t> tall, linked;
+    for (std::uint32_t x : chain)
+      if (headAt(x)->level > l) tall.push_back(x);
+    for (std::uint32_t x = link(0, l); x != Vorn::Layout::kNone && linked.size() <= chain.size(); x = link(x, l))
+      linked.push_back(x);
+    ASSERT_EQ(linked, tall) << "level " << l;
+  }
+  for (std::size_t i = 0; i <= chain.size(); ++i) {
+    std::uint32_t const x = i == 0 ? 0 : chain[i - 1];
+    ASSERT_EQ(headAt(x)->ahead.load(), i + 3 < chain.size() ? chain[i + 3] : Vorn::Layout::kNone) << i;
+  }
+}
+
+TEST_F(VornTable, TheSkipListStaysWholeThroughGrowthChurnAndAdoption) {
+  Vorn::MountOptions options;
+  options.limit["entry"] = 20000;
+  std::map<TestKey, TestRecord> model;
+  std::mt19937_64 rng(11);
+  // Runs of neighbouring keys make the predecessors of a tall node lie
+  // far back, past the writer's short search.
+  auto churn = [&](Vorn::TestStatus& w, int ops) {
+    for (int i = 0; i < ops; ++i) {
+      std::uint64_t const n = rng() % 30000;
+      if (rng() % 4 == 0) {
+        ASSERT_EQ(w.entryDel(TestKey(n)), model.erase(TestKey(n)) == 1);
+      } else if (model.size() < 20000 || model.count(TestKey(n))) {
+        model[TestKey(n)] = record(n, i);
+        w.entryIs(record(n, i));
+      }
+    }
+  };
+  {
+    auto w = mounted(path, Mode::writer, options);
+    churn(*w, 25000);
+    expectSkipListWhole(*w, model);
+  }
+  auto w = mounted(path, Mode::writer, options);
+  expectSkipListWhole(*w, model);
+  churn(*w, 25000);
+  expectSkipListWhole(*w, model);
+  // Emptied, then filled again.
+  for (auto it = model.begin(); it != model.end(); it = model.erase(it)) ASSERT_TRUE(w->entryDel(it->first));
+  expectSkipListWhole(*w, model);
+  churn(*w, 5000);
+  auto r = mounted(path, Mode::reader);
+  expectSame(*r, model, 30000);
+  expectSkipListWhole(*r, model);
+}
+
 TEST_F(VornTable, OrderedWalkContinuesAfterItsKeyAndSuccessorAreDeleted) {
   auto w = mounted(path, Mode::writer);
   for (std::uint64_t n = 0; n < 20; ++n) w->entryIs(record(n * 10));
