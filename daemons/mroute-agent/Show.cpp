@@ -48,11 +48,8 @@ std::vector<RouteRow> rowsOf(RouteEngine const& engine, std::string const& vrf,
     Wirly::AddressFamily const af = key.group().af();
     KernelMfc const* mfc = engine.mfc(af);
     if (vrf == RouteEngine::kernelVrf && mfc) {
-      auto const& entries = engine.entries(af);
-      for (auto it = entries.lower_bound({key.group().address(), Wirly::IpGenAddr()});
-           it != entries.end() && it->first.group == key.group().address(); ++it) {
-        if (it->second.origin == KernelEntry::drop || !(it->second.routeKey == key)) continue;
-        EntryRow e{it->first, &it->second, mfc->counters(it->first.source, it->first.group)};
+      for (auto const& [sg, entry] : engine.entriesOf(key)) {
+        EntryRow e{sg, entry, mfc->counters(sg.source, sg.group)};
         r.packets += e.counters.pkts;
         r.bytes += e.counters.bytes;
         r.entries.push_back(e);
@@ -68,8 +65,8 @@ std::vector<std::pair<Wirly::AddressFamily, EntryRow>> dropRows(RouteEngine cons
   for (Wirly::AddressFamily af : {Wirly::ipv4, Wirly::ipv6}) {
     KernelMfc const* mfc = engine.mfc(af);
     if (!mfc) continue;
-    for (auto const& [sg, e] : engine.entries(af))
-      if (e.origin == KernelEntry::drop) out.push_back({af, EntryRow{sg, &e, mfc->counters(sg.source, sg.group)}});
+    for (auto const& [sg, e] : engine.dropEntries(af))
+      out.push_back({af, EntryRow{sg, e, mfc->counters(sg.source, sg.group)}});
   }
   return out;
 }
