@@ -1,6 +1,7 @@
 #include "RouteEngine.h"
 
 #include <errno.h>
+#include <malloc.h>
 #include <time.h>
 
 #include <algorithm>
@@ -248,6 +249,7 @@ void RouteEngine::doNote(Vrf& vrf, IpGenRouteKey const& key) {
 }
 
 void RouteEngine::flush() {
+  std::size_t visited = 0;
   while (pendingCount_ != 0) {
     std::map<std::string, std::vector<IpGenRouteKey>> batch;
     batch.swap(pending_);
@@ -265,11 +267,16 @@ void RouteEngine::flush() {
       }
       Vrf& vrf = gone ? *gone : *it->second;
       for (IpGenRouteKey const& key : keys) doRoute(vrf, key);
+      visited += keys.size();
       // What this batch held goes back to the system before the next.
       std::vector<IpGenRouteKey>().swap(keys);
     }
   }
   retired_.clear();
+  // A change of many routes leaves freed memory between the live routes
+  // (the batch, notifications and copies made on the way); unreturned, it
+  // would count as the agent's for good and grow with every such change.
+  if (visited >= trimAfterRoutes) ::malloc_trim(0);
 }
 
 bool RouteEngine::doReadRoute(Vrf& vrf, IpGenRouteKey const& key, RouteState& out) const {

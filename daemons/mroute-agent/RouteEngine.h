@@ -92,6 +92,8 @@ class RouteEngine {
   static constexpr char const* kernelVrf = "default";
   // A no-cache report this soon after its entry was written was queued before it.
   static constexpr std::uint64_t staleUpcallNs = 2000000000ull;
+  // A flush that visits this many routes gives the memory it freed back.
+  static constexpr std::size_t trimAfterRoutes = 10000;
 
   RouteEngine(std::vector<IntfConfig> intfs, Kiv::Ptr<MfibVornDir> const& vornDir, AppNameOf appNameOf);
   ~RouteEngine();
