@@ -85,17 +85,17 @@
 
 // A large attribute that most routes never set: held outside the route from
 // its first non-default value on, so that an unset one costs a pointer.
-#define MROUTELIB_BOXED_ATTR(T, name, Name)                                 \
+#define MROUTELIB_BOXED_ATTR(T, name, Name)                                             \
   T const& name() const { return name##_ ? *name##_ : ::MrouteLib::boxedDefault<T>(); } \
-  void name##Is(T const& v) {                                               \
-    if (!name##_) {                                                         \
-      if (v == T()) return;                                                 \
-      name##_ = std::make_unique<T>(v);                                     \
-      notify(&NotifieeConst::on##Name);                                     \
-    } else if (::Kiv::changed(*name##_, v)) {                               \
-      notify(&NotifieeConst::on##Name);                                     \
-    }                                                                       \
-  }                                                                         \
+  void name##Is(T const& v) {                                                           \
+    if (!name##_) {                                                                     \
+      if (v == T()) return;                                                             \
+      name##_ = std::make_unique<T>(v);                                                 \
+      notify(&NotifieeConst::on##Name);                                                 \
+    } else if (::Kiv::changed(*name##_, v)) {                                           \
+      notify(&NotifieeConst::on##Name);                                                 \
+    }                                                                                   \
+  }                                                                                     \
   KIV_REFLECT_SCALAR(name)
 
 namespace MrouteLib {

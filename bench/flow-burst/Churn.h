@@ -31,8 +31,8 @@ namespace FlowBurst {
 // One IPv4 entry of the kernel's forwarding cache, as a notification or a
 // dump message gives it.
 struct MfcRoute {
-  bool removed = false;     // RTM_DELROUTE
-  bool unresolved = false;  // waiting for a daemon: no interfaces yet
+  bool removed = false;                 // RTM_DELROUTE
+  bool unresolved = false;              // waiting for a daemon: no interfaces yet
   std::uint32_t source = 0, group = 0;  // host byte order
   int iif = 0;                          // ifindex, 0 when not given
   std::vector<int> oifs;                // ifindexes, in the kernel's order

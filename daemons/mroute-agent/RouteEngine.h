@@ -42,15 +42,15 @@
 #include <memory>
 #include <optional>
 #include <set>
-#include <unordered_set>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "KernelMfc.h"
-#include "SgIndex.h"
 #include "Mfib/MfibVorn.h"
 #include "MrouteLib/MrouteLib.h"
 #include "Schema/KernelMfibStatus.h"
+#include "SgIndex.h"
 #include "UpcallBudget.h"
 
 namespace MrouteAgent {

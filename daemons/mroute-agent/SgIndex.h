@@ -68,9 +68,7 @@ struct AddrHash {
 };
 
 struct SgKeyHash {
-  std::size_t operator()(SgKey const& k) const noexcept {
-    return AddrHash()(k.group) * 31 ^ AddrHash()(k.source);
-  }
+  std::size_t operator()(SgKey const& k) const noexcept { return AddrHash()(k.group) * 31 ^ AddrHash()(k.source); }
 };
 
 class SgIndex {
