@@ -615,14 +615,6 @@ class Table : public TableBase {
         seenDelta_[k] = kGone;
         corruptionDetected(e.what());
       }
-      // A reader that hears of every record's change would otherwise keep
-      // a map node per record beside the snapshot: past a quarter of it,
-      // the changes go into the snapshot (a linear merge, a few steps per
-      // change on average).
-      if (seenDelta_.size() > seenBase_.size() / 4 + 4096) {
-        seenBase_ = seenNow();
-        seenDelta_.clear();
-      }
     }
     if (hook_) hook_(k);
   }
