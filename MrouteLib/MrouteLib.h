@@ -36,6 +36,7 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -82,7 +83,29 @@
   }                                                                   \
   KIV_REFLECT_COUNTER(name)
 
+// A large attribute that most routes never set: held outside the route from
+// its first non-default value on, so that an unset one costs a pointer.
+#define MROUTELIB_BOXED_ATTR(T, name, Name)                                             \
+  T const& name() const { return name##_ ? *name##_ : ::MrouteLib::boxedDefault<T>(); } \
+  void name##Is(T const& v) {                                                           \
+    if (!name##_) {                                                                     \
+      if (v == T()) return;                                                             \
+      name##_ = std::make_unique<T>(v);                                                 \
+      notify(&NotifieeConst::on##Name);                                                 \
+    } else if (::Kiv::changed(*name##_, v)) {                                           \
+      notify(&NotifieeConst::on##Name);                                                 \
+    }                                                                                   \
+  }                                                                                     \
+  KIV_REFLECT_SCALAR(name)
+
 namespace MrouteLib {
+
+// What an unset boxed attribute reads as.
+template <class T>
+T const& boxedDefault() {
+  static T const value{};
+  return value;
+}
 
 using Bridging::VlanId;
 using Bridging::VlanIdOrNone;
@@ -259,8 +282,8 @@ class Mroute : public Kiv::Entity {
   MROUTELIB_ATTR(U16, fastdropCount, FastdropCount)
   MROUTELIB_ATTR(bool, fastdropDirty, FastdropDirty)
   MROUTELIB_ATTR(RpaIndex, rpaId, RpaId)
-  MROUTELIB_ATTR(Route, vornRoute, VornRoute)
-  MROUTELIB_ATTR(Route, lastSeenVornRoute, LastSeenVornRoute)
+  MROUTELIB_BOXED_ATTR(Route, vornRoute, VornRoute)
+  MROUTELIB_BOXED_ATTR(Route, lastSeenVornRoute, LastSeenVornRoute)
 
   // Resolved OIF indexes, read by the cached route interface walk.
   struct OifIndexHash {
@@ -340,8 +363,8 @@ class Mroute : public Kiv::Entity {
   RpfFailureCountMap rpfFailureCount_;
   FastdropMap fastdrop_;
   OifIndexIntfIdCacheMap oifIndexIntfIdCache_;
-  Route vornRoute_;
-  Route lastSeenVornRoute_;
+  std::unique_ptr<Route> vornRoute_;
+  std::unique_ptr<Route> lastSeenVornRoute_;
 };
 
 // A route stopped at a multicast boundary: no OIF set of its own, only

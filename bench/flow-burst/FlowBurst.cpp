@@ -46,6 +46,7 @@
 #include <vector>
 
 #include "BurstReport.h"
+#include "Churn.h"
 #include "MfcEvent.h"
 #include "MiniDaemon.h"
 #include "Wirly/NamespaceName.h"
@@ -62,6 +63,7 @@ char const* const usage =
     "       flow-burst agent-figures TIMES FLOW_LOG SOURCE FIRST_GROUP N FILE\n"
     "       flow-burst daemon IIF OIF [--oldest-first] [--ipv6]\n"
     "       flow-burst compare FILE...\n"
+    "       flow-burst mfc-wait|mfc-floor ...   (the churn modes: see Churn.h)\n"
     "run: in the router's namespace, sends one UDP packet from the sender namespace to each of N groups\n"
     "from FIRST up (IPv6 when the addresses are: the groups then differ in their last 32 bits), and\n"
     "waits until every flow has its entry and its packet at the receiver, or nothing changed for\n"
@@ -563,6 +565,8 @@ int main(int argc, char** argv) {
   if (cmd == "compare" && argc >= 3) return compare(argc, argv);
   if (cmd == "daemon") return daemon(argc, argv);
   if (cmd == "agent-figures") return agentFigures(argc, argv);
+  if (cmd == "mfc-wait") return FlowBurst::mfcWait(argc, argv);
+  if (cmd == "mfc-floor") return FlowBurst::mfcFloor(argc, argv);
   if (cmd == "--help" || cmd == "-h") {
     std::cout << usage;
     return 0;

@@ -542,6 +542,10 @@ int AgentImpl::start() {
                    static_cast<unsigned long long>(e.installedNs), e.recovered ? "recovered" : "upcall");
     });
   }
+  // Flows the kernel held before this agent could hear of them, read while
+  // the table holds nothing of this agent's: a dump's cost grows faster
+  // than the table (the kernel walks it from the start for every part).
+  recovery_->doScan();
   // The tables last: every route found now is programmed at once.
   dirSm_ = Vorn::Multicast::Fib::mfibDirSmFactory(dir_, vornDir_, em_);
   engine_->flush();
@@ -565,8 +569,6 @@ int AgentImpl::start() {
   }
   loop_.readableIs(links_->fd(), [this] { links_->handleReadable(); });
   links_->handleReadable();
-  // Flows the kernel held before this agent could hear of them.
-  recovery_->doScan();
   emit("ready");
   std::fflush(stdout);
   return 0;

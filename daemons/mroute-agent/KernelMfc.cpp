@@ -114,11 +114,35 @@ std::vector<std::uint8_t> KernelMfc::mfcBytes(Wirly::IpGenAddr const& source, Wi
 
 int KernelMfc::mfcIs(Wirly::IpGenAddr const& source, Wirly::IpGenAddr const& group, std::uint16_t iif,
                      std::vector<std::uint16_t> const& oifs) {
+  std::uint32_t mask = 0;
+  for (std::uint16_t o : oifs)
+    if (o < maxVifs) mask |= std::uint32_t(1) << o;
+  return mfcIs(source, group, iif, mask);
+}
+
+int KernelMfc::mfcIs(Wirly::IpGenAddr const& source, Wirly::IpGenAddr const& group, std::uint16_t iif,
+                     std::uint32_t oifMask) {
   if (fd_ < 0) return EBADF;
-  std::vector<std::uint8_t> const bytes = mfcBytes(source, group, iif, oifs);
-  int const name = af_ == Wirly::ipv4 ? MRT_ADD_MFC : MRT6_ADD_MFC;
-  if (Wirly::Sys::sys().setsockopt(fd_, level(af_), name, bytes.data(), socklen_t(bytes.size())) == 0) return 0;
-  return errno;
+  // The request on the stack: nothing is allocated per entry.
+  int rc;
+  if (af_ == Wirly::ipv4) {
+    mfcctl m{};
+    m.mfcc_origin = source.inAddr();
+    m.mfcc_mcastgrp = group.inAddr();
+    m.mfcc_parent = iif;
+    for (std::uint16_t o = 0; o < maxVifs; ++o)
+      if ((oifMask >> o & 1) && o != iif) m.mfcc_ttls[o] = forwardTtl;
+    rc = Wirly::Sys::sys().setsockopt(fd_, IPPROTO_IP, MRT_ADD_MFC, &m, sizeof m);
+  } else {
+    mf6cctl m{};
+    m.mf6cc_origin = sockaddr6(source);
+    m.mf6cc_mcastgrp = sockaddr6(group);
+    m.mf6cc_parent = iif;
+    for (std::uint16_t o = 0; o < maxVifs; ++o)
+      if ((oifMask >> o & 1) && o != iif) IF_SET(o, &m.mf6cc_ifset);
+    rc = Wirly::Sys::sys().setsockopt(fd_, IPPROTO_IPV6, MRT6_ADD_MFC, &m, sizeof m);
+  }
+  return rc == 0 ? 0 : errno;
 }
 
 int KernelMfc::mfcDel(Wirly::IpGenAddr const& source, Wirly::IpGenAddr const& group, std::uint16_t iif) {

@@ -68,6 +68,9 @@ class KernelMfc {
   // the errno of the refusal (ENOBUFS/ENOMEM: the kernel's table is full).
   int mfcIs(Wirly::IpGenAddr const& source, Wirly::IpGenAddr const& group, std::uint16_t iif,
             std::vector<std::uint16_t> const& oifs);
+  // The same with the outgoing VIFs as bits (VIF v is bit v): one system
+  // call and nothing else, for the agent's every route.
+  int mfcIs(Wirly::IpGenAddr const& source, Wirly::IpGenAddr const& group, std::uint16_t iif, std::uint32_t oifMask);
   // Deletes the entry; 0 or the errno (ENOENT: there was none).
   int mfcDel(Wirly::IpGenAddr const& source, Wirly::IpGenAddr const& group, std::uint16_t iif);
 

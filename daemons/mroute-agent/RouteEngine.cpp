@@ -1,6 +1,7 @@
 #include "RouteEngine.h"
 
 #include <errno.h>
+#include <malloc.h>
 #include <time.h>
 
 #include <algorithm>
@@ -24,10 +25,9 @@ unsigned hostLen(Wirly::AddressFamily af) { return af == Wirly::ipv6 ? 128 : 32;
 
 std::string prefixText(Wirly::IpGenPrefix const& p, bool star) {
   if (star) return "*";
-  std::ostringstream os;
-  os << p.address();
-  if (p.len() != hostLen(p.af())) os << "/" << unsigned(p.len());
-  return os.str();
+  std::string out = p.address().str();
+  if (p.len() != hostLen(p.af())) out += "/" + std::to_string(unsigned(p.len()));
+  return out;
 }
 
 std::string listText(std::vector<std::string> const& items) {
@@ -187,7 +187,9 @@ void RouteEngine::handleVrf(L3::VrfName const& name) {
   KIV_TRACE(th(), 4, "vrf " << name.str() << ": collection removed");
   Vrf& vrf = *it->second;
   // Every key of the VRF goes: its last table went.
-  for (auto const& [key, owner] : vrf.ordered->routeMap()) pending_.insert({vrf.name.str(), key});
+  auto& pending = pending_[vrf.name.str()];
+  for (auto const& [key, owner] : vrf.ordered->routeMap()) pending.push_back(key);
+  pendingCount_ += vrf.ordered->routeMap().size();
   vrf.collWatch.reset();
   vrf.tableWatches.clear();
   vrf.orderedWatch.reset();
@@ -237,26 +239,44 @@ void RouteEngine::handleTable(Vrf& vrf, Status const* key) {
 }
 
 void RouteEngine::doNote(Vrf& vrf, IpGenRouteKey const& key) {
-  bool const first = pending_.empty();
-  pending_.insert({vrf.name.str(), key});
+  bool const first = pendingCount_ == 0;
+  auto& pending = pending_[vrf.name.str()];
+  // A table and the ordering machine often tell of the same key in a row.
+  if (!pending.empty() && pending.back() == key) return;
+  pending.push_back(key);
+  ++pendingCount_;
   if (first && flushRequest_) flushRequest_();
 }
 
 void RouteEngine::flush() {
-  while (!pending_.empty()) {
-    auto [vrfName, key] = *pending_.begin();
-    pending_.erase(pending_.begin());
-    auto it = vrfs_.find(vrfName);
-    if (it != vrfs_.end()) {
-      doRoute(*it->second, key);
-      continue;
+  std::size_t visited = 0;
+  while (pendingCount_ != 0) {
+    std::map<std::string, std::vector<IpGenRouteKey>> batch;
+    batch.swap(pending_);
+    pendingCount_ = 0;
+    for (auto& [vrfName, keys] : batch) {
+      // Each key once, in key order.
+      std::sort(keys.begin(), keys.end());
+      keys.erase(std::unique(keys.begin(), keys.end()), keys.end());
+      auto it = vrfs_.find(vrfName);
+      std::unique_ptr<Vrf> gone;
+      if (it == vrfs_.end()) {
+        // The VRF went: its routes are withdrawn.
+        gone = std::make_unique<Vrf>();
+        gone->name = L3::VrfName(vrfName);
+      }
+      Vrf& vrf = gone ? *gone : *it->second;
+      for (IpGenRouteKey const& key : keys) doRoute(vrf, key);
+      visited += keys.size();
+      // What this batch held goes back to the system before the next.
+      std::vector<IpGenRouteKey>().swap(keys);
     }
-    // The VRF went: its routes are withdrawn.
-    Vrf gone;
-    gone.name = L3::VrfName(vrfName);
-    doRoute(gone, key);
   }
   retired_.clear();
+  // A change of many routes leaves freed memory between the live routes
+  // (the batch, notifications and copies made on the way); unreturned, it
+  // would count as the agent's for good and grow with every such change.
+  if (visited >= trimAfterRoutes) ::malloc_trim(0);
 }
 
 bool RouteEngine::doReadRoute(Vrf& vrf, IpGenRouteKey const& key, RouteState& out) const {
@@ -365,18 +385,51 @@ RouteState* RouteEngine::kernelRoute(IpGenRouteKey const& key) {
   return it == vrf->second.end() ? nullptr : &it->second;
 }
 
-std::optional<IpGenRouteKey> RouteEngine::routeFor(Wirly::AddressFamily af, SgKey const& sg) const {
+std::optional<IpGenRouteKey> RouteEngine::routeFor(Wirly::AddressFamily af, SgKey const& sg, RouteState** st) {
   auto vrf = routes_.find(kernelVrf);
   if (vrf == routes_.end()) return std::nullopt;
   unsigned const len = hostLen(af);
   IpGenRouteKey const exactKey(Wirly::IpGenPrefix(sg.source, len), Wirly::IpGenPrefix(sg.group, len));
-  if (vrf->second.count(exactKey)) return exactKey;
+  if (auto it = vrf->second.find(exactKey); it != vrf->second.end()) {
+    if (st) *st = &it->second;
+    return exactKey;
+  }
   // Every report of a flood comes here: no address parsed per call.
   static Wirly::IpGenAddr const any4("0.0.0.0"), any6("::");
   IpGenRouteKey const starKey(Wirly::IpGenPrefix(af == Wirly::ipv4 ? any4 : any6, 0),
                               Wirly::IpGenPrefix(sg.group, len));
-  if (vrf->second.count(starKey)) return starKey;
+  if (auto it = vrf->second.find(starKey); it != vrf->second.end()) {
+    if (st) *st = &it->second;
+    return starKey;
+  }
   return std::nullopt;
+}
+
+std::vector<std::pair<SgKey, KernelEntry const*>> RouteEngine::entriesOf(IpGenRouteKey const& key) const {
+  std::vector<std::pair<SgKey, KernelEntry const*>> out;
+  Wirly::AddressFamily const af = key.group().af();
+  SgIndex const& entries = entries_[idx(af)];
+  if (isStarG(key)) {
+    for (SgKey const& sg : entries.groupEntries(key.group().address())) {
+      KernelEntry const* e = entries.find(sg);
+      if (e && e->origin == KernelEntry::fromStarG && e->routeKey == key) out.push_back({sg, e});
+    }
+  } else if (key.source().len() == hostLen(af)) {
+    SgKey const sg{key.group().address(), key.source().address()};
+    KernelEntry const* e = entries.find(sg);
+    if (e && e->origin == KernelEntry::exact && e->routeKey == key) out.push_back({sg, e});
+  }
+  return out;
+}
+
+std::vector<std::pair<SgKey, KernelEntry const*>> RouteEngine::dropEntries(Wirly::AddressFamily af) const {
+  std::vector<std::pair<SgKey, KernelEntry const*>> out;
+  SgIndex const& entries = entries_[idx(af)];
+  std::vector<SgKey> keys = entries.nonExactEntries();
+  std::sort(keys.begin(), keys.end());
+  for (SgKey const& sg : keys)
+    if (KernelEntry const* e = entries.find(sg); e && e->origin == KernelEntry::drop) out.push_back({sg, e});
+  return out;
 }
 
 void RouteEngine::doKernelFor(IpGenRouteKey const& key) {
@@ -385,26 +438,20 @@ void RouteEngine::doKernelFor(IpGenRouteKey const& key) {
   if (isStarG(key)) {
     // Exactly the entries of this group that came from it, or that wait
     // as drop entries for a route.
-    SgKey const from{key.group().address(), Wirly::IpGenAddr()};
-    std::vector<SgKey> touched;
-    auto& entries = entries_[idx(af)];
-    for (auto it = entries.lower_bound(from); it != entries.end() && it->first.group == from.group; ++it)
-      if (it->second.origin != KernelEntry::exact) touched.push_back(it->first);
-    for (SgKey const& sg : touched) doProgram(af, sg, false);
+    for (SgKey const& sg : entries_[idx(af)].groupEntries(key.group().address())) doProgram(af, sg, false);
     return;
   }
   if (key.source().len() != hostLen(af)) return;
   doProgram(af, SgKey{key.group().address(), key.source().address()}, true);
 }
 
-std::vector<std::uint16_t> RouteEngine::vifsOf(Wirly::AddressFamily af, RouteState const& st, std::uint16_t iif) const {
-  std::vector<std::uint16_t> out;
+VifMask RouteEngine::vifsOf(Wirly::AddressFamily af, RouteState const& st, std::uint16_t iif) const {
+  VifMask out = 0;
   for (Wirly::IntfId o : st.oifs) {
     std::uint16_t const v = kernelStatus_[idx(af)]->intfVif(o);
-    if (v == 0 || v == iif || down_.count(o)) continue;
-    out.push_back(v);
+    if (v == 0 || v == iif || v >= KernelMfc::maxVifs || (!down_.empty() && down_.count(o))) continue;
+    out |= VifMask(1) << v;
   }
-  std::sort(out.begin(), out.end());
   return out;
 }
 
@@ -412,15 +459,15 @@ bool RouteEngine::doProgram(Wirly::AddressFamily af, SgKey const& sg, bool creat
   KernelMfc* mfc = mfc_[idx(af)];
   if (!mfc) return false;
   auto& entries = entries_[idx(af)];
-  auto it = entries.find(sg);
-  std::optional<IpGenRouteKey> const routeKey = routeFor(af, sg);
-  RouteState* st = routeKey ? kernelRoute(*routeKey) : nullptr;
-  if (st && isStarG(*routeKey) && it == entries.end() && !create) return false;
+  KernelEntry* had = entries.find(sg);
+  RouteState* st = nullptr;
+  std::optional<IpGenRouteKey> const routeKey = routeFor(af, sg, &st);
+  if (st && isStarG(*routeKey) && !had && !create) return false;
 
   KernelEntry want;
-  if (it != entries.end()) {
-    want.learnedNs = it->second.learnedNs;
-    want.recovered = it->second.recovered;
+  if (had) {
+    want.learnedNs = had->learnedNs;
+    want.recovered = had->recovered;
   }
   if (st) {
     std::uint16_t const iif = kernelStatus_[idx(af)]->intfVif(st->iif);
@@ -436,48 +483,47 @@ bool RouteEngine::doProgram(Wirly::AddressFamily af, SgKey const& sg, bool creat
       want.iif = iif;
       want.oifs = vifsOf(af, *st, iif);
     }
-  } else if (it == entries.end()) {
+  } else if (!had) {
     if (!create) return false;
-  } else if (it->second.origin != KernelEntry::drop) {
+  } else if (had->origin != KernelEntry::drop) {
     // Its route went: the entry goes; the next packet asks again.
-    int const err = mfc->mfcDel(sg.source, sg.group, it->second.iif);
+    int const err = mfc->mfcDel(sg.source, sg.group, had->iif);
     if (err != 0 && err != ENOENT) KIV_TRACE(th(), 2, "remove " << sgText(sg) << " failed: " << std::strerror(err));
     emit("remove " + sgText(sg));
-    entries.erase(it);
+    doErase(af, sg);
     return true;
   }
   if (want.origin == KernelEntry::drop) {
     // A drop entry needs some incoming VIF; the kernel matches (S, G) alone.
-    if (it != entries.end() && it->second.origin == KernelEntry::drop && it->second.iif != 0)
-      want.iif = it->second.iif;
+    if (had && had->origin == KernelEntry::drop && had->iif != 0)
+      want.iif = had->iif;
     else
       want.iif = askedVif != 0 ? askedVif : (intfs_.empty() ? 0 : intfs_.front().vif);
   }
-  if (it != entries.end() && it->second.installed && it->second.origin == want.origin && it->second.iif == want.iif &&
-      it->second.oifs == want.oifs) {
-    it->second.routeKey = want.routeKey;
+  if (had && had->installed && had->origin == want.origin && had->iif == want.iif && had->oifs == want.oifs) {
+    had->routeKey = want.routeKey;
     return false;
   }
-  if (it == entries.end()) {
-    it = entries.emplace(sg, want).first;
-    doDropCount(false, want.origin == KernelEntry::drop);
-  } else {
-    want.installedNs = it->second.installedNs;
-    doDropCount(it->second.origin == KernelEntry::drop, want.origin == KernelEntry::drop);
-    it->second = want;
-  }
-  doWrite(af, sg, it->second);
+  if (had) want.installedNs = had->installedNs;
+  doDropCount(had && had->origin == KernelEntry::drop, want.origin == KernelEntry::drop);
+  doWrite(af, sg, entries.put(sg, want), st);
   return true;
 }
 
-bool RouteEngine::doWrite(Wirly::AddressFamily af, SgKey const& sg, KernelEntry& e) {
+void RouteEngine::doErase(Wirly::AddressFamily af, SgKey const& sg) {
+  entries_[idx(af)].erase(sg);
+  failed_[idx(af)].erase(sg);
+}
+
+bool RouteEngine::doWrite(Wirly::AddressFamily af, SgKey const& sg, KernelEntry& e, RouteState* route) {
   KernelMfc* mfc = mfc_[idx(af)];
-  RouteState* st = e.origin == KernelEntry::drop ? nullptr : kernelRoute(e.routeKey);
+  RouteState* st = e.origin == KernelEntry::drop ? nullptr : route ? route : kernelRoute(e.routeKey);
   int const err = mfc->mfcIs(sg.source, sg.group, e.iif, e.oifs);
   if (err != 0) {
     ++writeRefusals_;
     e.installed = false;
     e.error = err;
+    failed_[idx(af)].insert(sg);
     if (st) {
       MrouteLib::MrouteFailureReason r = st->failure;
       r.valueIs((r.value() & ~programmingMask) | reasonOf(err).value());
@@ -487,6 +533,7 @@ bool RouteEngine::doWrite(Wirly::AddressFamily af, SgKey const& sg, KernelEntry&
     return false;
   }
   bool const first = e.installedNs == 0;
+  if (!failed_[idx(af)].empty()) failed_[idx(af)].erase(sg);
   e.installed = true;
   e.error = 0;
   e.installedNs = now();
@@ -494,9 +541,11 @@ bool RouteEngine::doWrite(Wirly::AddressFamily af, SgKey const& sg, KernelEntry&
   if (e.origin == KernelEntry::drop) {
     emit("install " + sgText(sg) + " drop");
   } else {
-    std::vector<std::string> oifs;
-    for (std::uint16_t v : e.oifs) oifs.push_back(vifText(af, v));
-    emit("install " + sgText(sg) + " " + vifText(af, e.iif) + " -> " + listText(oifs));
+    std::string line = "install " + sgText(sg) + " " + vifText(af, e.iif) + " -> ";
+    if (e.oifs == 0) line += "-";
+    for (std::uint16_t v = 0; v < KernelMfc::maxVifs; ++v)
+      if (e.oifs & (VifMask(1) << v)) line += (line.back() == ' ' ? "" : ",") + vifText(af, v);
+    emit(line);
   }
   if (first && e.learnedNs != 0 && flowLog_) flowLog_(af, sg, e);
   return true;
@@ -513,7 +562,7 @@ void RouteEngine::doDropCount(bool wasDrop, bool isDrop) {
 }
 
 bool RouteEngine::doAdmit(Wirly::AddressFamily af, SgKey const& sg, std::uint16_t vif, bool* routed) {
-  bool const hasRoute = routeFor(af, sg).has_value();
+  bool const hasRoute = routeFor(af, sg, nullptr).has_value();
   if (routed) *routed = hasRoute;
   if (hasRoute || entries_[idx(af)].count(sg)) return true;
   UpcallBudget::Verdict const v = budget_->doAdmit(vif, now());
@@ -541,25 +590,25 @@ void RouteEngine::handleNoCache(Wirly::AddressFamily af, Wirly::IpGenAddr const&
   if (!mfc_[idx(af)]) return;
   if (routed) ++routedUpcalls_;
   auto& entries = entries_[idx(af)];
-  auto it = entries.find(sg);
-  if (it == entries.end()) {
+  KernelEntry* had = entries.find(sg);
+  if (!had) {
     KernelEntry e;
     e.learnedNs = now();
     // Placeholder until doProgram decides: a flow nobody asked for before.
-    it = entries.emplace(sg, e).first;
+    e.iif = kernelStatus_[idx(af)]->intfVif(intf);
+    e.installed = false;
+    entries.put(sg, e);
     doDropCount(false, true);
-    it->second.iif = kernelStatus_[idx(af)]->intfVif(intf);
-    it->second.installed = false;
-  } else if (it->second.installed) {
+  } else if (had->installed) {
     // A report queued before the entry was written (a burst, or a flow
     // recovered from the unresolved list first) is stale; one about an
     // entry written long ago means the kernel lost it: write it again.
-    if (now() - it->second.installedNs < staleUpcallNs) return;
-    it->second.installed = false;
+    if (now() - had->installedNs < staleUpcallNs) return;
+    had->installed = false;
   }
   if (!doProgram(af, sg, true, kernelStatus_[idx(af)]->intfVif(intf))) {
-    KernelEntry& e = entries.at(sg);
-    if (!e.installed) doWrite(af, sg, e);
+    KernelEntry* e = entries.find(sg);
+    if (e && !e->installed) doWrite(af, sg, *e);
   }
 }
 
@@ -568,25 +617,25 @@ bool RouteEngine::handleRecovered(Wirly::AddressFamily af, Wirly::IpGenAddr cons
   if (!mfc_[idx(af)]) return false;
   SgKey const sg{group, source};
   auto& entries = entries_[idx(af)];
-  auto it = entries.find(sg);
-  bool const fresh = it == entries.end();
+  KernelEntry* e = entries.find(sg);
+  bool const fresh = e == nullptr;
   if (fresh) {
     // The dump does not say where the flow came in: the unknown interface's budget.
     if (!doAdmit(af, sg, 0)) return false;
-    KernelEntry e;
-    e.learnedNs = now();
-    e.recovered = true;
-    it = entries.emplace(sg, e).first;
+    KernelEntry placeholder;
+    placeholder.learnedNs = now();
+    placeholder.recovered = true;
+    e = &entries.put(sg, placeholder);
     doDropCount(false, true);
     ++recovered_;
   }
   // A dump resumed while the kernel's list changed may name a flow twice,
   // or one just written: only an entry written long ago is written again.
-  if (!fresh && it->second.installed && now() - it->second.installedNs < staleUpcallNs) return false;
-  it->second.installed = false;
+  if (!fresh && e->installed && now() - e->installedNs < staleUpcallNs) return false;
+  e->installed = false;
   if (!doProgram(af, sg, true)) {
-    KernelEntry& e = entries.at(sg);
-    if (!e.installed) doWrite(af, sg, e);
+    KernelEntry* now = entries.find(sg);
+    if (now && !now->installed) doWrite(af, sg, *now);
   }
   return fresh;
 }
@@ -595,8 +644,8 @@ void RouteEngine::handleWrongVif(Wirly::AddressFamily af, Wirly::IpGenAddr const
                                  Wirly::IntfId intf) {
   ++upcalls_;
   emit("upcall wrongvif " + sgText({group, source}) + " on " + intfText(intf));
-  std::optional<IpGenRouteKey> const key = routeFor(af, {group, source});
-  RouteState* st = key ? kernelRoute(*key) : nullptr;
+  RouteState* st = nullptr;
+  routeFor(af, {group, source}, &st);
   if (!st || !st->mroute) return;
   // Routed interfaces have no VLAN: failures are kept by the VIF they came in on.
   Bridging::VlanId const at(kernelStatus_[idx(af)]->intfVif(intf));
@@ -632,9 +681,8 @@ std::size_t RouteEngine::handleLink(Wirly::IntfId intf, bool up) {
     for (IpGenRouteKey const& key : touched) {
       std::vector<SgKey> sgs;
       if (isStarG(key)) {
-        SgKey const from{key.group().address(), Wirly::IpGenAddr()};
-        for (auto it = entries.lower_bound(from); it != entries.end() && it->first.group == from.group; ++it)
-          if (it->second.origin == KernelEntry::fromStarG) sgs.push_back(it->first);
+        for (SgKey const& sg : entries.groupEntries(key.group().address()))
+          if (entries.find(sg)->origin == KernelEntry::fromStarG) sgs.push_back(sg);
       } else if (entries.count({key.group().address(), key.source().address()})) {
         sgs.push_back({key.group().address(), key.source().address()});
       }
@@ -654,29 +702,23 @@ std::size_t RouteEngine::expireDrops(std::uint64_t idleNs) {
     KernelMfc* mfc = mfc_[idx(af)];
     if (!mfc) continue;
     auto& entries = entries_[idx(af)];
-    for (auto it = entries.begin(); it != entries.end();) {
-      KernelEntry& e = it->second;
-      if (e.origin != KernelEntry::drop || !e.installed) {
-        ++it;
-        continue;
-      }
-      KernelMfc::Counters const c = mfc->counters(it->first.source, it->first.group);
+    // Only entries no exact route owns can be drop entries.
+    for (SgKey const& sg : entries.nonExactEntries()) {
+      KernelEntry& e = *entries.find(sg);
+      if (e.origin != KernelEntry::drop || !e.installed) continue;
+      KernelMfc::Counters const c = mfc->counters(sg.source, sg.group);
       if (c.valid && c.pkts != e.lastPkts) {
         e.lastPkts = c.pkts;
         e.lastActiveNs = t;
       }
-      if (t - std::max(e.lastActiveNs, e.installedNs) < idleNs) {
-        ++it;
-        continue;
-      }
-      int const err = mfc->mfcDel(it->first.source, it->first.group, e.iif);
+      if (t - std::max(e.lastActiveNs, e.installedNs) < idleNs) continue;
+      int const err = mfc->mfcDel(sg.source, sg.group, e.iif);
       if (err != 0 && err != ENOENT) {
-        KIV_TRACE(th(), 2, "remove " << sgText(it->first) << " failed: " << std::strerror(err));
-        ++it;
+        KIV_TRACE(th(), 2, "remove " << sgText(sg) << " failed: " << std::strerror(err));
         continue;
       }
-      emit("remove " + sgText(it->first));
-      it = entries.erase(it);
+      emit("remove " + sgText(sg));
+      doErase(af, sg);
       doDropCount(true, false);
       ++gone;
     }
@@ -687,17 +729,13 @@ std::size_t RouteEngine::expireDrops(std::uint64_t idleNs) {
 std::size_t RouteEngine::retryFailed() {
   for (Wirly::AddressFamily af : {Wirly::ipv4, Wirly::ipv6}) {
     if (!mfc_[idx(af)]) continue;
-    for (auto& [sg, e] : entries_[idx(af)])
-      if (!e.installed) doWrite(af, sg, e);
+    std::vector<SgKey> const refused(failed_[idx(af)].begin(), failed_[idx(af)].end());
+    for (SgKey const& sg : refused)
+      if (KernelEntry* e = entries_[idx(af)].find(sg); e && !e->installed) doWrite(af, sg, *e);
   }
   return failedEntries();
 }
 
-std::size_t RouteEngine::failedEntries() const {
-  std::size_t n = 0;
-  for (auto const& entries : entries_)
-    for (auto const& [sg, e] : entries) n += e.installed ? 0 : 1;
-  return n;
-}
+std::size_t RouteEngine::failedEntries() const { return failed_[0].size() + failed_[1].size(); }
 
 }  // namespace MrouteAgent

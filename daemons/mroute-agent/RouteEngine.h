@@ -43,12 +43,14 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "KernelMfc.h"
 #include "Mfib/MfibVorn.h"
 #include "MrouteLib/MrouteLib.h"
 #include "Schema/KernelMfibStatus.h"
+#include "SgIndex.h"
 #include "UpcallBudget.h"
 
 namespace MrouteAgent {
@@ -66,28 +68,6 @@ struct IntfConfig {
   std::string linuxName;
   int ifIndex = 0;
   std::uint16_t vif = 0;
-};
-
-// One kernel entry as the agent last wrote it.
-struct SgKey {
-  Wirly::IpGenAddr group;
-  Wirly::IpGenAddr source;
-  friend auto operator<=>(SgKey const&, SgKey const&) = default;
-};
-
-struct KernelEntry {
-  enum Origin : std::uint8_t { exact, fromStarG, drop };
-  Origin origin = drop;
-  IpGenRouteKey routeKey;  // the route it comes from (none for a drop entry)
-  std::uint16_t iif = 0;
-  std::vector<std::uint16_t> oifs;
-  bool installed = false;
-  int error = 0;                // errno of the last refusal, 0 when installed
-  std::uint64_t learnedNs = 0;  // monotonic: upcall or recovery that asked for it
-  std::uint64_t installedNs = 0;
-  bool recovered = false;          // learned from the kernel's unresolved list
-  std::uint64_t lastPkts = 0;      // drop entries: the kernel's count when last looked at
-  std::uint64_t lastActiveNs = 0;  // and when it last moved
 };
 
 // The agent's state of one route of one VRF, beside its Mroute.
@@ -116,6 +96,8 @@ class RouteEngine {
   static constexpr std::uint64_t staleUpcallNs = 2000000000ull;
   // A drop entry whose flow stopped this long ago goes (expireDrops).
   static constexpr std::uint64_t dropIdleNs = 60'000'000'000ull;
+  // A flush that visits this many routes gives the memory it freed back.
+  static constexpr std::size_t trimAfterRoutes = 10000;
 
   RouteEngine(std::vector<IntfConfig> intfs, Kiv::Ptr<MfibVornDir> const& vornDir, AppNameOf appNameOf);
   ~RouteEngine();
@@ -142,7 +124,7 @@ class RouteEngine {
 
   // Recomputes every key noted since the last flush.
   void flush();
-  bool flushPending() const { return !pending_.empty(); }
+  bool flushPending() const { return pendingCount_ != 0; }
 
   // Upcalls. intf is where the packet arrived (empty when not known).
   void handleNoCache(Wirly::AddressFamily af, Wirly::IpGenAddr const& source, Wirly::IpGenAddr const& group,
@@ -172,7 +154,13 @@ class RouteEngine {
 
   // What show lists: routes by VRF name, kernel entries by family.
   std::map<std::string, std::map<IpGenRouteKey, RouteState>> const& routes() const { return routes_; }
-  std::map<SgKey, KernelEntry> const& entries(Wirly::AddressFamily af) const { return entries_[idx(af)]; }
+  SgIndex const& entries(Wirly::AddressFamily af) const { return entries_[idx(af)]; }
+  // The kernel entries that route key of the default VRF made, ordered by
+  // source: its one entry for an (S, G) route, the entries of its group's
+  // flows for a (*, G) route.
+  std::vector<std::pair<SgKey, KernelEntry const*>> entriesOf(IpGenRouteKey const& key) const;
+  // The drop entries of a family, ordered by group and source.
+  std::vector<std::pair<SgKey, KernelEntry const*>> dropEntries(Wirly::AddressFamily af) const;
   std::uint64_t notProgrammed() const { return notProgrammed_; }
   std::uint64_t upcalls() const { return upcalls_; }
   // Reports and recovered flows without a route that the budget refused.
@@ -212,7 +200,8 @@ class RouteEngine {
   // there is none (an upcall asked).
   // Returns whether the kernel was written (or the entry removed).
   bool doProgram(Wirly::AddressFamily af, SgKey const& sg, bool create, std::uint16_t askedVif = 0);
-  bool doWrite(Wirly::AddressFamily af, SgKey const& sg, KernelEntry& e);
+  // route: the entry's route when the caller has it at hand.
+  bool doWrite(Wirly::AddressFamily af, SgKey const& sg, KernelEntry& e, RouteState* route = nullptr);
   // Whether a flow the kernel asks about gets any work: always when it has
   // an entry or a route, else as the budget says.
   // *routed (when given) says whether it has a route.
@@ -220,10 +209,12 @@ class RouteEngine {
   // Keeps the budget's count of drop entries as an entry comes, goes or
   // changes origin.
   void doDropCount(bool wasDrop, bool isDrop);
+  void doErase(Wirly::AddressFamily af, SgKey const& sg);
   RouteState* kernelRoute(IpGenRouteKey const& key);
   // The default VRF's route that forwards (S, G): exact, else (*, G).
-  std::optional<IpGenRouteKey> routeFor(Wirly::AddressFamily af, SgKey const& sg) const;
-  std::vector<std::uint16_t> vifsOf(Wirly::AddressFamily af, RouteState const& st, std::uint16_t iif) const;
+  // *st (when given) is its state.
+  std::optional<IpGenRouteKey> routeFor(Wirly::AddressFamily af, SgKey const& sg, RouteState** st);
+  VifMask vifsOf(Wirly::AddressFamily af, RouteState const& st, std::uint16_t iif) const;
   std::uint32_t filterOf(Wirly::AddressFamily af, RouteState const& st) const;
   std::string intfText(Wirly::IntfId id) const { return id.empty() ? std::string("-") : id.name(); }
   std::string vifText(Wirly::AddressFamily af, std::uint16_t vif) const;
@@ -241,9 +232,15 @@ class RouteEngine {
   std::unique_ptr<VornDirWatch> vornDirWatch_;
   std::map<std::string, std::unique_ptr<Vrf>> vrfs_;
   std::vector<std::unique_ptr<Vrf>> retired_;
-  std::set<std::pair<std::string, IpGenRouteKey>> pending_;
+  // Keys noted since the last flush, per VRF name (a VRF that went keeps
+  // its name here until its routes are withdrawn); a key may be noted more
+  // than once: flush() visits each once.
+  std::map<std::string, std::vector<IpGenRouteKey>> pending_;
+  std::size_t pendingCount_ = 0;
   std::map<std::string, std::map<IpGenRouteKey, RouteState>> routes_;
-  std::map<SgKey, KernelEntry> entries_[2];
+  SgIndex entries_[2];
+  // Entries whose last write the kernel refused: what retryFailed() visits.
+  std::unordered_set<SgKey, SgKeyHash> failed_[2];
   std::set<Wirly::IntfId> down_;
   std::uint64_t notProgrammed_ = 0;
   std::uint64_t upcalls_ = 0;

@@ -111,13 +111,10 @@ Rows rowsOf(RouteEngine const& engine, ShowFilter const& f, ShowNow now) {
         for (auto const& [vlan, count] : st.mroute->rpfFailureCountMap()) r.rpfFailures += count;
       KernelMfc const* mfc = engine.mfc(af);
       if (vrf == RouteEngine::kernelVrf && mfc) {
-        auto const& entries = engine.entries(af);
-        for (auto it = entries.lower_bound({key.group().address(), Wirly::IpGenAddr()});
-             it != entries.end() && it->first.group == key.group().address(); ++it) {
-          if (it->second.origin == KernelEntry::drop || !(it->second.routeKey == key)) continue;
-          if (starG && !keyMatchesSource && !sourceMatches(f, it->first.source)) continue;
-          EntryRow e{af, it->first, &it->second, mfc->counters(it->first.source, it->first.group)};
-          e.sinceNs = it->second.learnedNs ? it->second.learnedNs : st.sinceNs;
+        for (auto const& [sg, entry] : engine.entriesOf(key)) {
+          if (starG && !keyMatchesSource && !sourceMatches(f, sg.source)) continue;
+          EntryRow e{af, sg, entry, mfc->counters(sg.source, sg.group)};
+          e.sinceNs = entry->learnedNs ? entry->learnedNs : st.sinceNs;
           r.packets += e.counters.pkts;
           r.bytes += e.counters.bytes;
           r.entries.push_back(e);
@@ -130,8 +127,8 @@ Rows rowsOf(RouteEngine const& engine, ShowFilter const& f, ShowNow now) {
   for (Wirly::AddressFamily af : {Wirly::ipv4, Wirly::ipv6}) {
     KernelMfc const* mfc = engine.mfc(af);
     if (!mfc) continue;
-    for (auto const& [sg, e] : engine.entries(af)) {
-      if (e.origin != KernelEntry::drop) continue;
+    for (auto const& [sg, drop] : engine.dropEntries(af)) {
+      KernelEntry const& e = *drop;
       ++out.allDrops;
       if ((f.vrf && *f.vrf != RouteEngine::kernelVrf) || (f.family && *f.family != af) ||
           (f.group && !(f.group->af() == af && f.group->contains(sg.group))) || !sourceMatches(f, sg.source))
