@@ -26,12 +26,12 @@
 #include <string>
 #include <vector>
 
-#include "BitMapper/BitMapperSchema.h"
 #include "Json.h"
 #include "Kiv/EventLoop.h"
 #include "Kiv/Exception.h"
 #include "MrouteVersion.h"
 #include "Options.h"
+#include "Schema/BitMapper/BitMapperSchema.h"
 #include "Schema/Mfib/MfibStatus.h"
 #include "Vorn/Region.h"
 #include "Vorn/Registry.h"
