@@ -36,7 +36,7 @@ endif()
 # their own trace handle `th`, class name `className` or netlink helpers.
 mroute_unity_on(Kiv Wirly Brisklog Schema BitMapperSchema MfibSchema MrouteLib BitMapper)
 mroute_unity_on(mroute-agent-core mroute-agent mroute-static-core mroute-static mcast-probe-core mcast-probe
-                mfib-demo-core mfib-demo vornctl kivctl brisklog-cat mrtmon)
+                mfib-demo-core mfib-demo vornctl kivctl brisklog-cat mrtmon mroute_python flow-burst)
 mroute_unity_on(KivTest WirlyTest SchemaTest BrisklogTest BitMapperTest MrouteLibTest MrtNotifyTest
                 MrouteAgentTest MrouteAgentKernelTest MrouteAgentRestartTest MrouteAgentForgedReportsTest
                 MrouteStaticTest McastProbeTest MfibDemoTest VornctlTest KivctlTest)
