@@ -39,7 +39,9 @@ mroute_unity_on(mroute-agent-core mroute-agent mroute-static-core mroute-static 
                 mfib-demo-core mfib-demo vornctl kivctl brisklog-cat mrtmon mroute_python flow-burst)
 mroute_unity_on(KivTest WirlyTest SchemaTest BrisklogTest BitMapperTest MrouteLibTest MrtNotifyTest
                 MrouteAgentTest MrouteAgentKernelTest MrouteAgentRestartTest MrouteAgentForgedReportsTest
-                MrouteStaticTest McastProbeTest MfibDemoTest VornctlTest KivctlTest)
+                MrouteStaticTest McastProbeTest MfibDemoTest VornctlTest KivctlTest MfibTest MrtNotifyKernelTest
+                MfibSchemaTest VornTest VornFullFileSystemTest VornctlDamageTest SteloTest FlowBurstTest
+                FlowBurstKernelTest brisklog-helper)
 
 # Sources that define their own `th` trace handle, or test helpers of the
 # same name as another test source of their program.
