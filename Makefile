@@ -32,23 +32,27 @@ test: build
 # The flow-burst baseline (smcroute) is installed here only: make test does
 # not need it, and without it the bench runs the agent alone.
 bench: build
+	@cmake --build --preset $(PRESET) -j $(JOBS) --target benches
 	@scripts/install-deps bench || echo "make bench: smcroute not installed; the flow-burst baseline is skipped" >&2
 	@scripts/run-bench $(BUILD)
 
 # Each demonstration builds only its own programs and the tools its README
-# section shows. The routing demo falls back to the MFIB demo where network
-# namespaces cannot be made, so it builds that one too.
+# section shows. Where network namespaces cannot be made the routing demo
+# falls back to the MFIB demo, which it builds then.
 demo: configure
-	@cmake --build --preset $(PRESET) -j $(JOBS) --target mroute-agent mroute-static mcast-probe mfib-demo
+	@cmake --build --preset $(PRESET) -j $(JOBS) --target mroute-agent mroute-static mcast-probe
 	@scripts/demo-mroute $(BUILD)
 
 demo-mfib: configure
 	@cmake --build --preset $(PRESET) -j $(JOBS) --target mfib-demo vornctl brisklog-cat
 	@scripts/demo $(BUILD)
 
-lint: configure
+# clang-tidy reads a compile database of the sources themselves, which a
+# unity build does not have: lint configures a tree of its own (no build).
+lint: deps
+	@cmake --preset $(PRESET) -B $(BUILD)-lint -DMROUTE_UNITY_BUILD=OFF >/dev/null
 	@scripts/install-deps lint
-	@scripts/lint $(BUILD)
+	@scripts/lint $(BUILD)-lint
 
 # The packages are made from the built tree (no second build), the same way
 # the package test makes them.

@@ -18,7 +18,7 @@
 #include <utility>
 #include <vector>
 
-#include "BitMapper/BitMapperSchema.h"
+#include "Schema/BitMapper/BitMapperSchema.h"
 
 namespace BitMapper {
 

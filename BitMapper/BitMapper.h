@@ -13,9 +13,9 @@
 #include <unordered_map>
 
 #include "BitMapper/BitIndexColl.h"
-#include "BitMapper/BitMapperSchema.h"
 #include "Kiv/Entity.h"
 #include "Kiv/Reflect.h"
+#include "Schema/BitMapper/BitMapperSchema.h"
 
 template <>
 struct std::hash<BitMapper::BitMapperKey> {

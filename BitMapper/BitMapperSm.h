@@ -21,10 +21,10 @@
 #include <cstdint>
 
 #include "BitMapper/BitMapper.h"
-#include "BitMapper/BitMapperSchema.h"
 #include "Kiv/Entity.h"
 #include "Kiv/LinkQueue.h"
 #include "Kiv/Reflect.h"
+#include "Schema/BitMapper/BitMapperSchema.h"
 
 namespace BitMapper {
 

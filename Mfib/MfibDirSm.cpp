@@ -2,11 +2,11 @@
 
 #include <vector>
 
-#include "BitMapper/BitMapperSchema.h"
 #include "Brisklog/Brisklog.h"
 #include "Kiv/Assert.h"
 #include "Kiv/CollectionAttr.h"
 #include "Kiv/Trace.h"
+#include "Schema/BitMapper/BitMapperSchema.h"
 #include "Stelo/Mount.h"
 
 namespace Vorn::Multicast::Fib {

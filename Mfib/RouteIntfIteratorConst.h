@@ -38,7 +38,7 @@
 #include <ostream>
 #include <unordered_map>
 
-#include "BitMapper/BitMapperSchema.h"
+#include "Schema/BitMapper/BitMapperSchema.h"
 #include "Schema/Mfib/MfibStatus.h"
 #include "Schema/Mfib/Route.h"
 #include "Wirly/IntfId.h"

@@ -3,7 +3,7 @@
 // PortVlanSet: everything that decides one hardware replication list of a
 // route: the outgoing (interface, VLAN or logical interface) pairs, CPU
 // copies, the accepting VLAN, NAT VLANs, a fast-reroute backup set and a few
-// flags. Routes whose sets are equal share one OifSet (MrouteLib.h), so ==,
+// flags. Routes whose sets are equal share one OifSet (OifSet.h), so ==,
 // < and hash() below decide which routes share hardware.
 //
 //   PortVlanSet s;

@@ -4,6 +4,32 @@ include(GNUInstallDirs)
 
 set(MROUTE_WARNINGS -Wall -Wextra -Werror)
 
+# Compiler caching where present (scripts/install-deps installs ccache): a
+# second build tree, a branch switch or a clean rebuild compiles only what
+# changed. -DCMAKE_CXX_COMPILER_LAUNCHER= (empty) turns it off.
+find_program(MROUTE_CCACHE ccache)
+if(MROUTE_CCACHE AND NOT DEFINED CMAKE_CXX_COMPILER_LAUNCHER)
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${MROUTE_CCACHE})
+endif()
+if(MROUTE_CCACHE AND NOT DEFINED CMAKE_C_COMPILER_LAUNCHER)
+  set(CMAKE_C_COMPILER_LAUNCHER ${MROUTE_CCACHE})
+endif()
+
+# Unity builds: a target listed in cmake/Unity.cmake compiles its sources in
+# batches of up to eight per translation unit. Most of a compile here is the
+# code generated for the headers' templates and inline functions (tables,
+# reflection, GoogleTest), which a batch generates once instead of once per
+# source; batches of eight leave enough translation units to keep two cores
+# busy. -DMROUTE_UNITY_BUILD=OFF compiles every source on its own (make lint
+# does, for clang-tidy's compile database).
+option(MROUTE_UNITY_BUILD "Compile the targets listed in cmake/Unity.cmake in batches" ON)
+if(NOT DEFINED CMAKE_UNITY_BUILD_BATCH_SIZE)
+  set(CMAKE_UNITY_BUILD_BATCH_SIZE 8)
+endif()
+# A batch includes its sources, and GCC takes a fixture in an anonymous
+# namespace of an included file for one in a header.
+add_compile_options($<$<AND:$<COMPILE_LANG_AND_ID:CXX,GNU>,$<BOOL:$<TARGET_PROPERTY:UNITY_BUILD>>>:-Wno-subobject-linkage>)
+
 # Libraries are installed as libmroute-<name>.so.<major>.<minor> so that they
 # cannot clash with other projects' libraries in a system directory; the
 # CMake targets keep their short names (Kiv, Vorn, ...) inside this tree and
@@ -85,34 +111,92 @@ function(mroute_test name)
   if(ARG_LABELS)
     list(APPEND props LABELS "${ARG_LABELS}")
   endif()
+  # Parameterized cases are named by their generators (".../Ipv4") or by
+  # their index, never by a dump of the parameter's bytes.
   gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST
                        PROPERTIES ${props}
-                       TEST_PREFIX "${name}.")
+                       TEST_PREFIX "${name}."
+                       NO_PRETTY_VALUES)
 endfunction()
 
-# mroute_fuzz_target(Name SOURCE file.cpp DEPENDS_ON dir... WHAT "text")
-# A libFuzzer target needs clang: the directory's fuzz/build.sh builds it
-# beside the rest of the build, and make test runs it for a few seconds
-# (ctest label "fuzz"). Without clang it is left out, with a status line.
+# mroute_fuzz_target(Name SOURCE file.cpp DEPENDS_ON dir... [EXCLUDE file...]
+#                    [INCLUDES dir...] WHAT "text")
+# A libFuzzer target needs clang (the directory's fuzz/build.sh builds it by
+# hand): the harness and every source of the DEPENDS_ON directories (less
+# EXCLUDE, relative to the top) under AddressSanitizer and UBSan. make test
+# runs it for a few seconds (ctest label "fuzz"). Without clang it is left
+# out, with a status line. The targets are only recorded here; the
+# directory that calls mroute_fuzz_targets_finish() builds them all, so that
+# sources they share (Kiv, Brisklog, ...) compile once, each source on its
+# own in parallel with the rest of the build.
 function(mroute_fuzz_target name)
-  cmake_parse_arguments(ARG "" "SOURCE;WHAT" "DEPENDS_ON" ${ARGN})
+  cmake_parse_arguments(ARG "" "SOURCE;WHAT" "DEPENDS_ON;EXCLUDE;INCLUDES" ${ARGN})
   find_program(MROUTE_FUZZ_CXX NAMES clang++ clang++-14)
   if(NOT MROUTE_FUZZ_CXX)
     message(STATUS "clang++ not found: the ${ARG_WHAT} fuzz target is not built")
     return()
   endif()
-  set(deps)
+  set(sources)
   foreach(dir ${ARG_DEPENDS_ON})
-    file(GLOB found CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${dir}/*)
-    list(APPEND deps ${found})
+    file(GLOB found CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${dir}/*.cpp)
+    list(APPEND sources ${found})
   endforeach()
-  add_custom_command(OUTPUT ${CMAKE_BINARY_DIR}/bin/${name}
-                     COMMAND ${CMAKE_COMMAND} -E env CXX=${MROUTE_FUZZ_CXX}
-                             sh ${CMAKE_CURRENT_SOURCE_DIR}/fuzz/build.sh ${CMAKE_BINARY_DIR}/bin/${name}
-                     DEPENDS ${ARG_SOURCE} fuzz/build.sh ${deps}
-                     COMMENT "Building the ${ARG_WHAT} fuzz target with clang" VERBATIM)
-  add_custom_target(${name} ALL DEPENDS ${CMAKE_BINARY_DIR}/bin/${name})
-  add_test(NAME ${name} COMMAND ${CMAKE_BINARY_DIR}/bin/${name} -max_total_time=8 -seed=1 -timeout=10
-           WORKING_DIRECTORY ${CMAKE_BINARY_DIR}/Testing)
-  set_tests_properties(${name} PROPERTIES LABELS fuzz TIMEOUT 120)
+  foreach(skip ${ARG_EXCLUDE})
+    list(REMOVE_ITEM sources ${PROJECT_SOURCE_DIR}/${skip})
+  endforeach()
+  set(includes)
+  foreach(dir ${ARG_INCLUDES})
+    list(APPEND includes -I${CMAKE_CURRENT_SOURCE_DIR}/${dir})
+  endforeach()
+  set_property(GLOBAL APPEND PROPERTY MROUTE_FUZZ_TARGETS ${name})
+  set_property(GLOBAL PROPERTY MROUTE_FUZZ_${name}_HARNESS ${CMAKE_CURRENT_SOURCE_DIR}/${ARG_SOURCE})
+  set_property(GLOBAL PROPERTY MROUTE_FUZZ_${name}_SOURCES ${sources})
+  set_property(GLOBAL PROPERTY MROUTE_FUZZ_${name}_INCLUDES ${includes})
+endfunction()
+
+# The objects of the fuzz targets live in <build>/fuzz/, one per source,
+# found again by their path below the top.
+function(mroute_fuzz_object src extra_flags out_var)
+  file(RELATIVE_PATH rel ${PROJECT_SOURCE_DIR} ${src})
+  set(obj ${CMAKE_BINARY_DIR}/fuzz/${rel}.o)
+  get_property(made GLOBAL PROPERTY MROUTE_FUZZ_OBJECTS)
+  if(NOT obj IN_LIST made)
+    set_property(GLOBAL APPEND PROPERTY MROUTE_FUZZ_OBJECTS ${obj})
+    get_filename_component(dir ${obj} DIRECTORY)
+    file(MAKE_DIRECTORY ${dir})
+    # Line tables are enough for the stack of a finding, at a fraction of
+    # the cost of full debug information.
+    add_custom_command(OUTPUT ${obj}
+                       COMMAND ${CMAKE_CXX_COMPILER_LAUNCHER} ${MROUTE_FUZZ_CXX} -std=c++20 -gline-tables-only -O1
+                               -fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=undefined
+                               -I${PROJECT_SOURCE_DIR} -I${PROJECT_SOURCE_DIR}/platform ${extra_flags}
+                               -MD -MF ${obj}.d -c ${src} -o ${obj}
+                       DEPENDS ${src} DEPFILE ${obj}.d
+                       COMMENT "Building ${rel} for fuzzing" VERBATIM)
+  endif()
+  set(${out_var} ${obj} PARENT_SCOPE)
+endfunction()
+
+function(mroute_fuzz_targets_finish)
+  get_property(targets GLOBAL PROPERTY MROUTE_FUZZ_TARGETS)
+  foreach(name ${targets})
+    get_property(harness GLOBAL PROPERTY MROUTE_FUZZ_${name}_HARNESS)
+    get_property(sources GLOBAL PROPERTY MROUTE_FUZZ_${name}_SOURCES)
+    get_property(includes GLOBAL PROPERTY MROUTE_FUZZ_${name}_INCLUDES)
+    mroute_fuzz_object(${harness} "${includes}" harness_obj)
+    set(objs ${harness_obj})
+    foreach(src ${sources})
+      mroute_fuzz_object(${src} "" obj)
+      list(APPEND objs ${obj})
+    endforeach()
+    set(exe ${CMAKE_BINARY_DIR}/bin/${name})
+    add_custom_command(OUTPUT ${exe}
+                       COMMAND ${MROUTE_FUZZ_CXX} -fsanitize=fuzzer,address,undefined ${objs} -o ${exe}
+                       DEPENDS ${objs}
+                       COMMENT "Linking the fuzz target ${name}" VERBATIM)
+    add_custom_target(${name} ALL DEPENDS ${exe})
+    add_test(NAME ${name} COMMAND ${exe} -max_total_time=8 -seed=1 -timeout=10
+             WORKING_DIRECTORY ${CMAKE_BINARY_DIR}/Testing)
+    set_tests_properties(${name} PROPERTIES LABELS fuzz TIMEOUT 120)
+  endforeach()
 endfunction()

@@ -14,11 +14,11 @@
 #include <vector>
 
 #include "Bind.h"
-#include "BitMapper/BitMapperSchema.h"
 #include "Kiv/Exception.h"
 #include "Kiv/PathTrust.h"
 #include "Kiv/ValuePlain.h"
 #include "Mfib/MfibDir.h"
+#include "Schema/BitMapper/BitMapperSchema.h"
 #include "Schema/Mfib/MfibStatus.h"
 #include "Vorn/Region.h"
 #include "Vorn/Registry.h"

@@ -11,9 +11,9 @@
 #include <vector>
 
 #include "Bind.h"
-#include "BitMapper/BitMapperSchema.h"
 #include "Kiv/ValuePlain.h"
 #include "Kiv/ValueText.h"
+#include "Schema/BitMapper/BitMapperSchema.h"
 #include "Schema/Mfib/IpGenRouteKey.h"
 #include "Schema/Mfib/Route.h"
 #include "Schema/PortVlan.h"

@@ -10,10 +10,10 @@
 #include <iostream>
 #include <sstream>
 
-#include "BitMapper/BitMapperSchema.h"
 #include "Json.h"
 #include "Kiv/Exception.h"
 #include "Mfib/MfibDir.h"
+#include "Schema/BitMapper/BitMapperSchema.h"
 #include "Schema/Mfib/MfibStatus.h"
 #include "Vorn/Region.h"
 

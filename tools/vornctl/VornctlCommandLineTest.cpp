@@ -13,8 +13,8 @@
 #include <string>
 #include <thread>
 
-#include "BitMapper/BitMapperSchema.h"
 #include "Kiv/EventLoop.h"
+#include "Schema/BitMapper/BitMapperSchema.h"
 #include "Schema/Mfib/MfibStatus.h"
 #include "tests/Vorn/VornTestUtil.h"
 

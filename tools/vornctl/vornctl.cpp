@@ -27,12 +27,12 @@
 #include <string>
 #include <vector>
 
-#include "BitMapper/BitMapperSchema.h"
 #include "Json.h"
 #include "Kiv/EventLoop.h"
 #include "Kiv/Exception.h"
 #include "MrouteVersion.h"
 #include "Options.h"
+#include "Schema/BitMapper/BitMapperSchema.h"
 #include "Schema/Mfib/MfibStatus.h"
 #include "Schema/Mfib/RoutePlain.h"
 #include "Vorn/Region.h"

@@ -14,7 +14,7 @@
 
 #include <cstdint>
 
-#include "BitMapper/BitMapperSchema.h"
+#include "Schema/BitMapper/BitMapperSchema.h"
 #include "Schema/Mfib/Route.h"
 #include "Vorn/Registry.h"
 #include "Vorn/Status.h"

@@ -1,4 +1,4 @@
-#include "BitMapper/BitMapperSchema.h"
+#include "Schema/BitMapper/BitMapperSchema.h"
 
 #include <cstring>
 

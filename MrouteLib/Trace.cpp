@@ -1,0 +1,10 @@
+#include "MrouteLib/Trace.h"
+
+namespace MrouteLib {
+
+Kiv::TraceHandle& trace() {
+  static Kiv::TraceHandle handle("MrouteLib");
+  return handle;
+}
+
+}  // namespace MrouteLib
