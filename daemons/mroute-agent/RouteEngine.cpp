@@ -21,15 +21,6 @@ namespace {
 
 Kiv::TraceHandle& th() { return agentTrace(); }
 
-unsigned hostLen(Wirly::AddressFamily af) { return af == Wirly::ipv6 ? 128 : 32; }
-
-std::string prefixText(Wirly::IpGenPrefix const& p, bool star) {
-  if (star) return "*";
-  std::string out = p.address().str();
-  if (p.len() != hostLen(p.af())) out += "/" + std::to_string(unsigned(p.len()));
-  return out;
-}
-
 std::string listText(std::vector<std::string> const& items) {
   if (items.empty()) return "-";
   std::string out;
@@ -68,6 +59,15 @@ constexpr std::uint32_t programmingMask = MrouteLib::MrouteFailureReason::routeF
                                           MrouteLib::MrouteFailureReason::routeFailureNoRouteInfoMask;
 
 }  // namespace
+
+unsigned hostLen(Wirly::AddressFamily af) { return af == Wirly::ipv6 ? 128 : 32; }
+
+std::string prefixText(Wirly::IpGenPrefix const& p, bool star) {
+  if (star) return "*";
+  std::string out = p.address().str();
+  if (p.len() != hostLen(p.af())) out += "/" + std::to_string(unsigned(p.len()));
+  return out;
+}
 
 // ---- the VRFs' tables, as the directory mounts them ----
 

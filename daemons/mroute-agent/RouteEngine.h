@@ -55,6 +55,12 @@
 
 namespace MrouteAgent {
 
+// Bits of a host address of the family (32 or 128).
+unsigned hostLen(Wirly::AddressFamily af);
+// A route key's half as the agent prints it: "*" for any source, else the
+// address, with "/len" when it is not a host.
+std::string prefixText(Wirly::IpGenPrefix const& p, bool star);
+
 using Routing::Multicast::Fib::IpGenRouteKey;
 using Vorn::Multicast::Fib::MfibVornColl;
 using Vorn::Multicast::Fib::MfibVornDir;

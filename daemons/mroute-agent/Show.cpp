@@ -29,16 +29,6 @@ namespace {
 
 constexpr int kShowJsonVersion = 1;
 
-unsigned hostLen(Wirly::AddressFamily af) { return af == Wirly::ipv6 ? 128 : 32; }
-
-// A route key's half as show prints it: the address, "/len" when not a host.
-std::string prefixText(Wirly::IpGenPrefix const& p, bool star) {
-  if (star) return "*";
-  std::string s = p.address().str();
-  if (p.len() != hostLen(p.af())) s += "/" + std::to_string(unsigned(p.len()));
-  return s;
-}
-
 char const* familyName(Wirly::AddressFamily af) { return af == Wirly::ipv6 ? "ipv6" : "ipv4"; }
 
 std::string idName(Wirly::IntfId id) { return id.empty() ? std::string("-") : id.name(); }

@@ -55,7 +55,7 @@ std::ostream& operator<<(std::ostream& os, PortVlan const& pv) { return os << pv
 namespace {
 // "Ethernet1 vlan 10" or "Ethernet1 outLif 70000"; in JSON the interface and
 // either vlanId or outLif.
-Kiv::PlainForm const plainForm("MrouteLib::PortVlan", [](Kiv::ValueReader const& r) {
+Kiv::PlainForm const portVlanPlainForm("MrouteLib::PortVlan", [](Kiv::ValueReader const& r) {
   Kiv::Plain const intf = Kiv::plainFromStrep(r.raw("intfId"));
   std::uint32_t const target = r.get<std::uint32_t>("outLif");
   std::string const kind = r.get<std::string>("kind") == "outLif" ? "outLif" : "vlanId";

@@ -71,7 +71,7 @@ std::ostream& operator<<(std::ostream& os, EthAddr const& a) { return os << a.st
 
 namespace {
 // Shown as written.
-Kiv::PlainForm const plainForm("Wirly::EthAddr", [](Kiv::ValueReader const& r) {
+Kiv::PlainForm const ethAddrPlainForm("Wirly::EthAddr", [](Kiv::ValueReader const& r) {
   std::string s = r.get<std::string>("addr");
   return s.empty() ? Kiv::Plain::none() : Kiv::Plain::string(std::move(s));
 });

@@ -164,7 +164,7 @@ std::ostream& operator<<(std::ostream& os, IntfId id) { return os << id.name(); 
 
 namespace {
 // Shown by its name; no interface is none.
-Kiv::PlainForm const plainForm("Wirly::IntfId", [](Kiv::ValueReader const& r) {
+Kiv::PlainForm const intfIdPlainForm("Wirly::IntfId", [](Kiv::ValueReader const& r) {
   std::string s = r.get<std::string>("intfId");
   return s.empty() ? Kiv::Plain::none() : Kiv::Plain::string(std::move(s));
 });

@@ -141,7 +141,7 @@ std::ostream& operator<<(std::ostream& os, IpGenAddr const& a) { return os << a.
 
 namespace {
 // Shown as written; the empty address is none.
-Kiv::PlainForm const plainForm("Wirly::IpGenAddr", [](Kiv::ValueReader const& r) {
+Kiv::PlainForm const ipGenAddrPlainForm("Wirly::IpGenAddr", [](Kiv::ValueReader const& r) {
   std::string s = r.get<std::string>("addr");
   return s.empty() ? Kiv::Plain::none() : Kiv::Plain::string(std::move(s));
 });

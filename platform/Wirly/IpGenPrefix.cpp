@@ -110,7 +110,7 @@ std::ostream& operator<<(std::ostream& os, IpGenPrefix const& p) { return os << 
 
 namespace {
 // Shown as address/length; the empty prefix is none.
-Kiv::PlainForm const plainForm("Wirly::IpGenPrefix", [](Kiv::ValueReader const& r) {
+Kiv::PlainForm const ipGenPrefixPlainForm("Wirly::IpGenPrefix", [](Kiv::ValueReader const& r) {
   std::string s = r.get<std::string>("prefix");
   return s.empty() ? Kiv::Plain::none() : Kiv::Plain::string(std::move(s));
 });

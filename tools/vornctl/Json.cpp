@@ -14,7 +14,7 @@
 #include <iostream>
 #include <sstream>
 
-#include "BitMapper/BitMapperSchema.h"
+#include "Schema/BitMapper/BitMapperSchema.h"
 #include "Kiv/Exception.h"
 #include "Mfib/MfibDir.h"
 #include "Options.h"

@@ -43,7 +43,7 @@ std::string sidePlain(Wirly::IpGenPrefix const& p) {
   return p.len() == full ? p.address().str() : p.str();
 }
 
-Kiv::PlainForm const plainForm("Routing::Multicast::Fib::IpGenRouteKey", [](Kiv::ValueReader const& r) {
+Kiv::PlainForm const ipGenRouteKeyPlainForm("Routing::Multicast::Fib::IpGenRouteKey", [](Kiv::ValueReader const& r) {
   return routeKeyPlain(
       IpGenRouteKey(Wirly::IpGenPrefix::fromStrep(r.raw("source")), Wirly::IpGenPrefix::fromStrep(r.raw("group"))));
 });

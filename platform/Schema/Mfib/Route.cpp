@@ -169,7 +169,7 @@ void oifsFromText(Route& r, std::string_view t) {
   }
 }
 
-Kiv::PlainForm const plainForm("Vorn::Multicast::Fib::Route", [](Kiv::ValueReader const& f) {
+Kiv::PlainForm const routePlainForm("Vorn::Multicast::Fib::Route", [](Kiv::ValueReader const& f) {
   Route r(IpGenRouteKey::fromStrep(f.raw("key")));
   r.specialIntf1Is(f.get<Wirly::IntfId>("specialIntf1"));
   r.specialIntf2Is(f.get<Wirly::IntfId>("specialIntf2"));
