@@ -17,6 +17,7 @@
 #include <map>
 #include <string_view>
 
+#include "AgentTrace.h"
 #include "Journal.h"
 #include "KernelMfc.h"
 #include "Kiv/AttrServer.h"
@@ -148,6 +149,7 @@ class AgentImpl {
     Kiv::Ptr<MrtIcmpV6RelaySm> relay;
     bool ownSocketUpcalls = false;  // IPv4 without netlink reports
     std::unique_ptr<RoutingSocketReader> routing;
+    std::uint64_t notReports = 0;  // packets on the routing socket that were not reports
   };
 
   bool doIntfs();
@@ -365,6 +367,16 @@ bool AgentImpl::doKernel(Family& f) {
 }
 
 void AgentImpl::handleRoutingDatagram(Family& f, std::uint8_t const* data, std::size_t len) {
+  // The routing socket also receives the packets of its protocol that reach
+  // this host (IPv4: every IGMP report, whose TTL of 1 reads as a no-cache
+  // type). The kernel's own reports have a zero where a packet has its IP
+  // protocol (IPv4, byte 9) or its ICMPv6 type (IPv6, byte 0).
+  std::size_t const mbz = f.af == Wirly::ipv4 ? 9 : 0;
+  if (len <= mbz || data[mbz] != 0) {
+    ++f.notReports;
+    KIV_TRACE(agentTrace(), 9, "routing socket: a packet, not a kernel report (" << len << " bytes), ignored");
+    return;
+  }
   Kiv::Ptr<Wirly::Pkt> pkt = Wirly::PktManager::global().newPkt(len);
   pkt->headDataIs(len);
   std::memcpy(pkt->data(), data, len);
