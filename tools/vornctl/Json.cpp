@@ -14,10 +14,10 @@
 #include <iostream>
 #include <sstream>
 
-#include "Schema/BitMapper/BitMapperSchema.h"
 #include "Kiv/Exception.h"
 #include "Mfib/MfibDir.h"
 #include "Options.h"
+#include "Schema/BitMapper/BitMapperSchema.h"
 #include "Schema/Mfib/MfibStatus.h"
 #include "Schema/Mfib/RoutePlain.h"
 #include "Vorn/Region.h"
