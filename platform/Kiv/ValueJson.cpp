@@ -5,6 +5,7 @@
 
 #include "Kiv/Exception.h"
 #include "Kiv/ValueText.h"
+#include "Kiv/detail/ValueTextScanner.h"
 
 namespace Kiv {
 
@@ -12,9 +13,9 @@ namespace {
 
 // A recursive reader over one text; a form it cannot read is copied out as
 // a string up to the next delimiter of the enclosing form.
-class Converter {
+class Converter : public detail::ValueTextScanner {
  public:
-  explicit Converter(std::string_view t) : t_(t) {}
+  explicit Converter(std::string_view t) : ValueTextScanner(t) {}
 
   std::string value() {
     skip();
@@ -29,92 +30,17 @@ class Converter {
     return scalar();
   }
 
-  bool done() {
-    skip();
-    return i_ >= t_.size();
-  }
-
  private:
-  char peek() const { return i_ < t_.size() ? t_[i_] : '\0'; }
-  bool at(std::string_view w) const { return t_.substr(i_, w.size()) == w; }
-  void skip() {
-    while (i_ < t_.size() && std::isspace(static_cast<unsigned char>(t_[i_]))) ++i_;
-  }
-  void expect(char c) {
-    skip();
-    if (peek() != c) throw ParseException(std::string("expected ") + c);
-    ++i_;
-  }
   // A bare word is only that word when a delimiter follows it.
   std::string word(std::string_view w, std::string_view json) {
-    std::size_t const start = i_;
-    i_ += w.size();
-    if (delimiterAhead()) return std::string(json);
-    i_ = start;
+    if (ValueTextScanner::word(w)) return std::string(json);
     return scalar();
-  }
-  bool delimiterAhead() {
-    std::size_t j = i_;
-    while (j < t_.size() && std::isspace(static_cast<unsigned char>(t_[j]))) ++j;
-    return j >= t_.size() || t_[j] == ',' || t_[j] == ')' || t_[j] == ']' || t_[j] == '}' || t_[j] == ':';
-  }
-  std::string quoted() {
-    std::size_t const start = i_++;
-    while (i_ < t_.size() && t_[i_] != '\'') i_ += t_[i_] == '\\' ? 2 : 1;
-    if (i_ >= t_.size()) throw ParseException("unterminated string");
-    ++i_;
-    return ValueTextDetail::unquote(t_.substr(start, i_ - start));
-  }
-  // Up to the next top-level delimiter, brackets and quotes respected.
-  std::string_view raw() {
-    std::size_t const start = i_;
-    int depth = 0;
-    while (i_ < t_.size()) {
-      char c = t_[i_];
-      if (c == '\'') {
-        quoted();
-        continue;
-      }
-      if (c == '(' || c == '[' || c == '{') ++depth;
-      if (c == ')' || c == ']' || c == '}') {
-        if (depth == 0) break;
-        --depth;
-      }
-      if ((c == ',' || c == ':') && depth == 0) break;
-      ++i_;
-    }
-    std::string_view r = t_.substr(start, i_ - start);
-    while (!r.empty() && std::isspace(static_cast<unsigned char>(r.back()))) r.remove_suffix(1);
-    return r;
   }
   std::string scalar() {
     std::string_view r = raw();
     if (r.empty()) throw ParseException("empty value");
-    if (isNumber(r)) return std::string(r);
+    if (isJsonNumber(r)) return std::string(r);
     return jsonString(r);
-  }
-  // JSON's own number grammar: what passes is copied as it stands.
-  static bool isNumber(std::string_view r) {
-    std::size_t i = 0;
-    auto digits = [&] {
-      std::size_t const s = i;
-      while (i < r.size() && std::isdigit(static_cast<unsigned char>(r[i]))) ++i;
-      return i > s;
-    };
-    if (i < r.size() && r[i] == '-') ++i;
-    if (i < r.size() && r[i] == '0' && i + 1 < r.size() && std::isdigit(static_cast<unsigned char>(r[i + 1])))
-      return false;
-    if (!digits()) return false;
-    if (i < r.size() && r[i] == '.') {
-      ++i;
-      if (!digits()) return false;
-    }
-    if (i < r.size() && (r[i] == 'e' || r[i] == 'E')) {
-      ++i;
-      if (i < r.size() && (r[i] == '+' || r[i] == '-')) ++i;
-      if (!digits()) return false;
-    }
-    return i == r.size();
   }
   std::string valueForm() {
     std::size_t const start = i_;
@@ -198,9 +124,6 @@ class Converter {
     ++i_;
     return out + "}";
   }
-
-  std::string_view t_;
-  std::size_t i_ = 0;
 };
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <map>
 
 #include "Kiv/Exception.h"
+#include "Kiv/detail/ValueTextScanner.h"
 
 namespace Kiv {
 
@@ -14,35 +15,13 @@ std::map<std::string, PlainForm::Fn, std::less<>>& forms() {
   return m;
 }
 
-// JSON's own number grammar; a number text outside it is written as a string.
-bool isJsonNumber(std::string_view r) {
-  std::size_t i = 0;
-  auto digits = [&] {
-    std::size_t const s = i;
-    while (i < r.size() && std::isdigit(static_cast<unsigned char>(r[i]))) ++i;
-    return i > s;
-  };
-  if (i < r.size() && r[i] == '-') ++i;
-  if (i < r.size() && r[i] == '0' && i + 1 < r.size() && std::isdigit(static_cast<unsigned char>(r[i + 1])))
-    return false;
-  if (!digits()) return false;
-  if (i < r.size() && r[i] == '.') {
-    ++i;
-    if (!digits()) return false;
-  }
-  if (i < r.size() && (r[i] == 'e' || r[i] == 'E')) {
-    ++i;
-    if (i < r.size() && (r[i] == '+' || r[i] == '-')) ++i;
-    if (!digits()) return false;
-  }
-  return i == r.size();
-}
+using detail::ValueTextScanner;
 
 // A recursive reader over one text form. A part it cannot read becomes a
 // string of its text, up to the next delimiter of the enclosing form.
-class Reader {
+class Reader : public ValueTextScanner {
  public:
-  explicit Reader(std::string_view t) : t_(t) {}
+  explicit Reader(std::string_view t) : ValueTextScanner(t) {}
 
   Plain value() {
     skip();
@@ -57,64 +36,11 @@ class Reader {
     return scalar();
   }
 
-  bool done() {
-    skip();
-    return i_ >= t_.size();
-  }
-
  private:
-  char peek() const { return i_ < t_.size() ? t_[i_] : '\0'; }
-  bool at(std::string_view w) const { return t_.substr(i_, w.size()) == w; }
-  void skip() {
-    while (i_ < t_.size() && std::isspace(static_cast<unsigned char>(t_[i_]))) ++i_;
-  }
-  void expect(char c) {
-    skip();
-    if (peek() != c) throw ParseException(std::string("expected ") + c);
-    ++i_;
-  }
-  // A bare word is only that word when a delimiter follows it.
-  bool word(std::string_view w) {
-    if (!at(w)) return false;
-    std::size_t j = i_ + w.size();
-    while (j < t_.size() && std::isspace(static_cast<unsigned char>(t_[j]))) ++j;
-    if (j < t_.size() && t_[j] != ',' && t_[j] != ')' && t_[j] != ']' && t_[j] != '}' && t_[j] != ':') return false;
-    i_ += w.size();
-    return true;
-  }
-  std::string quoted() {
-    std::size_t const start = i_++;
-    while (i_ < t_.size() && t_[i_] != '\'') i_ += t_[i_] == '\\' ? 2 : 1;
-    if (i_ >= t_.size()) throw ParseException("unterminated string");
-    ++i_;
-    return ValueTextDetail::unquote(t_.substr(start, i_ - start));
-  }
-  // Up to the next top-level delimiter, brackets and quotes respected.
-  std::string_view raw() {
-    std::size_t const start = i_;
-    int depth = 0;
-    while (i_ < t_.size()) {
-      char c = t_[i_];
-      if (c == '\'') {
-        quoted();
-        continue;
-      }
-      if (c == '(' || c == '[' || c == '{') ++depth;
-      if (c == ')' || c == ']' || c == '}') {
-        if (depth == 0) break;
-        --depth;
-      }
-      if ((c == ',' || c == ':') && depth == 0) break;
-      ++i_;
-    }
-    std::string_view r = t_.substr(start, i_ - start);
-    while (!r.empty() && std::isspace(static_cast<unsigned char>(r.back()))) r.remove_suffix(1);
-    return r;
-  }
   Plain scalar() {
     std::string_view r = raw();
     if (r.empty()) throw ParseException("empty value");
-    if (isJsonNumber(r)) return Plain::number(std::string(r));
+    if (ValueTextScanner::isJsonNumber(r)) return Plain::number(std::string(r));
     return Plain::string(std::string(r));
   }
   Plain valueForm() {
@@ -204,9 +130,6 @@ class Reader {
     ++i_;
     return out;
   }
-
-  std::string_view t_;
-  std::size_t i_ = 0;
 };
 
 }  // namespace
@@ -264,7 +187,7 @@ std::string Plain::json() const {
     case Kind::boolean:
       return scalar_;
     case Kind::number:
-      return isJsonNumber(scalar_) ? scalar_ : jsonString(scalar_);
+      return ValueTextScanner::isJsonNumber(scalar_) ? scalar_ : jsonString(scalar_);
     case Kind::string:
       return jsonString(scalar_);
     case Kind::list: {
